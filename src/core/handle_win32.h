@@ -1,0 +1,62 @@
+#pragma once
+
+// Owners of Win32 handles, for _win32.cpp files only. One template; a new kind of handle takes a
+// traits type of three lines.
+
+#include <windows.h>
+
+#include <utility>
+
+namespace zul {
+
+/// Owns one handle and closes it once. Traits gives `Type`, `Invalid()` and `Close(handle)`.
+template <typename Traits>
+class UniqueHandle {
+ public:
+  using Type = typename Traits::Type;
+
+  UniqueHandle() = default;
+  explicit UniqueHandle(Type handle) : handle_(handle) {}
+  ~UniqueHandle() { Reset(); }
+  UniqueHandle(UniqueHandle&& other) noexcept : handle_(other.Release()) {}
+  UniqueHandle& operator=(UniqueHandle&& other) noexcept {
+    if (this != &other) Reset(other.Release());
+    return *this;
+  }
+  UniqueHandle(const UniqueHandle&) = delete;
+  UniqueHandle& operator=(const UniqueHandle&) = delete;
+
+  [[nodiscard]] Type get() const { return handle_; }
+  [[nodiscard]] bool valid() const { return handle_ != Traits::Invalid(); }
+  explicit operator bool() const { return valid(); }
+
+  /// Gives the handle up without closing it.
+  [[nodiscard]] Type Release() { return std::exchange(handle_, Traits::Invalid()); }
+
+  /// Closes what is held and takes `handle`.
+  void Reset(Type handle = Traits::Invalid()) {
+    Type old = std::exchange(handle_, handle);
+    if (old != Traits::Invalid()) Traits::Close(old);
+  }
+
+ private:
+  Type handle_ = Traits::Invalid();
+};
+
+/// Handles whose invalid value is INVALID_HANDLE_VALUE: files, snapshots.
+struct FileHandleTraits {
+  using Type = HANDLE;
+  static HANDLE Invalid() { return INVALID_HANDLE_VALUE; }
+  static void Close(HANDLE handle) { ::CloseHandle(handle); }
+};
+using UniqueFileHandle = UniqueHandle<FileHandleTraits>;
+
+/// Handles whose invalid value is null: processes, threads, events, mappings.
+struct KernelHandleTraits {
+  using Type = HANDLE;
+  static HANDLE Invalid() { return nullptr; }
+  static void Close(HANDLE handle) { ::CloseHandle(handle); }
+};
+using UniqueKernelHandle = UniqueHandle<KernelHandleTraits>;
+
+}  // namespace zul

@@ -1,0 +1,45 @@
+#pragma once
+
+// What a process knows of its surroundings: variables, its own path and id, well-known folders,
+// clocks. All texts UTF-8.
+
+#include <chrono>
+#include <cstdint>
+#include <ctime>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace zul {
+
+/// The value of an environment variable, or empty when it is unset or cannot be converted.
+[[nodiscard]] std::string GetEnvironmentPath(std::string_view name);
+
+[[nodiscard]] std::uint32_t CurrentProcessId();
+
+/// Full path of the running executable; empty when it cannot be had or is longer than
+/// `max_units` wide characters including the terminator (GetModuleFileNameW's convention).
+[[nodiscard]] std::filesystem::path CurrentExecutablePath(std::uint32_t max_units);
+
+/// The system's folder for temporary files with its trailing separators, from a buffer of 260 wide
+/// characters; empty on failure.
+[[nodiscard]] std::filesystem::path TempDirectory();
+
+/// Milliseconds since the system was started.
+[[nodiscard]] std::uint64_t TickCountMs();
+
+/// A high-resolution counter without a fixed unit: only for making names unique.
+[[nodiscard]] std::uint64_t PerformanceCounter();
+
+/// Local calendar time of a point of the system clock.
+[[nodiscard]] std::tm LocalCalendarTime(std::time_t time);
+
+/// The same in UTC.
+[[nodiscard]] std::tm UtcCalendarTime(std::time_t time);
+
+/// The per-user folder for roaming application data. `*hresult` receives the platform's code when
+/// it cannot be determined (nothing is returned then).
+[[nodiscard]] std::optional<std::filesystem::path> RoamingAppDataDirectory(std::uint32_t* hresult);
+
+}  // namespace zul

@@ -1,0 +1,59 @@
+#pragma once
+
+// Text helpers. Text inside the system is UTF-8 in std::string; wide text exists where the platform
+// or an interface asks for it. Every conversion of the system goes through this file.
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace zul {
+
+/// Lower-cases A to Z and leaves every other byte alone, so that UTF-8 stays UTF-8.
+[[nodiscard]] char AsciiLower(char c);
+[[nodiscard]] std::string AsciiLower(std::string_view text);
+
+/// The text without leading and trailing space, tab, LF, VT, FF and CR. A view into `text`.
+[[nodiscard]] std::string_view TrimWhitespace(std::string_view text);
+
+/// The parts joined by `separator`.
+template <typename Range>
+[[nodiscard]] std::string JoinText(const Range& parts, std::string_view separator) {
+  std::string joined;
+  bool first = true;
+  for (const auto& part : parts) {
+    if (!first) joined.append(separator);
+    joined.append(part);
+    first = false;
+  }
+  return joined;
+}
+
+/// Strict UTF-8 as RFC 3629 has it: no overlong form, no surrogate, nothing above U+10FFFF, no
+/// truncated sequence. The empty text is valid.
+[[nodiscard]] bool IsValidUtf8(std::string_view text);
+
+/// Appends the UTF-8 form of `code_point`, which must be a Unicode scalar value.
+void AppendUtf8(std::string& out, char32_t code_point);
+
+/// Converts between UTF-8 and wide text (UTF-16 on Windows, UTF-32 elsewhere). Strict: malformed
+/// input, an unpaired surrogate included, gives nothing. An empty text converts to an empty text.
+[[nodiscard]] std::optional<std::wstring> Utf8ToWide(std::string_view text);
+[[nodiscard]] std::optional<std::string> WideToUtf8(std::wstring_view text);
+
+/// As `WideToUtf8`, with U+FFFD in place of whatever cannot be converted: for messages.
+[[nodiscard]] std::string WideToUtf8Lossy(std::wstring_view text);
+
+/// The path that a UTF-8 text names; nothing when the text is not valid UTF-8.
+[[nodiscard]] std::optional<std::filesystem::path> PathFromUtf8(std::string_view text);
+
+/// A path as UTF-8 text with its own separators, for messages and records. A unit that has no UTF-8
+/// form shows as U+FFFD.
+[[nodiscard]] std::string PathToUtf8(const std::filesystem::path& path);
+
+/// As `PathToUtf8`, with `/` as the only separator.
+[[nodiscard]] std::string PathToGenericUtf8(const std::filesystem::path& path);
+
+}  // namespace zul

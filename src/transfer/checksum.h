@@ -1,0 +1,37 @@
+#pragma once
+
+// SHA-256 of files, and the check of a downloaded package against the digest of the request.
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+#include "request/update_request.h"
+#include "ui/progress_window.h"
+
+namespace zul {
+
+/// `hex` receives 64 lower-case digits. A read error counts as the end of the file: the comparison
+/// is what then fails. `error` may be null.
+[[nodiscard]] bool ComputeFileSha256(const std::filesystem::path& path, std::string& hex,
+                                     std::string* error);
+
+/// True when the file's digest equals `expected`, which may have white space around it and upper
+/// case.
+[[nodiscard]] bool VerifyFileSha256(const std::filesystem::path& path, std::string_view expected,
+                                    std::string* error);
+
+/// What the checksum stage borrows from the run, for the length of the call.
+struct ChecksumStageContext {
+  UpdateProgressWindow* progress_window;  ///< may be null
+  const UpdateRequest& request;
+  const std::filesystem::path& package_path;
+  std::string& stage_error;
+};
+
+/// The checksum stage: window text, trace events and the check. On false `stage_error` has the
+/// reason.
+[[nodiscard]] bool VerifyPackageChecksum(const ChecksumStageContext& context,
+                                         std::string_view origin_role);
+
+}  // namespace zul
