@@ -63,7 +63,7 @@ std::tm UtcCalendarTime(std::time_t time) {
 }
 
 std::optional<std::filesystem::path> RoamingAppDataDirectory(std::uint32_t* hresult) {
-  wchar_t buffer[MAX_PATH];
+  wchar_t buffer[MAX_PATH] = {};
   const HRESULT result =
       ::SHGetFolderPathW(nullptr, CSIDL_APPDATA, nullptr, SHGFP_TYPE_CURRENT, buffer);
   if (FAILED(result)) {

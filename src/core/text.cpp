@@ -87,18 +87,20 @@ bool ConvertWide(std::wstring_view text, std::string& out) {
   return sound;
 }
 
-std::string NativeToUtf8(const std::wstring& native) {
-  return WideToUtf8Lossy(native);
-}
-
-std::string NativeToUtf8(const std::string& native) {
-  std::string out;
-  std::string_view rest = native;
-  while (!rest.empty()) {
-    const char32_t code_point = TakeUtf8(rest);
-    AppendUtf8(out, code_point == kMalformed ? kReplacement : code_point);
+/// A path's own text, whose unit differs between systems.
+template <typename Char>
+std::string NativeToUtf8(const std::basic_string<Char>& native) {
+  if constexpr (sizeof(Char) > 1) {
+    return WideToUtf8Lossy(native);
+  } else {
+    std::string out;
+    std::string_view rest = native;
+    while (!rest.empty()) {
+      const char32_t code_point = TakeUtf8(rest);
+      AppendUtf8(out, code_point == kMalformed ? kReplacement : code_point);
+    }
+    return out;
   }
-  return out;
 }
 
 }  // namespace
