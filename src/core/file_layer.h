@@ -15,6 +15,7 @@
 #include <memory>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 namespace zul::fs {
@@ -34,14 +35,20 @@ struct FileFacts {
 /// Not for use by two threads at once.
 class File {
  public:
-  File();
+  /// A HANDLE on Windows, a file descriptor elsewhere.
+  using NativeHandle = std::intptr_t;
+  static constexpr NativeHandle kNoHandle = -1;
+
+  File() = default;
+  /// Takes over an open handle.
+  explicit File(NativeHandle handle) : handle_(handle) {}
   ~File();
-  File(File&& other) noexcept;
+  File(File&& other) noexcept : handle_(std::exchange(other.handle_, kNoHandle)) {}
   File& operator=(File&& other) noexcept;
   File(const File&) = delete;
   File& operator=(const File&) = delete;
 
-  [[nodiscard]] bool is_open() const;
+  [[nodiscard]] bool is_open() const { return handle_ != kNoHandle; }
 
   /// Reads at most `size` bytes; `*read` is 0 at the end of the file. False on an error.
   [[nodiscard]] bool Read(void* buffer, std::size_t size, std::size_t* read, std::error_code& ec);
@@ -60,19 +67,23 @@ class File {
   [[nodiscard]] bool Facts(FileFacts* facts, std::error_code& ec) const;
   [[nodiscard]] bool Size(std::uint64_t* size_bytes, std::error_code& ec) const;
 
+  /// Gives this file the last-write time of `source` and its attributes (elsewhere than on Windows
+  /// its permission bits).
+  [[nodiscard]] bool TakeTimeAndAttributes(const File& source, std::error_code& ec);
+
  private:
-  friend class FileOpener;  // the platform's own way to make one
-  struct State;
-  std::unique_ptr<State> state_;
+  NativeHandle handle_ = kNoHandle;
 };
 
 /// Opens an existing file for sequential reading; others may read, write and delete it meanwhile.
+/// Windows refuses a folder here; elsewhere it opens and only `Facts` tells.
 [[nodiscard]] File OpenForRead(const Path& path, std::error_code& ec);
 
 enum class NewFileAccess { kWrite, kReadWrite };
 
-/// Creates a file that must not exist, held exclusively (no sharing) until it is closed. An
-/// existing entry gives an error for which IsExistsError holds.
+/// Creates a file that must not exist, held exclusively until it is closed (only Windows has
+/// sharing modes; the other openers' promises about others hold there too). An existing entry gives
+/// an error for which IsExistsError holds.
 [[nodiscard]] File CreateNewFile(const Path& path, NewFileAccess access, std::error_code& ec);
 
 /// Opens for writing from the start, truncating what is there or creating it; others may read.
@@ -119,9 +130,10 @@ struct PathProbe {
 /// Time since the last write to the entry, by the system's clock; negative for a time ahead of it.
 [[nodiscard]] std::chrono::seconds AgeOf(const Path& path, std::error_code& ec);
 
+/// Size of a file, in bytes; a folder is an error.
 [[nodiscard]] std::uint64_t SizeOf(const Path& path, std::error_code& ec);
 
-/// Bytes that this user may still write on the volume of `path`, which must exist.
+/// Bytes that this user may still write on the volume of `path`, which must be an existing folder.
 [[nodiscard]] std::uint64_t AvailableSpace(const Path& path, std::error_code& ec);
 
 // ---------------------------------------------------------------------------------------------
@@ -131,7 +143,9 @@ struct PathProbe {
 [[nodiscard]] Path Canonical(const Path& path, std::error_code& ec);
 
 /// As `Canonical` for the longest part that exists; the rest is appended in its lexically normal
-/// form. Absolute for every input. Empty only together with an error.
+/// form; a dangling link counts as missing. Absolute for every input but the empty path, which is
+/// an error, as is a link loop or a folder that may not be entered. Empty only together with an
+/// error.
 [[nodiscard]] Path WeaklyCanonical(const Path& path, std::error_code& ec);
 
 [[nodiscard]] Path CurrentDirectory(std::error_code& ec);

@@ -1,0 +1,85 @@
+#include "core/file_layer.h"
+
+#include <algorithm>
+
+#include "core/system_error.h"
+
+namespace zul::fs {
+
+namespace {
+
+constexpr std::size_t kCopyBufferBytes = std::size_t{1} << 20;
+
+/// Copies what is left of `from`. The buffer is as large as the file, within limits, plus one byte,
+/// so that a small file takes one read and one that tells the end.
+bool CopyContents(File& from, File& to, std::error_code& ec) {
+  std::uint64_t size = 0;
+  if (!from.Size(&size, ec)) return false;
+  const auto buffer_size =
+      static_cast<std::size_t>(std::clamp<std::uint64_t>(size + 1, 4096, kCopyBufferBytes));
+  const auto buffer = std::make_unique_for_overwrite<char[]>(buffer_size);
+  for (;;) {
+    std::size_t read = 0;
+    if (!from.Read(buffer.get(), buffer_size, &read, ec)) return false;
+    if (read == 0) return true;
+    if (!WriteAll(to, buffer.get(), read, ec)) return false;
+  }
+}
+
+}  // namespace
+
+File::~File() {
+  std::error_code ignored;
+  (void)Close(ignored);
+}
+
+File& File::operator=(File&& other) noexcept {
+  if (this != &other) {
+    std::error_code ignored;
+    (void)Close(ignored);
+    handle_ = std::exchange(other.handle_, kNoHandle);
+  }
+  return *this;
+}
+
+bool WriteAll(File& file, const void* data, std::size_t size, std::error_code& ec) {
+  ec.clear();
+  const char* rest = static_cast<const char*>(data);
+  while (size > 0) {
+    std::size_t written = 0;
+    if (!file.WriteSome(rest, size, &written, ec) || written == 0) return false;
+    rest += written;
+    size -= written;
+  }
+  return true;
+}
+
+bool CreateDirectories(const Path& path, std::error_code& ec) {
+  if (KindOf(path, Links::kFollow, ec) == EntryKind::kDirectory) return true;
+  CreateResult result = CreateDirectoryOnce(path, ec);
+  if (result == CreateResult::kFailed && IsNotFoundError(ec)) {
+    // A trailing separator makes the parent the same folder again; one step more passes it.
+    const Path parent = path.parent_path();
+    if (parent.empty() || parent == path || !CreateDirectories(parent, ec)) return false;
+    result = CreateDirectoryOnce(path, ec);
+  }
+  if (result == CreateResult::kExisted) {
+    // Someone else made it meanwhile, or something that is no folder is in the way.
+    std::error_code kind_error;
+    if (KindOf(path, Links::kFollow, kind_error) != EntryKind::kDirectory) return false;
+    ec.clear();
+    return true;
+  }
+  return result == CreateResult::kCreated;
+}
+
+bool CopyFileDurably(const Path& from, const Path& to, std::error_code& ec) {
+  File source = OpenForRead(from, ec);
+  if (ec) return false;
+  File target = CreateNewFile(to, NewFileAccess::kWrite, ec);
+  if (ec) return false;
+  return CopyContents(source, target, ec) && target.TakeTimeAndAttributes(source, ec) &&
+         target.Flush(ec) && target.Close(ec);
+}
+
+}  // namespace zul::fs

@@ -1,0 +1,158 @@
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string_view>
+
+#include "core/file_layer.h"
+#include "core/system_error.h"
+
+namespace zul::fs {
+
+namespace {
+
+struct CloseStream {
+  void operator()(DIR* stream) const { ::closedir(stream); }
+};
+using DirectoryStream = std::unique_ptr<DIR, CloseStream>;
+
+/// Opens a folder for listing. `flags` may refuse a link (O_NOFOLLOW).
+DirectoryStream OpenStream(int at, const char* name, int flags, std::error_code& ec) {
+  const int descriptor = ::openat(at, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | flags);
+  DirectoryStream stream(descriptor == -1 ? nullptr : ::fdopendir(descriptor));
+  ec = stream ? std::error_code() : LastSystemError();
+  if (!stream && descriptor != -1) ::close(descriptor);
+  return stream;
+}
+
+/// The next entry but "." and "..", or null at the end and on an error.
+const dirent* NextEntry(DIR* stream, std::error_code& ec) {
+  ec.clear();
+  for (;;) {
+    errno = 0;
+    const dirent* entry = ::readdir(stream);
+    if (entry == nullptr) {
+      if (errno != 0) ec = LastSystemError();
+      return nullptr;
+    }
+    const std::string_view name = entry->d_name;
+    if (name != "." && name != "..") return entry;
+  }
+}
+
+EntryKind KindOfEntry(DIR* stream, const dirent& entry) {
+  switch (entry.d_type) {
+    case DT_REG:
+      return EntryKind::kRegular;
+    case DT_DIR:
+      return EntryKind::kDirectory;
+    case DT_LNK:
+      return EntryKind::kLink;
+    case DT_UNKNOWN:
+      break;
+    default:
+      return EntryKind::kOther;
+  }
+  struct stat status;
+  if (::fstatat(::dirfd(stream), entry.d_name, &status, AT_SYMLINK_NOFOLLOW) == -1) {
+    return EntryKind::kUnknown;
+  }
+  if (S_ISREG(status.st_mode)) return EntryKind::kRegular;
+  if (S_ISDIR(status.st_mode)) return EntryKind::kDirectory;
+  return S_ISLNK(status.st_mode) ? EntryKind::kLink : EntryKind::kOther;
+}
+
+void KeepFirst(std::error_code& first, const std::error_code& ec) {
+  if (!first) first = ec;
+}
+
+/// Empties the folder `name` in the folder `at` and removes it. What fails is passed over and the
+/// first failure kept.
+void RemoveFolder(int at, const char* name, std::error_code& first) {
+  std::error_code ec;
+  if (const DirectoryStream stream = OpenStream(at, name, O_NOFOLLOW, ec)) {
+    const int here = ::dirfd(stream.get());
+    while (const dirent* entry = NextEntry(stream.get(), ec)) {
+      if (KindOfEntry(stream.get(), *entry) == EntryKind::kDirectory) {
+        RemoveFolder(here, entry->d_name, first);
+      } else if (::unlinkat(here, entry->d_name, 0) == -1 && errno != ENOENT) {
+        KeepFirst(first, LastSystemError());
+      }
+    }
+  }
+  if (ec) KeepFirst(first, ec);
+  if (::unlinkat(at, name, AT_REMOVEDIR) == -1 && errno != ENOENT) {
+    KeepFirst(first, LastSystemError());
+  }
+}
+
+}  // namespace
+
+std::vector<DirectoryEntry> ListDirectory(const Path& path, std::error_code& ec) {
+  std::vector<DirectoryEntry> entries;
+  const DirectoryStream stream = OpenStream(AT_FDCWD, path.c_str(), 0, ec);
+  if (!stream) return entries;
+  while (const dirent* entry = NextEntry(stream.get(), ec)) {
+    entries.push_back({path / entry->d_name, KindOfEntry(stream.get(), *entry)});
+  }
+  return entries;
+}
+
+struct TreeWalker::State {
+  struct Level {
+    DirectoryStream stream;
+    Path path;
+  };
+  std::vector<Level> levels;
+  Path to_enter;  ///< the folder reported last, not opened yet
+  bool at_root = true;
+};
+
+TreeWalker::TreeWalker(Path root) : state_(std::make_unique<State>()) {
+  state_->to_enter = std::move(root);
+}
+
+TreeWalker::~TreeWalker() = default;
+
+bool TreeWalker::Next(DirectoryEntry* entry, std::error_code& ec) {
+  State& state = *state_;
+  ec.clear();
+  if (!state.to_enter.empty()) {
+    const Path folder = std::exchange(state.to_enter, Path());
+    // The root may be reached through a link; below it a folder that turned into one is refused.
+    const int flags = std::exchange(state.at_root, false) ? 0 : O_NOFOLLOW;
+    const int at = state.levels.empty() ? AT_FDCWD : ::dirfd(state.levels.back().stream.get());
+    const Path name = state.levels.empty() ? folder : folder.filename();
+    DirectoryStream stream = OpenStream(at, name.c_str(), flags, ec);
+    if (stream) state.levels.push_back({std::move(stream), folder});
+  }
+  while (!ec && !state.levels.empty()) {
+    State::Level& level = state.levels.back();
+    if (const dirent* found = NextEntry(level.stream.get(), ec)) {
+      entry->path = level.path / found->d_name;
+      entry->kind = KindOfEntry(level.stream.get(), *found);
+      if (entry->kind == EntryKind::kDirectory) state.to_enter = entry->path;
+      return true;
+    }
+    if (!ec) state.levels.pop_back();
+  }
+  state.levels.clear();
+  return false;
+}
+
+bool RemoveTree(const Path& path, std::error_code& ec) {
+  // A separator behind its name would make the system follow a link.
+  const Path entry = path.has_filename() ? path : path.parent_path();
+  std::error_code kind_error;
+  if (KindOf(entry, Links::kDoNotFollow, kind_error) == EntryKind::kDirectory) {
+    ec.clear();
+    RemoveFolder(AT_FDCWD, entry.c_str(), ec);
+  } else {
+    Remove(entry, ec);
+  }
+  return !ec;
+}
+
+}  // namespace zul::fs

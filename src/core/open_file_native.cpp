@@ -1,0 +1,126 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "core/file_layer.h"
+#include "core/system_error.h"
+
+namespace zul::fs {
+
+namespace {
+
+constexpr mode_t kNewFileMode = 0666;
+
+int Descriptor(File::NativeHandle handle) {
+  return static_cast<int>(handle);
+}
+
+/// Repeats a system call that a signal interrupted.
+template <typename Call>
+auto Uninterrupted(Call call) {
+  for (;;) {
+    const auto result = call();
+    if (result != -1 || errno != EINTR) return result;
+  }
+}
+
+File Open(const Path& path, int flags, std::error_code& ec) {
+  const int descriptor =
+      Uninterrupted([&] { return ::open(path.c_str(), flags | O_CLOEXEC, kNewFileMode); });
+  ec = descriptor == -1 ? LastSystemError() : std::error_code();
+  return File(descriptor);
+}
+
+bool Status(File::NativeHandle handle, struct stat* status, std::error_code& ec) {
+  const bool ok = ::fstat(Descriptor(handle), status) == 0;
+  ec = ok ? std::error_code() : LastSystemError();
+  return ok;
+}
+
+}  // namespace
+
+bool File::Read(void* buffer, std::size_t size, std::size_t* read, std::error_code& ec) {
+  const ssize_t result = Uninterrupted([&] { return ::read(Descriptor(handle_), buffer, size); });
+  ec = result == -1 ? LastSystemError() : std::error_code();
+  *read = result == -1 ? 0 : static_cast<std::size_t>(result);
+  return !ec;
+}
+
+bool File::WriteSome(const void* data, std::size_t size, std::size_t* written,
+                     std::error_code& ec) {
+  const ssize_t result = Uninterrupted([&] { return ::write(Descriptor(handle_), data, size); });
+  ec = result == -1 ? LastSystemError() : std::error_code();
+  *written = result == -1 ? 0 : static_cast<std::size_t>(result);
+  return !ec;
+}
+
+bool File::Flush(std::error_code& ec) {
+  const int result = Uninterrupted([&] { return ::fsync(Descriptor(handle_)); });
+  ec = result == -1 ? LastSystemError() : std::error_code();
+  return !ec;
+}
+
+bool File::Close(std::error_code& ec) {
+  ec.clear();
+  const NativeHandle handle = std::exchange(handle_, kNoHandle);
+  if (handle != kNoHandle && ::close(Descriptor(handle)) == -1) ec = LastSystemError();
+  return !ec;
+}
+
+bool File::Facts(FileFacts* facts, std::error_code& ec) const {
+  struct stat status;
+  if (!Status(handle_, &status, ec)) return false;
+  facts->is_directory = S_ISDIR(status.st_mode);
+  facts->is_disk_file = S_ISREG(status.st_mode) || facts->is_directory;
+  return true;
+}
+
+bool File::Size(std::uint64_t* size_bytes, std::error_code& ec) const {
+  struct stat status;
+  if (!Status(handle_, &status, ec)) return false;
+  *size_bytes = static_cast<std::uint64_t>(status.st_size);
+  return true;
+}
+
+bool File::TakeTimeAndAttributes(const File& source, std::error_code& ec) {
+  struct stat status;
+  if (!Status(source.handle_, &status, ec)) return false;
+  const timespec times[2] = {{0, UTIME_OMIT}, status.st_mtim};
+  if (::futimens(Descriptor(handle_), times) == -1 ||
+      ::fchmod(Descriptor(handle_), status.st_mode & 07777) == -1) {
+    ec = LastSystemError();
+  }
+  return !ec;
+}
+
+File OpenForRead(const Path& path, std::error_code& ec) {
+  // Without O_NONBLOCK the open of a pipe would wait for its writer.
+  return Open(path, O_RDONLY | O_NONBLOCK, ec);
+}
+
+File CreateNewFile(const Path& path, NewFileAccess access, std::error_code& ec) {
+  const int mode = access == NewFileAccess::kWrite ? O_WRONLY : O_RDWR;
+  return Open(path, mode | O_CREAT | O_EXCL, ec);
+}
+
+File CreateTruncatedFile(const Path& path, std::error_code& ec) {
+  return Open(path, O_WRONLY | O_CREAT | O_TRUNC, ec);
+}
+
+File OpenForAppend(const Path& path, std::error_code& ec) {
+  return Open(path, O_WRONLY | O_CREAT | O_APPEND, ec);
+}
+
+bool CopyFileTo(const Path& from, const Path& to, Overwrite overwrite, std::error_code& ec) {
+  const auto options = overwrite == Overwrite::kYes
+                           ? std::filesystem::copy_options::overwrite_existing
+                           : std::filesystem::copy_options::none;
+  const bool copied = std::filesystem::copy_file(from, to, options, ec);
+  // The library reports errno in the generic category.
+  if (ec) ec = SystemError(static_cast<unsigned long>(ec.value()));
+  return copied;
+}
+
+}  // namespace zul::fs
