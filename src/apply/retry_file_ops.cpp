@@ -1,0 +1,167 @@
+#include "apply/retry_file_ops.h"
+
+#include <optional>
+#include <thread>
+
+#include "core/process_environment.h"
+#include "core/system_error.h"
+#include "core/text.h"
+
+namespace zul {
+
+namespace {
+
+constexpr unsigned kTemporaryNames = 32;
+
+/// Why an attempt failed; nothing when it succeeded. The code may be 0: a system call can fail
+/// without one.
+using AttemptFailure = std::optional<std::error_code>;
+
+struct Operation {
+  std::string_view verb;
+  std::string_view context;
+  const fs::Path& source;
+  const fs::Path& target;
+};
+
+void SetText(std::string* out, std::string text) {
+  if (out != nullptr) *out = std::move(text);
+}
+
+/// Calls `attempt` with its number, from 1, as often as the policy and its failures allow.
+template <typename Attempt>
+bool RetryWhileLocked(const Operation& operation, const RetryPolicy& policy, std::string* error,
+                      Attempt&& attempt) {
+  for (unsigned number = 1; number <= policy.attempts; ++number) {
+    const AttemptFailure failure = attempt(number);
+    if (!failure) return true;
+    if (!IsLockedOrDeniedError(*failure) || number == policy.attempts) {
+      SetText(error, FormatFileFailure(operation.context, operation.source, operation.target,
+                                       *failure, number));
+      return false;
+    }
+    if (policy.sleep) {
+      policy.sleep(policy.wait);
+    } else {
+      std::this_thread::sleep_for(policy.wait);
+    }
+  }
+  SetText(error, std::string(operation.context) + ": unexpected " + std::string(operation.verb) +
+                     " retry failure.");
+  return false;
+}
+
+/// An existing target, such as what a failed attempt left behind, makes way for the copy.
+AttemptFailure CopyOnce(const fs::Path& source, const fs::Path& target) {
+  std::error_code ec;
+  if (fs::CopyFileDurably(source, target, ec)) return std::nullopt;
+  if (!IsExistsError(ec)) return ec;
+
+  std::error_code kind_error;
+  if (fs::KindOf(target, fs::Links::kDoNotFollow, kind_error) == fs::EntryKind::kDirectory) {
+    return ec;
+  }
+  fs::Remove(target, ec);
+  if (ec) return ec;
+  if (fs::CopyFileDurably(source, target, ec)) return std::nullopt;
+  return ec;
+}
+
+/// A free name beside `target`; empty when all of them are taken. The process id keeps two updaters
+/// apart, the attempt number keeps an attempt from the leftovers of the one before.
+fs::Path TemporaryBeside(const fs::Path& target, unsigned attempt) {
+  const std::string stem =
+      ".zul_update_tmp_" + std::to_string(CurrentProcessId()) + "_" + std::to_string(attempt) + "_";
+  for (unsigned suffix = 0; suffix < kTemporaryNames; ++suffix) {
+    fs::Path candidate = target;
+    candidate += stem + std::to_string(suffix);
+    std::error_code ec;
+    if (fs::KindOf(candidate, fs::Links::kDoNotFollow, ec) == fs::EntryKind::kNotFound) {
+      return candidate;
+    }
+  }
+  return {};
+}
+
+AttemptFailure ReplaceOnce(const fs::Path& source, const fs::Path& target, unsigned attempt) {
+  const fs::Path candidate = TemporaryBeside(target, attempt);
+  if (candidate.empty()) return std::make_error_code(std::errc::file_exists);
+
+  // The copy is on the device before the move makes it the target: a power cut leaves the old file
+  // or the new one, never a torn one.
+  std::error_code ec;
+  if (fs::CopyFileDurably(source, candidate, ec) && fs::MoveReplacing(candidate, target, ec)) {
+    return std::nullopt;
+  }
+  std::error_code ignored;
+  fs::Remove(candidate, ignored);
+  return ec;
+}
+
+AttemptFailure RemoveOnce(const fs::Path& target) {
+  std::error_code ec;
+  fs::Remove(target, ec);
+  if (ec) return ec;
+  switch (fs::KindOf(target, fs::Links::kDoNotFollow, ec)) {
+    case fs::EntryKind::kNotFound:
+      return std::nullopt;
+    case fs::EntryKind::kUnknown:
+      return ec ? AttemptFailure(ec) : std::nullopt;
+    default:
+      return std::make_error_code(std::errc::device_or_resource_busy);
+  }
+}
+
+std::string_view FailureReason(const std::error_code& code) {
+  if (code.category() != std::system_category()) return "filesystem_error";
+  if (IsNotFoundError(code)) return "missing_path";
+  if (IsLockedOrDeniedError(code)) return "permission_or_lock";
+  return "filesystem_error";
+}
+
+}  // namespace
+
+bool RetryCopyFile(const fs::Path& source, const fs::Path& target, std::string_view context,
+                   std::string* error, const RetryPolicy& policy) {
+  return RetryWhileLocked({"copy", context, source, target}, policy, error,
+                          [&](unsigned) { return CopyOnce(source, target); });
+}
+
+bool RetryReplaceFile(const fs::Path& source, const fs::Path& target, std::string_view context,
+                      std::string* error, const RetryPolicy& policy) {
+  return RetryWhileLocked({"replace", context, source, target}, policy, error,
+                          [&](unsigned attempt) { return ReplaceOnce(source, target, attempt); });
+}
+
+bool RetryRemoveFile(const fs::Path& target, std::string_view context, std::string* error,
+                     const RetryPolicy& policy) {
+  return RetryWhileLocked({"remove", context, {}, target}, policy, error,
+                          [&](unsigned) { return RemoveOnce(target); });
+}
+
+std::string FormatFileFailure(std::string_view context, const fs::Path& source,
+                              const fs::Path& target, const std::error_code& code,
+                              unsigned attempts) {
+  std::string text(context);
+  text += ": ";
+  if (!source.empty()) text += "source='" + PathToUtf8(source) + "', ";
+  if (!target.empty()) text += "target='" + PathToUtf8(target) + "', ";
+  text += "reason=";
+  text += FailureReason(code);
+  text += ", code=" + std::to_string(code.value());
+  const std::string message = SystemErrorText(code);
+  if (!message.empty()) text += ", message='" + message + "'";
+  if (attempts > 1) text += ", attempts=" + std::to_string(attempts);
+  return text;
+}
+
+std::string FormatCodeAndMessage(const std::error_code& code) {
+  return "(code=" + std::to_string(code.value()) + ", message='" + SystemErrorText(code) + "')";
+}
+
+std::string FormatSystemFailure(std::string_view prefix, const fs::Path& path,
+                                const std::error_code& code) {
+  return std::string(prefix) + PathToUtf8(path) + "' " + FormatCodeAndMessage(code) + ".";
+}
+
+}  // namespace zul
