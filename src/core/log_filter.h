@@ -19,6 +19,8 @@ using LogThresholds = std::array<LogLevel, kLogCategoryCount>;
 
 /// The level in a field of five characters; "?????" for no level.
 [[nodiscard]] std::string_view LogLevelField(LogLevel level);
+/// Index of a category in a table of them; an unknown category counts as kGeneral.
+[[nodiscard]] std::size_t LogCategoryIndex(LogCategory category);
 /// The category's word; "general" for no category.
 [[nodiscard]] std::string_view LogCategoryName(LogCategory category);
 

@@ -3,16 +3,23 @@
 // The process-wide log: human-readable lines in a dated file, the newest of them in memory for
 // reports, and every line to registered sinks. Filtering is set once, from the environment. Logging
 // never fails its caller: a file that cannot be written costs only the file.
+//
+// A line reads `12:30:05 [WARN ] [updater] text`, in local time. Without a Configure that succeeded
+// lines still go to memory and to sinks.
 
 #include <array>
 #include <atomic>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <deque>
 #include <filesystem>
 #include <functional>
+#include <initializer_list>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,9 +29,11 @@
 
 namespace zul {
 
-/// Receives each line, without its line end. Called outside the logger's lock, so it may log.
+/// Receives each line, without its line end. Called outside the logger's lock, so it may log. What
+/// it throws is dropped.
 using LogSink = std::function<void(LogCategory, LogLevel, const std::string& line)>;
 
+/// Any member may be called from any thread.
 class Logger {
  public:
   static constexpr std::size_t kMaxLineBytes = 65536;
@@ -33,54 +42,77 @@ class Logger {
   static constexpr std::uint64_t kRotationBytes = 52428800;
   static constexpr int kRotatedFiles = 5;
 
-  /// Sets the file output to `directory` (UTF-8; empty disables it) and opens today's file there.
-  /// True when the file is open.
+  /// Seconds since 1970, as std::time gives them.
+  using Clock = std::function<std::time_t()>;
+
+  /// A logger of its own beside the process-wide one; `clock` is the system's when empty.
+  explicit Logger(Clock clock = {});
+
+  /// Sets the file output to `directory` (UTF-8; empty disables it) and opens today's file there,
+  /// `<file_stem>_<YYYYMMDD>.log`, rotating one that has reached kRotationBytes. True when the file
+  /// is open; otherwise each further line tries again.
   bool Configure(std::string_view directory, std::string_view file_stem);
 
   /// Full path of the open log file, UTF-8; empty when there is none.
   [[nodiscard]] std::string CurrentPath() const;
 
-  /// Takes the filter from QORVA_LOG_FILTER or QORVA_LOG_CATEGORIES.
+  /// Takes the thresholds from QORVA_LOG_FILTER or, when that is unset, QORVA_LOG_CATEGORIES. They
+  /// can only narrow the output: nothing below INFO is ever written.
   void ApplyFilterFromEnvironment();
 
-  /// Logs the concatenation of up to four pieces. Below the level nothing is built.
+  /// Logs the concatenation of the pieces, in the category kGeneral and without a category in the
+  /// line. Below the level nothing is built.
   template <std::convertible_to<std::string_view>... Pieces>
   void Log(LogLevel level, const Pieces&... pieces) {
-    Log(LogCategory::kGeneral, level, pieces...);
+    if (!Passes(LogCategory::kGeneral, level)) return;
+    Compose(std::nullopt, level, {std::string_view(pieces)...});
   }
+  /// The same, with the category in the line.
   template <std::convertible_to<std::string_view>... Pieces>
   void Log(LogCategory category, LogLevel level, const Pieces&... pieces) {
-    static_assert(sizeof...(pieces) >= 1 && sizeof...(pieces) <= 4);
     if (!Passes(category, level)) return;
-    std::string message;
-    (message.append(std::string_view(pieces)), ...);
-    Write(category, level, message);
+    Compose(category, level, {std::string_view(pieces)...});
   }
 
-  /// Formats one line and hands it to sinks, file and memory, without asking the filter.
-  void Write(LogCategory category, LogLevel level, std::string_view text);
+  /// Hands a finished line to sinks, memory and file, without asking the filter. An empty line goes
+  /// to the sinks only.
+  void Write(LogCategory category, LogLevel level, std::string line);
 
   void AddSink(LogSink sink);
 
   /// The newest `count` lines, oldest first; 0 or more than there are gives all.
   [[nodiscard]] std::vector<std::string> RecentLines(std::size_t count) const;
 
-  [[nodiscard]] bool Passes(LogCategory category, LogLevel level) const;
-  void set_always_flush(bool always_flush);
+  [[nodiscard]] bool Passes(LogCategory category, LogLevel level) const {
+    return level >= kMinimumLevel &&
+           level >= category_levels_[LogCategoryIndex(category)].load(std::memory_order_relaxed);
+  }
+  void set_always_flush(bool always_flush) { always_flush_.store(always_flush); }
   [[nodiscard]] std::uint64_t flush_count() const { return flush_count_.load(); }
 
  private:
-  void Append(const std::string& line, bool flush);
+  using Sinks = std::vector<LogSink>;
+
+  /// The floor of every line. Nothing lowers it, so DEBUG lines are never written.
+  static constexpr LogLevel kMinimumLevel = LogLevel::kInfo;
+
+  void Compose(std::optional<LogCategory> category, LogLevel level,
+               std::initializer_list<std::string_view> pieces);
+  [[nodiscard]] std::shared_ptr<const Sinks> CurrentSinks() const;
+  // The following need the lock.
+  void AppendToFile(std::string& line, bool flush);
   void Remember(std::string line);
-  void OpenForDate(const std::string& date);
+  void OpenForDate(std::time_t now, std::string_view date);
   void CloseStream();
 
-  LogLevel minimum_level_ = LogLevel::kInfo;
-  LogThresholds category_levels_{};
-  bool always_flush_ = false;
+  const Clock clock_;
+  std::array<std::atomic<LogLevel>, kLogCategoryCount> category_levels_{};
+  std::atomic<bool> always_flush_{false};
   std::atomic<std::uint64_t> flush_count_{0};
-  std::vector<LogSink> sinks_;
-  mutable std::mutex mutex_;
+  std::atomic<bool> has_sinks_{false};  ///< spares lines the lock while nobody listens
+
+  mutable std::mutex mutex_;            ///< guards what follows
+  std::shared_ptr<const Sinks> sinks_;  ///< replaced as a whole, so that a copy is a pointer
   fs::File stream_;
   std::filesystem::path directory_;
   std::string file_stem_;

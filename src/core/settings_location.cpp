@@ -1,1 +1,93 @@
-// to be written
+#include "core/settings_location.h"
+
+#include <utility>
+
+#include "core/app_paths.h"
+#include "core/bounded_read.h"
+#include "core/file_layer.h"
+#include "core/file_ops.h"
+#include "core/logger.h"
+#include "core/text.h"
+
+namespace zul {
+
+namespace {
+
+constexpr std::string_view kAppFolder = "QORVA";
+constexpr std::string_view kLegacyAppFolder = "ZUL_RIP";
+constexpr std::string_view kSettingsFile = "settings.json";
+constexpr std::string_view kLastResortFile = "qorva_settings.json";
+constexpr std::uint64_t kMaxLegacyBytes = 1048576;
+
+fs::Path FromUtf8(std::string_view text) {
+  return PathFromUtf8(text).value_or(fs::Path());
+}
+
+/// Whether a followed query finds something at `path`; an entry that cannot be inspected is not
+/// found.
+bool IsThere(const std::string& path) {
+  std::error_code ec;
+  const fs::EntryKind kind = fs::KindOf(FromUtf8(path), fs::Links::kFollow, ec);
+  return kind != fs::EntryKind::kNotFound && kind != fs::EntryKind::kUnknown;
+}
+
+void CarryLegacySettingsOver(const std::string& target) {
+  const AppPathResult legacy = ResolveAppFile(kLegacyAppFolder, kSettingsFile);
+  if (legacy.path.empty() || !IsThere(legacy.path)) return;
+  std::string error;
+  if (MigrateLegacySettings(legacy.path, target, &error)) return;
+  GetLogger().Log(LogLevel::kWarn, "RipSettings: could not migrate legacy settings from '",
+                  legacy.path, "' to '", target, "': ", error);
+}
+
+}  // namespace
+
+std::string ResolveSettingsPath() {
+  const AppPathResult settings = ResolveAppFile(kAppFolder, kSettingsFile);
+  if (settings.path.empty()) {
+    GetLogger().Log(LogLevel::kError,
+                    "RipSettings: cannot resolve settings path; using local fallback.");
+    return std::string(kLastResortFile);
+  }
+  if (settings.error.empty() && !IsThere(settings.path)) CarryLegacySettingsOver(settings.path);
+  if (settings.used_fallback) {
+    const std::string code = settings.error.substr(0, settings.error.find("; "));
+    GetLogger().Log(LogLevel::kError,
+                    "RipSettings: cannot resolve AppData (SHGetFolderPathW HRESULT ", code,
+                    "); using fallback settings path '", settings.path, "'");
+  }
+  if (!settings.ready) {
+    GetLogger().Log(LogLevel::kError, "RipSettings: cannot prepare settings path '", settings.path,
+                    "' (", settings.error, ").");
+  }
+  return settings.path;
+}
+
+bool MigrateLegacySettings(std::string_view source, std::string_view target, std::string* error) {
+  const auto fail = [error](std::string text) {
+    if (error != nullptr) *error = std::move(text);
+    return false;
+  };
+  const std::string from = "legacy settings from '" + std::string(source) + "'";
+  std::string contents;
+  const BoundedReadResult read = ReadBounded(source, kMaxLegacyBytes, contents);
+  if (read.status != kBoundedReadOk) {
+    return fail("Cannot migrate " + from + ": cannot read a bounded source" +
+                (read.message.empty() ? "" : ": " + read.message));
+  }
+  const FileOpResult published =
+      PublishNewFile(FromUtf8(target), contents, {.create_parent = true, .flush_parent = true});
+  // A target that is there already comes from another process that got there first: its file wins.
+  if (published.ok || published.status == kFileOpTargetExists) return true;
+  return fail("Cannot atomically migrate " + from + " to '" + std::string(target) +
+              "': " + published.message);
+}
+
+std::string ApplicationConfigDirectory() {
+  const fs::Path directory = FromUtf8(ResolveSettingsPath()).parent_path();
+  if (directory.empty()) return {};
+  static_cast<void>(EnsureDirectory(directory, nullptr));
+  return PathToUtf8(directory);
+}
+
+}  // namespace zul
