@@ -42,11 +42,9 @@ struct UpdateRequest {
 /// One argument quoted so that CommandLineToArgvW gives it back unchanged.
 [[nodiscard]] std::wstring QuoteCommandArgument(std::wstring_view text);
 
-/// True for the application's four image names, compared after ASCII lower-casing.
-[[nodiscard]] bool IsApplicationImageName(std::string_view file_name);
-
 /// Finds the installed updater beside a restart executable that is already valid. On failure false
-/// with a text in `error` (may be null).
+/// with a text in `error` (may be null). Throws std::filesystem::filesystem_error when the folder,
+/// which was just resolved, cannot be listed.
 [[nodiscard]] bool ResolveUpdaterHelper(std::string_view restart_exe,
                                         std::filesystem::path& helper_path, std::string* error);
 

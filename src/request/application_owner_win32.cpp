@@ -1,0 +1,22 @@
+#include "request/application_owner.h"
+
+#include <windows.h>
+
+#include <vector>
+
+#include "core/handle_win32.h"
+
+namespace zul {
+
+std::optional<std::filesystem::path> ProcessImagePath(std::uint32_t pid) {
+  const UniqueKernelHandle process(::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid));
+  if (!process) return std::nullopt;
+  std::vector<wchar_t> buffer(32768);  // the longest path that the system has
+  auto length = static_cast<DWORD>(buffer.size());
+  if (::QueryFullProcessImageNameW(process.get(), 0, buffer.data(), &length) == 0) {
+    return std::nullopt;
+  }
+  return std::filesystem::path(std::wstring(buffer.data(), length));
+}
+
+}  // namespace zul
