@@ -214,7 +214,9 @@ enum class Overwrite { kNo, kYes };
 [[nodiscard]] bool MoveToNewName(const Path& from, const Path& to, std::error_code& ec);
 
 /// Removes a file, an empty folder or a link (never its target). True when something was removed;
-/// false without an error when nothing was there.
+/// false without an error when nothing was there. A read-only file is an error on Windows. The
+/// system may report success while the entry lives on until its last user closes it: who must know
+/// asks `KindOf`.
 bool Remove(const Path& path, std::error_code& ec);
 
 /// Removes an entry with all that it holds, never through a link, read-only files included. Goes on

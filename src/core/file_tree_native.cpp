@@ -107,7 +107,7 @@ struct TreeWalker::State {
   };
   std::vector<Level> levels;
   Path to_enter;  ///< the folder reported last, not opened yet
-  bool at_root = true;
+  bool enter = true;
 };
 
 TreeWalker::TreeWalker(Path root) : state_(std::make_unique<State>()) {
@@ -119,21 +119,21 @@ TreeWalker::~TreeWalker() = default;
 bool TreeWalker::Next(DirectoryEntry* entry, std::error_code& ec) {
   State& state = *state_;
   ec.clear();
-  if (!state.to_enter.empty()) {
-    const Path folder = std::exchange(state.to_enter, Path());
+  if (std::exchange(state.enter, false)) {
     // The root may be reached through a link; below it a folder that turned into one is refused.
-    const int flags = std::exchange(state.at_root, false) ? 0 : O_NOFOLLOW;
-    const int at = state.levels.empty() ? AT_FDCWD : ::dirfd(state.levels.back().stream.get());
-    const Path name = state.levels.empty() ? folder : folder.filename();
-    DirectoryStream stream = OpenStream(at, name.c_str(), flags, ec);
-    if (stream) state.levels.push_back({std::move(stream), folder});
+    const bool at_root = state.levels.empty();
+    const int at = at_root ? AT_FDCWD : ::dirfd(state.levels.back().stream.get());
+    const Path name = at_root ? state.to_enter : state.to_enter.filename();
+    DirectoryStream stream = OpenStream(at, name.c_str(), at_root ? 0 : O_NOFOLLOW, ec);
+    if (stream) state.levels.push_back({std::move(stream), std::move(state.to_enter)});
   }
   while (!ec && !state.levels.empty()) {
     State::Level& level = state.levels.back();
     if (const dirent* found = NextEntry(level.stream.get(), ec)) {
       entry->path = level.path / found->d_name;
       entry->kind = KindOfEntry(level.stream.get(), *found);
-      if (entry->kind == EntryKind::kDirectory) state.to_enter = entry->path;
+      state.enter = entry->kind == EntryKind::kDirectory;
+      if (state.enter) state.to_enter = entry->path;
       return true;
     }
     if (!ec) state.levels.pop_back();

@@ -1,1 +1,232 @@
-// to be written
+#include <windows.h>
+
+#include "core/api_path_win32.h"
+#include "core/file_layer.h"
+#include "core/handle_win32.h"
+#include "core/system_error.h"
+
+namespace zul::fs {
+
+namespace {
+
+struct FindHandleTraits {
+  using Type = HANDLE;
+  static HANDLE Invalid() { return INVALID_HANDLE_VALUE; }
+  static void Close(HANDLE handle) { ::FindClose(handle); }
+};
+
+bool IsDots(const wchar_t* name) {
+  return name[0] == L'.' && (name[1] == L'\0' || (name[1] == L'.' && name[2] == L'\0'));
+}
+
+/// One folder being listed: one handle, and no call for an entry beside the listing itself.
+class Listing {
+ public:
+  /// `folder` as the API takes it; it comes back unchanged.
+  bool Open(std::wstring& folder, std::error_code& ec) {
+    const std::size_t length = folder.size();
+    if (length == 0) {
+      ec = SystemError(ERROR_PATH_NOT_FOUND);
+      return false;
+    }
+    // Behind "C:" a separator would turn the drive's current directory into its root.
+    const bool joined = folder.ends_with(L'\\') || folder.ends_with(L'/') || folder.ends_with(L':');
+    folder += joined ? L"*" : L"\\*";
+    find_.Reset(::FindFirstFileExW(folder.c_str(), FindExInfoBasic, &data_, FindExSearchNameMatch,
+                                   nullptr, FIND_FIRST_EX_LARGE_FETCH));
+    ec = find_ ? std::error_code() : LastSystemError();
+    folder.resize(length);
+    // The root of an empty volume has no entry at all, not even the dots.
+    if (ec.value() == ERROR_FILE_NOT_FOUND) ec.clear();
+    has_first_ = find_.valid();
+    return !ec;
+  }
+
+  /// The next entry but the dots, valid until the call after; null at the end and on an error.
+  const WIN32_FIND_DATAW* Next(std::error_code& ec) {
+    ec.clear();
+    while (find_) {
+      if (!std::exchange(has_first_, false) && !::FindNextFileW(find_.get(), &data_)) {
+        ec = LastSystemError();
+        if (ec.value() == ERROR_NO_MORE_FILES) ec.clear();
+        break;
+      }
+      if (!IsDots(data_.cFileName)) return &data_;
+    }
+    return nullptr;
+  }
+
+ private:
+  UniqueHandle<FindHandleTraits> find_;
+  bool has_first_ = false;
+  WIN32_FIND_DATAW data_;
+};
+
+EntryKind KindOfEntry(const WIN32_FIND_DATAW& entry) {
+  if ((entry.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) return EntryKind::kLink;
+  if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) return EntryKind::kDirectory;
+  return EntryKind::kRegular;
+}
+
+/// Removes one file, empty folder or link. Links are never followed here: the system removes the
+/// link itself, by the call for folders if it stands for one.
+bool RemoveEntry(const std::wstring& api_path, DWORD attributes, std::error_code& ec) {
+  if ((attributes & FILE_ATTRIBUTE_READONLY) != 0) {
+    ::SetFileAttributesW(api_path.c_str(), attributes & ~DWORD{FILE_ATTRIBUTE_READONLY});
+  }
+  const BOOL removed = (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0
+                           ? ::RemoveDirectoryW(api_path.c_str())
+                           : ::DeleteFileW(api_path.c_str());
+  ec = removed ? std::error_code() : LastSystemError();
+  if (IsNotFoundError(ec)) ec.clear();
+  return !ec;
+}
+
+/// The state of one removal of a tree. Its own stack stands in for recursion, since a tree may be
+/// thousands of folders deep.
+class TreeRemover {
+ public:
+  explicit TreeRemover(std::wstring root) : path_(std::move(root)) {}
+
+  std::error_code Run(DWORD root_attributes) {
+    Enter(root_attributes);
+    while (!levels_.empty()) {
+      std::error_code ec;
+      if (const WIN32_FIND_DATAW* entry = levels_.back()->listing.Next(ec)) {
+        Visit(*entry);
+      } else {
+        Keep(ec);
+        Leave();
+      }
+    }
+    return first_;
+  }
+
+ private:
+  struct Level {
+    Listing listing;
+    std::size_t parent_length;
+    DWORD attributes;
+  };
+
+  void Visit(const WIN32_FIND_DATAW& entry) {
+    const std::size_t length = path_.size();
+    const DWORD attributes = entry.dwFileAttributes;
+    path_ += L'\\';
+    path_ += entry.cFileName;
+    if (KindOfEntry(entry) == EntryKind::kDirectory) {
+      Enter(attributes, length);
+      return;
+    }
+    std::error_code ec;
+    RemoveEntry(path_, attributes, ec);
+    Keep(ec);
+    path_.resize(length);
+  }
+
+  void Enter(DWORD attributes, std::size_t parent_length = 0) {
+    auto level = std::make_unique<Level>();
+    level->parent_length = parent_length;
+    level->attributes = attributes;
+    std::error_code ec;
+    level->listing.Open(path_, ec);
+    Keep(ec);
+    levels_.push_back(std::move(level));
+  }
+
+  void Leave() {
+    const DWORD attributes = levels_.back()->attributes;
+    const std::size_t parent_length = levels_.back()->parent_length;
+    levels_.pop_back();  // closes the listing, which would keep the folder alive
+    std::error_code ec;
+    RemoveEntry(path_, attributes, ec);
+    Keep(ec);
+    path_.resize(parent_length);
+  }
+
+  void Keep(const std::error_code& ec) {
+    if (!first_) first_ = ec;
+  }
+
+  std::wstring path_;
+  std::vector<std::unique_ptr<Level>> levels_;
+  std::error_code first_;
+};
+
+}  // namespace
+
+std::vector<DirectoryEntry> ListDirectory(const Path& path, std::error_code& ec) {
+  std::vector<DirectoryEntry> entries;
+  std::wstring folder = ApiPath(path);
+  Listing listing;
+  if (!listing.Open(folder, ec)) return entries;
+  while (const WIN32_FIND_DATAW* entry = listing.Next(ec)) {
+    entries.push_back({path / entry->cFileName, KindOfEntry(*entry)});
+  }
+  return entries;
+}
+
+struct TreeWalker::State {
+  struct Level {
+    Listing listing;
+    Path path;
+  };
+  std::vector<std::unique_ptr<Level>> levels;
+  Path to_enter;  ///< the folder reported last, not opened yet
+  bool enter = true;
+};
+
+TreeWalker::TreeWalker(Path root) : state_(std::make_unique<State>()) {
+  state_->to_enter = std::move(root);
+}
+
+TreeWalker::~TreeWalker() = default;
+
+bool TreeWalker::Next(DirectoryEntry* entry, std::error_code& ec) {
+  State& state = *state_;
+  ec.clear();
+  if (std::exchange(state.enter, false)) {
+    auto level = std::make_unique<State::Level>();
+    level->path = std::move(state.to_enter);
+    std::wstring folder = ApiPath(level->path);
+    if (level->listing.Open(folder, ec)) state.levels.push_back(std::move(level));
+  }
+  while (!ec && !state.levels.empty()) {
+    State::Level& level = *state.levels.back();
+    if (const WIN32_FIND_DATAW* found = level.listing.Next(ec)) {
+      entry->path = level.path / found->cFileName;
+      entry->kind = KindOfEntry(*found);
+      state.enter = entry->kind == EntryKind::kDirectory;
+      if (state.enter) state.to_enter = entry->path;
+      return true;
+    }
+    if (!ec) state.levels.pop_back();
+  }
+  state.levels.clear();
+  return false;
+}
+
+bool RemoveTree(const Path& path, std::error_code& ec) {
+  const std::wstring root = ApiPath(path);
+  const DWORD attributes = ::GetFileAttributesW(root.c_str());
+  if (attributes == INVALID_FILE_ATTRIBUTES) {
+    ec = LastSystemError();
+    if (IsNotFoundError(ec)) ec.clear();
+    return !ec;
+  }
+  const bool descend = (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 &&
+                       (attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0;
+  if (descend) {
+    ec = TreeRemover(root).Run(attributes);
+  } else {
+    RemoveEntry(root, attributes, ec);
+  }
+  // An entry that someone still holds open, or that a read-only volume kept, is reported as
+  // removed.
+  if (!ec && ::GetFileAttributesW(root.c_str()) != INVALID_FILE_ATTRIBUTES) {
+    ec = SystemError(ERROR_ACCESS_DENIED);
+  }
+  return !ec;
+}
+
+}  // namespace zul::fs
