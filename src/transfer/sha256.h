@@ -1,0 +1,33 @@
+#pragma once
+
+// SHA-256 (FIPS 180-4) in pieces: the platform's provider on Windows, our own code elsewhere.
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace zul {
+
+using Sha256Digest = std::array<std::uint8_t, 32>;
+
+/// One computation: `Begin`, then `Update` as often as needed, then `Finish`. After a failure,
+/// whose message goes to `error`, the object is of no more use.
+class Sha256 {
+ public:
+  Sha256();
+  ~Sha256();
+  Sha256(const Sha256&) = delete;
+  Sha256& operator=(const Sha256&) = delete;
+
+  [[nodiscard]] bool Begin(std::string& error);
+  [[nodiscard]] bool Update(const void* data, std::size_t size, std::string& error);
+  [[nodiscard]] bool Finish(Sha256Digest& digest, std::string& error);
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace zul
