@@ -37,7 +37,9 @@ def openssl(*arguments: str) -> None:
 
 
 def make_authority(name: str) -> Authority:
-    folder = places.RIG_HOME / "certificates" / name
+    names = ",".join(f"DNS:{host}" for host in places.HOSTS)
+    edition = hashlib.sha256(names.encode()).hexdigest()[:8]
+    folder = places.RIG_HOME / "certificates" / f"{name}-{edition}"
     authority = Authority(folder / "root.pem", folder / "server.pem", folder / "server.key")
     complete = folder / "complete"
     if complete.exists():
@@ -50,7 +52,6 @@ def make_authority(name: str) -> Authority:
     openssl("req", "-newkey", "rsa:2048", "-nodes", "-sha256",
             "-subj", f"/CN={places.PRIMARY_HOST}",
             "-keyout", str(authority.server_key), "-out", str(request))
-    names = ",".join(f"DNS:{host}" for host in (*places.DOWNLOAD_HOSTS, places.FOREIGN_HOST))
     extensions.write_text(f"subjectAltName={names}\nbasicConstraints=CA:FALSE\n"
                           "keyUsage=digitalSignature,keyEncipherment\nextendedKeyUsage=serverAuth\n")
     openssl("x509", "-req", "-sha256", "-days", DAYS, "-in", str(request), "-CA", str(authority.root),

@@ -10,7 +10,6 @@ server closes.
 """
 
 import select
-import socket
 import socketserver
 import ssl
 import threading

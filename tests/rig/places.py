@@ -1,18 +1,34 @@
-"""Where the rig finds the tree and keeps what it makes. Everything lies below build/."""
+"""Where the rig finds the tree, keeps what it makes, and what the build under test was given as
+deployment data. Everything that the rig makes lies below build/."""
 
+import os
+import re
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
+BUILD = Path(os.environ.get("QORVA_WINDOWS_BUILD", ROOT / "build" / "windows"))
 RIG_HOME = ROOT / "build" / "rig"
 WINE_HOME = RIG_HOME / "wine"
-WINDOWS_BUILD = ROOT / "build" / "windows"
 
-# The deployment's download hosts (cmake/deployment.cmake), and one that is on no list.
-PRIMARY_HOST = "update.qorva.example"
-DISTRIBUTION_HOST = "dist.qorva.example"
-MIRROR_HOST = "mirror1.qorva.example"
-SECOND_MIRROR_HOST = "mirror2.qorva.example"
-FOREIGN_HOST = "files.elsewhere.example"
-DOWNLOAD_HOSTS = (DISTRIBUTION_HOST, PRIMARY_HOST, MIRROR_HOST, SECOND_MIRROR_HOST)
-# Answers with a certificate that nobody trusts, for the allowed name of the second mirror.
+UPDATER = BUILD / "src" / "app" / "qorva_updater.exe"
+LAUNCHER = BUILD / "tests" / "rig" / "launcher.exe"
+PROGRAMS = BUILD / "tests" / "rig" / "programs"
+
+
+def deployment(name: str) -> str:
+    """A deployment value of the build, from its CMake cache, else the default of the tree."""
+    cache = BUILD / "CMakeCache.txt"
+    if cache.exists() and (found := re.search(rf"^{name}:\w+=(.*)$", cache.read_text(), re.M)):
+        return found[1]
+    defaults = (ROOT / "cmake" / "deployment.cmake").read_text()
+    return re.search(rf'^set\({name} "(.*?)" CACHE', defaults, re.M)[1]
+
+
+PRIMARY_HOST = deployment("QORVA_HOST_UPDATE")
+DISTRIBUTION_HOST = deployment("QORVA_HOST_DISTRIBUTION")
+MIRROR_HOST = deployment("QORVA_HOST_MIRROR_1")
+SECOND_MIRROR_HOST = deployment("QORVA_HOST_MIRROR_2")
+# The second mirror's name is on the list, but here it answers with a certificate nobody trusts.
 UNTRUSTED_HOST = SECOND_MIRROR_HOST
+FOREIGN_HOST = "files.elsewhere.example"
+HOSTS = (DISTRIBUTION_HOST, PRIMARY_HOST, MIRROR_HOST, SECOND_MIRROR_HOST, FOREIGN_HOST)

@@ -1,0 +1,160 @@
+"""What every end-to-end run has in common: one prefix and one server, a scene of its own for each
+run, and the promises that hold however a run ends."""
+
+import os
+import re
+import unittest
+from dataclasses import dataclass, field
+
+import certificates
+import packages
+import places
+import programs
+import trace_log
+from https_server import HttpsServer, Reply
+from sandbox import Sandbox
+from updater_run import Outcome, Scene
+
+TITLE = "QORVA Updater"
+PACKAGE = "update_package.zip"
+PREPARED = ["updater_run_start"]
+FETCHED = ["download_start", "download_redirect_resolution", "download_complete"]
+NOT_FETCHED = ["download_start", "download_fail"]
+VERIFIED = ["checksum_verify", "checksum_verify"]
+SELECTED = [*PREPARED, *FETCHED, *VERIFIED, "download_selected"]
+EXTRACTED = ["extract_start", "extract_ok"]
+RETIRED = ["retired_install_executable_removed"] * 3
+FINISHED = ["apply_ok", "restart_start", "restart_ok"]
+SUCCESS = [*SELECTED, *EXTRACTED, "apply_start", *RETIRED, *FINISHED]
+
+Text = str | re.Pattern
+
+
+@dataclass
+class Failure:
+    """A run that has to end with exit code 2 and leave the installation as it was."""
+
+    name: str
+    message: Text
+    events: list[str]
+    primary: Reply | None = None  # None: the good package
+    mirror: Reply | None = None  # None: the request names no mirror
+    package: bytes | None = None  # served by the primary with its true digest
+    arguments: dict = field(default_factory=dict)  # of Scene.arguments, to override
+    details: dict[str, dict[str, str]] = field(default_factory=dict)  # event: fields, last one of it
+    kept: tuple[str, ...] = ()  # what the workspace holds afterwards, one level
+
+
+class EndToEnd(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls) -> None:
+        cls.sandbox = Sandbox().start()
+        cls.application = programs.TEST_APPLICATION_1.read_bytes()
+        cls.installed = packages.installed_tree(cls.application)
+        cls.payload = packages.package_tree(programs.TEST_APPLICATION_2.read_bytes())
+        cls.good_package = packages.zip_of(cls.payload)
+        cls.server = HttpsServer(certificates.make_authority("trusted"),
+                                 certificates.make_authority("stranger"))
+        cls.addClassCleanup(cls.server.__exit__)
+
+    def scene(self, name: str) -> Scene:
+        """A scene with version 1 installed, gone again at the end of the test."""
+        scene = Scene(self.sandbox, f"{type(self).__name__}-{name}")
+        self.addCleanup(scene.clear)
+        packages.write_tree(scene.install, self.installed)
+        scene.outside = self.files_outside(scene)
+        return scene
+
+    def files_outside(self, scene: Scene) -> dict[str, str]:
+        """Every file of drive C: that no run may touch: not those of Wine's own folder, nor those of
+        scenes that run at the same time."""
+        files = {}
+        for top in self.sandbox.drive_c.iterdir():
+            if top.name not in ("windows", "rig") and top.is_dir():
+                files |= {f"{top.name}/{path}": digest for path, digest in packages.snapshot(top).items()}
+        files |= {path.name: "" for path in self.sandbox.drive_c.iterdir()}
+        files |= {f"scene/{path.name}": "" for path in scene.folder.iterdir()}
+        return files
+
+    def serve(self, scene: Scene, host: str, reply: Reply, path: str = "package.zip") -> str:
+        return self.server.on(host, f"/{scene.folder.name}/{path}", reply)
+
+    # -- what has to hold
+
+    def assert_text(self, expected: Text, seen: str) -> None:
+        if isinstance(expected, re.Pattern):
+            self.assertRegex(seen, re.compile(rf"\A(?:{expected.pattern})\Z", expected.flags))
+        else:
+            self.assertEqual(expected, seen)
+
+    def assert_dialog(self, outcome: Outcome, text: Text, buttons: tuple[str, ...] = ("OK",)) -> None:
+        self.assertEqual(1, len(outcome.dialogs), outcome.dialogs)
+        self.assertEqual(TITLE, outcome.dialogs[0].title)
+        self.assert_text(text, outcome.dialogs[0].text)
+        self.assertEqual(buttons, outcome.dialogs[0].buttons)
+
+    def assert_trace(self, scene: Scene, outcome: Outcome, events: list[str]) -> None:
+        seen = [name for name in trace_log.names(outcome.trace) if name != "download_progress"]
+        self.assertEqual(events, seen)
+        self.assertEqual([], trace_log.faults(scene.trace_path))
+
+    def assert_details(self, outcome: Outcome, details: dict[str, dict[str, str]]) -> None:
+        """The last event of each name carries at least these fields."""
+        for name, fields in details.items():
+            event = [event for event in outcome.trace if event["stage"] == name][-1]
+            self.assertEqual(fields, {key: event.get(key) for key in fields}, name)
+
+    def assert_installed(self, scene: Scene, tree: packages.Tree) -> None:
+        self.assertEqual(packages.digests(tree), packages.snapshot(scene.install))
+
+    def assert_nothing_outside(self, scene: Scene) -> None:
+        self.assertEqual(scene.outside, self.files_outside(scene))
+        config = {str(scene.trace_path.relative_to(scene.config))} if scene.trace_path.exists() else set()
+        self.assertEqual(config, set(packages.snapshot(scene.config)))
+
+    def assert_workspace(self, scene: Scene, kept: tuple[str, ...]) -> None:
+        """One workspace with exactly these entries."""
+        self.assertEqual(1, len(os.listdir(scene.temp)), os.listdir(scene.temp))
+        (workspace,) = scene.workspaces()
+        self.assertEqual(sorted(kept), sorted(os.listdir(workspace)))
+
+    def assert_no_workspace(self, scene: Scene) -> None:
+        self.assertEqual([], os.listdir(scene.temp))
+
+    def assert_updated(self, scene: Scene, outcome: Outcome, payload: packages.Tree | None = None,
+                       ) -> None:
+        """Exit code 0, the new files, and the application up as version 2."""
+        self.assertEqual((0, []), (outcome.exit_code, outcome.dialogs))
+        programs.wait_for_mark(scene, version=2)
+        self.assert_installed_with_mark(scene, packages.updated_tree(self.installed, payload or self.payload))
+        self.assert_no_workspace(scene)
+        self.assert_nothing_outside(scene)
+
+    def assert_installed_with_mark(self, scene: Scene, tree: packages.Tree) -> None:
+        seen = packages.snapshot(scene.install)
+        for name in programs.MARKS:
+            seen.pop(name, None)
+        self.assertEqual(packages.digests(tree), seen)
+
+    def check_failure(self, case: Failure) -> None:
+        scene = self.scene(case.name.replace(" ", "-"))
+        package = self.good_package if case.package is None else case.package
+        primary = case.primary or Reply(body=package)
+        request = {"url": self.serve(scene, places.PRIMARY_HOST, primary),
+                   "sha256": packages.sha256_of(package)}
+        if case.mirror:
+            request["fallback"] = self.serve(scene, places.MIRROR_HOST, case.mirror)
+        outcome = scene.run(scene.arguments(**{**request, **case.arguments}))
+        self.assertEqual(2, outcome.exit_code, outcome.dialogs)
+        self.assert_dialog(outcome, case.message)
+        self.assert_trace(scene, outcome, case.events)
+        self.assert_details(outcome, case.details)
+        self.assert_installed(scene, self.installed)
+        self.assert_workspace(scene, case.kept)
+        self.assert_nothing_outside(scene)
+        self.assertEqual([], scene.running())
+
+    def check_failures(self, cases: list[Failure]) -> None:
+        for case in cases:
+            with self.subTest(case.name):
+                self.check_failure(case)

@@ -1,0 +1,154 @@
+"""One run of the real updater in a scene of its own: an installation, a configuration folder and a
+temporary folder below C:\\rig\\<name>."""
+
+import os
+import shutil
+import subprocess
+import tempfile
+import time
+from dataclasses import dataclass, field
+from pathlib import Path
+
+import packages
+import places
+import trace_log
+from sandbox import Running, Sandbox, programs_from
+
+# With a blank and letters beyond ASCII, as folders of users have them.
+INSTALL_FOLDER = "QORVA RIP žluť"
+
+
+@dataclass(frozen=True)
+class Dialog:
+    """A message box that was read and dismissed."""
+
+    title: str
+    text: str
+    buttons: tuple[str, ...]
+
+
+@dataclass
+class Outcome:
+    exit_code: int | str  # all 32 bits, or "timeout"
+    output: bytes
+    dialogs: list[Dialog]
+    seconds: float
+    trace: list[trace_log.Event] = field(default_factory=list)
+
+
+class Scene:
+    """Fresh at creation; `clear` ends what runs from it and deletes it."""
+
+    def __init__(self, sandbox: Sandbox, name: str):
+        self.sandbox = sandbox
+        self.folder = sandbox.drive_c / "rig" / name
+        self.clear()
+        self.install = self.folder / INSTALL_FOLDER
+        self.config = self.folder / "config"
+        self.temp = self.folder / "temp"
+        for made in (self.install, self.config, self.temp, self.folder / "updater"):
+            made.mkdir(parents=True)
+        self.updater = self.folder / "updater" / "qorva_updater.exe"
+        shutil.copyfile(places.UPDATER, self.updater)
+
+    @property
+    def trace_path(self) -> Path:
+        return self.config / "QORVA" / "logs" / "update_trace.log"
+
+    def windows(self, path: Path) -> str:
+        return self.sandbox.windows_path(path)
+
+    def running(self) -> list[Running]:
+        return programs_from(self.windows(self.folder))
+
+    def clear(self) -> None:
+        for program in programs_from(self.sandbox.windows_path(self.folder)):
+            program.end()
+        shutil.rmtree(self.folder, ignore_errors=True)
+
+    def arguments(self, *, url: str, sha256: str, fallback: str = "", pid: int = 0,
+                  required: tuple[str, ...] = (packages.APPLICATION,),
+                  restart: str = packages.APPLICATION) -> list[str]:
+        """The switches as the application writes them."""
+        switches = [f"--pid={pid}", f"--download-url={url}"]
+        if fallback:
+            switches.append(f"--fallback-download-url={fallback}")
+        return [*switches, f"--sha256={sha256}", f"--target-dir={self.windows(self.install)}",
+                f"--restart-exe={self.windows(self.install / restart)}",
+                *(f"--required-payload-file={name}" for name in required)]
+
+    def begin(self, arguments: list[str], *, program: Path | None = None, **options) -> "UpdaterRun":
+        return UpdaterRun(self, program or self.updater, arguments, **options)
+
+    def run(self, arguments: list[str], **options) -> Outcome:
+        return self.begin(arguments, **options).finish()
+
+    def workspaces(self) -> list[Path]:
+        return sorted(self.temp.glob("qorva_updater_*"))
+
+
+class UpdaterRun:
+    """The updater at work. `finish` waits for it, reading and dismissing every box that it shows."""
+
+    def __init__(self, scene: Scene, program: Path, arguments: list[str], *, button: str = "OK",
+                 output: str = "pipe", timeout: float = 90):
+        self.scene = scene
+        self.timeout = timeout
+        self.started = time.monotonic()
+        self.notes = Path(tempfile.mkdtemp(prefix="run.", dir=places.RIG_HOME))
+        command = subprocess.list2cmdline([scene.windows(program), *arguments])
+        folder = scene.windows(program.parent)
+        lines = [f"command={command}", f"folder={folder}", f"timeout_ms={int(timeout * 1000)}",
+                 f"env=TEMP={scene.windows(scene.temp)}", f"env=TMP={scene.windows(scene.temp)}",
+                 f"env=QORVA_CONFIG_HOME={scene.windows(scene.config)}"]
+        if output == "none":
+            lines.append("output=none")
+        (self.notes / "job").write_text("\n".join(lines) + "\n", "utf-8")
+        self.output_file = (self.notes / "output").open("w+b")
+        windows = scene.sandbox.windows_path
+        self.launcher = subprocess.Popen(
+            ["wine", windows(places.LAUNCHER), windows(self.notes / "job"), windows(self.notes / "report")],
+            env=scene.sandbox.environment_with_hosts(), stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE if output == "pipe" else self.output_file,
+            stderr=subprocess.DEVNULL)
+        self.pid = int(self.report("pid"))
+        self.reader = DialogReader(scene.sandbox, self.pid, button, timeout)
+
+    def report(self, key: str) -> str:
+        """What the launcher noted under a key, once it is there."""
+        end = time.monotonic() + self.timeout + 20
+        while time.monotonic() < end:
+            path = self.notes / "report"
+            for line in path.read_text().splitlines() if path.exists() else []:
+                name, _, value = line.partition("=")
+                if name == key:
+                    return value
+                if name == "failed":
+                    raise RuntimeError(f"the updater could not be started: error {value}")
+            time.sleep(0.02)
+        raise TimeoutError(f"the launcher noted no {key}")
+
+    def running(self) -> bool:
+        return self.launcher.poll() is None
+
+    def finish(self) -> Outcome:
+        self.launcher.wait(self.timeout + 20)
+        seconds = time.monotonic() - self.started
+        output = self.take_output()
+        code = self.report("exit")
+        dialogs = self.reader.finish()
+        shutil.rmtree(self.notes)
+        return Outcome(int(code) if code.isdigit() else code, output, dialogs, seconds,
+                       trace_log.read(self.scene.trace_path))
+
+    def take_output(self) -> bytes:
+        source = self.launcher.stdout or self.output_file
+        if source is self.output_file:
+            source.seek(0)
+        else:
+            # Not to the end: the restarted application may hold the other end open.
+            os.set_blocking(source.fileno(), False)
+        output = source.read() or b""
+        source.close()
+        self.output_file.close()
+        return output
