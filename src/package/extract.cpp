@@ -1,0 +1,57 @@
+#include "package/extract.h"
+
+#include "core/file_layer.h"
+#include "core/text.h"
+#include "package/extraction_directory.h"
+#include "package/zip_extract.h"
+#include "package/zip_scan.h"
+
+namespace zul {
+
+namespace {
+
+bool HasZipExtension(const std::filesystem::path& archive_path) {
+  const std::string name = PathToUtf8(archive_path.filename());
+  const std::size_t dot = name.rfind('.');
+  return dot != std::string::npos && AsciiLower(std::string_view(name).substr(dot + 1)) == "zip";
+}
+
+bool ExtractThroughStage(const std::filesystem::path& archive_path,
+                         const std::filesystem::path& destination, std::string& error) {
+  if (!HasZipExtension(archive_path)) {
+    error = "Not a ZIP archive";
+    return false;
+  }
+  if (destination.empty()) {
+    error = "Destination directory is empty";
+    return false;
+  }
+  const std::string archive = PathToUtf8(archive_path);
+  ZipScanResult scan;
+  if (!ScanZipArchive(archive, scan, &error)) return false;
+  std::filesystem::path stage_dir;
+  if (!CreateUniqueSiblingDirectory(destination, ".qorva-zip-stage", stage_dir, &error)) {
+    return false;
+  }
+  if (CheckFreeSpaceForExtraction(stage_dir, scan.total_uncompressed_bytes, &error) &&
+      ExtractScannedEntries(archive, scan, stage_dir, &error) &&
+      CommitExtractionDirectory(stage_dir, destination, &error)) {
+    return true;
+  }
+  std::error_code ignored;
+  fs::RemoveTree(stage_dir, ignored);
+  return false;
+}
+
+}  // namespace
+
+bool ExtractPackage(const std::filesystem::path& archive_path,
+                    const std::filesystem::path& destination, std::string* error) {
+  if (error) error->clear();
+  std::string reason;
+  if (ExtractThroughStage(archive_path, destination, reason)) return true;
+  if (error) *error = std::move(reason);
+  return false;
+}
+
+}  // namespace zul

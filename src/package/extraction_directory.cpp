@@ -1,0 +1,154 @@
+#include "package/extraction_directory.h"
+
+#include <algorithm>
+#include <atomic>
+#include <iterator>
+#include <thread>
+
+#include "core/file_layer.h"
+#include "core/logger.h"
+#include "core/text.h"
+#include "package/failure.h"
+
+namespace zul {
+
+namespace {
+
+constexpr int kNameAttempts = 128;
+constexpr int kRenameRetries = 40;
+constexpr std::chrono::milliseconds kRenameRetryDelay{50};
+
+bool MayPassSoon(const std::error_code& code) {
+  return code == std::errc::permission_denied || code == std::errc::device_or_resource_busy ||
+         code == std::errc::resource_unavailable_try_again || code == std::errc::text_file_busy;
+}
+
+bool IsSameFolded(const std::filesystem::path& a, const std::filesystem::path& b) {
+  return AsciiLower(PathToGenericUtf8(a)) == AsciiLower(PathToGenericUtf8(b));
+}
+
+void RemoveTreeIfPossible(const std::filesystem::path& path) {
+  std::error_code ignored;
+  fs::RemoveTree(path, ignored);
+}
+
+void RemoveOldBackup(const std::filesystem::path& backup_dir) {
+  std::error_code code;
+  if (fs::RemoveTree(backup_dir, code)) return;
+  GetLogger().Log(LogCategory::kUpdater, LogLevel::kWarn,
+                  "ZIP extraction committed successfully, but old backup cleanup failed at '",
+                  PathToUtf8(backup_dir), "': ", FormatFileError(code));
+}
+
+// Moves the displaced tree back after a failed publish, and words the outcome.
+bool RollBack(const std::filesystem::path& backup_dir, const std::filesystem::path& previous,
+              const std::filesystem::path& destination, const std::error_code& publish_error,
+              std::string* error, const RetrySleep& sleep) {
+  std::string message = "Cannot finalize extraction directory: " + FormatFileError(publish_error);
+  std::error_code code;
+  if (RenameWithRetry(previous, destination, code, sleep)) {
+    RemoveTreeIfPossible(backup_dir);
+  } else {
+    message += "; rollback failed: " + FormatFileError(code) +
+               "; previous destination preserved at " + PathToUtf8(previous);
+  }
+  return Fail(error, message);
+}
+
+}  // namespace
+
+std::string FormatFileError(const std::error_code& error_code) {
+  return "code=" + std::to_string(error_code.value()) + ", message='" +
+         SystemErrorText(error_code) + "'";
+}
+
+void SleepBetweenRetries(std::chrono::milliseconds duration) {
+  std::this_thread::sleep_for(duration);
+}
+
+bool CreateUniqueSiblingDirectory(const std::filesystem::path& base_path, std::string_view prefix,
+                                  std::filesystem::path& path, std::string* error) {
+  static std::atomic<std::uint64_t> counter{0};
+  const std::filesystem::path parent =
+      base_path.has_parent_path() ? base_path.parent_path() : std::filesystem::path(".");
+  std::error_code code;
+  if (!fs::CreateDirectories(parent, code)) {
+    return Fail(error, "Cannot create extraction parent directory: ", code);
+  }
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  const auto time_ns = std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
+  for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
+    const std::string name = std::string(prefix) + "." + std::to_string(time_ns) + "." +
+                             std::to_string(counter++) + "." + std::to_string(attempt);
+    path = parent / name;
+    switch (fs::CreateDirectoryOnce(path, code)) {
+      case fs::CreateResult::kCreated:
+        return true;
+      case fs::CreateResult::kExisted:
+        break;
+      case fs::CreateResult::kFailed:
+        return Fail(error, "Cannot create unique extraction directory: ", code);
+    }
+  }
+  return Fail(error, "Cannot allocate unique extraction directory");
+}
+
+bool CheckFreeSpaceForExtraction(const std::filesystem::path& stage_dir,
+                                 std::uint64_t required_bytes, std::string* error) {
+  std::error_code code;
+  const std::uint64_t available_bytes = fs::AvailableSpace(stage_dir, code);
+  if (code) return Fail(error, "cannot determine free space for ZIP extraction: ", code);
+  if (required_bytes <= available_bytes) return true;
+  return Fail(error, "not enough disk space for ZIP extraction: required " +
+                         std::to_string(required_bytes) + " bytes, available " +
+                         std::to_string(available_bytes) + " bytes");
+}
+
+bool IsPathInsideRootFolded(const std::filesystem::path& root,
+                            const std::filesystem::path& candidate) {
+  const auto [root_rest, candidate_rest] =
+      std::mismatch(root.begin(), root.end(), candidate.begin(), candidate.end(), IsSameFolded);
+  return root_rest == root.end() && candidate_rest != candidate.end();
+}
+
+bool RenameWithRetry(const std::filesystem::path& from, const std::filesystem::path& to,
+                     std::error_code& error_code, const RetrySleep& sleep) {
+  for (int retries = 0;; ++retries) {
+    if (fs::Rename(from, to, error_code)) return true;
+    if (retries == kRenameRetries || !MayPassSoon(error_code)) return false;
+    sleep(kRenameRetryDelay);
+  }
+}
+
+bool CommitExtractionDirectory(const std::filesystem::path& stage_dir,
+                               const std::filesystem::path& destination, std::string* error,
+                               const RetrySleep& sleep) {
+  std::error_code code;
+  const fs::EntryKind kind = fs::KindOf(destination, fs::Links::kDoNotFollow, code);
+  if (kind == fs::EntryKind::kUnknown) {
+    return Fail(error, "Cannot inspect extraction destination: ", code);
+  }
+  if (kind == fs::EntryKind::kNotFound) {
+    return RenameWithRetry(stage_dir, destination, code, sleep) ||
+           Fail(error, "Cannot finalize extraction directory: ", FormatFileError(code));
+  }
+  std::filesystem::path backup_dir;
+  if (!CreateUniqueSiblingDirectory(destination, ".qorva-zip-backup", backup_dir, error)) {
+    return false;
+  }
+  const std::filesystem::path previous = backup_dir / "previous";
+  if (!RenameWithRetry(destination, previous, code, sleep)) {
+    std::error_code ignored;
+    fs::Remove(backup_dir, ignored);
+    return Fail(error, "Cannot stage previous extraction directory: ", FormatFileError(code));
+  }
+  if (RenameWithRetry(stage_dir, destination, code, sleep)) {
+    RemoveOldBackup(backup_dir);
+    return true;
+  }
+  const bool rolled_back = RollBack(backup_dir, previous, destination, code, error, sleep);
+  RemoveTreeIfPossible(stage_dir);
+  return rolled_back;
+}
+
+}  // namespace zul

@@ -1,0 +1,39 @@
+#pragma once
+
+// The second pass over an archive that a scan has accepted. It trusts the scan's records and
+// nothing else of the first pass: each entry is read again and must be the one that was judged, and
+// each path is resolved again when it is used.
+
+#include <cstddef>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+
+#include "package/zip_scan.h"
+
+namespace zul {
+
+/// What lives for one pass.
+struct ExtractionPass {
+  static constexpr std::size_t kBufferBytes = 1048576;
+
+  /// Directories that this pass created, relative to the stage, UTF-8, `/` separators.
+  std::unordered_set<std::string> created_dirs;
+  std::unique_ptr<std::byte[]> buffer = std::make_unique<std::byte[]>(kBufferBytes);
+};
+
+/// Extracts the entries of `scan` from the archive at `archive_path` (UTF-8) into `stage_dir`.
+/// After a failure the stage holds what was complete before it. `error` may be null.
+[[nodiscard]] bool ExtractScannedEntries(std::string_view archive_path, const ZipScanResult& scan,
+                                         const std::filesystem::path& stage_dir,
+                                         std::string* error);
+
+/// Extracts the entry that `reader` has reached, which is `record`. A file that was not written to
+/// its end, or whose data is not what was declared, does not stay. `error` may be null.
+[[nodiscard]] bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record,
+                                   const std::filesystem::path& stage_dir, ExtractionPass& pass,
+                                   std::string* error);
+
+}  // namespace zul

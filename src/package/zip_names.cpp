@@ -1,0 +1,137 @@
+#include "package/zip_names.h"
+
+#include <zlib.h>
+
+#include <algorithm>
+#include <cstddef>
+
+#include "core/text.h"
+
+namespace zul {
+
+namespace {
+
+std::uint64_t LittleEndian(std::string_view bytes, std::size_t at, std::size_t width) {
+  std::uint64_t value = 0;
+  for (std::size_t i = width; i > 0; --i) {
+    value = value << 8 | static_cast<unsigned char>(bytes[at + i - 1]);
+  }
+  return value;
+}
+
+// The name in an Info-ZIP Unicode path record (APPNOTE 4.6.9): version 1, CRC-32 of the name field
+// that it stands for, UTF-8 name. Empty when the record does not speak for `raw`.
+std::string_view UnicodePathOf(const ZipExtraRecord& record, std::string_view raw) {
+  constexpr std::uint16_t kUnicodePathId = 0x7075;
+  constexpr std::size_t kFixedPart = 5;
+  if (record.id != kUnicodePathId || record.data.size() < kFixedPart || record.data[0] != 1) {
+    return {};
+  }
+  const auto raw_crc =
+      crc32(0, reinterpret_cast<const Bytef*>(raw.data()), static_cast<uInt>(raw.size()));
+  if (LittleEndian32(record.data, 1) != raw_crc) return {};
+  const std::string_view name = record.data.substr(kFixedPart);
+  const bool usable = IsValidUtf8(name) && name.find('\0') == std::string_view::npos;
+  return usable ? name : std::string_view();
+}
+
+// CON, COM1 and the like are devices in every directory and with every extension. Windows takes
+// the superscript digits of Latin-1 for digits here.
+bool IsReservedName(std::string_view component) {
+  std::string_view stem = component.substr(0, component.find('.'));
+  while (!stem.empty() && stem.back() == ' ') stem.remove_suffix(1);
+  const std::string name = AsciiLower(stem);
+  if (name == "con" || name == "prn" || name == "aux" || name == "nul") return true;
+  if (!name.starts_with("com") && !name.starts_with("lpt")) return false;
+  const std::string_view port = std::string_view(name).substr(3);
+  if (port.size() == 1) return port[0] >= '1' && port[0] <= '9';
+  return port == "\u00B9" || port == "\u00B2" || port == "\u00B3";
+}
+
+bool IsForbiddenInName(char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  return byte < 0x20 || byte == 0x7F || std::string_view("\"*:<>?|").find(c) != std::string::npos;
+}
+
+bool IsSafeComponent(std::string_view component) {
+  if (component.empty() || component == "." || component == "..") return false;
+  if (component.back() == ' ' || component.back() == '.') return false;
+  if (std::any_of(component.begin(), component.end(), IsForbiddenInName)) return false;
+  return !IsReservedName(component);
+}
+
+bool StartsWithDrive(std::string_view path) {
+  if (path.size() < 2 || path[1] != ':') return false;
+  const char letter = AsciiLower(path[0]);
+  return letter >= 'a' && letter <= 'z';
+}
+
+// Calls `accept` for each part between `/`, empty ones included, until it says no.
+template <typename Accept>
+bool ForEachComponent(std::string_view path, Accept accept) {
+  for (;;) {
+    const std::size_t slash = path.find('/');
+    if (!accept(path.substr(0, slash))) return false;
+    if (slash == std::string_view::npos) return true;
+    path.remove_prefix(slash + 1);
+  }
+}
+
+}  // namespace
+
+std::uint16_t LittleEndian16(std::string_view bytes, std::size_t at) {
+  return static_cast<std::uint16_t>(LittleEndian(bytes, at, 2));
+}
+
+std::uint32_t LittleEndian32(std::string_view bytes, std::size_t at) {
+  return static_cast<std::uint32_t>(LittleEndian(bytes, at, 4));
+}
+
+std::uint64_t LittleEndian64(std::string_view bytes, std::size_t at) {
+  return LittleEndian(bytes, at, 8);
+}
+
+std::optional<ZipExtraRecord> TakeZipExtraRecord(std::string_view& rest) {
+  constexpr std::size_t kHeaderBytes = 4;
+  if (rest.size() < kHeaderBytes) return std::nullopt;
+  const std::size_t size = LittleEndian16(rest, 2);
+  if (size > rest.size() - kHeaderBytes) return std::nullopt;
+  const ZipExtraRecord record{LittleEndian16(rest, 0), rest.substr(kHeaderBytes, size)};
+  rest.remove_prefix(kHeaderBytes + size);
+  return record;
+}
+
+DecodedZipName DecodeZipEntryName(std::string_view raw, std::string_view extra) {
+  if (IsValidUtf8(raw)) return {std::string(raw), false};
+  while (const auto record = TakeZipExtraRecord(extra)) {
+    const std::string_view name = UnicodePathOf(*record, raw);
+    if (!name.empty()) return {std::string(name), true};
+  }
+  LegacyZipName cp866 = DecodeLegacyZipName(raw, LegacyCodePage::kCp866);
+  LegacyZipName windows1251 = DecodeLegacyZipName(raw, LegacyCodePage::kWindows1251);
+  const bool take_windows1251 = windows1251.score > cp866.score;
+  return {std::move(take_windows1251 ? windows1251.name : cp866.name), false};
+}
+
+bool IsZipDirectoryName(std::string_view name) {
+  return name.ends_with('/') || name.ends_with('\\');
+}
+
+bool NormalizeZipEntryPath(std::string_view name, bool is_directory, std::string& path) {
+  path.assign(name);
+  std::replace(path.begin(), path.end(), '\\', '/');
+  if (path.ends_with('/') != is_directory) return false;
+  if (is_directory) path.pop_back();
+  if (path.starts_with('/') || StartsWithDrive(path)) return false;
+  return ForEachComponent(path, IsSafeComponent);
+}
+
+bool IsArchiveMetadataPath(std::string_view path) {
+  std::string folded = AsciiLower(path);
+  std::replace(folded.begin(), folded.end(), '\\', '/');
+  return !ForEachComponent(folded, [](std::string_view component) {
+    return component != "__macosx" && component != ".ds_store" && !component.starts_with("._");
+  });
+}
+
+}  // namespace zul

@@ -1,0 +1,291 @@
+#include "package/zip_reader.h"
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+#include <vector>
+
+// minizip-ng's headers use these without including them.
+#include <mz.h>
+#include <mz_strm.h>
+#include <mz_zip.h>
+#include <stdint.h>
+#include <time.h>
+#include <zlib.h>
+
+#include "package/failure.h"
+#include "package/zip_names.h"
+#include "package/zip_stream.h"
+
+namespace zul {
+
+namespace {
+
+// Local file header, APPNOTE 4.3.7: the offsets of its fields and its length without the name and
+// the extra field.
+constexpr std::uint32_t kLocalHeaderSignature = 0x04034B50;
+constexpr std::size_t kLocalFlags = 6;
+constexpr std::size_t kLocalMethod = 8;
+constexpr std::size_t kLocalCrc = 14;
+constexpr std::size_t kLocalCompressedSize = 18;
+constexpr std::size_t kLocalUncompressedSize = 22;
+constexpr std::size_t kLocalNameLength = 26;
+constexpr std::size_t kLocalExtraLength = 28;
+constexpr std::size_t kLocalHeaderBytes = 30;
+
+// End of central directory record, APPNOTE 4.3.16.
+constexpr std::uint32_t kEndRecordSignature = 0x06054B50;
+constexpr std::size_t kEndRecordBytes = 22;
+constexpr std::size_t kEndRecordCommentLength = 20;
+constexpr std::int64_t kEndRecordAndCommentMax = 65557;
+
+// Zip64 extended information, APPNOTE 4.5.3: it holds, in this order, the 64-bit value of each size
+// whose 32-bit field is all ones.
+void ResolveZip64Sizes(ZipHeaderFields& header) {
+  constexpr std::uint16_t kZip64Id = 1;
+  std::string_view rest = header.extra;
+  while (const auto record = TakeZipExtraRecord(rest)) {
+    if (record->id != kZip64Id) continue;
+    std::string_view values = record->data;
+    for (std::int64_t* size : {&header.uncompressed_size, &header.compressed_size}) {
+      if (*size != UINT32_MAX || values.size() < 8) continue;
+      *size = static_cast<std::int64_t>(LittleEndian64(values, 0));
+      values.remove_prefix(8);
+    }
+  }
+}
+
+std::string_view Bytes(const void* data, std::size_t size) {
+  return {static_cast<const char*>(data), data ? size : 0};
+}
+
+void TakeFields(const mz_zip_file& info, ZipHeaderFields& header) {
+  header.flags = info.flag;
+  header.compression_method = info.compression_method;
+  header.crc32 = info.crc;
+  header.compressed_size = info.compressed_size;
+  header.uncompressed_size = info.uncompressed_size;
+  header.name = Bytes(info.filename, info.filename_size);
+  header.extra = Bytes(info.extrafield, info.extrafield_size);
+}
+
+}  // namespace
+
+struct ZipReader::State {
+  enum class Opened { kNothing, kLocalHeader, kData };
+
+  ~State() { CloseArchive(); }
+
+  void CloseArchive() {
+    if (!zip) return;
+    mz_zip_close(zip);
+    mz_zip_delete(&zip);
+  }
+
+  const mz_zip_file* Entry() const {
+    mz_zip_file* info = nullptr;
+    return zip && mz_zip_entry_get_info(zip, &info) == MZ_OK ? info : nullptr;
+  }
+
+  ZipStatus ReadLocalHeader();
+  ZipStatus CheckExtent(std::int64_t data_begin, std::int64_t compressed_size);
+
+  ZipFileStream stream;
+  void* zip = nullptr;
+  std::int64_t directory_begin = 0;  // known from the first step of the walk on
+  Opened opened = Opened::kNothing;
+  ZipHeaderFields local;
+  std::string local_bytes;  // name and extra field of a header that was read by itself
+  ZipExtent extent;
+  std::uint32_t crc = 0;
+  bool read_to_end = false;
+};
+
+// The library reads a local header only together with setting up a decompressor, which costs many
+// times as much. So the walk over all headers reads them itself.
+ZipStatus ZipReader::State::ReadLocalHeader() {
+  if (const ZipStatus status = mz_zip_entry_seek_local_header(zip); status != kZipOk) return status;
+  extent.begin = stream.position();
+  char bytes[kLocalHeaderBytes];
+  if (const ZipStatus status = stream.ReadExactly(bytes, sizeof bytes); status != kZipOk) {
+    return status;
+  }
+  const std::string_view fixed(bytes, sizeof bytes);
+  if (LittleEndian32(fixed, 0) != kLocalHeaderSignature) return kZipFormatError;
+  local.flags = LittleEndian16(fixed, kLocalFlags);
+  local.compression_method = LittleEndian16(fixed, kLocalMethod);
+  local.crc32 = LittleEndian32(fixed, kLocalCrc);
+  local.compressed_size = LittleEndian32(fixed, kLocalCompressedSize);
+  local.uncompressed_size = LittleEndian32(fixed, kLocalUncompressedSize);
+  const std::size_t name_length = LittleEndian16(fixed, kLocalNameLength);
+  local_bytes.resize(name_length + LittleEndian16(fixed, kLocalExtraLength));
+  if (const ZipStatus status =
+          stream.ReadExactly(local_bytes.data(), static_cast<std::int32_t>(local_bytes.size()));
+      status != kZipOk) {
+    return status;
+  }
+  local.name = std::string_view(local_bytes).substr(0, name_length);
+  local.extra = std::string_view(local_bytes).substr(name_length);
+  ResolveZip64Sizes(local);
+  return kZipOk;
+}
+
+// An entry lies before the central directory. One that reaches into it, or past the end of the
+// file, is no entry.
+ZipStatus ZipReader::State::CheckExtent(std::int64_t data_begin, std::int64_t compressed_size) {
+  if (data_begin > directory_begin || compressed_size > directory_begin - data_begin) {
+    return kZipFormatError;
+  }
+  extent.end = data_begin + compressed_size;
+  return kZipOk;
+}
+
+ZipReader::ZipReader() = default;
+ZipReader::~ZipReader() = default;
+ZipReader::ZipReader(ZipReader&&) noexcept = default;
+ZipReader& ZipReader::operator=(ZipReader&&) noexcept = default;
+
+// The interface of the library that opens files by itself is not used: it inflates an entry of a
+// certain name into memory before anyone could look at it, and opens sibling files for other disks.
+ZipStatus ZipReader::Open(std::string_view utf8_path) {
+  state_ = std::make_unique<State>();
+  ZipStatus status = state_->stream.Open(std::string(utf8_path));
+  if (status != kZipOk) return status;
+  state_->zip = mz_zip_create();
+  if (!state_->zip) return kZipMemoryError;
+  mz_zip_set_recover(state_->zip, 0);
+  status = mz_zip_open(state_->zip, state_->stream.library_stream(), MZ_OPEN_MODE_READ);
+  if (status != kZipOk) state_->CloseArchive();
+  return status;
+}
+
+bool ZipReader::is_open() const {
+  return state_ && state_->zip;
+}
+
+bool ZipReader::HasZipEndRecord() {
+  if (!state_) return false;
+  ZipFileStream& stream = state_->stream;
+  std::vector<char> tail(
+      static_cast<std::size_t>(std::min(stream.size(), kEndRecordAndCommentMax)));
+  if (tail.size() < kEndRecordBytes) return false;
+  if (stream.Seek(stream.size() - static_cast<std::int64_t>(tail.size())) != kZipOk) return false;
+  if (stream.ReadExactly(tail.data(), static_cast<std::int32_t>(tail.size())) != kZipOk)
+    return false;
+  const std::string_view bytes(tail.data(), tail.size());
+  for (std::size_t at = bytes.size() - kEndRecordBytes + 1; at-- > 0;) {
+    if (LittleEndian32(bytes, at) != kEndRecordSignature) continue;
+    const std::size_t comment_length = LittleEndian16(bytes, at + kEndRecordCommentLength);
+    if (at + kEndRecordBytes + comment_length == bytes.size()) return true;
+  }
+  return false;
+}
+
+std::int64_t ZipReader::file_size() const {
+  return state_ ? state_->stream.size() : 0;
+}
+
+ZipStatus ZipReader::DeclaredEntryCount(std::uint64_t* count) const {
+  return is_open() ? mz_zip_get_number_entry(state_->zip, count) : kZipBadParameter;
+}
+
+ZipStatus ZipReader::DiskWithCentralDirectory(std::uint32_t* disk_number) const {
+  return is_open() ? mz_zip_get_disk_number_with_cd(state_->zip, disk_number) : kZipBadParameter;
+}
+
+ZipStatus ZipReader::GoToFirstEntry() {
+  if (!is_open()) return kZipBadParameter;
+  const ZipStatus status = mz_zip_goto_first_entry(state_->zip);
+  state_->directory_begin = mz_zip_get_entry(state_->zip);
+  return status;
+}
+
+ZipStatus ZipReader::GoToNextEntry() {
+  return is_open() ? mz_zip_goto_next_entry(state_->zip) : kZipBadParameter;
+}
+
+bool ZipReader::CentralHeader(ZipCentralHeader* header) const {
+  const mz_zip_file* info = is_open() ? state_->Entry() : nullptr;
+  if (!info || !info->filename) return false;
+  TakeFields(*info, *header);
+  header->aes_version = info->aes_version;
+  header->disk_number = info->disk_number;
+  header->local_header_offset = info->disk_offset;
+  return true;
+}
+
+ZipStatus ZipReader::OpenLocalHeader() {
+  const mz_zip_file* entry = is_open() ? state_->Entry() : nullptr;
+  if (!entry) return kZipBadParameter;
+  ZipStatus status = state_->ReadLocalHeader();
+  if (status == kZipOk) {
+    status = state_->CheckExtent(state_->stream.position(), entry->compressed_size);
+  }
+  if (status == kZipOk) state_->opened = State::Opened::kLocalHeader;
+  return status;
+}
+
+ZipStatus ZipReader::OpenEntry() {
+  const mz_zip_file* entry = is_open() ? state_->Entry() : nullptr;
+  if (!entry) return kZipBadParameter;
+  ZipStatus status = mz_zip_entry_read_open(state_->zip, 0, nullptr);
+  if (status != kZipOk) return status;
+  state_->opened = State::Opened::kData;
+  state_->crc = 0;
+  state_->read_to_end = false;
+  mz_zip_file* local = nullptr;
+  status = mz_zip_entry_get_local_info(state_->zip, &local);
+  if (status == kZipOk) {
+    TakeFields(*local, state_->local);
+    status = state_->CheckExtent(state_->stream.position(), entry->compressed_size);
+  }
+  if (status != kZipOk) (void)CloseEntry();
+  return status;
+}
+
+const ZipHeaderFields* ZipReader::local_header() const {
+  return state_ && state_->opened != State::Opened::kNothing ? &state_->local : nullptr;
+}
+
+ZipExtent ZipReader::extent() const {
+  return state_ ? state_->extent : ZipExtent();
+}
+
+std::int32_t ZipReader::ReadEntry(void* buffer, std::int32_t size_bytes) {
+  if (!is_open() || state_->opened != State::Opened::kData) return kZipBadParameter;
+  const std::int32_t read = mz_zip_entry_read(state_->zip, buffer, size_bytes);
+  if (read == 0) state_->read_to_end = true;
+  if (read > 0) {
+    state_->crc = static_cast<std::uint32_t>(
+        crc32(state_->crc, static_cast<const Bytef*>(buffer), static_cast<uInt>(read)));
+  }
+  return read;
+}
+
+ZipStatus ZipReader::CloseEntry() {
+  if (!is_open() || state_->opened == State::Opened::kNothing) return kZipBadParameter;
+  const auto opened = std::exchange(state_->opened, State::Opened::kNothing);
+  if (opened == State::Opened::kLocalHeader) return kZipOk;
+  void* decompressor = nullptr;
+  std::int64_t bytes_taken = 0;
+  if (mz_zip_entry_get_compress_stream(state_->zip, &decompressor) == MZ_OK) {
+    mz_stream_get_prop_int64(decompressor, MZ_STREAM_PROP_TOTAL_IN, &bytes_taken);
+  }
+  const ZipStatus status = mz_zip_entry_close(state_->zip);
+  const mz_zip_file* entry = state_->Entry();
+  if (status != kZipOk || !state_->read_to_end || !entry) return status;
+  if (state_->crc != entry->crc) return kZipCrcError;
+  return bytes_taken == entry->compressed_size ? kZipOk : kZipDataError;
+}
+
+bool OpenZipReader(std::string_view archive_path, ZipReader& reader, std::string* error) {
+  reader = ZipReader();
+  const ZipStatus status = reader.Open(archive_path);
+  if (status == kZipOk) return true;
+  if (status == kZipMemoryError) return Fail(error, "cannot allocate ZIP reader");
+  if (status == kZipOpenError) return Fail(error, "cannot open ZIP");
+  if (!reader.HasZipEndRecord()) return Fail(error, "ZIP end record not found");
+  return Fail(error, "invalid ZIP central directory: ", ZipStatusText(status));
+}
+
+}  // namespace zul
