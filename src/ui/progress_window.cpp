@@ -1,1 +1,143 @@
-// to be written
+#include "ui/progress_window.h"
+
+#include <array>
+#include <charconv>
+#include <utility>
+
+#include "core/text.h"
+
+namespace zul {
+
+namespace {
+
+constexpr std::chrono::milliseconds kPaintInterval{250};
+
+/// For our own texts, which are ASCII, and for callers' texts, of which a malformed one shows as
+/// nothing.
+std::wstring Widen(std::string_view text) {
+  return Utf8ToWide(text).value_or(std::wstring());
+}
+
+/// Share of `whole` in percent, at most 100; -1 when the whole is unknown.
+int PercentOf(std::uint64_t part, std::uint64_t whole) {
+  if (whole == 0) return -1;
+  if (part >= whole) return 100;
+  constexpr std::uint64_t kSafe = UINT64_MAX / 100;
+  return static_cast<int>(part > kSafe ? part / (whole / 100) : part * 100 / whole);
+}
+
+std::string FormatFigures(std::uint64_t downloaded, std::uint64_t total, std::uint64_t rate) {
+  std::string text = FormatByteCount(downloaded);
+  text += total > 0 ? " of " + FormatByteCount(total) : " downloaded";
+  if (rate > 0) text += "  (" + FormatByteCount(rate) + "/s)";
+  return text;
+}
+
+}  // namespace
+
+UpdateProgressWindow::UpdateProgressWindow(std::unique_ptr<ProgressSurface> surface, Clock clock)
+    : surface_(std::move(surface)), clock_(std::move(clock)) {
+  if (!clock_) clock_ = [] { return std::chrono::steady_clock::now(); };
+}
+
+UpdateProgressWindow::~UpdateProgressWindow() {
+  surface_.reset();  // while the state that it draws still stands
+}
+
+void UpdateProgressWindow::set_status(std::string_view title, std::string_view detail,
+                                      int percent) {
+  surface_->EnsureCreated(*this);
+  title_ = Widen(title);
+  detail_ = Widen(detail);
+  figures_.clear();
+  downloaded_ = 0;
+  total_ = 0;
+  percent_ = percent;
+  surface_->Repaint();
+  surface_->PumpMessages();
+}
+
+void UpdateProgressWindow::set_download_progress(std::string_view source, std::uint64_t downloaded,
+                                                 std::uint64_t total,
+                                                 std::uint64_t bytes_per_second) {
+  surface_->EnsureCreated(*this);
+  if (source == "rf_fallback") {
+    title_ = L"Downloading update from RF mirror...";
+    detail_ = L"Primary server was unavailable. Using RF fallback.";
+  } else {
+    title_ = L"Downloading update...";
+    detail_ = L"Please wait while the update package is downloaded.";
+  }
+  downloaded_ = downloaded;
+  total_ = total;
+  percent_ = PercentOf(downloaded, total);
+  figures_ = Widen(FormatFigures(downloaded, total, bytes_per_second));
+  const auto now = clock_();
+  if (PaintIsDue(now)) {
+    painted_ = true;
+    last_paint_time_ = now;
+    last_paint_downloaded_ = downloaded_;
+    last_paint_percent_ = percent_;
+    surface_->Repaint();
+  }
+  surface_->PumpMessages();
+}
+
+bool UpdateProgressWindow::PaintIsDue(std::chrono::steady_clock::time_point now) const {
+  const bool finished = total_ > 0 && downloaded_ >= total_;
+  if (!painted_ || finished) return true;
+  const bool changed = percent_ != last_paint_percent_ || downloaded_ != last_paint_downloaded_;
+  return changed && now - last_paint_time_ >= kPaintInterval;
+}
+
+void UpdateProgressWindow::set_force_close_available(bool visible) {
+  surface_->EnsureCreated(*this);
+  const bool changed = force_visible_ != visible;
+  force_visible_ = visible;
+  if (!visible) force_requested_ = false;
+  surface_->RefreshButton();
+  if (changed) surface_->Repaint();  // the figures make room for the button
+  surface_->PumpMessages();
+}
+
+void UpdateProgressWindow::PumpMessages() {
+  surface_->PumpMessages();
+}
+
+void UpdateProgressWindow::Destroy() {
+  surface_->DestroyWindow();
+}
+
+void UpdateProgressWindow::PressForceClose() {
+  if (!force_visible_) return;
+  force_requested_ = true;
+  surface_->RefreshButton();
+}
+
+std::wstring_view UpdateProgressWindow::shown_title() const {
+  return title_.empty() ? std::wstring_view(L"Preparing update...") : title_;
+}
+
+std::wstring UpdateProgressWindow::percent_text() const {
+  return percent_ < 0 ? L"Working..." : std::to_wstring(shown_percent()) + L"%";
+}
+
+const wchar_t* UpdateProgressWindow::force_button_text() const {
+  return force_requested_ ? L"Closing..." : L"Force close QORVA";
+}
+
+std::string FormatByteCount(std::uint64_t bytes) {
+  constexpr std::array<const char*, 3> kUnits = {" KB", " MB", " GB"};
+  if (bytes < 1024) return std::to_string(bytes) + " B";
+  std::size_t unit = 0;
+  double value = static_cast<double>(bytes) / 1024;
+  std::uint64_t limit = 1024 * 1024;  // of the unit at hand, so that rounding never picks the unit
+  for (; unit + 1 < kUnits.size() && bytes >= limit; ++unit, limit *= 1024) value /= 1024;
+  std::array<char, 32> digits{};
+  const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), value,
+                                 std::chars_format::fixed, 1)
+                       .ptr;
+  return std::string(digits.data(), end) + kUnits[unit];
+}
+
+}  // namespace zul
