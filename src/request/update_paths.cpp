@@ -13,6 +13,7 @@ namespace {
 
 constexpr std::string_view kTargetLabel = "Update target directory";
 constexpr std::string_view kRestartLabel = "Restart executable";
+constexpr std::string_view kRestartParentLabel = "Restart executable parent";
 
 bool Fail(std::string* error, std::string_view label, std::string_view rest = {}) {
   if (error != nullptr) error->assign(label).append(rest);
@@ -26,13 +27,13 @@ bool ToPath(std::string_view text, fs::Path& path, std::string* error, std::stri
   return true;
 }
 
-/// The path's place with every link resolved, as far as it exists.
-bool NormalizeUpdatePath(const fs::Path& path, fs::Path& out, std::string* error,
-                         std::string_view label) {
+/// Replaces `path` by its place with every link resolved, as far as it exists.
+bool NormalizeUpdatePath(fs::Path& path, std::string* error, std::string_view label) {
   std::error_code ec;
-  out = fs::Canonical(path, ec);
-  if (ec || out.empty()) out = fs::WeaklyCanonical(path, ec);
-  if (ec || out.empty()) return Fail(error, label, " path cannot be normalized.");
+  fs::Path resolved = fs::Canonical(path, ec);
+  if (ec || resolved.empty()) resolved = fs::WeaklyCanonical(path, ec);
+  if (ec || resolved.empty()) return Fail(error, label, " path cannot be normalized.");
+  path = std::move(resolved);
   return true;
 }
 
@@ -97,18 +98,16 @@ bool ValidateUpdatePaths(const UpdateRequest& request, std::string* error) {
   fs::Path target;
   fs::Path restart;
   if (!CheckPathTexts(request, target, restart, error)) return false;
-  if (!NormalizeUpdatePath(target, target, error, kTargetLabel)) return false;
-  if (!NormalizeUpdatePath(restart, restart, error, kRestartLabel)) return false;
+  if (!NormalizeUpdatePath(target, error, kTargetLabel)) return false;
+  if (!NormalizeUpdatePath(restart, error, kRestartLabel)) return false;
   if (!Is(fs::EntryKind::kDirectory, target)) {
     return Fail(error, "Update target directory must exist and be a directory.");
   }
   if (!Is(fs::EntryKind::kRegular, restart)) {
     return Fail(error, "Restart executable must exist and be a regular file.");
   }
-  fs::Path parent;
-  if (!NormalizeUpdatePath(restart.parent_path(), parent, error, "Restart executable parent")) {
-    return false;
-  }
+  fs::Path parent = restart.parent_path();
+  if (!NormalizeUpdatePath(parent, error, kRestartParentLabel)) return false;
   if (parent != target) {
     return Fail(error, "Restart executable must be directly inside the update target directory.");
   }
@@ -117,22 +116,18 @@ bool ValidateUpdatePaths(const UpdateRequest& request, std::string* error) {
 
 bool ResolveUpdaterHelper(std::string_view restart_exe, std::filesystem::path& helper_path,
                           std::string* error) {
-  const std::optional<fs::Path> restart_path = PathFromUtf8(restart_exe);
-  if (!restart_path || !IsApplicationImageName(FileNameOf(restart_exe))) {
+  std::optional<fs::Path> restart = PathFromUtf8(restart_exe);
+  if (!restart || !IsApplicationImageName(FileNameOf(restart_exe))) {
     return Fail(error, "Restart executable path is invalid.");
   }
-  fs::Path restart;
-  fs::Path folder;
-  if (!NormalizeUpdatePath(*restart_path, restart, error, kRestartLabel) ||
-      !NormalizeUpdatePath(restart.parent_path(), folder, error, "Restart executable parent")) {
-    return false;
-  }
-  const fs::Path found = FindUpdater(folder);
-  if (found.empty()) {
+  if (!NormalizeUpdatePath(*restart, error, kRestartLabel)) return false;
+  fs::Path folder = restart->parent_path();
+  if (!NormalizeUpdatePath(folder, error, kRestartParentLabel)) return false;
+  fs::Path helper = FindUpdater(folder);
+  if (helper.empty()) {
     return Fail(error, "Updater helper must be named qorva_updater.exe or zul_updater.exe.");
   }
-  fs::Path helper;
-  if (!NormalizeUpdatePath(found, helper, error, "Updater helper")) return false;
+  if (!NormalizeUpdatePath(helper, error, "Updater helper")) return false;
   if (!Is(fs::EntryKind::kRegular, helper)) {
     return Fail(error, "Updater helper must exist and be a regular file.");
   }
