@@ -1,0 +1,96 @@
+#include "tests/apply/installation.h"
+
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <utility>
+
+#include "core/text.h"
+#include "tests/apply/environment.h"
+#include "trace/chain_events.h"
+
+namespace zul::test {
+
+namespace {
+
+/// A window that nobody sees.
+class PumpOnly final : public ProgressSurface {
+ public:
+  explicit PumpOnly(std::function<void()> on_pump) : on_pump_(std::move(on_pump)) {}
+  void EnsureCreated(UpdateProgressWindow&) override {}
+  void Repaint() override {}
+  void RefreshButton() override {}
+  void PumpMessages() override {
+    if (on_pump_) on_pump_();
+  }
+  void DestroyWindow() override {}
+
+ private:
+  std::function<void()> on_pump_;
+};
+
+}  // namespace
+
+Snapshot TakeSnapshot(const fs::Path& root) {
+  Snapshot snapshot;
+  std::istringstream lines(ListTree(root));
+  for (std::string line; std::getline(lines, line);) {
+    const fs::Path path = root / PathFromUtf8(line).value();
+    std::error_code ec;
+    const fs::EntryKind kind = fs::KindOf(path, fs::Links::kDoNotFollow, ec);
+    snapshot[line] = kind == fs::EntryKind::kRegular ? ReadFile(path) : std::string();
+  }
+  return snapshot;
+}
+
+Installation::Installation() {
+  SetEnvironment("QORVA_CONFIG_HOME", PathToUtf8(folder / "config"));
+  std::error_code ec;
+  if (!fs::CreateDirectories(staged_root, ec) || !fs::CreateDirectories(target_root, ec)) {
+    throw std::system_error(ec);
+  }
+}
+
+Installation::~Installation() {
+  SetEnvironment("QORVA_CONFIG_HOME", {});
+}
+
+void Installation::Install(std::string_view name, std::string_view contents) {
+  WriteFile(target_root / PathFromUtf8(name).value(), contents);
+}
+
+void Installation::Stage(std::string_view name, std::string_view contents) {
+  WriteFile(staged_root / PathFromUtf8(name).value(), contents);
+}
+
+bool Installation::Apply(const ApplyFaultInjection& faults, std::function<void()> on_pump) {
+  // A destructor pumps too; that is none of the apply's.
+  auto hook = std::make_shared<std::function<void()>>(std::move(on_pump));
+  UpdateProgressWindow window(std::make_unique<PumpOnly>([hook] {
+    if (*hook) (*hook)();
+  }));
+  ApplyCloseContext context{&window, false};
+  error = "left over from an earlier stage";
+  const bool applied =
+      ApplyStagedUpdate(staged_root, target_root, 0, &context, false, &error, &outcome, &faults);
+  *hook = {};
+  return applied;
+}
+
+std::vector<std::string> Installation::Events() const {
+  std::vector<std::string> events;
+  const fs::Path log = PathFromUtf8(TraceLogPath()).value();
+  if (!Exists(log)) return events;
+  std::istringstream lines(ReadFile(log));
+  for (std::string line; std::getline(lines, line);) {
+    const auto object = nlohmann::json::parse(line);
+    std::string event = object.at("stage");
+    for (const char* key :
+         {"path", "rollback", "backup_root", "record_count", "failure_count", "error"}) {
+      if (object.contains(key)) event += std::string(" ") + key + "=" + std::string(object[key]);
+    }
+    events.push_back(std::move(event));
+  }
+  return events;
+}
+
+}  // namespace zul::test
