@@ -1,8 +1,8 @@
 #include "transfer/url_policy.h"
 
 #include <algorithm>
-#include <optional>
 #include <set>
+#include <utility>
 
 #include "core/deployment.h"
 #include "core/text.h"

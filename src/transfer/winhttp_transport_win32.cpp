@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <cstddef>
+#include <utility>
 
 #include "core/handle_win32.h"
 #include "core/text.h"
