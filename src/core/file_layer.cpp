@@ -10,22 +10,6 @@ namespace {
 
 constexpr std::size_t kCopyBufferBytes = std::size_t{1} << 20;
 
-/// Copies what is left of `from`. The buffer is as large as the file, within limits, plus one byte,
-/// so that a small file takes one read and one that tells the end.
-bool CopyContents(File& from, File& to, std::error_code& ec) {
-  std::uint64_t size = 0;
-  if (!from.Size(&size, ec)) return false;
-  const auto buffer_size =
-      static_cast<std::size_t>(std::clamp<std::uint64_t>(size + 1, 4096, kCopyBufferBytes));
-  const auto buffer = std::make_unique_for_overwrite<char[]>(buffer_size);
-  for (;;) {
-    std::size_t read = 0;
-    if (!from.Read(buffer.get(), buffer_size, &read, ec)) return false;
-    if (read == 0) return true;
-    if (!WriteAll(to, buffer.get(), read, ec)) return false;
-  }
-}
-
 }  // namespace
 
 File::~File() {
@@ -52,6 +36,22 @@ bool WriteAll(File& file, const void* data, std::size_t size, std::error_code& e
     size -= written;
   }
   return true;
+}
+
+bool CopyContents(File& from, File& to, std::error_code& ec) {
+  std::uint64_t size = 0;
+  if (!from.Size(&size, ec)) return false;
+  // As large as the file, within limits, and a byte more: a small file takes one read and one that
+  // tells the end.
+  const auto buffer_size =
+      static_cast<std::size_t>(std::clamp<std::uint64_t>(size + 1, 4096, kCopyBufferBytes));
+  const auto buffer = std::make_unique_for_overwrite<char[]>(buffer_size);
+  for (;;) {
+    std::size_t read = 0;
+    if (!from.Read(buffer.get(), buffer_size, &read, ec)) return false;
+    if (read == 0) return true;
+    if (!WriteAll(to, buffer.get(), read, ec)) return false;
+  }
 }
 
 bool CreateDirectories(const Path& path, std::error_code& ec) {

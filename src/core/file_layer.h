@@ -96,6 +96,9 @@ enum class NewFileAccess { kWrite, kReadWrite };
 /// Writes all of `data`. A call of the system that writes nothing counts as a failure with code 0.
 [[nodiscard]] bool WriteAll(File& file, const void* data, std::size_t size, std::error_code& ec);
 
+/// Copies what is left of `from` to where `to` stands. Fails as `Read` and `WriteAll` do.
+[[nodiscard]] bool CopyContents(File& from, File& to, std::error_code& ec);
+
 // ---------------------------------------------------------------------------------------------
 // What is there
 
@@ -194,8 +197,8 @@ enum class CreateResult { kCreated, kExisted, kFailed };
 
 enum class Overwrite { kNo, kYes };
 
-/// Copies the contents of one file. With Overwrite::kNo an existing target is an error and is not
-/// touched. After a failure a partial target may remain.
+/// Copies the contents, last-write time and attributes of one file. With Overwrite::kNo an existing
+/// target is an error and is not touched. After a failure a partial target may remain.
 [[nodiscard]] bool CopyFileTo(const Path& from, const Path& to, Overwrite overwrite,
                               std::error_code& ec);
 

@@ -114,13 +114,18 @@ File OpenForAppend(const Path& path, std::error_code& ec) {
 }
 
 bool CopyFileTo(const Path& from, const Path& to, Overwrite overwrite, std::error_code& ec) {
-  const auto options = overwrite == Overwrite::kYes
-                           ? std::filesystem::copy_options::overwrite_existing
-                           : std::filesystem::copy_options::none;
-  const bool copied = std::filesystem::copy_file(from, to, options, ec);
-  // The library reports errno in the generic category.
-  if (ec) ec = SystemError(static_cast<unsigned long>(ec.value()));
-  return copied;
+  // Not std::filesystem::copy_file: it reports a full volume as an input/output error.
+  File source = OpenForRead(from, ec);
+  if (ec) return false;
+  if (overwrite == Overwrite::kYes && IsSameFile(from, to, ec)) {
+    ec = SystemError(EEXIST);  // opening the target would empty the source
+    return false;
+  }
+  File target = overwrite == Overwrite::kYes ? CreateTruncatedFile(to, ec)
+                                             : CreateNewFile(to, NewFileAccess::kWrite, ec);
+  if (ec) return false;
+  return CopyContents(source, target, ec) && target.TakeTimeAndAttributes(source, ec) &&
+         target.Close(ec);
 }
 
 }  // namespace zul::fs

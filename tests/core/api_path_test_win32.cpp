@@ -1,0 +1,39 @@
+#include <gtest/gtest.h>
+
+#include "core/api_path_win32.h"
+
+namespace zul::fs {
+namespace {
+
+TEST(ApiPath, IsVerbatimAndNormalForAbsolutePathsOnly) {
+  const struct {
+    const wchar_t* path;
+    const wchar_t* expected;
+    std::size_t root_length;
+  } cases[] = {
+      {L"C:\\", L"\\\\?\\C:\\", 7},
+      {L"c:/a//b\\.\\c/", L"\\\\?\\c:\\a\\b\\c", 7},
+      {L"C:\\a\\..\\..\\..\\b", L"\\\\?\\C:\\b", 7},
+      {L"C:\\a\\..", L"\\\\?\\C:\\", 7},
+      {L"C:\\a...\\..b\\nul", L"\\\\?\\C:\\a...\\..b\\nul", 7},
+      {L"\\\\server\\share", L"\\\\?\\UNC\\server\\share\\", 21},
+      {L"//server/share/a/../../b", L"\\\\?\\UNC\\server\\share\\b", 21},
+      {L"\\\\?\\C:\\a\\..\\b", L"\\\\?\\C:\\a\\..\\b", 7},
+      {L"\\\\.\\pipe\\x", L"\\\\.\\pipe\\x", 0},
+      {L"a\\..\\b", L"a\\..\\b", 0},
+      {L"C:a", L"C:a", 0},
+      {L"\\a", L"\\a", 0},
+      {L"", L"", 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::filesystem::path(c.path));
+    const std::wstring api_path = ApiPath(c.path);
+    EXPECT_EQ(api_path, c.expected);
+    EXPECT_EQ(ApiRootLength(api_path), c.root_length);
+  }
+  EXPECT_EQ(PathFromApi(L"\\\\?\\UNC\\server\\share\\b"), L"\\\\server\\share\\b");
+  EXPECT_EQ(PathFromApi(L"\\\\?\\C:\\b"), L"C:\\b");
+}
+
+}  // namespace
+}  // namespace zul::fs

@@ -1,0 +1,487 @@
+#include "core/file_layer.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "core/system_error.h"
+#include "core/text.h"
+#include "tests/support/file_tricks.h"
+#include "tests/support/temp_folder.h"
+
+namespace zul::fs {
+namespace {
+
+using test::kOnWindows;
+using test::ListTree;
+using test::MakeLink;
+using test::ReadFile;
+using test::RunsUnderWine;
+using test::TempFolder;
+using test::WriteFile;
+
+#define REQUIRE_LINK(target, link) \
+  if (!MakeLink(target, link)) GTEST_SKIP() << "this user may not make links"
+
+// ---------------------------------------------------------------------------------------------
+// Open files
+
+TEST(FileLayer, OpenersDifferInWhatTheyDoToWhatIsThere) {
+  const TempFolder folder;
+  const auto open = [](int opener, const Path& path, std::error_code& ec) {
+    switch (opener) {
+      case 0:
+        return CreateNewFile(path, NewFileAccess::kWrite, ec);
+      case 1:
+        return CreateTruncatedFile(path, ec);
+      default:
+        return OpenForAppend(path, ec);
+    }
+  };
+  const struct {
+    int opener;
+    const char* over_existing;  ///< contents of "old" after writing "new"; null when refused
+  } cases[] = {{0, nullptr}, {1, "new"}, {2, "oldnew"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.opener);
+    for (const bool existing : {false, true}) {
+      const Path path = folder / (std::to_string(c.opener) + (existing ? "old" : "new"));
+      if (existing) WriteFile(path, "old");
+      std::error_code ec;
+      File file = open(c.opener, path, ec);
+      if (existing && c.over_existing == nullptr) {
+        EXPECT_FALSE(file.is_open());
+        EXPECT_TRUE(IsExistsError(ec)) << ec;
+        EXPECT_EQ(ReadFile(path), "old");
+        continue;
+      }
+      ASSERT_TRUE(file.is_open()) << ec;
+      EXPECT_FALSE(ec);
+      EXPECT_TRUE(WriteAll(file, "new", 3, ec) && file.Flush(ec) && file.Close(ec)) << ec;
+      EXPECT_TRUE(file.Close(ec));  // closed already: nothing to do
+      EXPECT_EQ(ReadFile(path), existing ? c.over_existing : "new");
+    }
+  }
+}
+
+TEST(FileLayer, AppendersShareAFileAndItsEnd) {
+  const TempFolder folder;
+  std::error_code ec;
+  File first = OpenForAppend(folder / "log", ec);
+  File second = OpenForAppend(folder / "log", ec);
+  ASSERT_TRUE(first.is_open() && second.is_open()) << ec;
+  for (File* file : {&first, &second, &first}) ASSERT_TRUE(WriteAll(*file, "ab", 2, ec)) << ec;
+  EXPECT_EQ(ReadFile(folder / "log"), "ababab");
+  std::uint64_t size = 0;
+  EXPECT_TRUE(second.Size(&size, ec));
+  EXPECT_EQ(size, 6u);
+}
+
+TEST(FileLayer, NewFileIsHeldExclusivelyOnWindows) {
+  const TempFolder folder;
+  std::error_code ec;
+  File held = CreateNewFile(folder / "f", NewFileAccess::kReadWrite, ec);
+  ASSERT_TRUE(held.is_open());
+  EXPECT_EQ(OpenForRead(folder / "f", ec).is_open(), !kOnWindows);
+  if (kOnWindows) {
+    EXPECT_TRUE(IsLockedOrDeniedError(ec)) << ec;
+    EXPECT_FALSE(Remove(folder / "f", ec));
+    EXPECT_TRUE(IsLockedOrDeniedError(ec)) << ec;
+    // Questions about it are answered nevertheless.
+    EXPECT_EQ(WeaklyCanonical(folder / "f", ec), folder / "f");
+    EXPECT_EQ(KindOf(folder / "f", Links::kFollow, ec), EntryKind::kRegular);
+  }
+  held = File();
+  EXPECT_TRUE(OpenForRead(folder / "f", ec).is_open()) << ec;
+}
+
+// ---------------------------------------------------------------------------------------------
+// What is there and where
+
+TEST(FileLayer, TellsKindsAndWhatAPathMeans) {
+  const TempFolder folder;
+  WriteFile(folder / "file", "x");
+  WriteFile(folder / "dir/inner", "x");
+  REQUIRE_LINK("file", folder / "to_file");
+  REQUIRE_LINK("dir", folder / "to_dir");
+  REQUIRE_LINK("nowhere", folder / "dangling");
+  const bool wine = RunsUnderWine();
+  using enum EntryKind;
+  const struct {
+    const char* path;
+    EntryKind followed;
+    EntryKind itself;
+    PathProbe::Kind probe;
+  } cases[] = {
+      {"file", kRegular, kRegular, PathProbe::kExists},
+      {"dir", kDirectory, kDirectory, PathProbe::kExists},
+      {"dir/", kDirectory, kDirectory, PathProbe::kExists},
+      {"dir/../file", kRegular, kRegular, PathProbe::kExists},
+      {"missing", kNotFound, kNotFound, PathProbe::kMissing},
+      {"missing/below", kNotFound, kNotFound, PathProbe::kMissing},
+      {"file/below", kNotFound, kNotFound, PathProbe::kMissing},
+      {"to_dir", kDirectory, kLink, PathProbe::kExists},
+      {"to_dir/inner", kRegular, kRegular, PathProbe::kExists},
+      // Wine shows a link to a file as the file, and a dangling one not at all.
+      {"to_file", kRegular, wine ? kRegular : kLink, PathProbe::kExists},
+      {"dangling", kNotFound, wine ? kNotFound : kLink,
+       wine ? PathProbe::kMissing : PathProbe::kUnresolvedReparsePoint},
+      {"dangling/below", kNotFound, kNotFound, PathProbe::kMissing},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.path);
+    std::error_code ec = SystemError(1);
+    EXPECT_EQ(KindOf(folder / c.path, Links::kFollow, ec), c.followed);
+    EXPECT_FALSE(ec) << ec;
+    ec = SystemError(1);
+    EXPECT_EQ(KindOf(folder / c.path, Links::kDoNotFollow, ec), c.itself);
+    EXPECT_FALSE(ec) << ec;
+    const PathProbe probe = ProbePath(folder / c.path);
+    EXPECT_EQ(probe.kind, c.probe);
+    EXPECT_EQ(probe.is_directory, c.probe == PathProbe::kExists && c.followed == kDirectory);
+    EXPECT_EQ(IsNotFoundError(probe.system_error), c.probe == PathProbe::kMissing);
+  }
+}
+
+TEST(FileLayer, WeaklyCanonicalResolvesWhatExistsAndAppendsTheRest) {
+  const TempFolder folder;
+  const TempFolder outside;
+  WriteFile(folder / "dir/file", "x");
+  WriteFile(outside / "secret", "x");
+  REQUIRE_LINK(outside.path(), folder / "dir/out");
+  REQUIRE_LINK("dir", folder / "to_dir");
+  REQUIRE_LINK("nowhere", folder / "dangling");
+  const Path inside = folder.path();
+  const Path& out = outside.path();
+  const struct {
+    std::string path;
+    Path expected;
+  } cases[] = {
+      {"dir/file", inside / "dir" / "file"},
+      {"dir/", inside / "dir"},
+      {"./dir/.//../dir/file", inside / "dir" / "file"},
+      {"dir/new/deep.txt", inside / "dir" / "new" / "deep.txt"},
+      {"new/", inside / "new"},
+      {"dir/file/below", inside / "dir" / "file" / "below"},
+      {"to_dir/file", inside / "dir" / "file"},
+      {"to_dir/new", inside / "dir" / "new"},
+      {"dir/out", out},
+      {"dir/out/secret", out / "secret"},
+      {"to_dir/out/new/x", out / "new" / "x"},
+      {"dir/out/./new", out / "new"},
+      // Behind what is missing "..", too, must not hide a link.
+      {"dir/new/../out/secret", out / "secret"},
+      {"missing/../to_dir/out", out},
+      {"dangling/x", inside / "dangling" / "x"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.path);
+    std::error_code ec = SystemError(1);
+    EXPECT_EQ(WeaklyCanonical(folder / c.path, ec), c.expected);
+    EXPECT_FALSE(ec) << ec;
+  }
+  std::error_code ec;
+  EXPECT_EQ(WeaklyCanonical("no-such-name/x", ec), CurrentDirectory(ec) / "no-such-name" / "x");
+  EXPECT_TRUE(WeaklyCanonical("", ec).empty());
+  EXPECT_TRUE(ec);
+  EXPECT_EQ(Canonical(folder / "to_dir/out/secret", ec), out / "secret");
+  EXPECT_TRUE(Canonical(folder / "new", ec).empty());
+  EXPECT_TRUE(IsNotFoundError(ec)) << ec;
+  if (kOnWindows) {
+    EXPECT_EQ(WeaklyCanonical(folder / "DIR/FILE", ec), inside / "dir" / "file");
+  }
+}
+
+TEST(FileLayer, MeasuresAndComparesEntries) {
+  const TempFolder folder;
+  WriteFile(folder / "a", "12345");
+  WriteFile(folder / "b", "12345");
+  REQUIRE_LINK(folder.path(), folder / "self");
+  std::error_code ec;
+  EXPECT_EQ(SizeOf(folder / "self/a", ec), 5u);
+  EXPECT_FALSE(ec);
+  EXPECT_EQ(SizeOf(folder.path(), ec), 0u);
+  EXPECT_TRUE(ec);
+  EXPECT_TRUE(IsSameFile(folder / "a", folder / "self/a", ec));
+  EXPECT_FALSE(IsSameFile(folder / "a", folder / "b", ec));
+  EXPECT_FALSE(ec);
+  EXPECT_FALSE(IsSameFile(folder / "a", folder / "missing", ec));
+  EXPECT_TRUE(IsNotFoundError(ec));
+  EXPECT_LE(std::chrono::abs(AgeOf(folder / "a", ec)), std::chrono::seconds(5));
+  EXPECT_FALSE(ec);
+  EXPECT_GT(AvailableSpace(folder.path(), ec), 0u);
+  EXPECT_EQ(AvailableSpace(folder / "missing", ec), 0u);
+  EXPECT_TRUE(ec);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Listing
+
+TEST(FileLayer, WalksInPreOrderAndNeverEntersALink) {
+  const TempFolder folder;
+  const TempFolder outside;
+  WriteFile(outside / "secret", "x");
+  for (const char* file : {"t/a/1", "t/a/b/2", "t/c/3", "t/4"}) WriteFile(folder / file, "x");
+  REQUIRE_LINK(outside.path(), folder / "t/a/out");
+  REQUIRE_LINK("..", folder / "t/c/up");
+  REQUIRE_LINK("t", folder / "to_t");
+  EXPECT_EQ(ListTree(folder / "t"), "4\na/\na/1\na/b/\na/b/2\na/out\nc/\nc/3\nc/up\n");
+  EXPECT_EQ(ListTree(folder / "to_t"), ListTree(folder / "t"));  // a root may be a link
+
+  TreeWalker walker(folder / "t");
+  DirectoryEntry entry;
+  std::error_code ec;
+  Path last_folder = folder / "t";
+  while (walker.Next(&entry, ec)) {
+    // Pre-order: the entry's folder is the last one entered or one above it.
+    const Path parent = entry.path.parent_path();
+    EXPECT_FALSE(last_folder.lexically_relative(parent).empty());
+    EXPECT_NE(*last_folder.lexically_relative(parent).begin(), "..");
+    last_folder = entry.kind == EntryKind::kDirectory ? entry.path : parent;
+    EXPECT_EQ(entry.kind == EntryKind::kLink,
+              entry.path.filename() == "out" || entry.path.filename() == "up");
+  }
+  EXPECT_FALSE(ec);
+  EXPECT_EQ(ListDirectory(folder / "t", ec).size(), 3u);
+
+  for (const Path& bad : {folder / "missing", folder / "t/4", Path()}) {
+    SCOPED_TRACE(PathToUtf8(bad));
+    TreeWalker none(bad);
+    EXPECT_FALSE(none.Next(&entry, ec));
+    EXPECT_TRUE(ec);
+    EXPECT_FALSE(none.Next(&entry, ec));
+    EXPECT_TRUE(ListDirectory(bad, ec).empty());
+    EXPECT_TRUE(ec);
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Changes
+
+TEST(FileLayer, CreatesFoldersAndTellsItsOwnFromOthers) {
+  const TempFolder folder;
+  WriteFile(folder / "file", "x");
+  std::error_code ec;
+  EXPECT_EQ(CreateDirectoryOnce(folder / "new", ec), CreateResult::kCreated);
+  for (const char* existing : {"new", "file"}) {
+    EXPECT_EQ(CreateDirectoryOnce(folder / existing, ec), CreateResult::kExisted);
+    EXPECT_TRUE(IsExistsError(ec)) << ec;
+  }
+  EXPECT_EQ(CreateDirectoryOnce(folder / "missing/new", ec), CreateResult::kFailed);
+  EXPECT_TRUE(IsNotFoundError(ec)) << ec;
+
+  for (const char* path : {"a/b/c", "a/b/c", "a/b/d/", "new", "e/../f/g"}) {
+    EXPECT_TRUE(CreateDirectories(folder / path, ec)) << path << ec;
+    EXPECT_FALSE(ec);
+  }
+  for (const char* path : {"file", "file/below"}) {
+    EXPECT_FALSE(CreateDirectories(folder / path, ec)) << path;
+    EXPECT_TRUE(ec);
+  }
+  EXPECT_FALSE(CreateDirectories({}, ec));
+  EXPECT_TRUE(ec);
+}
+
+TEST(FileLayer, ManyMayCreateOneFolderAtOnce) {
+  const TempFolder folder;
+  std::vector<std::jthread> threads;
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&] {
+      for (int n = 0; n < 20; ++n) {
+        std::error_code ec;
+        EXPECT_TRUE(CreateDirectories(folder / (std::to_string(n) + "/x/y"), ec)) << ec;
+      }
+    });
+  }
+}
+
+TEST(FileLayer, MovesDifferInWhatTheyDoToAnExistingTarget) {
+  const struct {
+    const char* name;
+    bool (*move)(const Path&, const Path&, std::error_code&);
+    bool replaces;
+  } moves[] = {{"Rename", Rename, false},
+               {"MoveToNewName", MoveToNewName, false},
+               {"MoveReplacing", MoveReplacing, true}};
+  for (const auto& m : moves) {
+    SCOPED_TRACE(m.name);
+    const TempFolder folder;
+    std::error_code ec;
+    WriteFile(folder / "from", "from");
+    WriteFile(folder / "to", "to");
+    WriteFile(folder / "dir/kept", "x");
+    EXPECT_TRUE(m.move(folder / "from", folder / "moved", ec)) << ec;
+    EXPECT_FALSE(ec);
+    EXPECT_FALSE(m.move(folder / "from", folder / "again", ec));
+    EXPECT_TRUE(IsNotFoundError(ec)) << ec;
+    EXPECT_FALSE(m.move(folder / "moved", folder / "missing/x", ec));
+    EXPECT_TRUE(IsNotFoundError(ec)) << ec;
+    EXPECT_FALSE(m.move(folder / "moved", folder / "dir", ec));
+    EXPECT_EQ(m.move(folder / "moved", folder / "to", ec), m.replaces);
+    if (!m.replaces) {
+      EXPECT_TRUE(IsExistsError(ec)) << ec;
+      EXPECT_EQ(ReadFile(folder / "moved"), "from");
+    }
+    EXPECT_EQ(ReadFile(folder / "to"), m.replaces ? "from" : "to");
+    EXPECT_EQ(ReadFile(folder / "dir/kept"), "x");
+  }
+  const TempFolder folder;
+  std::error_code ec;
+  WriteFile(folder / "a/file", "x");
+  EXPECT_TRUE(CreateDirectories(folder / "empty", ec));
+  EXPECT_FALSE(Rename(folder / "a", folder / "empty", ec));
+  EXPECT_TRUE(ec);
+  EXPECT_TRUE(Rename(folder / "a", folder / "b", ec)) << ec;
+  EXPECT_EQ(ListTree(folder.path()), "b/\nb/file\nempty/\n");
+}
+
+TEST(FileLayer, CopiesContentsTimeAndAttributes) {
+  const TempFolder folder;
+  std::string large((std::size_t{5} << 20) / 2, '\0');
+  for (std::size_t i = 0; i < large.size(); ++i) large[i] = static_cast<char>(i * 7 + i / 4096);
+  const struct {
+    const char* name;
+    bool (*copy)(const Path&, const Path&, std::error_code&);
+    bool overwrites;
+  } copies[] = {
+      {"durable", CopyFileDurably, false},
+      {"new",
+       [](const Path& a, const Path& b, std::error_code& ec) {
+         return CopyFileTo(a, b, Overwrite::kNo, ec);
+       },
+       false},
+      {"over",
+       [](const Path& a, const Path& b, std::error_code& ec) {
+         return CopyFileTo(a, b, Overwrite::kYes, ec);
+       },
+       true},
+  };
+  for (const auto& c : copies) {
+    SCOPED_TRACE(c.name);
+    const Path base = folder / c.name;
+    for (const std::string& contents : {std::string(), std::string("abc"), large}) {
+      const Path from = base / ("from" + std::to_string(contents.size()));
+      const Path to = base / ("to" + std::to_string(contents.size()));
+      WriteFile(from, contents);
+      std::error_code ec;
+      EXPECT_TRUE(c.copy(from, to, ec)) << ec;
+      EXPECT_TRUE(ReadFile(to) == contents);
+    }
+    WriteFile(base / "other", "other");
+    std::error_code ec;
+    EXPECT_EQ(c.copy(base / "from3", base / "other", ec), c.overwrites);
+    EXPECT_EQ(IsExistsError(ec), !c.overwrites) << ec;
+    EXPECT_EQ(ReadFile(base / "other"), c.overwrites ? "abc" : "other");
+    for (const char* bad : {"missing", "."}) {
+      EXPECT_FALSE(c.copy(base / bad, base / "none", ec)) << bad;
+      EXPECT_TRUE(ec);
+    }
+    if (!c.overwrites) {
+      test::MakeReadOnly(base / "from3");
+      EXPECT_TRUE(c.copy(base / "from3", base / "read-only", ec)) << ec;
+      EXPECT_TRUE(test::IsReadOnly(base / "read-only"));
+    }
+  }
+  // The copy is as old as its source.
+  std::error_code ec;
+  const Path old = folder / "old";
+  WriteFile(old, "x");
+  std::filesystem::last_write_time(
+      old, std::filesystem::file_time_type::clock::now() - std::chrono::hours(50));
+  ASSERT_TRUE(CopyFileDurably(old, folder / "old-copy", ec)) << ec;
+  EXPECT_NEAR(static_cast<double>(AgeOf(folder / "old-copy", ec).count()), 50 * 3600.0, 10);
+}
+
+TEST(FileLayer, RemovesOneEntryOrAWholeTree) {
+  const TempFolder folder;
+  std::error_code ec;
+  WriteFile(folder / "file", "x");
+  WriteFile(folder / "tree/a/b/file", "x");
+  test::MakeReadOnly(folder / "tree/a/b/file");
+  WriteFile(folder / "tree/c", "x");
+  ASSERT_TRUE(CreateDirectories(folder / "empty", ec));
+  EXPECT_FALSE(Remove(folder / "tree", ec));
+  EXPECT_TRUE(ec);
+  for (const char* path : {"file", "empty"}) EXPECT_TRUE(Remove(folder / path, ec)) << path << ec;
+  for (const char* path : {"file", "missing/below"}) {
+    EXPECT_FALSE(Remove(folder / path, ec)) << path;
+    EXPECT_FALSE(ec) << ec;
+    EXPECT_TRUE(RemoveTree(folder / path, ec)) << path << ec;
+  }
+  EXPECT_TRUE(RemoveTree(folder / "tree", ec)) << ec;
+  EXPECT_EQ(ListTree(folder.path()), "");
+}
+
+TEST(FileLayer, RemovesNoTreeThroughALink) {
+  const TempFolder folder;
+  const TempFolder outside;
+  WriteFile(outside / "kept/deep/file", "x");
+  for (const char* tree : {"a", "b"}) WriteFile(folder / tree / "sub/file", "x");
+  REQUIRE_LINK(outside.path(), folder / "a/sub/out");
+  REQUIRE_LINK("../../b", folder / "a/sub/sibling");
+  REQUIRE_LINK(outside.path(), folder / "direct");
+  std::error_code ec;
+  // A link under Wine cannot be removed at all, so there the folders above it stay as well.
+  EXPECT_EQ(RemoveTree(folder / "a", ec), !RunsUnderWine()) << ec;
+  EXPECT_EQ(RemoveTree(folder / "direct/", ec), !RunsUnderWine()) << ec;
+  EXPECT_EQ(ListTree(outside.path()), "kept/\nkept/deep/\nkept/deep/file\n");
+  EXPECT_EQ(ListTree(folder / "b"), "sub/\nsub/file\n");
+  if (RunsUnderWine()) {
+    EXPECT_EQ(ListTree(folder / "a"), "sub/\nsub/out\nsub/sibling\n");
+  } else {
+    EXPECT_EQ(ListTree(folder.path()), "b/\nb/sub/\nb/sub/file\n");
+    // What points at a file goes alone, too (under Wine it is taken for the file).
+    REQUIRE_LINK(outside.path() / "kept/deep/file", folder / "to_file");
+    EXPECT_TRUE(Remove(folder / "to_file", ec)) << ec;
+    EXPECT_TRUE(test::Exists(outside / "kept/deep/file"));
+  }
+}
+
+TEST(FileLayer, GoesOnPastWhatItCannotRemove) {
+  if (!kOnWindows) GTEST_SKIP() << "no file can be held here";
+  const TempFolder folder;
+  for (const char* file : {"t/a/1", "t/b/2", "t/c/3"}) WriteFile(folder / file, "x");
+  std::error_code ec;
+  File held = CreateNewFile(folder / "t/b/held", NewFileAccess::kWrite, ec);
+  ASSERT_TRUE(held.is_open());
+  EXPECT_FALSE(RemoveTree(folder / "t", ec));
+  EXPECT_TRUE(IsLockedOrDeniedError(ec)) << ec;
+  EXPECT_EQ(ListTree(folder / "t"), "b/\nb/held\n");
+}
+
+TEST(FileLayer, PathsMayBeLongAndNotAscii) {
+  const TempFolder folder;
+  Path deep = folder / "příliš žluťoučký 印刷";
+  for (int i = 0; i < 20; ++i) deep /= "a-folder-name-of-some-length-" + std::to_string(i);
+  ASSERT_GT(deep.native().size(), 500u);
+  WriteFile(deep / "file", "contents");
+  std::error_code ec;
+  EXPECT_TRUE(CopyFileDurably(deep / "file", deep / "copy", ec)) << ec;
+  EXPECT_TRUE(MoveReplacing(deep / "copy", deep / "file", ec)) << ec;
+  EXPECT_EQ(ReadFile(deep / "file"), "contents");
+  // Wine's final paths end at 260 characters; that must be an error and no shorter path.
+  EXPECT_EQ(WeaklyCanonical(deep / ".." / deep.filename() / "new", ec),
+            RunsUnderWine() ? Path() : deep / "new");
+  EXPECT_EQ(static_cast<bool>(ec), RunsUnderWine());
+  EXPECT_GT(AvailableSpace(deep, ec), 0u) << ec;
+  EXPECT_NE(ListTree(folder.path()).find("length-19/file\n"), std::string::npos);
+  EXPECT_TRUE(RemoveTree(folder / "příliš žluťoučký 印刷", ec)) << ec;
+  EXPECT_EQ(ListTree(folder.path()), "");
+}
+
+TEST(FileLayer, AFullVolumeIsAnErrorAndNotAShortFile) {
+  const test::SmallVolume volume;
+  if (volume.path().empty()) GTEST_SKIP() << volume.why_not();
+  const TempFolder folder;
+  WriteFile(folder / "large", std::string(std::size_t{8} << 20, 'x'));
+  std::error_code ec;
+  EXPECT_LT(AvailableSpace(volume.path(), ec), std::uint64_t{8} << 20);
+  EXPECT_FALSE(CopyFileDurably(folder / "large", volume.path() / "a", ec));
+  EXPECT_EQ(ec, std::errc::no_space_on_device);
+  EXPECT_TRUE(Remove(volume.path() / "a", ec)) << ec;
+  EXPECT_FALSE(CopyFileTo(folder / "large", volume.path() / "b", Overwrite::kNo, ec));
+  EXPECT_EQ(ec, std::errc::no_space_on_device);
+}
+
+}  // namespace
+}  // namespace zul::fs

@@ -1,0 +1,112 @@
+#include "tests/support/file_tricks.h"
+
+#include <windows.h>
+
+#include <stdexcept>
+
+#include "core/api_path_win32.h"
+#include "core/handle_win32.h"
+#include "core/process_environment.h"
+#include "core/system_error.h"
+#include "core/text.h"
+
+namespace zul::test {
+
+namespace {
+
+/// Wine's own way from one of its paths to the host's; null on Windows.
+using ToHostPath = char*(CDECL*)(const wchar_t*);
+
+ToHostPath HostPathFunction() {
+  const HMODULE kernel = ::GetModuleHandleW(L"kernel32.dll");
+  return reinterpret_cast<ToHostPath>(
+      reinterpret_cast<void*>(::GetProcAddress(kernel, "wine_get_unix_file_name")));
+}
+
+/// A relative path only needs the host's separators.
+std::wstring HostPath(const fs::Path& path) {
+  if (!path.is_absolute()) return path.generic_wstring();
+  char* const text = HostPathFunction()(path.c_str());
+  if (text == nullptr) throw std::runtime_error("no host path for " + PathToUtf8(path));
+  const std::wstring host = Utf8ToWide(text).value();
+  ::HeapFree(::GetProcessHeap(), 0, text);
+  return host;
+}
+
+bool Exists(const std::wstring& path) {
+  return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+/// Makes the link with the host's own tools. A host process can be neither waited for nor asked for
+/// its result, so it leaves a file when the link is there.
+bool MakeHostLink(const fs::Path& target, const fs::Path& link) {
+  // The link itself is not there yet, so its folder is converted and the name appended.
+  const std::wstring place = HostPath(link.parent_path()) + L"/" + link.filename().native();
+  // A target of the host's own ("/dev/full") stays as it is.
+  const bool is_host_path = target.native().starts_with(L'/');
+  const std::wstring mark = fs::ApiPath(link) + L".made";
+  std::wstring command = L"sh -c \"IFS=;ln -s $0 $1&&touch $1.made\" \"" +
+                         (is_host_path ? target.native() : HostPath(target)) + L"\" \"" + place +
+                         L"\"";
+  STARTUPINFOW startup{};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION process{};
+  if (!::CreateProcessW(L"\\\\?\\unix\\bin\\sh", command.data(), nullptr, nullptr, FALSE, 0,
+                        nullptr, nullptr, &startup, &process)) {
+    return false;
+  }
+  const UniqueKernelHandle thread(process.hThread);
+  const UniqueKernelHandle handle(process.hProcess);
+  for (int waited_ms = 0; waited_ms < 10000 && !Exists(mark); ++waited_ms) ::Sleep(1);
+  return ::DeleteFileW(mark.c_str()) != 0;
+}
+
+}  // namespace
+
+bool RunsUnderWine() {
+  return HostPathFunction() != nullptr;
+}
+
+bool MakeLink(const fs::Path& target, const fs::Path& link) {
+  if (RunsUnderWine()) return MakeHostLink(target, link);
+  std::error_code ec;
+  const fs::Path resolved = target.is_absolute() ? target : link.parent_path() / target;
+  const bool to_folder = fs::KindOf(resolved, fs::Links::kFollow, ec) == fs::EntryKind::kDirectory;
+  const DWORD flags = (to_folder ? SYMBOLIC_LINK_FLAG_DIRECTORY : 0) |
+                      0x2 /* SYMBOLIC_LINK_FLAG_ALLOW_UNPRIVILEGED_CREATE */;
+  return ::CreateSymbolicLinkW(fs::ApiPath(link).c_str(), target.c_str(), flags) != 0;
+}
+
+void MakeReadOnly(const fs::Path& path) {
+  ::SetFileAttributesW(fs::ApiPath(path).c_str(), FILE_ATTRIBUTE_READONLY);
+}
+
+bool IsReadOnly(const fs::Path& path) {
+  return (::GetFileAttributesW(fs::ApiPath(path).c_str()) & FILE_ATTRIBUTE_READONLY) != 0;
+}
+
+std::string NullDevice() {
+  return "nul";
+}
+
+SmallVolume::SmallVolume() {
+  const std::string place = GetEnvironmentPath("QORVA_TEST_SMALL_DRIVE");
+  if (place.empty()) {
+    why_not_ = "QORVA_TEST_SMALL_DRIVE names no small volume";
+    return;
+  }
+  std::error_code ec;
+  path_ = PathFromUtf8(place + "\\work").value();
+  fs::RemoveTree(path_, ec);
+  if (!fs::CreateDirectories(path_, ec)) {
+    why_not_ = "cannot use the small volume: " + SystemErrorText(ec);
+    path_.clear();
+  }
+}
+
+SmallVolume::~SmallVolume() {
+  std::error_code ignored;
+  if (!path_.empty()) fs::RemoveTree(path_, ignored);
+}
+
+}  // namespace zul::test
