@@ -19,6 +19,14 @@ bool IsUnsafeUnit(fs::Path::value_type unit) {
                      [unit](char c) { return unit == static_cast<fs::Path::value_type>(c); });
 }
 
+/// For resolved paths, which hold no ".." and no doubled separator. Either may be empty.
+bool LiesBelow(const fs::Path& folder, const fs::Path& path) {
+  const auto& base = folder.native();
+  const auto& text = path.native();
+  return !base.empty() && text.size() > base.size() + 1 && text.starts_with(base) &&
+         text[base.size()] == fs::Path::preferred_separator;
+}
+
 /// True for a file and for a link to one.
 bool IsRegularFile(const fs::DirectoryEntry& entry) {
   if (entry.kind != fs::EntryKind::kLink) return entry.kind == fs::EntryKind::kRegular;
@@ -78,8 +86,11 @@ StagedTreeWalk::Verdict StagedTreeWalk::Judge(const fs::Path& source, StagedFile
     error = std::string(texts_.unsafe_path) + PathToUtf8(file->relative) + "'.";
     return Verdict::kRefuse;
   }
-  if (IsOwnExecutable(file->target)) return Verdict::kPassOver;
-  if (!ValidatePayloadTarget(target_root_, file->target, &error)) return Verdict::kRefuse;
+  const fs::Path resolved_target = fs::WeaklyCanonical(file->target, ec);
+  if (!ec && !own_executable_.empty() && resolved_target == own_executable_) {
+    return Verdict::kPassOver;
+  }
+  if (!MayBeWritten(file->target, resolved_target, error)) return Verdict::kRefuse;
 
   // A link beside the file that it leads to names that file a second time. To install it again
   // would put the new content in the place of the backup.
@@ -89,20 +100,26 @@ StagedTreeWalk::Verdict StagedTreeWalk::Judge(const fs::Path& source, StagedFile
 /// Resolved at this moment: a folder on the way that has become a link since it was listed leads
 /// out of the root as it was at the first file, and the path is refused.
 fs::Path StagedTreeWalk::RelativeOf(const fs::Path& source, std::error_code& ec) {
-  if (resolved_root_.empty()) {
-    resolved_root_ = fs::WeaklyCanonical(staged_root_, ec);
+  if (resolved_staged_root_.empty()) {
+    resolved_staged_root_ = fs::WeaklyCanonical(staged_root_, ec);
     if (ec) return {};
   }
   const fs::Path resolved = fs::WeaklyCanonical(source, ec);
   if (ec) return {};
-  return resolved.lexically_relative(resolved_root_);
+  return resolved.lexically_relative(resolved_staged_root_);
 }
 
-bool StagedTreeWalk::IsOwnExecutable(const fs::Path& target) const {
-  if (own_executable_.empty()) return false;
-  std::error_code ec;
-  const fs::Path resolved = fs::WeaklyCanonical(target, ec);
-  return !ec && resolved == own_executable_;
+/// The payload target check resolves both of its paths. Here one is resolved already and the other
+/// is the same for every file, and an open or two a file counts: what plainly lies below the target
+/// root needs no more, and everything else is the check's to judge.
+bool StagedTreeWalk::MayBeWritten(const fs::Path& target, const fs::Path& resolved_target,
+                                  std::string& error) {
+  if (resolved_target_root_.empty()) {
+    std::error_code ec;
+    resolved_target_root_ = fs::WeaklyCanonical(target_root_, ec);
+  }
+  return LiesBelow(resolved_target_root_, resolved_target) ||
+         ValidatePayloadTarget(target_root_, target, &error);
 }
 
 }  // namespace zul

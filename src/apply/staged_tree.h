@@ -48,14 +48,17 @@ class StagedTreeWalk {
 
   [[nodiscard]] Verdict Judge(const fs::Path& source, StagedFile* file, std::string& error);
   [[nodiscard]] fs::Path RelativeOf(const fs::Path& source, std::error_code& ec);
-  [[nodiscard]] bool IsOwnExecutable(const fs::Path& target) const;
+  [[nodiscard]] bool MayBeWritten(const fs::Path& target, const fs::Path& resolved_target,
+                                  std::string& error);
 
   const fs::Path staged_root_;
   const fs::Path target_root_;
   const fs::Path own_executable_;
   const StagedTreeTexts texts_;
   fs::TreeWalker walker_;
-  fs::Path resolved_root_;  // of staged_root_, from the first file on
+  // Of the two roots, from the first file on.
+  fs::Path resolved_staged_root_;
+  fs::Path resolved_target_root_;
   std::unordered_set<fs::Path::string_type> met_;
 };
 
