@@ -47,11 +47,15 @@ class Sandbox:
             self.trust(certificates.make_authority("trusted"))
         return self
 
+    def leave(self) -> None:
+        """Says that this process no longer needs it."""
+        if self.in_use:
+            self.in_use.close()
+
     def stop(self) -> None:
         """Ends every program of the prefix, its server and the display, unless another process has
         them in use."""
-        if self.in_use:
-            self.in_use.close()
+        self.leave()
         with (places.WINE_HOME / "in-use.lock").open("w") as in_use:
             try:
                 fcntl.flock(in_use, fcntl.LOCK_EX | fcntl.LOCK_NB)
@@ -138,7 +142,7 @@ class Running:
 
 
 def programs_from(folder: str) -> list[Running]:
-    """The Windows programs that were started from a folder ("C:\\rig\\name")."""
+    """The Windows programs that were started from a folder of drive C ("C:\\rig\\name")."""
     found = []
     for entry in Path("/proc").iterdir():
         if not entry.name.isdigit():

@@ -18,12 +18,12 @@ PAGE = places.deployment("QORVA_PAGE_URL")
 BOX_START = "Automatic update failed during apply stage.\n\nCannot apply update safely: "
 BOX_END = ("\n\nDownload and run the current QORVA installer from:\n" + PAGE +
            "\n\nUse Yes to open the download page now, No to copy the link to clipboard.")
-BUTTONS = ("Yes", "No", "Cancel")
+BUTTONS = ("yes", "no", "cancel")
 ROLLBACK = [*e2e.SELECTED, *e2e.EXTRACTED, "apply_start", *e2e.RETIRED, "rollback_start"]
 
 
 class Apply(e2e.EndToEnd):
-    def begin(self, scene: Scene, package: bytes | None = None, button: str = "Cancel"):
+    def begin(self, scene: Scene, package: bytes | None = None, button: str = "cancel"):
         package = package or self.good_package
         return scene.begin(scene.arguments(
             url=self.serve(scene, places.PRIMARY_HOST, Reply(body=package)),
@@ -41,7 +41,7 @@ class Apply(e2e.EndToEnd):
 
     def test_rolls_back_and_verifies_when_another_process_holds_a_data_file(self) -> None:
         scene = self.scene("rollback")
-        with programs.hold(scene, scene.install / HELD):
+        with programs.Hold(self.sandbox, scene.install / HELD):
             outcome = self.begin(scene).finish()
         self.assertEqual(2, outcome.exit_code)
         work = scene.windows(scene.temp / "qorva_updater_N")
@@ -49,8 +49,8 @@ class Apply(e2e.EndToEnd):
                                      scene.windows(scene.install / HELD))
         error = cause + " Rollback completed and every restored target was verified."
         (dialog,) = outcome.dialogs
-        self.assertEqual((e2e.TITLE, BOX_START + error + BOX_END, BUTTONS),
-                         (dialog.title, self.normal(dialog.text), dialog.buttons))
+        self.assertEqual((BOX_START + error + BOX_END, BUTTONS),
+                         (self.normal(dialog.text), dialog.buttons))
         self.assert_trace(scene, outcome, [*ROLLBACK, "rollback_ok", "apply_fail"])
         last = outcome.trace[-1]
         self.assertEqual(error, self.normal(last["error"]))
@@ -64,25 +64,22 @@ class Apply(e2e.EndToEnd):
 
     def test_a_short_hold_is_outlasted(self) -> None:
         scene = self.scene("short hold")
-        hold = programs.hold(scene, scene.install / HELD)
-        run = self.begin(scene)
-        self.wait_until(lambda: (scene.install / FIRST).read_bytes() == self.payload[FIRST], run)
-        time.sleep(0.3)
-        hold.close()
+        with programs.Hold(self.sandbox, scene.install / HELD):
+            run = self.begin(scene)
+            self.wait_until(lambda: (scene.install / FIRST).read_bytes() == self.payload[FIRST], run)
+            time.sleep(0.3)
         outcome = run.finish()
         self.assert_updated(scene, outcome)
         self.assert_trace(scene, outcome, e2e.SUCCESS)
 
     def test_demands_recovery_when_the_rollback_cannot_complete(self) -> None:
-        # While the updater tries to replace a held file, one that it already replaced becomes
-        # write-protected: the old one cannot come back.
+        # While the updater tries to replace a held file, another process takes hold of one that was
+        # already replaced: its old edition cannot come back.
         scene = self.scene("recovery")
         first = scene.install / FIRST
-        with programs.hold(scene, scene.install / HELD):
-            run = self.begin(scene)
-            self.wait_until(lambda: first.read_bytes() == self.payload[FIRST], run)
-            first.chmod(0o444)
-            outcome = run.finish()
+        with (programs.Hold(self.sandbox, scene.install / HELD),
+              programs.Hold(self.sandbox, first, "--wait-for-change", scene.windows(first))):
+            outcome = self.begin(scene).finish()
         self.assertEqual(2, outcome.exit_code)
         (workspace,) = scene.workspaces()
         backup = f"{scene.windows(scene.temp)}\\qorva_updater_N\\rollback_backup"
@@ -108,11 +105,11 @@ class Apply(e2e.EndToEnd):
     def test_refuses_a_folder_under_the_name_of_a_retired_executable(self) -> None:
         scene = self.scene("retired folder")
         (scene.install / "zul_rip.exe").mkdir()
-        outcome = self.begin(scene, button="No").finish()
+        outcome = self.begin(scene, button="no").finish()
         self.assertEqual(2, outcome.exit_code)
         error = ("Retired executable target is not a regular root-level file: "
                  f"'{scene.windows(scene.install)}\\zul_rip.exe'.")
-        self.assert_dialog(outcome, BOX_START + error + BOX_END, BUTTONS)
+        self.assert_dialog(outcome, BOX_START + error + BOX_END, buttons=BUTTONS)
         self.assert_trace(scene, outcome,
                           [*e2e.SELECTED, *e2e.EXTRACTED, "apply_start", "apply_fail"])
         self.assert_installed(scene, self.installed)
@@ -129,7 +126,7 @@ class Apply(e2e.EndToEnd):
         time.sleep(1.0)
         self.assertTrue(run.running())
         self.assertNotIn("apply_start", scene.trace_path.read_text("utf-8"))
-        programs.close_application(scene, application)
+        programs.close_application(self.sandbox, application.pid)
         outcome = run.finish()
         self.assert_trace(scene, outcome, e2e.SUCCESS)
         self.assert_updated(scene, outcome)

@@ -7,35 +7,49 @@ import unittest
 import end_to_end as e2e
 import packages
 import programs
+from test_launch import MIGRATION
+from updater_run import Scene
 
 AUTOMATIC = "QORVA Updater is launched automatically by QORVA.\n\n"
 
 
 class ByHand(e2e.EndToEnd):
-    def put_updater_into(self, scene) -> None:
+    def installed_scene(self, name: str) -> tuple[Scene, packages.Tree]:
+        """A scene whose updater stands in the installation, and what that holds."""
+        scene = self.scene(name)
         scene.updater = shutil.copyfile(scene.updater, scene.install / "qorva_updater.exe")
+        return scene, {**self.installed, "qorva_updater.exe": scene.updater.read_bytes()}
 
     def test_brings_the_running_application_to_the_front(self) -> None:
-        scene = self.scene("window")
-        self.put_updater_into(scene)
-        before = packages.snapshot(scene.install)
+        scene, tree = self.installed_scene("window")
         application = scene.begin([], program=scene.install / packages.APPLICATION)
-        programs.wait_for_window(scene)
+        self.assert_marks(scene, *programs.marks_of_start(1))
         outcome = scene.run([])
         self.assertEqual((0, []), (outcome.exit_code, outcome.dialogs))
-        programs.wait_for_mark(scene, version=1, shows_update_status="command")
-        programs.close_application(scene, application)
-        self.assertEqual(before, self.without_marks(scene))
+        self.assert_marks(scene, *programs.marks_of_start(1), "command 210")
+        programs.close_application(self.sandbox, application.pid)
+        self.assertEqual(0, application.finish().exit_code)
+        self.assertEqual(1, (scene.install / programs.MARK).read_text("utf-8").count("start "))
+        self.assert_installed(scene, tree)
         self.assert_nothing_outside(scene)
 
     def test_starts_the_application_when_it_does_not_run(self) -> None:
-        scene = self.scene("no window")
-        self.put_updater_into(scene)
-        before = packages.snapshot(scene.install)
-        outcome = scene.run([])
-        self.assertEqual((0, []), (outcome.exit_code, outcome.dialogs))
-        programs.wait_for_mark(scene, version=1, shows_update_status="switch")
-        self.assertEqual(before, self.without_marks(scene))
+        for name in (packages.APPLICATION, "zul_rip_gui.exe"):
+            with self.subTest(name):
+                scene, tree = self.installed_scene("starts-" + name)
+                tree["zul_rip_gui.exe"] = tree[packages.APPLICATION]
+                packages.write_tree(scene.install, tree)
+                if name != packages.APPLICATION:
+                    (scene.install / packages.APPLICATION).unlink()
+                    del tree[packages.APPLICATION]
+                outcome = scene.run([])
+                self.assertEqual((0, []), (outcome.exit_code, outcome.dialogs))
+                path = scene.windows(scene.install / name)
+                self.assert_marks(scene, f'start 1.0.0 {name} "{path}" --show-update-status',
+                                  "window QORVA 1.0.0")
+                self.assert_installed(scene, tree)
+                self.assert_nothing_outside(scene)
+                scene.clear()  # the next one looks for its window
 
     def test_says_where_to_go_without_an_application(self) -> None:
         scene = self.scene("alone")
@@ -44,17 +58,13 @@ class ByHand(e2e.EndToEnd):
         self.assertEqual(2, outcome.exit_code)
         self.assert_dialog(outcome, AUTOMATIC + "Cannot find qorva_gui.exe next to the updater. "
                            "Please open QORVA and use Settings > Update.")
+        self.assert_nothing_outside(scene)
 
     def test_sends_an_archive_copy_to_the_installer(self) -> None:
         scene = self.scene("archive")
-        outcome = scene.run([], button="Cancel")
+        outcome = scene.run([], button="no")
         self.assertEqual(18, outcome.exit_code)
-        (dialog,) = outcome.dialogs
-        self.assertTrue(dialog.text.startswith("QORVA now uses the standard Windows installer."))
-
-    def without_marks(self, scene) -> dict[str, str]:
-        files = packages.snapshot(scene.install)
-        return {path: digest for path, digest in files.items() if path not in programs.MARKS}
+        self.assert_dialog(outcome, MIGRATION, "information", ("yes", "no", "cancel"))
 
 
 if __name__ == "__main__":

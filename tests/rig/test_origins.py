@@ -78,7 +78,7 @@ class Origins(e2e.EndToEnd):
             ("after a cut transfer", Reply(body=self.good_package, cut_after=70_000), unverified),
         ]:
             with self.subTest(name):
-                scene, outcome = self.update(name.replace(" ", "-"), primary, good)
+                scene, outcome = self.update(name, primary, good)
                 self.assert_updated(scene, outcome)
                 self.assert_trace(scene, outcome, [*start, *MIRROR_OK, *REST])
                 url = self.server.url(places.MIRROR_HOST, f"/{scene.folder.name}/package.zip")

@@ -50,6 +50,13 @@ DERIVED = {
     "restart_fail": failure(APPLY, "APPLY"),
 }
 
+# The events of a run without fault, in their order; the download's progress comes between.
+CHAIN_BEFORE_REMOVALS = [
+    "updater_run_start", "download_start", "download_redirect_resolution", "download_complete",
+    "checksum_verify", "checksum_verify", "download_selected", "extract_start", "extract_ok",
+    "apply_start"]
+CHAIN_AFTER_REMOVALS = ["apply_ok", "restart_start", "restart_ok"]
+
 Event = dict[str, str]
 
 

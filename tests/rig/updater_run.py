@@ -12,19 +12,11 @@ from pathlib import Path
 import packages
 import places
 import trace_log
+from programs import Dialog, DialogReader
 from sandbox import Running, Sandbox, programs_from
 
 # With a blank and letters beyond ASCII, as folders of users have them.
 INSTALL_FOLDER = "QORVA RIP žluť"
-
-
-@dataclass(frozen=True)
-class Dialog:
-    """A message box that was read and dismissed."""
-
-    title: str
-    text: str
-    buttons: tuple[str, ...]
 
 
 @dataclass
@@ -42,6 +34,7 @@ class Scene:
     def __init__(self, sandbox: Sandbox, name: str):
         self.sandbox = sandbox
         self.folder = sandbox.drive_c / "rig" / name
+        self.runs: list[UpdaterRun] = []
         self.clear()
         self.install = self.folder / INSTALL_FOLDER
         self.config = self.folder / "config"
@@ -64,6 +57,8 @@ class Scene:
     def clear(self) -> None:
         for program in programs_from(self.sandbox.windows_path(self.folder)):
             program.end()
+        for run in list(self.runs):
+            run.finish()  # nothing is left of those that had not ended by themselves
         shutil.rmtree(self.folder, ignore_errors=True)
 
     def arguments(self, *, url: str, sha256: str, fallback: str = "", pid: int = 0,
@@ -78,7 +73,8 @@ class Scene:
                 *(f"--required-payload-file={name}" for name in required)]
 
     def begin(self, arguments: list[str], *, program: Path | None = None, **options) -> "UpdaterRun":
-        return UpdaterRun(self, program or self.updater, arguments, **options)
+        self.runs.append(UpdaterRun(self, program or self.updater, arguments, **options))
+        return self.runs[-1]
 
     def run(self, arguments: list[str], **options) -> Outcome:
         return self.begin(arguments, **options).finish()
@@ -90,7 +86,7 @@ class Scene:
 class UpdaterRun:
     """The updater at work. `finish` waits for it, reading and dismissing every box that it shows."""
 
-    def __init__(self, scene: Scene, program: Path, arguments: list[str], *, button: str = "OK",
+    def __init__(self, scene: Scene, program: Path, arguments: list[str], *, button: str = "ok",
                  output: str = "pipe", timeout: float = 90):
         self.scene = scene
         self.timeout = timeout
@@ -132,6 +128,7 @@ class UpdaterRun:
         return self.launcher.poll() is None
 
     def finish(self) -> Outcome:
+        self.scene.runs.remove(self)
         self.launcher.wait(self.timeout + 20)
         seconds = time.monotonic() - self.started
         output = self.take_output()
@@ -142,13 +139,11 @@ class UpdaterRun:
                        trace_log.read(self.scene.trace_path))
 
     def take_output(self) -> bytes:
-        source = self.launcher.stdout or self.output_file
-        if source is self.output_file:
-            source.seek(0)
-        else:
+        with self.output_file:
+            if self.launcher.stdout is None:
+                self.output_file.seek(0)
+                return self.output_file.read()
+        with self.launcher.stdout as pipe:
             # Not to the end: the restarted application may hold the other end open.
-            os.set_blocking(source.fileno(), False)
-        output = source.read() or b""
-        source.close()
-        self.output_file.close()
-        return output
+            os.set_blocking(pipe.fileno(), False)
+            return pipe.read() or b""

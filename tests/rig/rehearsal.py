@@ -1,0 +1,219 @@
+"""One complete real update, before your eyes: ./rehearse calls this after building.
+
+usage: rehearsal.py [package.zip]
+
+Exits with 0 when every promise was kept, 1 when one was broken, 2 when it could not be carried out.
+"""
+
+import shutil
+import sys
+import threading
+import time
+from pathlib import Path
+
+import certificates
+import packages
+import places
+import programs
+import rehearsal_release
+import trace_log
+from https_server import HttpsServer, Reply
+from rehearsal_release import Release
+from rehearsal_report import (TimedEvent, changes_between, heading, megabytes, paint, print_changes,
+                              print_promises, print_stages, print_timeline, row)
+from sandbox import Sandbox, programs_from
+from updater_run import Outcome, Scene
+
+RATE = 25_000_000  # bytes a second: loopback alone would be over before the window can be seen
+SHOTS = {  # taken when the trace says so; the numbers count the events of that name
+    ("download_progress", 20): "download", ("download_progress", 70): "download-later",
+    ("extract_start", 1): "extract", ("apply_start", 1): "apply",
+}
+
+
+class Watcher(threading.Thread):
+    """Notes when each line of the trace comes, and takes screenshots of what the user sees."""
+
+    def __init__(self, scene: Scene, folder: Path):
+        super().__init__(daemon=True)
+        self.scene = scene
+        self.folder = folder
+        self.events: list[TimedEvent] = []
+        self.counts: dict[str, int] = {}
+        self.shots: list[Path] = []
+        self.started = time.monotonic()
+        self.over = threading.Event()
+        self.pending: list[str] = []
+        self.photographer = threading.Thread(target=self.take_pictures, daemon=True)
+
+    def run(self) -> None:
+        self.photographer.start()
+        while not self.over.wait(0.01):
+            self.look()
+        self.look()
+
+    def look(self) -> None:
+        try:
+            events = trace_log.read(self.scene.trace_path)
+        except ValueError:
+            return  # a line is being written
+        now = time.monotonic() - self.started
+        for event in events[len(self.events):]:
+            self.events.append(TimedEvent(now, event))
+            name = event["stage"]
+            self.counts[name] = self.counts.get(name, 0) + 1
+            if shot := SHOTS.get((name, self.counts[name])):
+                self.pending.append(shot)
+
+    def take_pictures(self) -> None:
+        while not self.over.wait(0.02):
+            if self.pending:
+                time.sleep(0.3)  # until the window has drawn what the event announced
+                self.picture(self.pending.pop(0))
+
+    def picture(self, name: str) -> None:
+        path = self.folder / f"{len(self.shots) + 1}-{name}.png"
+        self.scene.sandbox.screenshot(path)
+        self.shots.append(path)
+
+    def finish(self) -> None:
+        self.over.set()
+        self.join()
+        self.photographer.join()
+
+
+def rehearse(package: Path | None) -> bool:
+    folder = places.ROOT / "build" / "rehearsal" / time.strftime("%Y-%m-%d_%H.%M.%S")
+    folder.mkdir(parents=True)
+    sandbox = Sandbox().start()
+    try:
+        scene = Scene(sandbox, "rehearsal")
+        release = rehearsal_release.from_package(package) if package else rehearsal_release.sample()
+        packages.write_tree(scene.install, release.installed)
+        print_beginning(release)
+        outside = packages.snapshot(sandbox.drive_c / "users")
+        with HttpsServer(certificates.make_authority("trusted"),
+                         certificates.make_authority("stranger")) as server:
+            outcome, watcher = update(scene, release, server, folder)
+        promises = judge(scene, release, outcome, watcher, outside)
+        kept = print_end(scene, release, outcome, watcher, promises, folder)
+        if kept:
+            scene.clear()
+        return kept
+    finally:
+        for program in programs_from(sandbox.windows_path(sandbox.drive_c / "rig" / "rehearsal")):
+            program.end()
+        sandbox.stop()
+
+
+def update(scene: Scene, release: Release, server: HttpsServer, folder: Path) -> tuple[Outcome, Watcher]:
+    path = f"/releases/{release.package.name}"
+    server.on(places.PRIMARY_HOST, path, Reply(body=release.package, bytes_per_second=RATE))
+    url = server.url(places.PRIMARY_HOST, path)
+    row("served at", url, f"limited to {RATE // 1_000_000} MB/s")
+    print("\n  updating ...", flush=True)
+    watcher = Watcher(scene, folder)
+    watcher.start()
+    outcome = scene.run(scene.arguments(url=url, sha256=release.sha256, required=release.required),
+                        timeout=300)
+    if outcome.exit_code == 0:
+        programs.missing_marks(scene.install, *programs.marks_of_start(2))
+        time.sleep(0.5)
+        watcher.picture("application-restarted")
+    watcher.finish()
+    return outcome, watcher
+
+
+def judge(scene: Scene, release: Release, outcome: Outcome, watcher: Watcher,
+          outside: dict[str, str]) -> list[tuple[str, list[str]]]:
+    """What the updater promises, and for each what is at odds with it."""
+    after = installed_files(scene)
+    payload, expected = packages.digests(release.payload), packages.digests(release.expected)
+    retired = [name for name in packages.RETIRED_NAMES if name not in payload]
+    chain = [name for name in trace_log.names(outcome.trace) if name != "download_progress"]
+    removed = sum(name in release.installed for name in retired)
+    full_chain = [*trace_log.CHAIN_BEFORE_REMOVALS,
+                  *["retired_install_executable_removed"] * removed, *trace_log.CHAIN_AFTER_REMOVALS]
+    users = packages.snapshot(scene.sandbox.drive_c / "users")
+    promises = [
+        ("exit code 0 and no message box",
+         [f"exit code {outcome.exit_code}"] * (outcome.exit_code != 0) +
+         [f"a box: {dialog.text}" for dialog in outcome.dialogs]),
+        ("every file of the package stands in the installation, byte for byte",
+         [path for path in payload if after.get(path) != payload[path]]),
+        ("retired executables are gone", [name for name in retired if name in after]),
+        ("all other files are as they were",
+         [path for path in sorted(after.keys() | expected.keys() - payload.keys())
+          if path not in payload and path not in retired and after.get(path) != expected.get(path)]),
+        ("the workspace is removed", sorted(path.name for path in scene.temp.iterdir())),
+        ("the trace holds the whole chain in its order", [] if chain == full_chain else chain),
+        ("every event carries its derived keys", trace_log.faults(scene.trace_path)),
+        ("nothing is written elsewhere in the user's folders",
+         sorted(path for path in users.keys() | outside.keys() if users.get(path) != outside.get(path))),
+    ]
+    if release.shows_version_2:
+        promises.insert(4, ("the application came up again, as version 2",
+                            programs.missing_marks(scene.install, *programs.marks_of_start(2))))
+    return promises
+
+
+def installed_files(scene: Scene) -> dict[str, str]:
+    files = packages.snapshot(scene.install)
+    files.pop(programs.MARK, None)
+    return files
+
+
+def print_beginning(release: Release) -> None:
+    heading("Rehearsal of one update")
+    row("package", str(release.package))
+    row("", megabytes(release.package.stat().st_size) + f", {len(release.payload)} files, SHA-256 "
+        f"{release.sha256[:16]}...")
+    retired = sum(name in release.installed for name in packages.RETIRED_NAMES)
+    row("installation", megabytes(sum(map(len, release.installed.values()))) +
+        f", {len(release.installed)} files, {retired} of them retired executables")
+
+
+def print_end(scene: Scene, release: Release, outcome: Outcome, watcher: Watcher,
+              promises: list[tuple[str, list[str]]], folder: Path) -> bool:
+    payload_size = sum(map(len, release.payload.values()))
+    packed = release.package.stat().st_size
+    print_stages(watcher.events, {"download": packed, "verify": packed, "extract": payload_size,
+                                  "apply": payload_size})
+    print_timeline(watcher.events)
+    changes = changes_between(packages.digests(release.installed), installed_files(scene))
+    print_changes(changes)
+    kept = print_promises(promises)
+    (folder / "changes.txt").write_text("".join(
+        f"{word} {path}\n" for word, paths in vars(changes).items() for path in paths), "utf-8")
+    if scene.trace_path.exists():
+        shutil.copyfile(scene.trace_path, folder / "update_trace.log")
+    heading("Result")
+    row("exit code", str(outcome.exit_code))
+    row("duration", f"{outcome.seconds:.1f} s")
+    row("screenshots", *(path.name for path in watcher.shots))
+    row("trace", "update_trace.log, and the names of all changed files in changes.txt")
+    row("both in", f"{folder}/")
+    if not kept:
+        row("left as it is", f"{scene.folder}/")
+    print("\n  " + (paint("The update did what it promises.", "green") if kept else
+                    paint("The update broke a promise.", "red")))
+    return kept
+
+
+def main() -> int:
+    if len(sys.argv) > 2:
+        print(__doc__, file=sys.stderr)
+        return 2
+    package = Path(sys.argv[1]).resolve() if len(sys.argv) == 2 else None
+    if package and not package.is_file():
+        print(f"rehearse: there is no file {package}", file=sys.stderr)
+        return 2
+    try:
+        return 0 if rehearse(package) else 1
+    except ValueError as fault:
+        print(f"rehearse: {package}: {fault}", file=sys.stderr)
+        return 2
+
+
+if __name__ == "__main__":
+    sys.exit(main())
