@@ -131,7 +131,7 @@ std::string FormatByteCount(std::uint64_t bytes) {
   if (bytes < 1024) return std::to_string(bytes) + " B";
   std::size_t unit = 0;
   double value = static_cast<double>(bytes) / 1024;
-  std::uint64_t limit = 1024 * 1024;  // of the unit at hand, so that rounding never picks the unit
+  std::uint64_t limit = 1048576;  // of the unit at hand, so that rounding never picks the unit
   for (; unit + 1 < kUnits.size() && bytes >= limit; ++unit, limit *= 1024) value /= 1024;
   std::array<char, 32> digits{};
   const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), value,

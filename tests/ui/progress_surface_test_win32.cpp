@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <bit>
 
 #include "ui/message_pump.h"
 #include "ui/progress_layout.h"
@@ -90,6 +91,42 @@ TEST(ScreenSurface, MakesTheWindowOnFirstUseAndTakesItAway) {
     progress.Destroy();
     EXPECT_EQ(FindOwnWindow(), nullptr);
   }
+}
+
+/// Refuses this thread the creation of windows of one class.
+class CreationBlock {
+ public:
+  explicit CreationBlock(const wchar_t* window_class) {
+    blocked_class = window_class;
+    hook_ = SetWindowsHookExW(WH_CBT, &CreationBlock::OnEvent, nullptr, GetCurrentThreadId());
+  }
+  ~CreationBlock() { UnhookWindowsHookEx(hook_); }
+  CreationBlock(const CreationBlock&) = delete;
+  CreationBlock& operator=(const CreationBlock&) = delete;
+
+ private:
+  static LRESULT CALLBACK OnEvent(int code, WPARAM wparam, LPARAM lparam) {
+    if (code != HCBT_CREATEWND) return CallNextHookEx(nullptr, code, wparam, lparam);
+    std::array<wchar_t, 64> name{};
+    GetClassNameW(std::bit_cast<HWND>(wparam), name.data(), static_cast<int>(name.size()));
+    return lstrcmpiW(name.data(), blocked_class) == 0 ? 1 : 0;
+  }
+  static inline const wchar_t* blocked_class = nullptr;
+  HHOOK hook_ = nullptr;
+};
+
+TEST(ScreenSurface, RunsOnWithoutAWindowThatCannotBeMade) {
+  UpdateProgressWindow progress(CreateScreenSurface());
+  for (const wchar_t* refused : {L"ZULRipUpdaterProgressWindow", L"BUTTON"}) {
+    const CreationBlock block(refused);
+    progress.set_status("Title", "Detail", 10);
+    progress.set_download_progress("primary", 1, 2, 0);
+    progress.set_force_close_available(true);
+    EXPECT_EQ(FindOwnWindow(), nullptr) << "no half-made window stays";
+  }
+  progress.set_status("Title", "Detail", 20);
+  ASSERT_NE(FindOwnWindow(), nullptr);
+  EXPECT_TRUE(IsWindowVisible(GetDlgItem(FindOwnWindow(), 1001))) << "the state was kept";
 }
 
 TEST(ScreenSurface, ShowsThePercentAsTheWidthOfTheFill) {
@@ -180,7 +217,7 @@ TEST(ScreenSurface, NewDpiTakesTheSuggestedPlaceAndMovesTheButton) {
   EXPECT_EQ(shown, LayOutForceButton(client.right, 192));
   EXPECT_EQ(Picture(window).at(56 + 4, 292 + 4), kFill);
   LOGFONTW font{};
-  GetObjectW(reinterpret_cast<HFONT>(SendMessageW(button, WM_GETFONT, 0, 0)), sizeof(font), &font);
+  GetObjectW(std::bit_cast<HFONT>(SendMessageW(button, WM_GETFONT, 0, 0)), sizeof(font), &font);
   EXPECT_EQ(font.lfHeight, -ScaleForDpi(10, 192, 72));
 }
 

@@ -102,7 +102,7 @@ std::wstring Resolve(const std::wstring& pattern, std::size_t done = 0) {
   do {
     const std::wstring name = data.cFileName;
     if (name == L"." || name == L"..") continue;
-    const std::wstring found =
+    std::wstring found =
         Resolve(pattern.substr(0, begin) + name + pattern.substr(end), begin + name.size());
     if (!found.empty()) return found;
   } while (FindNextFileW(find.get(), &data));

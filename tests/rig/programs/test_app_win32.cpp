@@ -24,6 +24,7 @@
 
 #include <windows.h>
 
+#include <bit>
 #include <string>
 
 #include "core/handle_win32.h"
@@ -120,11 +121,10 @@ void AnswerClose(HWND window, const App& app) {
 
 LRESULT CALLBACK WindowProcedure(HWND window, UINT message, WPARAM wparam, LPARAM lparam) {
   if (message == WM_NCCREATE) {
-    SetWindowLongPtrW(
-        window, GWLP_USERDATA,
-        reinterpret_cast<LONG_PTR>(reinterpret_cast<CREATESTRUCTW*>(lparam)->lpCreateParams));
+    const auto* create = std::bit_cast<const CREATESTRUCTW*>(lparam);
+    SetWindowLongPtrW(window, GWLP_USERDATA, std::bit_cast<LONG_PTR>(create->lpCreateParams));
   }
-  const auto* app = reinterpret_cast<const App*>(GetWindowLongPtrW(window, GWLP_USERDATA));
+  const auto* app = std::bit_cast<const App*>(GetWindowLongPtrW(window, GWLP_USERDATA));
   switch (message) {
     case WM_PAINT:
       Paint(window, *app);
