@@ -16,7 +16,7 @@ constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELE
 static_assert(sizeof(HANDLE) == sizeof(File::NativeHandle));
 
 HANDLE Handle(File::NativeHandle handle) {
-  return reinterpret_cast<HANDLE>(handle);
+  return reinterpret_cast<HANDLE>(handle);  // NOLINT(performance-no-int-to-ptr)
 }
 
 /// The outcome of a call that returns zero on failure.

@@ -151,7 +151,7 @@ TEST(FileLayer, WeaklyCanonicalResolvesWhatExistsAndAppendsTheRest) {
   REQUIRE_LINK(outside.path(), folder / "dir/out");
   REQUIRE_LINK("dir", folder / "to_dir");
   REQUIRE_LINK("nowhere", folder / "dangling");
-  const Path inside = folder.path();
+  const Path& inside = folder.path();
   const Path& out = outside.path();
   const struct {
     std::string path;
@@ -285,6 +285,7 @@ TEST(FileLayer, CreatesFoldersAndTellsItsOwnFromOthers) {
 TEST(FileLayer, ManyMayCreateOneFolderAtOnce) {
   const TempFolder folder;
   std::vector<std::jthread> threads;
+  threads.reserve(8);
   for (int i = 0; i < 8; ++i) {
     threads.emplace_back([&] {
       for (int n = 0; n < 20; ++n) {

@@ -33,17 +33,17 @@ TEST(PublishNewFile, PublishesWholeOrLeavesEverythingAsItWas) {
     const char* target;
     std::string contents;
     AtomicPublishOptions options;
+    bool names_temp_file;
     FileOpStatus status;
     std::string_view message;  ///< its beginning
-    bool names_temp_file;
   } cases[] = {
-      {"new", "contents", plain, kFileOpOk, "", false},
-      {"empty", "", all, kFileOpOk, "", false},
-      {"a/b/large ž", std::string(3000000, 'x'), all, kFileOpOk, "", false},
-      {"existing", "other", all, kFileOpTargetExists, kMoveMessage, true},
-      {"folder", "other", plain, kFileOpTargetExists, kMoveMessage, true},
-      {"missing/new", "x", plain, kFileOpBadPath, kTempMessage, false},
-      {"existing/new", "x", all, kFileOpParentNotCreated, kParentMessage, false},
+      {"new", "contents", plain, false, kFileOpOk, ""},
+      {"empty", "", all, false, kFileOpOk, ""},
+      {"a/b/large ž", std::string(3000000, 'x'), all, false, kFileOpOk, ""},
+      {"existing", "other", all, true, kFileOpTargetExists, kMoveMessage},
+      {"folder", "other", plain, true, kFileOpTargetExists, kMoveMessage},
+      {"missing/new", "x", plain, false, kFileOpBadPath, kTempMessage},
+      {"existing/new", "x", all, false, kFileOpParentNotCreated, kParentMessage},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.target);
@@ -97,6 +97,7 @@ TEST(PublishNewFile, LetsOneOfManyPublishersWin) {
     std::string winning;
     {
       std::vector<std::jthread> publishers;
+      publishers.reserve(4);
       for (int i = 0; i < 4; ++i) {
         publishers.emplace_back([&, contents = std::string(20000, static_cast<char>('a' + i))] {
           const FileOpResult result = PublishNewFile(target, contents, {});

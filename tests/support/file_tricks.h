@@ -19,6 +19,10 @@ inline constexpr bool kOnWindows = fs::Path::preferred_separator == '\\';
 /// need not exist. Under Wine the host's `ln` makes it. False where this user may not make links.
 [[nodiscard]] bool MakeLink(const fs::Path& target, const fs::Path& link);
 
+/// Removes a tree with the host's tools. Only Wine needs it, where links cannot be removed from
+/// inside; does nothing elsewhere, and does not wait.
+void RemoveHostTree(const fs::Path& path);
+
 /// Takes write permission from a file: the read-only attribute on Windows.
 void MakeReadOnly(const fs::Path& path);
 [[nodiscard]] bool IsReadOnly(const fs::Path& path);

@@ -31,6 +31,8 @@ bool MakeLink(const fs::Path& target, const fs::Path& link) {
   return ::symlink(target.c_str(), link.c_str()) == 0;
 }
 
+void RemoveHostTree(const fs::Path&) {}
+
 void MakeReadOnly(const fs::Path& path) {
   (void)::chmod(path.c_str(), 0444);
 }

@@ -28,7 +28,7 @@ std::wstring HostPath(const fs::Path& path) {
   if (!path.is_absolute()) return path.generic_wstring();
   char* const text = HostPathFunction()(path.c_str());
   if (text == nullptr) throw std::runtime_error("no host path for " + PathToUtf8(path));
-  const std::wstring host = Utf8ToWide(text).value();
+  std::wstring host = Utf8ToWide(text).value();
   ::HeapFree(::GetProcessHeap(), 0, text);
   return host;
 }
@@ -37,17 +37,12 @@ bool Exists(const std::wstring& path) {
   return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
-/// Makes the link with the host's own tools. A host process can be neither waited for nor asked for
-/// its result, so it leaves a file when the link is there.
-bool MakeHostLink(const fs::Path& target, const fs::Path& link) {
-  // The link itself is not there yet, so its folder is converted and the name appended.
-  const std::wstring place = HostPath(link.parent_path()) + L"/" + link.filename().native();
-  // A target of the host's own ("/dev/full") stays as it is.
-  const bool is_host_path = target.native().starts_with(L'/');
-  const std::wstring mark = fs::ApiPath(link) + L".made";
-  std::wstring command = L"sh -c \"IFS=;ln -s $0 $1&&touch $1.made\" \"" +
-                         (is_host_path ? target.native() : HostPath(target)) + L"\" \"" + place +
-                         L"\"";
+/// Starts a line of the host's shell with two words as its $0 and $1. It can be neither waited for
+/// nor asked for its result.
+bool StartHostShell(const wchar_t* script, const std::wstring& word0, const std::wstring& word1) {
+  // With no field separator the words need no quotes inside the quoted script.
+  std::wstring command =
+      std::wstring(L"sh -c \"IFS=;") + script + L"\" \"" + word0 + L"\" \"" + word1 + L"\"";
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
   PROCESS_INFORMATION process{};
@@ -57,6 +52,20 @@ bool MakeHostLink(const fs::Path& target, const fs::Path& link) {
   }
   const UniqueKernelHandle thread(process.hThread);
   const UniqueKernelHandle handle(process.hProcess);
+  return true;
+}
+
+/// Makes the link with the host's own tools, which leave a file when it is there.
+bool MakeHostLink(const fs::Path& target, const fs::Path& link) {
+  // A target of the host's own ("/dev/full") stays as it is.
+  const bool is_host_path = target.native().starts_with(L'/');
+  // The link itself is not there yet, so its folder is converted and the name appended.
+  const std::wstring place = HostPath(link.parent_path()) + L"/" + link.filename().native();
+  if (!StartHostShell(L"ln -s $0 $1&&touch $1.made",
+                      is_host_path ? target.native() : HostPath(target), place)) {
+    return false;
+  }
+  const std::wstring mark = fs::ApiPath(link) + L".made";
   for (int waited_ms = 0; waited_ms < 10000 && !Exists(mark); ++waited_ms) ::Sleep(1);
   return ::DeleteFileW(mark.c_str()) != 0;
 }
@@ -75,6 +84,10 @@ bool MakeLink(const fs::Path& target, const fs::Path& link) {
   const DWORD flags = (to_folder ? SYMBOLIC_LINK_FLAG_DIRECTORY : 0) |
                       0x2 /* SYMBOLIC_LINK_FLAG_ALLOW_UNPRIVILEGED_CREATE */;
   return ::CreateSymbolicLinkW(fs::ApiPath(link).c_str(), target.c_str(), flags) != 0;
+}
+
+void RemoveHostTree(const fs::Path& path) {
+  if (RunsUnderWine()) (void)StartHostShell(L"rm -rf $0 $1", HostPath(path), HostPath(path));
 }
 
 void MakeReadOnly(const fs::Path& path) {

@@ -8,6 +8,7 @@
 #include "core/process_environment.h"
 #include "core/system_error.h"
 #include "core/text.h"
+#include "tests/support/file_tricks.h"
 
 namespace zul::test {
 
@@ -36,7 +37,7 @@ TempFolder::TempFolder() {
 
 TempFolder::~TempFolder() {
   std::error_code ec;
-  fs::RemoveTree(path_, ec);
+  if (!fs::RemoveTree(path_, ec)) RemoveHostTree(path_);
 }
 
 fs::Path TempFolder::operator/(std::string_view relative) const {
