@@ -20,16 +20,21 @@ constexpr std::uint16_t kMethodStored = 0;
 constexpr std::uint16_t kMethodDeflated = 8;
 constexpr std::uint16_t kMethodAes = 99;
 
+constexpr std::uint16_t kExtraAes = 0x9901;
+constexpr std::uint16_t kExtraUnicodePath = 0x7075;
+
+bool HasExtraRecord(std::string_view extra, std::uint16_t id) {
+  while (const auto record = TakeZipExtraRecord(extra)) {
+    if (record->id == id) return true;
+  }
+  return false;
+}
+
 // AES encryption shows in the method and in this extra field; the library fills the version only
 // when it was built to decrypt.
 bool IsAesEncrypted(const ZipCentralHeader& header) {
-  constexpr std::uint16_t kAesExtraId = 0x9901;
-  if (header.aes_version != 0 || header.compression_method == kMethodAes) return true;
-  std::string_view rest = header.extra;
-  while (const auto record = TakeZipExtraRecord(rest)) {
-    if (record->id == kAesExtraId) return true;
-  }
-  return false;
+  return header.aes_version != 0 || header.compression_method == kMethodAes ||
+         HasExtraRecord(header.extra, kExtraAes);
 }
 
 bool HasNoSizes(const ZipHeaderFields& header) {
@@ -44,12 +49,27 @@ struct EntryName {
 
 // Nothing for an unsafe name.
 std::optional<EntryName> NameOf(const ZipHeaderFields& header) {
-  const DecodedZipName decoded = DecodeZipEntryName(header.name, header.extra);
+  DecodedZipName decoded = DecodeZipEntryName(header.name, header.extra);
   EntryName name;
   name.unicode_path_used = decoded.unicode_path_used;
   name.is_directory = IsZipDirectoryName(decoded.name);
-  if (!NormalizeZipEntryPath(decoded.name, name.is_directory, name.path)) return std::nullopt;
+  if (!NormalizeZipEntryPath(std::move(decoded.name), name.is_directory, name.path))
+    return std::nullopt;
   return name;
+}
+
+// The raw names are equal. So the two headers can name the file differently only where one of them
+// has a Unicode path; elsewhere the local reading would be the central one over again.
+bool AdoptLocalName(const ZipHeaderFields& local, ZipEntryRecord& record) {
+  if (!record.unicode_path_used && !HasExtraRecord(local.extra, kExtraUnicodePath)) return true;
+  std::optional<EntryName> name = NameOf(local);
+  if (!name || name->is_directory != record.is_directory) return false;
+  if (name->unicode_path_used == record.unicode_path_used) return name->path == record.path;
+  if (name->unicode_path_used) {
+    record.path = std::move(name->path);
+    record.unicode_path_used = true;
+  }
+  return true;
 }
 
 }  // namespace
@@ -102,16 +122,8 @@ bool CheckLocalHeader(const ZipReader& reader, ZipEntryRecord& record, std::stri
   if (local->flags != record.flags) {
     return Fail(error, "local header flags do not match central directory");
   }
-  constexpr std::string_view kNameMismatch =
-      "local header filename does not match central directory";
-  if (local->name != record.raw_name) return Fail(error, kNameMismatch);
-  std::optional<EntryName> name = NameOf(*local);
-  if (!name || name->is_directory != record.is_directory) return Fail(error, kNameMismatch);
-  if (name->unicode_path_used && !record.unicode_path_used) {
-    record.path = std::move(name->path);
-    record.unicode_path_used = true;
-  } else if (name->unicode_path_used == record.unicode_path_used && name->path != record.path) {
-    return Fail(error, kNameMismatch);
+  if (local->name != record.raw_name || !AdoptLocalName(*local, record)) {
+    return Fail(error, "local header filename does not match central directory");
   }
   const bool sizes_follow = (record.flags & kFlagSizesInDescriptor) && HasNoSizes(*local);
   if (!sizes_follow &&

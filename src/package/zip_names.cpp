@@ -3,7 +3,10 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
+#include <functional>
+#include <utility>
 
 #include "core/text.h"
 
@@ -38,19 +41,30 @@ std::string_view UnicodePathOf(const ZipExtraRecord& record, std::string_view ra
 // CON, COM1 and the like are devices in every directory and with every extension. Windows takes
 // the superscript digits of Latin-1 for digits here.
 bool IsReservedName(std::string_view component) {
+  constexpr std::size_t kShortest = 3;
+  constexpr std::size_t kLongest = 5;  // "com" and a superscript of two bytes
   std::string_view stem = component.substr(0, component.find('.'));
   while (!stem.empty() && stem.back() == ' ') stem.remove_suffix(1);
+  if (stem.size() < kShortest || stem.size() > kLongest) return false;
   const std::string name = AsciiLower(stem);
   if (name == "con" || name == "prn" || name == "aux" || name == "nul") return true;
   if (!name.starts_with("com") && !name.starts_with("lpt")) return false;
-  const std::string_view port = std::string_view(name).substr(3);
+  const std::string_view port = std::string_view(name).substr(kShortest);
   if (port.size() == 1) return port[0] >= '1' && port[0] <= '9';
   return port == "\u00B9" || port == "\u00B2" || port == "\u00B3";
 }
 
+constexpr std::array<bool, 256> kForbiddenInName = [] {
+  std::array<bool, 256> forbidden{};
+  for (std::size_t byte = 0; byte < 0x20; ++byte) forbidden[byte] = true;
+  for (const char c : std::string_view("\x7F\"*:<>?|")) {
+    forbidden[static_cast<unsigned char>(c)] = true;
+  }
+  return forbidden;
+}();
+
 bool IsForbiddenInName(char c) {
-  const auto byte = static_cast<unsigned char>(c);
-  return byte < 0x20 || byte == 0x7F || std::string_view("\"*:<>?|").find(c) != std::string::npos;
+  return kForbiddenInName[static_cast<unsigned char>(c)];
 }
 
 bool IsSafeComponent(std::string_view component) {
@@ -66,14 +80,22 @@ bool StartsWithDrive(std::string_view path) {
   return letter >= 'a' && letter <= 'z';
 }
 
-// Calls `accept` for each part between `/`, empty ones included, until it says no.
+bool IsMetadataComponent(std::string_view component) {
+  if (component.starts_with("._")) return true;
+  const char first = component.empty() ? '\0' : component.front();
+  if (first != '.' && first != '_') return false;  // nearly all
+  const std::string folded = AsciiLower(component);
+  return folded == "__macosx" || folded == ".ds_store";
+}
+
+// Calls `accept` for each part between separators, empty ones included, until it says no.
 template <typename Accept>
-bool ForEachComponent(std::string_view path, Accept accept) {
+bool ForEachComponent(std::string_view path, char separator, Accept accept) {
   for (;;) {
-    const std::size_t slash = path.find('/');
-    if (!accept(path.substr(0, slash))) return false;
-    if (slash == std::string_view::npos) return true;
-    path.remove_prefix(slash + 1);
+    const std::size_t end = path.find(separator);
+    if (!accept(path.substr(0, end))) return false;
+    if (end == std::string_view::npos) return true;
+    path.remove_prefix(end + 1);
   }
 }
 
@@ -117,21 +139,21 @@ bool IsZipDirectoryName(std::string_view name) {
   return name.ends_with('/') || name.ends_with('\\');
 }
 
-bool NormalizeZipEntryPath(std::string_view name, bool is_directory, std::string& path) {
-  path.assign(name);
-  std::replace(path.begin(), path.end(), '\\', '/');
-  if (path.ends_with('/') != is_directory) return false;
-  if (is_directory) path.pop_back();
-  if (path.starts_with('/') || StartsWithDrive(path)) return false;
-  return ForEachComponent(path, IsSafeComponent);
+bool NormalizeZipEntryPath(std::string name, bool is_directory, std::string& path) {
+  std::replace(name.begin(), name.end(), '\\', '/');
+  if (name.ends_with('/') != is_directory) return false;
+  if (is_directory) name.pop_back();
+  if (name.starts_with('/') || StartsWithDrive(name)) return false;
+  if (!ForEachComponent(name, '/', IsSafeComponent)) return false;
+  path = std::move(name);
+  return true;
 }
 
 bool IsArchiveMetadataPath(std::string_view path) {
-  std::string folded = AsciiLower(path);
-  std::replace(folded.begin(), folded.end(), '\\', '/');
-  return !ForEachComponent(folded, [](std::string_view component) {
-    return component != "__macosx" && component != ".ds_store" && !component.starts_with("._");
-  });
+  const auto is_kept = [](std::string_view part) {
+    return ForEachComponent(part, '\\', std::not_fn(IsMetadataComponent));
+  };
+  return !ForEachComponent(path, '/', is_kept);
 }
 
 }  // namespace zul

@@ -27,9 +27,8 @@ struct DecodedZipName {
 
 /// Turns a decoded name into a relative path with `/` between its components and none at the end.
 /// False for a name that could leave the extraction root or that Windows would read as another name
-/// or as a device; `path` is then not to be used.
-[[nodiscard]] bool NormalizeZipEntryPath(std::string_view name, bool is_directory,
-                                         std::string& path);
+/// or as a device; `path` is then left alone.
+[[nodiscard]] bool NormalizeZipEntryPath(std::string name, bool is_directory, std::string& path);
 
 /// True for what macOS adds to archives of its own accord ("__MACOSX", ".DS_Store", "._name"),
 /// anywhere in the path.

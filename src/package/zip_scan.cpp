@@ -102,16 +102,6 @@ struct Spelling {
   }
 };
 
-// Calls `visit` for each directory above the path, the nearest first, until it returns false.
-template <typename Visit>
-void ForEachParent(const Spelling& path, Visit visit) {
-  std::size_t slash = path.exact.rfind('/');
-  while (slash != std::string_view::npos && slash > 0) {
-    if (!visit(path.Prefix(slash))) return;
-    slash = path.exact.rfind('/', slash - 1);
-  }
-}
-
 class PathCollisions {
  public:
   explicit PathCollisions(const std::vector<ZipEntryRecord>& entries) : entries_(entries) {
@@ -130,7 +120,7 @@ class PathCollisions {
 
   bool Check(std::string* error) {
     for (std::size_t i = 0; i < entries_.size(); ++i) {
-      if (!is_directory_.emplace(spellings_[i].folded, entries_[i].is_directory).second) {
+      if (!is_directory_.try_emplace(spellings_[i].folded, entries_[i].is_directory).second) {
         return Fail(error, "ZIP entry path collision");
       }
       if (!EnterParents(spellings_[i]) ||
@@ -138,36 +128,31 @@ class PathCollisions {
         return Fail(error, "ZIP directory path collision");
       }
     }
-    for (const Spelling& path : spellings_) {
-      if (HasFileAbove(path)) return Fail(error, "ZIP file path conflicts with a child entry");
+    // By now each directory above an entry is known once, so it is asked for once.
+    for (const auto& [folded, exact] : directory_spellings_) {
+      const auto entry = is_directory_.find(folded);
+      if (entry != is_directory_.end() && !entry->second) {
+        return Fail(error, "ZIP file path conflicts with a child entry");
+      }
     }
     return true;
   }
 
  private:
   bool EnterDirectory(const Spelling& path) {
-    return directory_spellings_.emplace(path.folded, path.exact).first->second == path.exact;
+    return directory_spellings_.try_emplace(path.folded, path.exact).first->second == path.exact;
   }
 
   // A directory that is there in the same spelling brought its own parents along.
   bool EnterParents(const Spelling& path) {
-    bool agreed = true;
-    ForEachParent(path, [&](const Spelling& parent) {
-      const auto [known, is_new] = directory_spellings_.emplace(parent.folded, parent.exact);
-      agreed = known->second == parent.exact;
-      return agreed && is_new;
-    });
-    return agreed;
-  }
-
-  bool HasFileAbove(const Spelling& path) const {
-    bool found = false;
-    ForEachParent(path, [&](const Spelling& parent) {
-      const auto entry = is_directory_.find(parent.folded);
-      found = entry != is_directory_.end() && !entry->second;
-      return !found;
-    });
-    return found;
+    for (std::size_t slash = path.exact.rfind('/'); slash != std::string_view::npos && slash > 0;
+         slash = path.exact.rfind('/', slash - 1)) {
+      const Spelling parent = path.Prefix(slash);
+      const auto [known, is_new] = directory_spellings_.try_emplace(parent.folded, parent.exact);
+      if (known->second != parent.exact) return false;
+      if (!is_new) break;
+    }
+    return true;
   }
 
   const std::vector<ZipEntryRecord>& entries_;

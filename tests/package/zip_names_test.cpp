@@ -155,7 +155,8 @@ TEST(NormalizeZipEntryPath, AcceptsPlainRelativePathsOnly) {
   };
   for (const auto& c : cases) {
     std::string path;
-    const bool accepted = NormalizeZipEntryPath(c.name, IsZipDirectoryName(c.name), path);
+    const bool accepted =
+        NormalizeZipEntryPath(std::string(c.name), IsZipDirectoryName(c.name), path);
     EXPECT_EQ(accepted, !c.path.empty()) << c.name;
     EXPECT_EQ(accepted ? path : "", c.path);
   }

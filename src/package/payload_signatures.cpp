@@ -1,0 +1,165 @@
+#include "package/payload_signatures.h"
+
+#include <algorithm>
+
+#include "core/file_layer.h"
+#include "core/system_error.h"
+#include "core/text.h"
+
+namespace zul {
+
+namespace {
+
+// WinError.h of the platform's SDK.
+constexpr std::uint32_t kTrustNoSignature = 0x800B0100;
+constexpr std::uint32_t kTrustSubjectFormUnknown = 0x800B0003;
+constexpr std::uint32_t kTrustProviderUnknown = 0x800B0001;
+
+bool Refuse(std::string* error, std::string message) {
+  if (error != nullptr) *error = std::move(message);
+  return false;
+}
+
+std::string CodeAndMessage(const std::error_code& ec) {
+  return "' (code=" + std::to_string(ec.value()) + ", message='" + SystemErrorText(ec) + "')";
+}
+
+bool IsBinaryName(const fs::Path& path) {
+  const std::string extension = AsciiLower(PathToUtf8(path.extension()));
+  return extension == ".exe" || extension == ".dll";
+}
+
+bool IsSafeComponent(const std::string& component) {
+  constexpr std::string_view kForbidden = "\"*/:<>?\\|";
+  if (component.empty() || component == "." || component == "..") return false;
+  return std::none_of(component.begin(), component.end(), [&](char c) {
+    return static_cast<unsigned char>(c) < 0x20 || kForbidden.find(c) != std::string_view::npos;
+  });
+}
+
+bool IsSafeRelativePath(const fs::Path& relative) {
+  if (relative.empty() || relative.has_root_path()) return false;
+  return std::all_of(relative.begin(), relative.end(), [](const fs::Path& component) {
+    return IsSafeComponent(PathToUtf8(component));
+  });
+}
+
+/// One pass over a staged tree.
+class SignaturePass {
+ public:
+  SignaturePass(const fs::Path& staged_root, const PayloadSignatureVerifier& verifier,
+                std::vector<std::string>* verified_files, std::string* error)
+      : staged_root_(staged_root),
+        verifier_(verifier),
+        verified_files_(verified_files),
+        error_(error) {}
+
+  bool Run() {
+    std::error_code ec;
+    if (fs::KindOf(staged_root_, fs::Links::kFollow, ec) != fs::EntryKind::kDirectory) {
+      if (!ec) ec = std::make_error_code(std::errc::not_a_directory);
+      return Refuse(error_, "Cannot enumerate staged update tree for signature validation: '" +
+                                PathToUtf8(staged_root_) + CodeAndMessage(ec));
+    }
+    fs::TreeWalker walker(staged_root_);
+    fs::DirectoryEntry entry;
+    while (walker.Next(&entry, ec)) {
+      if (IsRegularFile(entry) && !Judge(entry.path)) return false;
+    }
+    if (!ec) return true;
+    return Refuse(error_, "Update payload signature enumeration failed: " + SystemErrorText(ec));
+  }
+
+ private:
+  /// A link counts as what it leads to.
+  static bool IsRegularFile(const fs::DirectoryEntry& entry) {
+    if (entry.kind != fs::EntryKind::kLink) return entry.kind == fs::EntryKind::kRegular;
+    std::error_code ec;
+    const fs::EntryKind kind = fs::KindOf(entry.path, fs::Links::kFollow, ec);
+    if (kind == fs::EntryKind::kUnknown) {
+      throw std::filesystem::filesystem_error("cannot inspect staged entry", entry.path, ec);
+    }
+    return kind == fs::EntryKind::kRegular;
+  }
+
+  bool Judge(const fs::Path& path) {
+    std::error_code ec;
+    if (resolved_root_.empty()) resolved_root_ = fs::WeaklyCanonical(staged_root_, ec);
+    const fs::Path resolved = ec ? fs::Path() : fs::WeaklyCanonical(path, ec);
+    if (ec) {
+      return Refuse(error_,
+                    "Cannot resolve staged relative path during signature validation for '" +
+                        PathToUtf8(path) + CodeAndMessage(ec));
+    }
+    const fs::Path relative = resolved.lexically_relative(resolved_root_);
+    if (!IsSafeRelativePath(relative)) {
+      return Refuse(error_,
+                    "Staged update contains an unsafe payload path during signature validation: '" +
+                        PathToUtf8(relative.empty() ? path : relative) + "'");
+    }
+    return !IsBinaryName(relative) || Verify(resolved, PathToGenericUtf8(relative));
+  }
+
+  bool Verify(const fs::Path& resolved, std::string relative) {
+    const UpdatePayloadBinarySignatureResult result = verifier_(PathToUtf8(resolved));
+    std::string refusal;
+    if (result.status != PayloadSignatureStatus::kValid) {
+      refusal = "Staged update binary is not signed by a trusted publisher: '" + relative + "' (";
+      refusal += SignatureStatusWord(result.status);
+      if (!result.detail.empty()) refusal += ": " + result.detail;
+      refusal += ")";
+    }
+    if (verified_files_ != nullptr) verified_files_->push_back(std::move(relative));
+    return refusal.empty() || Refuse(error_, std::move(refusal));
+  }
+
+  const fs::Path& staged_root_;
+  const PayloadSignatureVerifier& verifier_;
+  std::vector<std::string>* const verified_files_;
+  std::string* const error_;
+  fs::Path resolved_root_;
+};
+
+}  // namespace
+
+std::string_view SignatureStatusWord(PayloadSignatureStatus status) {
+  switch (status) {
+    case PayloadSignatureStatus::kValid:
+      return "valid";
+    case PayloadSignatureStatus::kUnsigned:
+      return "unsigned";
+    case PayloadSignatureStatus::kInvalid:
+      return "invalid";
+    case PayloadSignatureStatus::kVerificationError:
+      return "verification_error";
+  }
+  return "unknown";
+}
+
+bool VerifyStagedPayloadSignatures(const std::filesystem::path& staged_root, bool require_signed,
+                                   const PayloadSignatureVerifier& verifier,
+                                   std::vector<std::string>* verified_files, std::string* error) {
+  if (verified_files != nullptr) verified_files->clear();
+  if (!require_signed) return true;
+  if (!verifier) {
+    return Refuse(error, "Update payload binary signature verifier is not configured.");
+  }
+  return SignaturePass(staged_root, verifier, verified_files, error).Run();
+}
+
+UpdatePayloadBinarySignatureResult MapTrustStatus(std::int32_t trust_status) {
+  switch (static_cast<std::uint32_t>(trust_status)) {
+    case 0:
+      return {PayloadSignatureStatus::kValid, "valid", {}};
+    case kTrustNoSignature:
+    case kTrustSubjectFormUnknown:
+    case kTrustProviderUnknown:
+      return {PayloadSignatureStatus::kUnsigned, "unsigned", {}};
+    default:
+      return {PayloadSignatureStatus::kInvalid,
+              "WinVerifyTrust status=" + std::to_string(trust_status),
+              {}};
+  }
+}
+
+}  // namespace zul
