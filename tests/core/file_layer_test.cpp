@@ -484,5 +484,16 @@ TEST(FileLayer, AFullVolumeIsAnErrorAndNotAShortFile) {
   EXPECT_EQ(ec, std::errc::no_space_on_device);
 }
 
+TEST(FileLayer, AFullDeviceFailsTheWrite) {
+  if (kOnWindows && !RunsUnderWine()) GTEST_SKIP() << "no such device here";
+  const TempFolder folder;
+  REQUIRE_LINK("/dev/full", folder / "full");
+  std::error_code ec;
+  File file = CreateTruncatedFile(folder / "full", ec);
+  ASSERT_TRUE(file.is_open()) << ec;
+  EXPECT_FALSE(WriteAll(file, "x", 1, ec));
+  EXPECT_EQ(ec, std::errc::no_space_on_device);
+}
+
 }  // namespace
 }  // namespace zul::fs
