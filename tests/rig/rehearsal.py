@@ -2,11 +2,14 @@
 
 usage: rehearsal.py [package.zip]
 
-Exits with 0 when every promise was kept, 1 when one was broken, 2 when it could not be carried out.
+Exits with 0 when the update did all that it promises, 1 when it did not, 2 when it could not be
+carried out.
 """
 
 import shutil
+import signal
 import sys
+import textwrap
 import threading
 import time
 from pathlib import Path
@@ -21,7 +24,7 @@ from https_server import HttpsServer, Reply
 from rehearsal_release import Release
 from rehearsal_report import (TimedEvent, changes_between, heading, megabytes, paint, print_changes,
                               print_promises, print_stages, print_timeline, row)
-from sandbox import Sandbox, programs_from
+from sandbox import Sandbox
 from updater_run import Outcome, Scene
 
 RATE = 25_000_000  # bytes a second: loopback alone would be over before the window can be seen
@@ -85,25 +88,26 @@ class Watcher(threading.Thread):
 def rehearse(package: Path | None) -> bool:
     folder = places.ROOT / "build" / "rehearsal" / time.strftime("%Y-%m-%d_%H.%M.%S")
     folder.mkdir(parents=True)
+    release = rehearsal_release.from_package(package) if package else rehearsal_release.sample()
+    print_beginning(release)
     sandbox = Sandbox().start()
+    sandbox.paint_desktop()
+    scene = Scene(sandbox, "rehearsal")
     try:
-        scene = Scene(sandbox, "rehearsal")
-        release = rehearsal_release.from_package(package) if package else rehearsal_release.sample()
         packages.write_tree(scene.install, release.installed)
-        print_beginning(release)
         outside = packages.snapshot(sandbox.drive_c / "users")
         with HttpsServer(certificates.make_authority("trusted"),
                          certificates.make_authority("stranger")) as server:
             outcome, watcher = update(scene, release, server, folder)
-        promises = judge(scene, release, outcome, watcher, outside)
-        kept = print_end(scene, release, outcome, watcher, promises, folder)
-        if kept:
-            scene.clear()
-        return kept
+        judge = judge_update if outcome.exit_code == 0 else judge_failure
+        kept = print_end(scene, release, outcome, watcher,
+                         judge(scene, release, outcome, outside), folder)
     finally:
-        for program in programs_from(sandbox.windows_path(sandbox.drive_c / "rig" / "rehearsal")):
-            program.end()
+        scene.end()
         sandbox.stop()
+    if kept:
+        scene.clear()
+    return kept
 
 
 def update(scene: Scene, release: Release, server: HttpsServer, folder: Path) -> tuple[Outcome, Watcher]:
@@ -124,37 +128,61 @@ def update(scene: Scene, release: Release, server: HttpsServer, folder: Path) ->
     return outcome, watcher
 
 
-def judge(scene: Scene, release: Release, outcome: Outcome, watcher: Watcher,
-          outside: dict[str, str]) -> list[tuple[str, list[str]]]:
+def judge_update(scene: Scene, release: Release, outcome: Outcome,
+                 outside: dict[str, str]) -> list[tuple[str, list[str]]]:
     """What the updater promises, and for each what is at odds with it."""
-    after = installed_files(scene)
-    payload, expected = packages.digests(release.payload), packages.digests(release.expected)
+    after, payload, expected = installed_files(scene), release.payload, release.expected
     retired = [name for name in packages.RETIRED_NAMES if name not in payload]
+    others = [path for path in sorted(after.keys() | expected.keys())
+              if path not in payload and path not in retired]
     chain = [name for name in trace_log.names(outcome.trace) if name != "download_progress"]
     removed = sum(name in release.installed for name in retired)
     full_chain = [*trace_log.CHAIN_BEFORE_REMOVALS,
                   *["retired_install_executable_removed"] * removed, *trace_log.CHAIN_AFTER_REMOVALS]
-    users = packages.snapshot(scene.sandbox.drive_c / "users")
     promises = [
-        ("exit code 0 and no message box",
-         [f"exit code {outcome.exit_code}"] * (outcome.exit_code != 0) +
-         [f"a box: {dialog.text}" for dialog in outcome.dialogs]),
+        ("exit code 0 and no message box", boxes(outcome)),
         ("every file of the package stands in the installation, byte for byte",
          [path for path in payload if after.get(path) != payload[path]]),
         ("retired executables are gone", [name for name in retired if name in after]),
         ("all other files are as they were",
-         [path for path in sorted(after.keys() | expected.keys() - payload.keys())
-          if path not in payload and path not in retired and after.get(path) != expected.get(path)]),
+         [path for path in others if after.get(path) != expected.get(path)]),
+    ]
+    if release.shows_version_2:
+        promises.append(("the application came up again, as version 2",
+                         programs.missing_marks(scene.install, *programs.marks_of_start(2), timeout=0)))
+    return [
+        *promises,
         ("the workspace is removed", sorted(path.name for path in scene.temp.iterdir())),
         ("the trace holds the whole chain in its order", [] if chain == full_chain else chain),
+        *promises_of_every_run(scene, outside),
+    ]
+
+
+def judge_failure(scene: Scene, release: Release, outcome: Outcome,
+                  outside: dict[str, str]) -> list[tuple[str, list[str]]]:
+    """What it promises when it cannot update."""
+    after, before = installed_files(scene), packages.digests(release.installed)
+    return [
+        ("exit code 2 and one message box", [] if (outcome.exit_code, len(outcome.dialogs)) == (2, 1)
+         else [f"exit code {outcome.exit_code}", *boxes(outcome)]),
+        ("the installation is as it was, byte for byte",
+         [path for path in sorted(after.keys() | before.keys()) if after.get(path) != before.get(path)]),
+        ("the workspace is kept for support", [] if len(scene.workspaces()) == 1 else ["it is gone"]),
+        *promises_of_every_run(scene, outside),
+    ]
+
+
+def promises_of_every_run(scene: Scene, outside: dict[str, str]) -> list[tuple[str, list[str]]]:
+    users = packages.snapshot(scene.sandbox.drive_c / "users")
+    return [
         ("every event carries its derived keys", trace_log.faults(scene.trace_path)),
         ("nothing is written elsewhere in the user's folders",
          sorted(path for path in users.keys() | outside.keys() if users.get(path) != outside.get(path))),
     ]
-    if release.shows_version_2:
-        promises.insert(4, ("the application came up again, as version 2",
-                            programs.missing_marks(scene.install, *programs.marks_of_start(2))))
-    return promises
+
+
+def boxes(outcome: Outcome) -> list[str]:
+    return [f"a box: {dialog.text}" for dialog in outcome.dialogs]
 
 
 def installed_files(scene: Scene) -> dict[str, str]:
@@ -166,8 +194,9 @@ def installed_files(scene: Scene) -> dict[str, str]:
 def print_beginning(release: Release) -> None:
     heading("Rehearsal of one update")
     row("package", str(release.package))
-    row("", megabytes(release.package.stat().st_size) + f", {len(release.payload)} files, SHA-256 "
-        f"{release.sha256[:16]}...")
+    row("", megabytes(release.package.stat().st_size),
+        release.note or f"{len(release.payload)} files, {megabytes(release.payload_size)} unpacked")
+    row("", f"SHA-256 {release.sha256}")
     retired = sum(name in release.installed for name in packages.RETIRED_NAMES)
     row("installation", megabytes(sum(map(len, release.installed.values()))) +
         f", {len(release.installed)} files, {retired} of them retired executables")
@@ -175,13 +204,15 @@ def print_beginning(release: Release) -> None:
 
 def print_end(scene: Scene, release: Release, outcome: Outcome, watcher: Watcher,
               promises: list[tuple[str, list[str]]], folder: Path) -> bool:
-    payload_size = sum(map(len, release.payload.values()))
     packed = release.package.stat().st_size
-    print_stages(watcher.events, {"download": packed, "verify": packed, "extract": payload_size,
-                                  "apply": payload_size})
+    print_stages(watcher.events, {"download": packed, "verify": packed,
+                                  "extract": release.payload_size, "apply": release.payload_size})
     print_timeline(watcher.events)
     changes = changes_between(packages.digests(release.installed), installed_files(scene))
     print_changes(changes)
+    for dialog in outcome.dialogs:
+        heading("Message to the user")
+        print(textwrap.indent(dialog.text, "  "))
     kept = print_promises(promises)
     (folder / "changes.txt").write_text("".join(
         f"{word} {path}\n" for word, paths in vars(changes).items() for path in paths), "utf-8")
@@ -193,11 +224,17 @@ def print_end(scene: Scene, release: Release, outcome: Outcome, watcher: Watcher
     row("screenshots", *(path.name for path in watcher.shots))
     row("trace", "update_trace.log, and the names of all changed files in changes.txt")
     row("both in", f"{folder}/")
-    if not kept:
-        row("left as it is", f"{scene.folder}/")
-    print("\n  " + (paint("The update did what it promises.", "green") if kept else
-                    paint("The update broke a promise.", "red")))
-    return kept
+    updated = kept and outcome.exit_code == 0
+    if not updated:
+        row("scene", f"{scene.folder}/")
+    print("\n  " + (paint("The update did what it promises.", "green") if updated else
+                    paint("The update failed, and kept what is promised for that.", "red") if kept else
+                    paint("A promise was broken.", "red")))
+    return updated
+
+
+def leave(*_: object) -> None:
+    sys.exit(2)
 
 
 def main() -> int:
@@ -208,11 +245,9 @@ def main() -> int:
     if package and not package.is_file():
         print(f"rehearse: there is no file {package}", file=sys.stderr)
         return 2
-    try:
-        return 0 if rehearse(package) else 1
-    except ValueError as fault:
-        print(f"rehearse: {package}: {fault}", file=sys.stderr)
-        return 2
+    for ending in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
+        signal.signal(ending, leave)  # by an exception, so that nothing is left running
+    return 0 if rehearse(package) else 1
 
 
 if __name__ == "__main__":

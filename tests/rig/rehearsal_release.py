@@ -1,6 +1,7 @@
 """What a rehearsal installs: the sample release, or a package from the command line with a stand-in
 for the version before it."""
 
+import hashlib
 import re
 import zipfile
 from dataclasses import dataclass
@@ -18,64 +19,78 @@ MOST_REQUIRED = 64
 class Release:
     package: Path
     sha256: str
-    payload: packages.Tree  # what the package puts into the folder
+    payload: dict[str, str]  # SHA-256 of each file that the package puts into the folder
+    payload_size: int
     installed: packages.Tree  # what stands there before
     required: tuple[str, ...]
+    note: str = ""  # what is wrong with the package, as far as this side can see
 
     @property
     def shows_version_2(self) -> bool:
         """Whether the application in it is the rig's own, which leaves a mark."""
-        return self.payload.get(packages.APPLICATION) == programs.TEST_APPLICATION_2.read_bytes()
+        return self.payload.get(packages.APPLICATION) == packages.sha256_of(programs.TEST_APPLICATION_2)
 
     @property
-    def expected(self) -> packages.Tree:
-        return packages.updated_tree(self.installed, self.payload)
+    def expected(self) -> dict[str, str]:
+        return packages.updated_tree(packages.digests(self.installed), self.payload)
 
 
 def sample() -> Release:
     application = programs.TEST_APPLICATION_2.read_bytes()
     package = sample_release.package(application)
     payload = sample_release.tree_of(2, application)
-    required = (packages.APPLICATION, "qorva_updater.exe", "qorva_01.dll")
-    return Release(package, packages.sha256_of(package), payload,
-                   sample_release.installation(programs.TEST_APPLICATION_1.read_bytes()), required)
+    return Release(package, packages.sha256_of(package), packages.digests(payload),
+                   sum(map(len, payload.values())),
+                   sample_release.installation(programs.TEST_APPLICATION_1.read_bytes()),
+                   (packages.APPLICATION, "qorva_updater.exe", "qorva_01.dll"))
 
 
 def from_package(package: Path) -> Release:
-    """Raises ValueError with a plain text when the file cannot serve as a package."""
-    payload = payload_of(package)
+    """A package that cannot be read here is rehearsed all the same: the updater has to refuse it."""
+    try:
+        payload, size, note = *read_payload(package), ""
+    except (OSError, zipfile.BadZipFile, NotImplementedError, RuntimeError, ValueError) as fault:
+        payload, size, note = {}, 0, f"cannot be read as a ZIP here: {fault}"
     names = sorted(name for name in payload if "/" not in name and NAME_RULE.fullmatch(name))
-    required = (packages.APPLICATION,) if packages.APPLICATION in names else tuple(names[:MOST_REQUIRED])
-    if not required:
-        raise ValueError("it holds no file at its top level that a request could require")
+    required = tuple(names[:MOST_REQUIRED])
+    if packages.APPLICATION in names or not names:
+        required = (packages.APPLICATION,)
     # The version before: the application, a user's file, what was retired, and another edition of
     # every second file of the package.
     installed = {packages.APPLICATION: programs.TEST_APPLICATION_1.read_bytes(),
                  packages.INSTALLER_MARKER: b'{"installer":"rehearsal"}\n',
                  "settings/user.json": b'{"made by":"the user"}\n'}
     for path in sorted(payload)[::2]:
-        if path not in installed:
+        if path not in installed and is_plain(path):
             installed[path] = packages.prose(2048, "the edition before", path)
     for name in sample_release.RETIRED:
         installed[name] = packages.binary(100_000, name, 1)
-    return Release(package, packages.sha256_of(package), payload, installed, required)
+    return Release(package, packages.sha256_of(package), payload, size, installed, required, note)
 
 
-def payload_of(package: Path) -> packages.Tree:
-    """The files of a package by their place in the installation. A single wrapper folder is taken
-    off, and what operating systems strew into archives is left out."""
-    try:
-        with zipfile.ZipFile(package) as archive:
-            files = {info.filename: archive.read(info) for info in archive.infolist()
-                     if not info.is_dir() and not is_clutter(info.filename)}
-    except (OSError, zipfile.BadZipFile, NotImplementedError, RuntimeError) as fault:
-        raise ValueError(f"it cannot be read as a ZIP: {fault}") from fault
+def read_payload(package: Path) -> tuple[dict[str, str], int]:
+    """The digests of a package's files by their place in the installation, and their size in all. A
+    single wrapper folder is taken off, and what operating systems strew into archives left out."""
+    files, size = {}, 0
+    with zipfile.ZipFile(package) as archive:
+        for info in archive.infolist():
+            if info.is_dir() or is_clutter(info.filename):
+                continue
+            with archive.open(info) as entry:
+                files[info.filename] = hashlib.file_digest(entry, "sha256").hexdigest()
+            size += info.file_size
     tops = {name.partition("/")[0] for name in files if "/" in name}
-    if len(tops) == 1 and not any("/" not in name for name in files):
-        return {name.partition("/")[2]: data for name, data in files.items()}
-    return files
+    if len(tops) == 1 and all("/" in name for name in files):
+        files = {name.partition("/")[2]: digest for name, digest in files.items()}
+    return files, size
 
 
 def is_clutter(name: str) -> bool:
     return any(part.lower() in ("__macosx", ".ds_store") or part.startswith("._")
+               for part in name.split("/"))
+
+
+def is_plain(name: str) -> bool:
+    """Whether a name of a foreign package may safely become a file of ours."""
+    return all(part not in ("", ".", "..") and not set(part) & set('\\:*?"<>|\0')
                for part in name.split("/"))

@@ -8,6 +8,7 @@ trust store nor its /etc/hosts is touched.
 import fcntl
 import io
 import os
+import shutil
 import signal
 import subprocess
 import sys
@@ -39,6 +40,7 @@ class Sandbox:
             self.in_use = (places.WINE_HOME / "in-use.lock").open("w")
             fcntl.flock(self.in_use, fcntl.LOCK_SH)
             session("start")
+            self.install_caption_font()
             hosts = "".join(f"127.0.0.1 {host}\n" for host in places.HOSTS)
             if not HOSTS_FILE.exists() or HOSTS_FILE.read_text() != hosts:
                 HOSTS_FILE.write_text(hosts)
@@ -67,6 +69,16 @@ class Sandbox:
         lines = session("env").splitlines()
         self.environment = {**os.environ, "LC_ALL": "C.UTF-8",
                             **dict(line.split("=", 1) for line in lines)}
+
+    def install_caption_font(self) -> None:
+        # The font that draws the buttons of a caption is Wine's own, but Debian keeps it where Wine
+        # does not look. It is read when a session begins.
+        font = Path("/usr/share/wine/fonts/marlett.ttf")
+        installed = self.drive_c / "windows" / "Fonts" / font.name
+        if font.exists() and not installed.exists():
+            shutil.copyfile(font, installed)
+            session("stop")
+            session("start")
 
     def keep_out_of_the_home_folder(self) -> None:
         # Wine links Desktop, Documents and the like to the home folder of whoever runs it.
@@ -108,9 +120,14 @@ class Sandbox:
         return {**self.environment, "LD_PRELOAD": "libnss_wrapper.so",
                 "NSS_WRAPPER_HOSTS": str(HOSTS_FILE)}
 
+    def paint_desktop(self) -> None:
+        """A quiet background for screenshots. The tool says that it failed when it did not."""
+        subprocess.run(["display", "-size", "1280x800", "-window", "root", "gradient:#34495e-#22303f"],
+                       env=self.environment, timeout=30, capture_output=True)
+
     def screenshot(self, path: Path) -> None:
-        subprocess.run(["import", "-display", self.environment["DISPLAY"], "-window", "root", str(path)],
-                       env=self.environment, check=True, timeout=30, capture_output=True)
+        subprocess.run(["import", "-window", "root", str(path)], env=self.environment, check=True,
+                       timeout=30, capture_output=True)
 
 
 def session(verb: str) -> str:

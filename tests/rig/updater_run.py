@@ -29,7 +29,7 @@ class Outcome:
 
 
 class Scene:
-    """Fresh at creation; `clear` ends what runs from it and deletes it."""
+    """Fresh at creation; `clear` ends what runs from it and deletes it, on disk it stays until then."""
 
     def __init__(self, sandbox: Sandbox, name: str):
         self.sandbox = sandbox
@@ -54,11 +54,15 @@ class Scene:
     def running(self) -> list[Running]:
         return programs_from(self.windows(self.folder))
 
-    def clear(self) -> None:
-        for program in programs_from(self.sandbox.windows_path(self.folder)):
+    def end(self) -> None:
+        """Ends whatever still runs of it."""
+        for program in self.running():
             program.end()
         for run in list(self.runs):
-            run.finish()  # nothing is left of those that had not ended by themselves
+            run.finish()
+
+    def clear(self) -> None:
+        self.end()
         shutil.rmtree(self.folder, ignore_errors=True)
 
     def arguments(self, *, url: str, sha256: str, fallback: str = "", pid: int = 0,
