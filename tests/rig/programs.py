@@ -5,6 +5,7 @@ import json
 import subprocess
 import threading
 import time
+from collections.abc import Callable
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -31,9 +32,11 @@ class Dialog:
 
 
 class DialogReader:
-    """Reads every box of one process from now on, and presses the same button on each."""
+    """Reads every box of one process from now on, and presses the same button on each. `on_box` is
+    called while a box is up."""
 
-    def __init__(self, sandbox: Sandbox, pid: int, button: str, timeout: float):
+    def __init__(self, sandbox: Sandbox, pid: int, button: str, timeout: float,
+                 on_box: Callable[[], None] | None):
         self.sandbox = sandbox
         self.command = ["--title", BOX_TITLE, "--pid", str(pid),
                         "--timeout-ms", str(int(timeout * 1000))]
@@ -41,16 +44,21 @@ class DialogReader:
         self.lock = threading.Lock()  # guards `driver` and `over`
         self.driver: subprocess.Popen | None = None
         self.over = False
+        self.on_box = on_box
         self.thread = threading.Thread(target=self.read, args=(button,), daemon=True)
         self.thread.start()
 
     def read(self, button: str) -> None:
-        press = button
+        first = "none" if self.on_box else button
+        press = first
         while (found := self.drive(press)) is not None:
-            press = button
+            looked, press = press == "none", first
             if "text" not in found:
                 continue
-            if found["pressed"]:
+            if looked:
+                self.on_box()
+                press = button
+            elif found["pressed"]:
                 self.dialogs.append(Dialog(found["title"], found["text"], found["icon"],
                                            tuple(found["buttons"])))
             else:

@@ -7,6 +7,7 @@ carried out.
 """
 
 import shutil
+import re
 import signal
 import sys
 import textwrap
@@ -47,6 +48,7 @@ class Watcher(threading.Thread):
         self.started = time.monotonic()
         self.over = threading.Event()
         self.pending: list[str] = []
+        self.camera = threading.Lock()
         self.photographer = threading.Thread(target=self.take_pictures, daemon=True)
 
     def run(self) -> None:
@@ -75,9 +77,14 @@ class Watcher(threading.Thread):
                 self.picture(self.pending.pop(0))
 
     def picture(self, name: str) -> None:
-        path = self.folder / f"{len(self.shots) + 1}-{name}.png"
-        self.scene.sandbox.screenshot(path)
-        self.shots.append(path)
+        with self.camera:
+            path = self.folder / f"{len(self.shots) + 1}-{name}.png"
+            self.scene.sandbox.screenshot(path)
+            self.shots.append(path)
+
+    def message(self) -> None:
+        self.pending.clear()  # the window is gone by then
+        self.picture("message")
 
     def finish(self) -> None:
         self.over.set()
@@ -111,7 +118,7 @@ def rehearse(package: Path | None) -> bool:
 
 
 def update(scene: Scene, release: Release, server: HttpsServer, folder: Path) -> tuple[Outcome, Watcher]:
-    path = f"/releases/{release.package.name}"
+    path = "/releases/" + re.sub(r"[^A-Za-z0-9._-]", "-", release.package.name)
     server.on(places.PRIMARY_HOST, path, Reply(body=release.package, bytes_per_second=RATE))
     url = server.url(places.PRIMARY_HOST, path)
     row("served at", url, f"limited to {RATE // 1_000_000} MB/s")
@@ -119,10 +126,11 @@ def update(scene: Scene, release: Release, server: HttpsServer, folder: Path) ->
     watcher = Watcher(scene, folder)
     watcher.start()
     outcome = scene.run(scene.arguments(url=url, sha256=release.sha256, required=release.required),
-                        timeout=300)
+                        timeout=300, on_box=watcher.message)
     if outcome.exit_code == 0:
-        programs.missing_marks(scene.install, *programs.marks_of_start(2))
-        time.sleep(0.5)
+        if release.application_version:
+            programs.missing_marks(scene.install, *programs.marks_of_start(release.application_version))
+        time.sleep(0.7 if release.application_version else 3)
         watcher.picture("application-restarted")
     watcher.finish()
     return outcome, watcher
@@ -147,7 +155,7 @@ def judge_update(scene: Scene, release: Release, outcome: Outcome,
         ("all other files are as they were",
          [path for path in others if after.get(path) != expected.get(path)]),
     ]
-    if release.shows_version_2:
+    if release.application_version == 2:
         promises.append(("the application came up again, as version 2",
                          programs.missing_marks(scene.install, *programs.marks_of_start(2), timeout=0)))
     return [
@@ -194,8 +202,8 @@ def installed_files(scene: Scene) -> dict[str, str]:
 def print_beginning(release: Release) -> None:
     heading("Rehearsal of one update")
     row("package", str(release.package))
-    row("", megabytes(release.package.stat().st_size),
-        release.note or f"{len(release.payload)} files, {megabytes(release.payload_size)} unpacked")
+    contents = release.note or f"{len(release.payload)} files, {megabytes(release.payload_size)} unpacked"
+    row("", f"{megabytes(release.package.stat().st_size)}, {contents}")
     row("", f"SHA-256 {release.sha256}")
     retired = sum(name in release.installed for name in packages.RETIRED_NAMES)
     row("installation", megabytes(sum(map(len, release.installed.values()))) +

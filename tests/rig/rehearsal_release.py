@@ -26,9 +26,12 @@ class Release:
     note: str = ""  # what is wrong with the package, as far as this side can see
 
     @property
-    def shows_version_2(self) -> bool:
-        """Whether the application in it is the rig's own, which leaves a mark."""
-        return self.payload.get(packages.APPLICATION) == packages.sha256_of(programs.TEST_APPLICATION_2)
+    def application_version(self) -> int | None:
+        """Which of the rig's own applications, which leave a mark, is restarted; None for another."""
+        if packages.APPLICATION not in self.payload:
+            return 1
+        own = packages.sha256_of(programs.TEST_APPLICATION_2)
+        return 2 if self.payload[packages.APPLICATION] == own else None
 
     @property
     def expected(self) -> dict[str, str]:

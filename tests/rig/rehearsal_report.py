@@ -75,9 +75,9 @@ def print_stages(events: list[TimedEvent], sizes: dict[str, int]) -> None:
         else:
             took = end.seconds - start.seconds
             rate = ""
-            if stage in sizes and took > 0:
-                rate = f"{megabytes(sizes[stage])} at {sizes[stage] / took / 1e6:.0f} MB/s"
-            row(stage, f"{took:6.2f} s", paint("success", "green"), rate)
+            if sizes.get(stage, 0) > 1_000_000 and took > 0:
+                rate = f"  {megabytes(sizes[stage])} at {sizes[stage] / took / 1e6:.0f} MB/s"
+            row(stage, f"{took:6.2f} s", paint("success", "green") + rate)
 
 
 def print_timeline(events: list[TimedEvent]) -> None:

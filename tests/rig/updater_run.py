@@ -6,6 +6,7 @@ import shutil
 import subprocess
 import tempfile
 import time
+from collections.abc import Callable
 from dataclasses import dataclass, field
 from pathlib import Path
 
@@ -91,7 +92,7 @@ class UpdaterRun:
     """The updater at work. `finish` waits for it, reading and dismissing every box that it shows."""
 
     def __init__(self, scene: Scene, program: Path, arguments: list[str], *, button: str = "ok",
-                 output: str = "pipe", timeout: float = 90):
+                 output: str = "pipe", timeout: float = 90, on_box: Callable[[], None] | None = None):
         self.scene = scene
         self.timeout = timeout
         self.started = time.monotonic()
@@ -112,7 +113,7 @@ class UpdaterRun:
             stdout=subprocess.PIPE if output == "pipe" else self.output_file,
             stderr=subprocess.DEVNULL)
         self.pid = int(self.report("pid"))
-        self.reader = DialogReader(scene.sandbox, self.pid, button, timeout)
+        self.reader = DialogReader(scene.sandbox, self.pid, button, timeout, on_box)
 
     def report(self, key: str) -> str:
         """What the launcher noted under a key, once it is there."""
