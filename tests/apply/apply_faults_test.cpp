@@ -59,6 +59,11 @@ const Fault kFaults[] = {
      {{"app.exe", "new"}}},
 };
 
+constexpr const char* kRecoveryText =
+    "RECOVERY_REQUIRED: update apply failed: {cause} Rollback was incomplete; do not start QORVA "
+    "from this folder. Rollback backup was preserved at '{b}'. Run the current QORVA installer to "
+    "repair the installation. Rollback failure(s): {failures}";
+
 std::string Replaced(std::string text, const std::string& from, const std::string& to) {
   for (std::size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
     text.replace(at, from.size(), to);
@@ -90,15 +95,15 @@ TEST(ApplyFaultsTest, UndoesWhatWasDoneAndSaysWhatItCouldNot) {
       }
       failures = Replaced(failures, "{denied}",
                           SystemErrorText(std::make_error_code(std::errc::permission_denied)));
-      message =
-          "RECOVERY_REQUIRED: update apply failed: " + cause +
-          " Rollback was incomplete; do not start QORVA from this folder. Rollback backup was "
-          "preserved at '" +
-          backup_root +
-          "'. Run the current QORVA installer to repair the installation. Rollback failure(s): " +
-          failures;
-      last_event = "rollback_recovery_required backup_root=" + backup_root +
-                   " failure_count=" + std::to_string(fault.failures.size()) + " error=" + message;
+      message = kRecoveryText;
+      for (const auto& [place, text] :
+           {std::pair<const char*, const std::string&>{"{cause}", cause},
+            {"{b}", backup_root},
+            {"{failures}", failures}}) {
+        message = Replaced(message, place, text);
+      }
+      last_event = "rollback_recovery_required backup_root=" + backup_root + " failure_count=";
+      last_event += std::to_string(fault.failures.size()) + " error=" + message;
     }
     EXPECT_EQ(installation.error, message);
     EXPECT_EQ(installation.outcome.message, message);

@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "core/text.h"
-#include "tests/apply/environment.h"
 #include "trace/chain_events.h"
 
 namespace zul::test {
@@ -43,15 +42,10 @@ Snapshot TakeSnapshot(const fs::Path& root) {
 }
 
 Installation::Installation() {
-  SetEnvironment("QORVA_CONFIG_HOME", PathToUtf8(folder / "config"));
   std::error_code ec;
   if (!fs::CreateDirectories(staged_root, ec) || !fs::CreateDirectories(target_root, ec)) {
     throw std::system_error(ec);
   }
-}
-
-Installation::~Installation() {
-  SetEnvironment("QORVA_CONFIG_HOME", {});
 }
 
 void Installation::Install(std::string_view name, std::string_view contents) {

@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "apply/apply.h"
+#include "core/text.h"
+#include "tests/support/environment.h"
 #include "tests/support/temp_folder.h"
 
 namespace zul::test {
@@ -23,7 +25,6 @@ class Installation {
  public:
   /// Sends the trace of this process into a folder of its own.
   Installation();
-  ~Installation();
 
   // Names are UTF-8, relative to the two roots, with "/" between their parts.
   void Install(std::string_view name, std::string_view contents);
@@ -44,6 +45,9 @@ class Installation {
   // What the last apply left.
   std::string error;
   ApplyOutcome outcome;
+
+ private:
+  const ScopedEnvironment config_home_{"QORVA_CONFIG_HOME", PathToUtf8(folder / "config")};
 };
 
 }  // namespace zul::test

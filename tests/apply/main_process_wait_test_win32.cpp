@@ -46,29 +46,26 @@ class IdleProcess {
 /// A message-only window of this thread that counts what is posted to it.
 class CountingWindow {
  public:
-  static constexpr UINT kMessage = WM_APP + 1;
-
   CountingWindow() {
-    window_ = ::CreateWindowExW(0, L"STATIC", L"", 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr, nullptr,
-                                nullptr);
-    EXPECT_NE(window_, nullptr);
-    ::SetWindowLongPtrW(window_, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(this));
+    answered = 0;
     ::SetWindowLongPtrW(window_, GWLP_WNDPROC, reinterpret_cast<LONG_PTR>(&Procedure));
   }
   ~CountingWindow() { ::DestroyWindow(window_); }
 
   void Post() const { ::PostMessageW(window_, kMessage, 0, 0); }
 
-  int answered = 0;
+  static inline int answered = 0;
 
  private:
+  static constexpr UINT kMessage = WM_APP + 1;
+
   static LRESULT CALLBACK Procedure(HWND window, UINT message, WPARAM wparam, LPARAM lparam) {
-    auto* self = reinterpret_cast<CountingWindow*>(::GetWindowLongPtrW(window, GWLP_USERDATA));
-    if (message == kMessage && self != nullptr) ++self->answered;
+    if (message == kMessage) ++answered;
     return ::DefWindowProcW(window, message, wparam, lparam);
   }
 
-  HWND window_ = nullptr;
+  const HWND window_ =
+      ::CreateWindowExW(0, L"STATIC", L"", 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr, nullptr, nullptr);
 };
 
 struct TimedWait {
@@ -117,7 +114,7 @@ TEST(MainProcessWaitTest, TimesOutAndAnswersMessagesMeanwhile) {
   const IdleProcess process;
   CountingWindow window;
   for (const bool pump : {false, true}) {
-    window.answered = 0;
+    CountingWindow::answered = 0;
     std::thread poster([&window] {
       for (int i = 0; i < 5; ++i) {
         std::this_thread::sleep_for(milliseconds(100));
@@ -132,7 +129,7 @@ TEST(MainProcessWaitTest, TimesOutAndAnswersMessagesMeanwhile) {
     EXPECT_GE(wait.took, milliseconds(590));
     EXPECT_LT(wait.took, milliseconds(1'000));
     // Those of the wait without a pump are still in the queue at the second one.
-    EXPECT_EQ(window.answered, pump ? 10 : 0);
+    EXPECT_EQ(CountingWindow::answered, pump ? 10 : 0);
   }
   EXPECT_FALSE(WaitForMainProcess(process.pid, 0, nullptr, true));
 }
