@@ -93,6 +93,10 @@ enum class NewFileAccess { kWrite, kReadWrite };
 /// meanwhile. Each WriteSome lands at the end of the file as one piece.
 [[nodiscard]] File OpenForAppend(const Path& path, std::error_code& ec);
 
+/// True when the file can be opened for reading and writing with nobody else on it, which is what
+/// it takes to replace it. Costs one open; nothing stays open.
+[[nodiscard]] bool OpensExclusively(const Path& path, std::error_code& ec);
+
 /// Writes all of `data`. A call of the system that writes nothing counts as a failure with code 0.
 [[nodiscard]] bool WriteAll(File& file, const void* data, std::size_t size, std::error_code& ec);
 
@@ -211,6 +215,10 @@ enum class Overwrite { kNo, kYes };
 
 /// Moves a file onto `to`, replacing it in one step, written through (MoveFileExW with 11).
 [[nodiscard]] bool MoveReplacing(const Path& from, const Path& to, std::error_code& ec);
+
+/// Has the system move a file onto `to` at its next start (MoveFileExW with 5). Fails where the
+/// system has no such service.
+[[nodiscard]] bool MoveReplacingAtReboot(const Path& from, const Path& to, std::error_code& ec);
 
 /// Moves a file onto a name that must be free, in one step, written through (MoveFileExW with 8).
 /// An existing target gives an error for which IsExistsError holds, and neither file changes.

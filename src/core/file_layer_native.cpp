@@ -172,6 +172,11 @@ bool MoveReplacing(const Path& from, const Path& to, std::error_code& ec) {
   return true;
 }
 
+bool MoveReplacingAtReboot(const Path& /*from*/, const Path& /*to*/, std::error_code& ec) {
+  ec = SystemError(ENOTSUP);
+  return false;
+}
+
 bool MoveToNewName(const Path& from, const Path& to, std::error_code& ec) {
   if (!RenameToFreeName(from, to, ec)) return false;
   std::error_code ignored;

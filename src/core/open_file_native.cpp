@@ -113,6 +113,11 @@ File OpenForAppend(const Path& path, std::error_code& ec) {
   return Open(path, O_WRONLY | O_CREAT | O_APPEND, ec);
 }
 
+/// No open excludes others here, so this tells only whether the file may be written.
+bool OpensExclusively(const Path& path, std::error_code& ec) {
+  return Open(path, O_RDWR, ec).is_open();
+}
+
 bool CopyFileTo(const Path& from, const Path& to, Overwrite overwrite, std::error_code& ec) {
   // Not std::filesystem::copy_file: it reports a full volume as an input/output error.
   File source = OpenForRead(from, ec);

@@ -126,6 +126,11 @@ File OpenForAppend(const Path& path, std::error_code& ec) {
   return Open(path, kAppend, kShareAll, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, ec);
 }
 
+bool OpensExclusively(const Path& path, std::error_code& ec) {
+  return Open(path, GENERIC_READ | GENERIC_WRITE, 0, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, ec)
+      .is_open();
+}
+
 bool CopyFileTo(const Path& from, const Path& to, Overwrite overwrite, std::error_code& ec) {
   return Succeeded(
       ::CopyFileW(ApiPath(from).c_str(), ApiPath(to).c_str(), overwrite == Overwrite::kNo), ec);
