@@ -1,5 +1,11 @@
 """What every end-to-end run has in common: one prefix and one server, a scene of its own for each
-run, and the promises that hold however a run ends."""
+run, and the promises that hold however a run ends.
+
+`./check` runs everything through ctest. By hand, after a build of the windows preset:
+
+    python3 tests/rig/test_origins.py Origins.test_updates_from_the_mirror
+    python3 tests/rig/sandbox.py stop
+"""
 
 import os
 import re

@@ -29,7 +29,7 @@ class Apply(e2e.EndToEnd):
             url=self.serve(scene, places.PRIMARY_HOST, Reply(body=package)),
             sha256=packages.sha256_of(package)), button=button)
 
-    def replace_failure(self, scene: Scene, what: str, source: str, target: str) -> str:
+    def replace_failure(self, what: str, source: str, target: str) -> str:
         """The text of a file operation that gave up on a held or write-protected file."""
         return (f"{what}: source='{source}', target='{target}', reason=permission_or_lock, "
                 "code=N, message='M', attempts=8")
@@ -45,7 +45,7 @@ class Apply(e2e.EndToEnd):
             outcome = self.begin(scene).finish()
         self.assertEqual(2, outcome.exit_code)
         work = scene.windows(scene.temp / "qorva_updater_N")
-        cause = self.replace_failure(scene, "apply update copy failed", f"{work}\\stage\\{HELD}",
+        cause = self.replace_failure("apply update copy failed", f"{work}\\stage\\{HELD}",
                                      scene.windows(scene.install / HELD))
         error = cause + " Rollback completed and every restored target was verified."
         (dialog,) = outcome.dialogs
@@ -84,9 +84,10 @@ class Apply(e2e.EndToEnd):
         (workspace,) = scene.workspaces()
         backup = f"{scene.windows(scene.temp)}\\qorva_updater_N\\rollback_backup"
         cause = self.replace_failure(
-            scene, "apply update copy failed",
-            f"{scene.windows(scene.temp)}\\qorva_updater_N\\stage\\{HELD}", scene.windows(scene.install / HELD))
-        restore = self.replace_failure(scene, "rollback restore failed", f"{backup}\\{FIRST}",
+            "apply update copy failed",
+            f"{scene.windows(scene.temp)}\\qorva_updater_N\\stage\\{HELD}",
+            scene.windows(scene.install / HELD))
+        restore = self.replace_failure("rollback restore failed", f"{backup}\\{FIRST}",
                                        scene.windows(first))
         error = (f"RECOVERY_REQUIRED: update apply failed: {cause} Rollback was incomplete; do not "
                  f"start QORVA from this folder. Rollback backup was preserved at '{backup}'. Run the "
@@ -115,6 +116,29 @@ class Apply(e2e.EndToEnd):
         self.assert_installed(scene, self.installed)
         self.assertTrue(os.path.isdir(scene.install / "zul_rip.exe"))
         self.assert_workspace(scene, (e2e.PACKAGE, "stage"))
+
+    def test_starts_the_current_application_for_a_legacy_name(self) -> None:
+        scene = self.scene("legacy")
+        outcome = scene.run(scene.arguments(
+            url=self.serve(scene, places.PRIMARY_HOST, Reply(body=self.good_package)),
+            sha256=packages.sha256_of(self.good_package), restart="zul_rip_gui.exe"))
+        self.assert_updated(scene, outcome)
+        self.assert_trace(scene, outcome, e2e.SUCCESS)
+        names = {"restart_exe": scene.windows(scene.install / packages.APPLICATION),
+                 "requested_restart_exe": scene.windows(scene.install / "zul_rip_gui.exe")}
+        self.assert_details(outcome, {"restart_start": {**names, "restart_mode": "normal_gui"},
+                                      "restart_ok": names})
+
+    def test_an_update_whose_application_does_not_start_stands(self) -> None:
+        scene = self.scene("no start")
+        payload = {**self.payload, packages.APPLICATION: packages.noise(20_000, "no program")}
+        outcome = self.begin(scene, packages.zip_of(payload), button="ok").finish()
+        self.assertEqual(2, outcome.exit_code)
+        self.assert_dialog(outcome, "Cannot restart application after update.")
+        self.assert_trace(scene, outcome, [*e2e.SUCCESS[:-1], "restart_fail"])
+        self.assert_installed(scene, packages.updated_tree(self.installed, payload))
+        self.assert_workspace(scene, (e2e.PACKAGE, "stage"))
+        self.assert_nothing_outside(scene)
 
     def test_waits_for_the_application_to_close(self) -> None:
         scene = self.scene("waits")

@@ -40,7 +40,8 @@ class Scene:
         self.install = self.folder / INSTALL_FOLDER
         self.config = self.folder / "config"
         self.temp = self.folder / "temp"
-        for made in (self.install, self.config, self.temp, self.folder / "updater"):
+        self.notes = self.folder / "notes"  # the rig's own
+        for made in (self.install, self.config, self.temp, self.notes, self.folder / "updater"):
             made.mkdir(parents=True)
         self.updater = self.folder / "updater" / "qorva_updater.exe"
         shutil.copyfile(places.UPDATER, self.updater)
@@ -96,7 +97,7 @@ class UpdaterRun:
         self.scene = scene
         self.timeout = timeout
         self.started = time.monotonic()
-        self.notes = Path(tempfile.mkdtemp(prefix="run.", dir=places.RIG_HOME))
+        self.notes = Path(tempfile.mkdtemp(prefix="run.", dir=scene.notes))
         command = subprocess.list2cmdline([scene.windows(program), *arguments])
         folder = scene.windows(program.parent)
         lines = [f"command={command}", f"folder={folder}", f"timeout_ms={int(timeout * 1000)}",
