@@ -1,5 +1,6 @@
 #include "core/logger.h"
 
+#include <chrono>
 #include <utility>
 
 #include "core/process_environment.h"
@@ -46,8 +47,9 @@ const LocalSecond& LocalSecondOf(std::time_t now) {
   return cached;
 }
 
+/// Through <chrono>, which reads the clock directly: the C library's time() may cost microseconds.
 std::time_t SystemClock() {
-  return std::time(nullptr);
+  return std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
 }
 
 /// `x.log` and 1 give `x.log.1`.

@@ -43,25 +43,25 @@ std::string Word(std::string_view value) {
 
 struct Switch {
   std::string_view beginning;
-  void (*take)(UpdateRequest& request, std::string value);
+  void (*take)(UpdateRequest& request, std::string&& value);
 };
 
 constexpr Switch kSwitches[] = {
-    {kPid, [](UpdateRequest& r, std::string v) { r.pid = ParsePid(v); }},
-    {kDownloadUrl, [](UpdateRequest& r, std::string v) { r.download_url = std::move(v); }},
+    {kPid, [](UpdateRequest& r, std::string&& v) { r.pid = ParsePid(v); }},
+    {kDownloadUrl, [](UpdateRequest& r, std::string&& v) { r.download_url = std::move(v); }},
     {kFallbackDownloadUrl,
-     [](UpdateRequest& r, std::string v) { r.fallback_download_url = std::move(v); }},
-    {kSha256, [](UpdateRequest& r, std::string v) { r.sha256 = std::move(v); }},
-    {kTargetDir, [](UpdateRequest& r, std::string v) { r.target_dir = std::move(v); }},
-    {kRestartExe, [](UpdateRequest& r, std::string v) { r.restart_exe = std::move(v); }},
-    {kRestartArgs, [](UpdateRequest& r, std::string v) { r.restart_args = std::move(v); }},
+     [](UpdateRequest& r, std::string&& v) { r.fallback_download_url = std::move(v); }},
+    {kSha256, [](UpdateRequest& r, std::string&& v) { r.sha256 = std::move(v); }},
+    {kTargetDir, [](UpdateRequest& r, std::string&& v) { r.target_dir = std::move(v); }},
+    {kRestartExe, [](UpdateRequest& r, std::string&& v) { r.restart_exe = std::move(v); }},
+    {kRestartArgs, [](UpdateRequest& r, std::string&& v) { r.restart_args = std::move(v); }},
     // The two bools accept different words on purpose: a headless run must be asked for exactly.
     {kHeadlessProof,
-     [](UpdateRequest& r, std::string v) { r.headless_restart_version_proof = Word(v) == "1"; }},
+     [](UpdateRequest& r, std::string&& v) { r.headless_restart_version_proof = Word(v) == "1"; }},
     {kRequiredFile,
-     [](UpdateRequest& r, std::string v) { r.required_payload_files.push_back(std::move(v)); }},
+     [](UpdateRequest& r, std::string&& v) { r.required_payload_files.push_back(std::move(v)); }},
     {kRequireSigned,
-     [](UpdateRequest& r, std::string v) {
+     [](UpdateRequest& r, std::string&& v) {
        const std::string word = Word(v);
        r.require_signed_payload_binaries =
            word == "1" || word == "true" || word == "yes" || word == "on";

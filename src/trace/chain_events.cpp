@@ -31,7 +31,8 @@ bool IsApplyEvent(std::string_view name) {
 
 /// "%Y-%m-%dT%H:%M:%SZ" of now.
 std::string UtcTimestamp() {
-  const std::tm utc = UtcCalendarTime(std::time(nullptr));
+  using Clock = std::chrono::system_clock;
+  const std::tm utc = UtcCalendarTime(Clock::to_time_t(Clock::now()));
   char text[32];
   const std::size_t size = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
   return {text, size};

@@ -84,6 +84,7 @@ TEST_F(SettingsLocation, ALostRaceIsASuccess) {
   fs::Remove(target_, ec);
   GetLogger().Log(LogLevel::kError, "mark");
   std::vector<std::thread> processes;
+  processes.reserve(4);
   for (int i = 0; i < 4; ++i)
     processes.emplace_back([] { static_cast<void>(ResolveSettingsPath()); });
   for (std::thread& process : processes) process.join();

@@ -13,7 +13,7 @@ namespace {
 std::vector<std::wstring> SystemSplit(const std::wstring& line) {
   int count = 0;
   wchar_t** arguments = ::CommandLineToArgvW(line.c_str(), &count);
-  const std::vector<std::wstring> result(arguments, arguments + count);
+  std::vector<std::wstring> result(arguments, arguments + count);
   ::LocalFree(arguments);
   return result;
 }

@@ -18,7 +18,7 @@ std::wstring TakeProgram(std::wstring_view& line) {
   if (quoted) line.remove_prefix(1);
   const std::size_t end =
       std::min(quoted ? line.find(L'"') : line.find_first_of(kBlanks), line.size());
-  const std::wstring program(line.substr(0, end));
+  std::wstring program(line.substr(0, end));
   line.remove_prefix(std::min(end + 1, line.size()));
   return program;
 }

@@ -4,7 +4,7 @@
 
 namespace zul::test {
 
-ScopedEnvironment::ScopedEnvironment(std::string name, std::optional<std::string> value)
+ScopedEnvironment::ScopedEnvironment(std::string name, const std::optional<std::string>& value)
     : name_(std::move(name)), before_(ReadVariable(name_)) {
   WriteVariable(name_, value);
 }

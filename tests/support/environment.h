@@ -11,7 +11,7 @@ namespace zul::test {
 /// (An empty value is set as empty; Windows may then report it as unset.)
 class ScopedEnvironment {
  public:
-  ScopedEnvironment(std::string name, std::optional<std::string> value);
+  ScopedEnvironment(std::string name, const std::optional<std::string>& value);
   ~ScopedEnvironment();
   ScopedEnvironment(const ScopedEnvironment&) = delete;
   ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;

@@ -1,6 +1,6 @@
-#include <cstdlib>
-
 #include "tests/support/environment.h"
+
+#include <cstdlib>
 
 namespace zul::test {
 

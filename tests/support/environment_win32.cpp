@@ -1,9 +1,10 @@
+#include "tests/support/environment.h"
+
 #include <windows.h>
 
 #include <vector>
 
 #include "core/text.h"
-#include "tests/support/environment.h"
 
 namespace zul::test {
 
