@@ -33,14 +33,13 @@ class SystemFunction {
     if (function_ == nullptr) error_ = ::GetLastError();
   }
 
-  explicit operator bool() const { return function_ != nullptr; }
+  /// The function itself, so that this object is called and tested like a pointer to it. Null when
+  /// there is none.
+  operator std::add_pointer_t<Signature>() const {
+    return function_;
+  }  // NOLINT: meant to be implicit
   /// Why there is no function.
   [[nodiscard]] DWORD error() const { return error_; }
-
-  template <typename... Arguments>
-  auto operator()(Arguments... arguments) const {
-    return function_(arguments...);
-  }
 
  private:
   using Pointer = std::add_pointer_t<Signature>;

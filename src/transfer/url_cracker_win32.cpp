@@ -1,8 +1,6 @@
 #include "transfer/url_cracker.h"
 
-#include <windows.h>
-
-#include <winhttp.h>
+#include "transfer/winhttp_api_win32.h"
 
 namespace zul {
 
@@ -18,6 +16,8 @@ std::wstring Component(const wchar_t* start, DWORD length) {
 }  // namespace
 
 bool CrackUrl(const std::wstring& url, CrackedUrl& cracked) {
+  const WinHttpApi* const api = WinHttp();
+  if (api == nullptr) return false;
   URL_COMPONENTS components{};
   components.dwStructSize = sizeof(components);
   components.dwSchemeLength = kPointToComponent;
@@ -26,7 +26,8 @@ bool CrackUrl(const std::wstring& url, CrackedUrl& cracked) {
   components.dwPasswordLength = kPointToComponent;
   components.dwUrlPathLength = kPointToComponent;
   components.dwExtraInfoLength = kPointToComponent;
-  if (!::WinHttpCrackUrl(url.c_str(), static_cast<DWORD>(url.size()), 0, &components)) return false;
+  if (!api->WinHttpCrackUrl(url.c_str(), static_cast<DWORD>(url.size()), 0, &components))
+    return false;
   cracked.scheme =
       components.nScheme == INTERNET_SCHEME_HTTPS ? UrlScheme::kHttps : UrlScheme::kHttp;
   cracked.host = Component(components.lpszHostName, components.dwHostNameLength);

@@ -1,7 +1,5 @@
 #include <windows.h>
 
-#include <winhttp.h>
-
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -13,6 +11,7 @@
 #include "transfer/download_job.h"
 #include "transfer/download_transport.h"
 #include "transfer/redirect_url.h"
+#include "transfer/winhttp_api_win32.h"
 
 namespace zul {
 
@@ -21,7 +20,8 @@ namespace {
 struct InternetHandleTraits {
   using Type = HINTERNET;
   static HINTERNET Invalid() { return nullptr; }
-  static void Close(HINTERNET handle) { ::WinHttpCloseHandle(handle); }
+  // An open handle came from the library, so the library is there.
+  static void Close(HINTERNET handle) { WinHttp()->WinHttpCloseHandle(handle); }
 };
 using UniqueInternetHandle = UniqueHandle<InternetHandleTraits>;
 
@@ -71,53 +71,60 @@ class WinHttpTransport final : public DownloadTransport {
   ~WinHttpTransport() override { Close(); }
 
   bool OpenSession(std::string_view user_agent, std::uint32_t& code) override {
+    if (api_ == nullptr) {
+      code = ::GetLastError();
+      return false;
+    }
     const std::wstring agent = Utf8ToWide(user_agent).value_or(std::wstring());
-    return TakeHandle(::WinHttpOpen(agent.c_str(), WINHTTP_ACCESS_TYPE_AUTOMATIC_PROXY,
-                                    WINHTTP_NO_PROXY_NAME, WINHTTP_NO_PROXY_BYPASS, 0),
+    return TakeHandle(api_->WinHttpOpen(agent.c_str(), WINHTTP_ACCESS_TYPE_AUTOMATIC_PROXY,
+                                        WINHTTP_NO_PROXY_NAME, WINHTTP_NO_PROXY_BYPASS, 0),
                       session_, code);
   }
 
   void SetTimeouts(const TransportTimeouts& timeouts) override {
-    ::WinHttpSetTimeouts(session_.get(), static_cast<int>(timeouts.resolve_ms),
-                         static_cast<int>(timeouts.connect_ms), static_cast<int>(timeouts.send_ms),
-                         static_cast<int>(timeouts.receive_ms));
+    api_->WinHttpSetTimeouts(session_.get(), static_cast<int>(timeouts.resolve_ms),
+                             static_cast<int>(timeouts.connect_ms),
+                             static_cast<int>(timeouts.send_ms),
+                             static_cast<int>(timeouts.receive_ms));
     // The wait for the headers has a limit of its own, which is longer or none at all.
     DWORD response_ms = timeouts.receive_ms;
-    ::WinHttpSetOption(session_.get(), WINHTTP_OPTION_RECEIVE_RESPONSE_TIMEOUT, &response_ms,
-                       sizeof(response_ms));
+    api_->WinHttpSetOption(session_.get(), WINHTTP_OPTION_RECEIVE_RESPONSE_TIMEOUT, &response_ms,
+                           sizeof(response_ms));
   }
 
   bool Connect(const std::wstring& host, std::uint16_t port, std::uint32_t& code) override {
     authority_ = host + L":" + std::to_wstring(port);
-    return TakeHandle(::WinHttpConnect(session_.get(), host.c_str(), port, 0), connection_, code);
+    return TakeHandle(api_->WinHttpConnect(session_.get(), host.c_str(), port, 0), connection_,
+                      code);
   }
 
   bool OpenRequest(const std::wstring& path_and_query, bool secure, std::uint32_t& code) override {
     const std::wstring url = (secure ? L"https://" : L"http://") + authority_ + path_and_query;
     redirects_.Begin(WideToUtf8Lossy(url));
-    if (!TakeHandle(::WinHttpOpenRequest(connection_.get(), L"GET", path_and_query.c_str(), nullptr,
-                                         WINHTTP_NO_REFERER, WINHTTP_DEFAULT_ACCEPT_TYPES,
-                                         secure ? WINHTTP_FLAG_SECURE : 0),
-                    request_, code)) {
+    if (!TakeHandle(
+            api_->WinHttpOpenRequest(connection_.get(), L"GET", path_and_query.c_str(), nullptr,
+                                     WINHTTP_NO_REFERER, WINHTTP_DEFAULT_ACCEPT_TYPES,
+                                     secure ? WINHTTP_FLAG_SECURE : 0),
+            request_, code)) {
       return false;
     }
-    ::WinHttpSetStatusCallback(request_.get(), &RedirectLog::OnStatus,
-                               WINHTTP_CALLBACK_FLAG_REDIRECT, 0);
+    api_->WinHttpSetStatusCallback(request_.get(), &RedirectLog::OnStatus,
+                                   WINHTTP_CALLBACK_FLAG_REDIRECT, 0);
     return true;
   }
 
   bool SendAndReceive(std::uint32_t& code) override {
     const auto context = reinterpret_cast<DWORD_PTR>(&redirects_);
-    return Succeeded(::WinHttpSendRequest(request_.get(), WINHTTP_NO_ADDITIONAL_HEADERS, 0,
-                                          WINHTTP_NO_REQUEST_DATA, 0, 0, context),
+    return Succeeded(api_->WinHttpSendRequest(request_.get(), WINHTTP_NO_ADDITIONAL_HEADERS, 0,
+                                              WINHTTP_NO_REQUEST_DATA, 0, 0, context),
                      code) &&
-           Succeeded(::WinHttpReceiveResponse(request_.get(), nullptr), code);
+           Succeeded(api_->WinHttpReceiveResponse(request_.get(), nullptr), code);
   }
 
   bool QueryStatus(std::int32_t& status, std::uint32_t& code) override {
     DWORD value = 0;
     DWORD size = sizeof(value);
-    if (!Succeeded(::WinHttpQueryHeaders(
+    if (!Succeeded(api_->WinHttpQueryHeaders(
                        request_.get(), WINHTTP_QUERY_STATUS_CODE | WINHTTP_QUERY_FLAG_NUMBER,
                        WINHTTP_HEADER_NAME_BY_INDEX, &value, &size, WINHTTP_NO_HEADER_INDEX),
                    code)) {
@@ -130,9 +137,9 @@ class WinHttpTransport final : public DownloadTransport {
   std::string ContentLengthText() override {
     std::array<wchar_t, 32> text{};
     DWORD size_bytes = sizeof(text);
-    if (!::WinHttpQueryHeaders(request_.get(), WINHTTP_QUERY_CONTENT_LENGTH,
-                               WINHTTP_HEADER_NAME_BY_INDEX, text.data(), &size_bytes,
-                               WINHTTP_NO_HEADER_INDEX)) {
+    if (!api_->WinHttpQueryHeaders(request_.get(), WINHTTP_QUERY_CONTENT_LENGTH,
+                                   WINHTTP_HEADER_NAME_BY_INDEX, text.data(), &size_bytes,
+                                   WINHTTP_NO_HEADER_INDEX)) {
       return {};
     }
     return WideToUtf8Lossy({text.data(), size_bytes / sizeof(wchar_t)});
@@ -140,10 +147,10 @@ class WinHttpTransport final : public DownloadTransport {
 
   std::string EffectiveUrl() override {
     DWORD size_bytes = 0;
-    ::WinHttpQueryOption(request_.get(), WINHTTP_OPTION_URL, nullptr, &size_bytes);
+    api_->WinHttpQueryOption(request_.get(), WINHTTP_OPTION_URL, nullptr, &size_bytes);
     if (size_bytes > sizeof(wchar_t)) {
       std::wstring url(size_bytes / sizeof(wchar_t), L'\0');
-      if (::WinHttpQueryOption(request_.get(), WINHTTP_OPTION_URL, url.data(), &size_bytes)) {
+      if (api_->WinHttpQueryOption(request_.get(), WINHTTP_OPTION_URL, url.data(), &size_bytes)) {
         url.resize(std::min(url.size(), size_bytes / sizeof(wchar_t)));
         if (!url.empty() && url.back() == L'\0') url.pop_back();
         if (!url.empty()) return WideToUtf8Lossy(url);
@@ -154,7 +161,7 @@ class WinHttpTransport final : public DownloadTransport {
 
   bool QueryDataAvailable(std::size_t& available, std::uint32_t& code) override {
     DWORD size = 0;
-    const bool succeeded = Succeeded(::WinHttpQueryDataAvailable(request_.get(), &size), code);
+    const bool succeeded = Succeeded(api_->WinHttpQueryDataAvailable(request_.get(), &size), code);
     available = size;
     return succeeded;
   }
@@ -162,7 +169,7 @@ class WinHttpTransport final : public DownloadTransport {
   bool ReadData(void* buffer, std::size_t size, std::size_t& read, std::uint32_t& code) override {
     DWORD taken = 0;
     const bool succeeded = Succeeded(
-        ::WinHttpReadData(request_.get(), buffer, static_cast<DWORD>(size), &taken), code);
+        api_->WinHttpReadData(request_.get(), buffer, static_cast<DWORD>(size), &taken), code);
     read = taken;
     return succeeded;
   }
@@ -174,6 +181,7 @@ class WinHttpTransport final : public DownloadTransport {
   }
 
  private:
+  const WinHttpApi* const api_ = WinHttp();
   std::wstring authority_;
   RedirectLog redirects_;  // outlives the request that reports to it
   UniqueInternetHandle session_;
