@@ -38,7 +38,7 @@ struct Scan {
 };
 
 Scan ScanBytes(const std::string& bytes) {
-  const TempFolder folder;
+  static const TempFolder folder;  // one for the thousand archives of a run
   const fs::Path path = folder / "package.zip";
   test::WriteFile(path, bytes);
   Scan scan;
