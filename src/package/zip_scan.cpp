@@ -59,8 +59,9 @@ bool HaveOverlap(std::vector<ZipExtent>& extents) {
 
 bool ScanEntries(ZipReader& reader, std::uint64_t entry_count, std::vector<ZipEntryRecord>& records,
                  std::string* error) {
-  const auto bound = static_cast<std::uint64_t>(reader.file_size()) / kCentralRecordBytesMin;
-  const auto room = static_cast<std::size_t>(std::min(entry_count, bound));
+  const auto room = static_cast<std::size_t>(
+      std::min({entry_count, kRecordsReservedMax,
+                static_cast<std::uint64_t>(reader.file_size()) / kCentralRecordBytesMin}));
   std::vector<ZipExtent> extents;
   extents.reserve(room);
   records.reserve(room);
