@@ -7,6 +7,7 @@
 
 #include <memory>
 
+#include "core/system_library_win32.h"
 #include "update/driver.h"
 
 namespace zul {
@@ -19,6 +20,7 @@ struct LocalMemoryRelease {
 using ArgumentVector = std::unique_ptr<wchar_t*, LocalMemoryRelease>;
 
 int ProcessEntry() {
+  RestrictLibrarySearch();
   int argc = 0;
   const ArgumentVector argv(::CommandLineToArgvW(::GetCommandLineW(), &argc));
   // A command line that cannot be split is one without arguments.

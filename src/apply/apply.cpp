@@ -1,5 +1,6 @@
 #include "apply/apply.h"
 
+#include <algorithm>
 #include <unordered_set>
 #include <utility>
 #include <vector>
@@ -8,8 +9,10 @@
 #include "apply/retry_file_ops.h"
 #include "apply/rollback.h"
 #include "apply/staged_tree.h"
+#include "apply/target_lock.h"
 #include "core/process_environment.h"
 #include "core/text.h"
+#include "package/payload_signatures.h"
 #include "trace/chain_events.h"
 
 namespace zul {
@@ -49,22 +52,28 @@ class FolderMaker {
   std::unordered_set<fs::Path::string_type> made_;
 };
 
+enum class SignaturePolicy { kNone, kRequireTrusted };
+
 /// One apply. Each stage returns false with its text in `error_` when it fails.
 class Transaction {
  public:
-  Transaction(const fs::Path& staged_root, const fs::Path& target_root,
-              UpdateProgressWindow* window, const ApplyFaultInjection& faults, std::string& error,
-              ApplyOutcome& outcome)
+  Transaction(const fs::Path& staged_root, const fs::Path& target_root, std::uint32_t main_pid,
+              ApplyCloseContext* close_context, SignaturePolicy signature_policy,
+              const ApplyFaultInjection& faults, std::string& error, ApplyOutcome& outcome)
       : staged_root_(staged_root),
         target_root_(target_root),
-        window_(window),
+        main_pid_(main_pid),
+        close_context_(close_context),
+        window_(close_context != nullptr ? close_context->progress_window : nullptr),
+        signature_policy_(signature_policy),
         faults_(faults),
         error_(error),
         outcome_(outcome),
         own_executable_(ResolveOwnExecutable()) {}
 
   bool Run() {
-    if (!ValidateStagedTree() || !ListRetired() || !PrepareBackupRoot()) {
+    if (!ValidateStagedTree() || !VerifySignatures() || !ListRetired() || !WaitForLocks() ||
+        !PrepareBackupRoot()) {
       return FailBeforeChange();
     }
     if (RemoveRetired() && InstallStagedFiles()) return Commit();
@@ -80,11 +89,51 @@ class Transaction {
       error_ = "Staged update directory is missing: '" + PathToUtf8(staged_root_) + "'.";
       return false;
     }
-    return WalkStagedTree(kValidationTexts, [](const StagedFile&) { return true; });
+    return WalkStagedTree(kValidationTexts, [this](const StagedFile& file) {
+      KeepWindowAlive();
+      AddToLockList(file.target);
+      return true;
+    });
+  }
+
+  bool VerifySignatures() {
+    const bool required = signature_policy_ == SignaturePolicy::kRequireTrusted;
+    std::vector<std::string> checked;
+    const PayloadSignatureVerifier verifier = [this](const std::string& path) {
+      KeepWindowAlive();
+      return VerifyBinarySignature(path);
+    };
+    if (!VerifyStagedPayloadSignatures(staged_root_, required, verifier, &checked, &error_)) {
+      return false;
+    }
+    if (required) {
+      EmitChainEvent("payload_binary_signature_validate",
+                     {{"checked_pe_files", std::to_string(checked.size())},
+                      {"policy", "require_trusted_authenticode"}});
+    }
+    return true;
   }
 
   bool ListRetired() {
-    return ListRetiredExecutables(staged_root_, target_root_, &retired_, &error_);
+    if (!ListRetiredExecutables(staged_root_, target_root_, &retired_, &error_)) return false;
+    for (const fs::Path& target : retired_) AddToLockList(target);
+    return true;
+  }
+
+  /// Code that is in use is what the application and its neighbours hold; other files are left to
+  /// the retries of each replacement.
+  void AddToLockList(const fs::Path& target) {
+    const std::string extension = AsciiLower(PathToUtf8(target.extension()));
+    if (extension == ".dll" || extension == ".exe") lock_list_.push_back(target);
+  }
+
+  bool WaitForLocks() {
+    std::sort(lock_list_.begin(), lock_list_.end());
+    lock_list_.erase(std::unique(lock_list_.begin(), lock_list_.end()), lock_list_.end());
+    return std::all_of(lock_list_.begin(), lock_list_.end(), [this](const fs::Path& target) {
+      KeepWindowAlive();
+      return ResolveTargetLock(target, target_root_, main_pid_, close_context_, error_);
+    });
   }
 
   /// Throws away what an earlier failed run left at the same place.
@@ -225,7 +274,10 @@ class Transaction {
 
   const fs::Path& staged_root_;
   const fs::Path& target_root_;
+  const std::uint32_t main_pid_;
+  ApplyCloseContext* const close_context_;
   UpdateProgressWindow* const window_;
+  const SignaturePolicy signature_policy_;
   const ApplyFaultInjection faults_;
   std::string& error_;
   ApplyOutcome& outcome_;
@@ -233,21 +285,22 @@ class Transaction {
   fs::Path backup_root_;
   FolderMaker folders_;
   std::vector<fs::Path> retired_;
+  std::vector<fs::Path> lock_list_;      // what must be free before anything changes
   std::vector<RollbackRecord> changes_;  // in the order in which they were made
 };
 
 }  // namespace
 
 bool ApplyStagedUpdate(const fs::Path& staged_root, const fs::Path& target_root,
-                       std::uint32_t /*main_pid*/, ApplyCloseContext* close_context,
-                       bool /*require_signatures*/, std::string* error, ApplyOutcome* outcome,
+                       std::uint32_t main_pid, ApplyCloseContext* close_context,
+                       bool require_signatures, std::string* error, ApplyOutcome* outcome,
                        const ApplyFaultInjection* faults) {
   std::string text;
   ApplyOutcome result;
-  UpdateProgressWindow* window =
-      close_context != nullptr ? close_context->progress_window : nullptr;
+  const SignaturePolicy signature_policy =
+      require_signatures ? SignaturePolicy::kRequireTrusted : SignaturePolicy::kNone;
   const bool applied =
-      Transaction(staged_root, target_root, window,
+      Transaction(staged_root, target_root, main_pid, close_context, signature_policy,
                   faults != nullptr ? *faults : ApplyFaultInjection{}, text, result)
           .Run();
   if (error != nullptr) *error = std::move(text);

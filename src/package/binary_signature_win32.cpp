@@ -45,7 +45,7 @@ const CryptApi& Crypt() {
 struct StoreTraits {
   using Type = HCERTSTORE;
   static HCERTSTORE Invalid() { return nullptr; }
-  static void Close(HCERTSTORE store) { Crypt().close_store(store, DWORD{0}); }
+  static void Close(HCERTSTORE store) { Crypt().close_store(store, 0); }
 };
 struct MessageTraits {
   using Type = HCRYPTMSG;
@@ -61,14 +61,12 @@ struct CertificateTraits {
 /// The signer's record in a signed message, a CMSG_SIGNER_INFO with what it points to.
 std::vector<std::byte> SignerInfo(HCRYPTMSG message) {
   DWORD size = 0;
-  if (!Crypt().message_parameter(message, DWORD{CMSG_SIGNER_INFO_PARAM}, DWORD{0}, nullptr,
-                                 &size) ||
+  if (!Crypt().message_parameter(message, CMSG_SIGNER_INFO_PARAM, 0, nullptr, &size) ||
       size < sizeof(CMSG_SIGNER_INFO)) {
     return {};
   }
   std::vector<std::byte> info(size);
-  if (!Crypt().message_parameter(message, DWORD{CMSG_SIGNER_INFO_PARAM}, DWORD{0}, info.data(),
-                                 &size)) {
+  if (!Crypt().message_parameter(message, CMSG_SIGNER_INFO_PARAM, 0, info.data(), &size)) {
     return {};
   }
   return info;
@@ -76,8 +74,8 @@ std::vector<std::byte> SignerInfo(HCRYPTMSG message) {
 
 std::string DisplayName(PCCERT_CONTEXT certificate) {
   const auto ask = [certificate](wchar_t* buffer, DWORD units) {
-    return Crypt().name_string(certificate, DWORD{CERT_NAME_SIMPLE_DISPLAY_TYPE}, DWORD{0}, nullptr,
-                               buffer, units);
+    return Crypt().name_string(certificate, CERT_NAME_SIMPLE_DISPLAY_TYPE, 0, nullptr, buffer,
+                               units);
   };
   const DWORD units = ask(nullptr, 0);
   if (units == 0) return {};
@@ -103,10 +101,9 @@ std::optional<LONG> AskTrustProvider(const std::wstring& path) {
   data.dwStateAction = WTD_STATEACTION_VERIFY;
   data.dwProvFlags = WTD_CACHE_ONLY_URL_RETRIEVAL;
   GUID action = WINTRUST_ACTION_GENERIC_VERIFY_V2;
-  const HWND no_window = nullptr;
-  const LONG status = verify_trust(no_window, &action, static_cast<void*>(&data));
+  const LONG status = verify_trust(nullptr, &action, &data);
   data.dwStateAction = WTD_STATEACTION_CLOSE;
-  verify_trust(no_window, &action, static_cast<void*>(&data));
+  verify_trust(nullptr, &action, &data);
   return status;
 }
 
@@ -133,10 +130,10 @@ std::string ReadSignerDisplayName(const std::string& path) {
   if (wide.empty() || !Crypt()) return {};
   HCERTSTORE opened_store = nullptr;
   HCRYPTMSG opened_message = nullptr;
-  if (!Crypt().query_object(DWORD{CERT_QUERY_OBJECT_FILE}, static_cast<const void*>(wide.c_str()),
-                            DWORD{CERT_QUERY_CONTENT_FLAG_PKCS7_SIGNED_EMBED},
-                            DWORD{CERT_QUERY_FORMAT_FLAG_BINARY}, DWORD{0}, nullptr, nullptr,
-                            nullptr, &opened_store, &opened_message, nullptr)) {
+  if (!Crypt().query_object(CERT_QUERY_OBJECT_FILE, wide.c_str(),
+                            CERT_QUERY_CONTENT_FLAG_PKCS7_SIGNED_EMBED,
+                            CERT_QUERY_FORMAT_FLAG_BINARY, 0, nullptr, nullptr, nullptr,
+                            &opened_store, &opened_message, nullptr)) {
     return {};
   }
   const UniqueHandle<StoreTraits> store(opened_store);
@@ -148,10 +145,9 @@ std::string ReadSignerDisplayName(const std::string& path) {
   CERT_INFO wanted{};
   wanted.Issuer = info->Issuer;
   wanted.SerialNumber = info->SerialNumber;
-  const PCCERT_CONTEXT no_previous = nullptr;
-  const UniqueHandle<CertificateTraits> certificate(Crypt().find_certificate(
-      store.get(), DWORD{X509_ASN_ENCODING | PKCS_7_ASN_ENCODING}, DWORD{0},
-      DWORD{CERT_FIND_SUBJECT_CERT}, static_cast<const void*>(&wanted), no_previous));
+  const UniqueHandle<CertificateTraits> certificate(
+      Crypt().find_certificate(store.get(), X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, 0,
+                               CERT_FIND_SUBJECT_CERT, &wanted, nullptr));
   return certificate ? DisplayName(certificate.get()) : std::string();
 }
 

@@ -47,11 +47,11 @@ using PayloadSignatureVerifier =
 [[nodiscard]] UpdatePayloadBinarySignatureResult MapTrustStatus(std::int32_t trust_status);
 
 /// The platform's verifier: no user interface, no revocation checks, nothing fetched from the
-/// network. Windows only.
+/// network. A system without a trust provider gives kVerificationError.
 [[nodiscard]] UpdatePayloadBinarySignatureResult VerifyBinarySignature(const std::string& path);
 
 /// Simple display name of the certificate that signed the file, UTF-8; empty when it cannot be
-/// read. Windows only.
+/// read.
 [[nodiscard]] std::string ReadSignerDisplayName(const std::string& path);
 
 }  // namespace zul

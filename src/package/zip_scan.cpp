@@ -13,8 +13,10 @@ namespace zul {
 namespace {
 
 // No record of the central directory is shorter (APPNOTE 4.3.12), so the file's size bounds how
-// many there can be, whatever the archive declares.
+// many there can be, whatever the archive declares. Room for more than any package has is not made
+// in advance.
 constexpr std::uint64_t kCentralRecordBytesMin = 46;
+constexpr std::uint64_t kRecordsReservedMax = 65536;
 
 bool CheckArchive(const ZipReader& reader, std::uint64_t* entry_count, std::string* error) {
   if (!reader.is_open()) return Fail(error, "ZIP reader has no active archive");

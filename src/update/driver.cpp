@@ -3,7 +3,11 @@
 #include <array>
 #include <string>
 
+#include "apply/isolated_helper.h"
 #include "apply/main_process_wait.h"
+#include "apply/self_replace.h"
+#include "core/process_environment.h"
+#include "core/system_error.h"
 #include "core/text.h"
 #include "package/extract.h"
 #include "package/layout.h"
@@ -23,6 +27,8 @@ namespace zul {
 namespace {
 
 constexpr std::uint32_t kMainProcessWaitMs = 180000;
+// GetModuleFileNameW's longest answer.
+constexpr std::uint32_t kLongestPathUnits = 32768;
 
 StageResult ValidateStage(UpdateRun& run) {
   std::string error;
@@ -35,6 +41,20 @@ StageResult RefuseArchiveModeStage(UpdateRun& run) {
   if (!ClassifyInstallTarget(run.request.restart_exe).is_archive) return std::nullopt;
   ShowInstallerMigrationDialog({});
   return kExitArchiveMigrationRequired;
+}
+
+/// A copy that runs from inside the folder that it must update hands over to one outside.
+StageResult IsolateHelperStage(UpdateRun& run) {
+  bool relaunched = false;
+  std::string error;
+  if (!RelaunchFromTargetIfNeeded(run.request, relaunched, &error)) {
+    ShowUpdaterError(error.empty()
+                         ? "Cannot relaunch updater helper outside the update target directory."
+                         : error);
+    return kExitFailure;
+  }
+  if (relaunched) return kExitDone;
+  return std::nullopt;
 }
 
 StageResult PrepareStage(UpdateRun& run) {
@@ -100,6 +120,44 @@ StageResult ExtractStage(UpdateRun& run) {
   return std::nullopt;
 }
 
+/// The name under which the running updater is about to be replaced; empty when it is not.
+std::string_view FindSelfUpdateName(const UpdateRun& run, const fs::Path& target) {
+  const fs::Path own = CurrentExecutablePath(kLongestPathUnits);
+  for (const std::string_view name : {"qorva_updater.exe", "zul_updater.exe"}) {
+    std::error_code ec;
+    if (fs::KindOf(run.payload_root / name, fs::Links::kFollow, ec) != fs::EntryKind::kRegular) {
+      continue;
+    }
+    const fs::Path installed = fs::WeaklyCanonical(target / name, ec);
+    if (ec || own.empty()) continue;
+    if (installed == fs::WeaklyCanonical(own, ec) && !ec) return name;
+  }
+  return {};
+}
+
+/// A safety net: a run that was isolated has no file of its own in the target folder.
+StageResult StageSelfUpdate(UpdateRun& run) {
+  const fs::Path target = PathFromUtf8(run.request.target_dir).value_or(fs::Path());
+  const std::string_view name = FindSelfUpdateName(run, target);
+  if (name.empty()) return std::nullopt;
+  run.deferred_target = target / name;
+  run.next_copy_path = NextCopyPath(run.deferred_target);
+  std::error_code ec;
+  if (fs::CopyFileTo(run.payload_root / name, run.next_copy_path, fs::Overwrite::kYes, ec)) {
+    return std::nullopt;
+  }
+  return FailRun({run.request, run.progress_window},
+                 "Cannot stage deferred updater self-update copy: target='" +
+                     PathToUtf8(run.next_copy_path) + "', code=" + std::to_string(ec.value()) +
+                     ", message='" + SystemErrorText(ec) + "'.");
+}
+
+void DropNextCopy(UpdateRun& run) {
+  if (run.next_copy_path.empty()) return;
+  std::error_code ignored;
+  fs::Remove(run.next_copy_path, ignored);
+}
+
 StageResult WaitStage(UpdateRun& run) {
   run.progress_window.set_status("Waiting for application to close...",
                                  "The updater will continue automatically.", 100);
@@ -124,6 +182,7 @@ StageResult ApplyStage(UpdateRun& run) {
                                          &run.apply_result, nullptr);
   run.progress_window.set_force_close_available(false);
   if (!applied) {
+    DropNextCopy(run);
     EmitChainEvent(run.apply_result.kind == ApplyOutcomeKind::kRecoveryRequired
                        ? "apply_recovery_required"
                        : "apply_fail",
@@ -135,6 +194,17 @@ StageResult ApplyStage(UpdateRun& run) {
   }
   EmitChainEvent("apply_ok", {{"target_dir", request.target_dir}});
   return std::nullopt;
+}
+
+/// The application's files are already new at this point, and there is no way back.
+StageResult ReplaceSelfStage(UpdateRun& run) {
+  if (run.next_copy_path.empty() || run.deferred_target.empty()) return std::nullopt;
+  if (ReplaceUpdaterDeferred(run.next_copy_path, run.deferred_target, &run.stage_error)) {
+    return std::nullopt;
+  }
+  DropNextCopy(run);
+  EmitChainEvent("apply_fail", {{"error", run.stage_error}, {"reason", "deferred_self_replace"}});
+  return FailRunWithStageError(run, "Cannot schedule updater self-update: ");
 }
 
 StageResult RestartStage(UpdateRun& run) {
@@ -172,9 +242,9 @@ int RunUpdateDriver(int argc, const wchar_t* const* argv) {
 
   UpdateRun run(ParseUpdateRequest(argc, argv));
   constexpr std::array kStages = {
-      ValidateStage,    RefuseArchiveModeStage, PrepareStage, FetchPackage,
-      CheckFormatStage, ExtractStage,           WaitStage,    ApplyStage,
-      RestartStage,
+      ValidateStage,    RefuseArchiveModeStage, IsolateHelperStage, PrepareStage, FetchPackage,
+      CheckFormatStage, ExtractStage,           StageSelfUpdate,    WaitStage,    ApplyStage,
+      ReplaceSelfStage, RestartStage,
   };
   for (const auto stage : kStages) {
     if (const StageResult exit_code = stage(run)) return *exit_code;

@@ -32,6 +32,8 @@ struct UpdateRun {
   DownloadResult primary_result;
   DownloadResult fallback_result;
   fs::Path payload_root;
+  fs::Path next_copy_path;   ///< staged copy of the updater that replaces itself; usually empty
+  fs::Path deferred_target;  ///< the updater file that `next_copy_path` must replace
   UpdateProgressWindow progress_window;  ///< its native window is made by the first progress update
   ApplyOutcome apply_result;
 };
