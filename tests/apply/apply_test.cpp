@@ -101,13 +101,13 @@ TEST(ApplyTest, RefusesAFolderInThePlaceOfARetiredExecutable) {
 
 TEST(ApplyTest, AFailureOfTheFirstChangeLeavesNothingToUndo) {
   Installation installation;
-  installation.Install("app.exe/inside.txt", "kept");
-  installation.Stage("app.exe", "new");
+  installation.Install("data/inside.txt", "kept");
+  installation.Stage("data", "new");
   const Snapshot before = TakeSnapshot(installation.target_root);
   EXPECT_FALSE(installation.Apply());
   const std::string start = "rollback backup copy failed: source='" +
-                            PathToUtf8(installation.target_root / "app.exe") + "', target='" +
-                            PathToUtf8(installation.backup_root / "app.exe") + "', reason=";
+                            PathToUtf8(installation.target_root / "data") + "', target='" +
+                            PathToUtf8(installation.backup_root / "data") + "', reason=";
   EXPECT_EQ(installation.error.substr(0, start.size()), start);
   EXPECT_EQ(installation.outcome.kind, ApplyOutcomeKind::kFailedBeforeChange);
   EXPECT_EQ(installation.outcome.message, installation.error);

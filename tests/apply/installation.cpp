@@ -59,8 +59,8 @@ void Installation::Stage(std::string_view name, std::string_view contents) {
 bool Installation::Apply(const ApplyFaultInjection& faults, std::function<void()> on_pump) {
   // A destructor pumps too; that is none of the apply's.
   auto hook = std::make_shared<std::function<void()>>(std::move(on_pump));
-  UpdateProgressWindow window(std::make_unique<PumpOnly>([hook] {
-    if (*hook) (*hook)();
+  UpdateProgressWindow window(std::make_unique<PumpOnly>([this, hook] {
+    if (*hook && Exists(backup_root)) (*hook)();
   }));
   ApplyCloseContext context{&window, false};
   error = "left over from an earlier stage";

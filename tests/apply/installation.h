@@ -30,8 +30,8 @@ class Installation {
   void Install(std::string_view name, std::string_view contents);
   void Stage(std::string_view name, std::string_view contents);
 
-  /// Runs one apply. `on_pump`, if set, is called whenever the apply lets the window live: before
-  /// each change and before each record that is undone.
+  /// Runs one apply. `on_pump`, if set, is called whenever the apply lets the window live once
+  /// it changes things: before each change and before each record that is undone.
   bool Apply(const ApplyFaultInjection& faults = {}, std::function<void()> on_pump = {});
 
   /// The traced events since the start, each as "stage key=value ...", the given keys only.
