@@ -1,9 +1,10 @@
+#include "core/process_environment.h"
+
 #include <unistd.h>
 
 #include <climits>
 #include <cstdlib>
 
-#include "core/process_environment.h"
 #include "core/text.h"
 
 namespace zul {

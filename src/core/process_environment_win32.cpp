@@ -1,11 +1,13 @@
 // The wide-character calls of the platform's documentation throughout; texts convert at this edge.
-#include <shlobj.h>
+#include "core/process_environment.h"
+
 #include <windows.h>
+
+#include <shlobj.h>
 
 #include <string>
 #include <vector>
 
-#include "core/process_environment.h"
 #include "core/text.h"
 
 namespace zul {

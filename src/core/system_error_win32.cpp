@@ -1,6 +1,7 @@
+#include "core/system_error.h"
+
 #include <windows.h>
 
-#include "core/system_error.h"
 #include "core/text.h"
 
 namespace zul {
