@@ -3,7 +3,7 @@
 #include "core/text.h"
 #include "request/update_request.h"
 #include "tests/request/sample_requests.h"
-#include "tests/request/split_command_line.h"
+#include "tests/support/split_command_line.h"
 
 namespace zul {
 namespace {

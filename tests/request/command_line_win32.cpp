@@ -5,7 +5,7 @@
 #include <shellapi.h>
 
 #include "tests/request/sample_requests.h"
-#include "tests/request/split_command_line.h"
+#include "tests/support/split_command_line.h"
 
 namespace zul {
 namespace {

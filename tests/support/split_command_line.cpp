@@ -1,4 +1,4 @@
-#include "tests/request/split_command_line.h"
+#include "tests/support/split_command_line.h"
 
 #include <algorithm>
 #include <cstddef>

@@ -1,0 +1,65 @@
+// The two grammars that filter the log.
+// Input: the value of a variable, for both.
+
+#include <algorithm>
+#include <string>
+
+#include "core/log_filter.h"
+#include "core/text.h"
+#include "tests/fuzz/fuzz_target.h"
+
+namespace zul::fuzz {
+
+namespace {
+
+using Grammar = std::optional<LogThresholds> (*)(std::string_view text);
+
+std::string Upper(std::string_view text) {
+  std::string upper(text);
+  for (char& c : upper) {
+    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+  }
+  return upper;
+}
+
+std::string WithBlanksAround(std::string_view text, std::string_view marks) {
+  std::string spaced;
+  for (const char c : text) {
+    const bool mark = marks.find(c) != std::string_view::npos;
+    spaced += mark ? " \t" + std::string(1, c) + "\r\n" : std::string(1, c);
+  }
+  return " " + spaced + "\v\f";
+}
+
+void RequireRules(Grammar parse, std::string_view text, const std::string& sets_all) {
+  const std::optional<LogThresholds> thresholds = parse(text);
+  Require(parse(text) == thresholds, "a filter means the same each time");
+  Require(parse(Upper(text)) == thresholds, "case does not matter");
+  Require(parse(WithBlanksAround(text, ",;=:")) == thresholds, "blanks around words do not matter");
+  Require(parse("; ," + std::string(text) + ",;") == thresholds, "empty entries do not matter");
+
+  std::string entries(text);
+  std::replace(entries.begin(), entries.end(), ';', ',');
+  bool sound = true;
+  bool any = false;
+  for (const std::string_view entry : SplitAt(entries, ',')) {
+    if (TrimWhitespace(entry).empty()) continue;
+    any = true;
+    sound = sound && parse(entry);
+  }
+  Require(thresholds.has_value() == (any && sound), "a filter is as sound as each of its entries");
+  if (!thresholds) return;
+  for (const LogLevel level : *thresholds) {
+    Require(level >= LogLevel::kDebug && level <= LogLevel::kError, "a threshold is a level");
+  }
+  Require(parse(std::string(text) + "," + sets_all) == parse(sets_all), "the last entry decides");
+}
+
+}  // namespace
+
+void Run(std::string_view input) {
+  RequireRules(ParseLogFilter, input, "*=warn");
+  RequireRules(ParseLogCategories, input, "*");
+}
+
+}  // namespace zul::fuzz

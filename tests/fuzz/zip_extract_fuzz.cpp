@@ -1,0 +1,82 @@
+// The scan of an archive with its extraction, over an older tree for every other size.
+// Input: an archive.
+
+#include <zlib.h>
+
+#include <set>
+
+#include "core/text.h"
+#include "package/extract.h"
+#include "package/zip_scan.h"
+#include "tests/fuzz/fuzz_target.h"
+#include "tests/support/temp_folder.h"
+
+namespace zul::fuzz {
+
+namespace {
+
+constexpr std::uint64_t kDeclaredBytesMax = std::uint64_t{16} << 20;
+
+// The destination lies some levels deep, so that what climbs out of it still shows in the listing.
+struct Scratch {
+  test::TempFolder folder;
+  fs::Path archive = folder / "a/b/package.zip";
+  fs::Path out = folder / "a/b/out";
+  fs::Path destination = out / "stage";
+};
+
+// What ListTree shows when exactly the files of `scan` were extracted.
+std::string ExpectedTree(const ZipScanResult& scan) {
+  const std::string destination = "a/b/out/stage/";
+  std::set<std::string> lines = {"a/", "a/b/", "a/b/out/", "a/b/package.zip", destination};
+  for (const ZipEntryRecord& entry : scan.entries) {
+    lines.insert(destination + entry.path);
+    for (std::size_t slash = entry.path.find('/'); slash != std::string::npos;
+         slash = entry.path.find('/', slash + 1)) {
+      lines.insert(destination + entry.path.substr(0, slash + 1));
+    }
+  }
+  std::string tree;
+  for (const std::string& line : lines) tree += line + "\n";
+  return tree;
+}
+
+void RequireContents(const Scratch& scratch, const ZipScanResult& scan) {
+  std::uint64_t total_bytes = 0;
+  for (const ZipEntryRecord& entry : scan.entries) {
+    const std::string contents = test::ReadFile(scratch.destination / *PathFromUtf8(entry.path));
+    Require(contents.size() == static_cast<std::uint64_t>(entry.uncompressed_size),
+            "each file has the size that was declared");
+    Require(crc32(0, reinterpret_cast<const Bytef*>(contents.data()),
+                  static_cast<uInt>(contents.size())) == entry.crc32,
+            "each file has the CRC that was declared");
+    total_bytes += contents.size();
+  }
+  Require(total_bytes == scan.total_uncompressed_bytes, "the total is that of the scan");
+}
+
+}  // namespace
+
+void Run(std::string_view input) {
+  static const Scratch scratch;
+  test::WriteFile(scratch.archive, input);
+  ZipScanResult scan;
+  std::string error;
+  const bool accepted = ScanZipArchive(PathToUtf8(scratch.archive), scan, &error);
+  if (accepted && scan.total_uncompressed_bytes > kDeclaredBytesMax) return;
+
+  std::error_code ec;
+  Require(fs::CreateDirectories(scratch.out, ec), "the scratch folder can be made");
+  if (input.size() % 2 == 1) test::WriteFile(scratch.destination / "old.txt", "old");
+  const std::string before = test::ListTree(scratch.folder.path());
+  const bool extracted = ExtractPackage(scratch.archive, scratch.destination, &error);
+  const std::string after = test::ListTree(scratch.folder.path());
+  Require(extracted == error.empty(), "a failure has a reason and a success has none");
+  Require(accepted || !extracted, "what the scan refuses is not extracted");
+  Require(extracted || after == before, "a failure changes nothing anywhere");
+  Require(!extracted || after == ExpectedTree(scan), "exactly the judged files are extracted");
+  if (extracted) RequireContents(scratch, scan);
+  Require(fs::RemoveTree(scratch.destination, ec), "the scratch folder can be emptied");
+}
+
+}  // namespace zul::fuzz
