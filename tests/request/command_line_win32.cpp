@@ -4,6 +4,9 @@
 #include <gtest/gtest.h>
 #include <shellapi.h>
 
+#include <cstdint>
+
+#include "core/text.h"
 #include "tests/request/sample_requests.h"
 #include "tests/support/split_command_line.h"
 
@@ -30,6 +33,32 @@ TEST(HelperCommandLineOnWindows, TheSystemGivesTheRequestBack) {
   for (const wchar_t* line : {L"a  \"b c\"d\te", L"\"a b\"c d", L"a \\\\\\\"b \\\\\"c d\"",
                               L"a \"\"", L"a b\\\\ \"c\\\\\"", L"a \"b\\\"\\\\c\" \\d\\"}) {
     EXPECT_EQ(SystemSplit(line), test::SplitCommandLine(line));
+  }
+}
+
+// Texts of the characters that mean something to the splitting, the same in every run.
+std::wstring NextText(std::uint32_t& state) {
+  constexpr std::wstring_view kAlphabet = L"\\\\\"\" \ta=\u017D\n";
+  std::wstring text;
+  for (;;) {
+    state = state * 1664525 + 1013904223;
+    const std::size_t choice = (state >> 16) % (kAlphabet.size() + 1);
+    if (choice == kAlphabet.size()) return text;
+    text.push_back(kAlphabet[choice]);
+  }
+}
+
+TEST(HelperCommandLineOnWindows, TheSystemSplitsAnyTextAsTheOracleDoes) {
+  std::uint32_t state = 1;
+  for (int i = 0; i < 5000; ++i) {
+    const std::vector<std::wstring> arguments = {L"C:\\temp dir\\a.exe", NextText(state),
+                                                 NextText(state)};
+    const std::wstring raw = L"a " + arguments[1] + arguments[2];
+    ASSERT_EQ(SystemSplit(raw), test::SplitCommandLine(raw)) << WideToUtf8Lossy(raw);
+    std::wstring quoted;
+    for (const std::wstring& argument : arguments) quoted += QuoteCommandArgument(argument) + L" ";
+    ASSERT_EQ(SystemSplit(quoted), arguments) << WideToUtf8Lossy(quoted);
+    ASSERT_EQ(test::SplitCommandLine(quoted), arguments) << WideToUtf8Lossy(quoted);
   }
 }
 

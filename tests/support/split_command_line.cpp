@@ -41,6 +41,7 @@ std::wstring TakeArgument(std::wstring_view& line) {
       argument.push_back(L'"');
     } else if (doubled) {
       argument.push_back(L'"');
+      in_quotes = false;
       ++at;
     } else {
       in_quotes = !in_quotes;
