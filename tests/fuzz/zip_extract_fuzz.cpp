@@ -1,5 +1,5 @@
 // The scan of an archive with its extraction, over an older tree for every other size.
-// Input: an archive.
+// Input: an archive, taken as it stands and once more with its checksums mended.
 
 #include <zlib.h>
 
@@ -9,6 +9,7 @@
 #include "package/extract.h"
 #include "package/zip_scan.h"
 #include "tests/fuzz/fuzz_target.h"
+#include "tests/fuzz/mend_zip.h"
 #include "tests/support/temp_folder.h"
 
 namespace zul::fuzz {
@@ -55,11 +56,8 @@ void RequireContents(const Scratch& scratch, const ZipScanResult& scan) {
   Require(total_bytes == scan.total_uncompressed_bytes, "the total is that of the scan");
 }
 
-}  // namespace
-
-void Run(std::string_view input) {
-  static const Scratch scratch;
-  test::WriteFile(scratch.archive, input);
+void ScanAndExtract(const Scratch& scratch, std::string_view archive) {
+  test::WriteFile(scratch.archive, archive);
   ZipScanResult scan;
   std::string error;
   const bool accepted = ScanZipArchive(PathToUtf8(scratch.archive), scan, &error);
@@ -67,7 +65,7 @@ void Run(std::string_view input) {
 
   std::error_code ec;
   Require(fs::CreateDirectories(scratch.out, ec), "the scratch folder can be made");
-  if (input.size() % 2 == 1) test::WriteFile(scratch.destination / "old.txt", "old");
+  if (archive.size() % 2 == 1) test::WriteFile(scratch.destination / "old.txt", "old");
   const std::string before = test::ListTree(scratch.folder.path());
   const bool extracted = ExtractPackage(scratch.archive, scratch.destination, &error);
   const std::string after = test::ListTree(scratch.folder.path());
@@ -77,6 +75,15 @@ void Run(std::string_view input) {
   Require(!extracted || after == ExpectedTree(scan), "exactly the judged files are extracted");
   if (extracted) RequireContents(scratch, scan);
   Require(fs::RemoveTree(scratch.destination, ec), "the scratch folder can be emptied");
+}
+
+}  // namespace
+
+void Run(std::string_view input) {
+  static const Scratch scratch;
+  ScanAndExtract(scratch, input);
+  const std::string mended = MendZip(input);
+  if (mended != input) ScanAndExtract(scratch, mended);
 }
 
 }  // namespace zul::fuzz
