@@ -15,7 +15,7 @@ const std::string kLegacyName = "\x8E\xE2\xE7\xF1\xE2.txt";  // "Отчёт.txt"
 
 class Corpus {
  public:
-  Corpus(fs::Path root, const char* target) : folder_(std::move(root) / target) {}
+  Corpus(const fs::Path& root, const char* target) : folder_(root / target) {}
 
   void Add(const std::string& name, std::string_view bytes) const {
     WriteFile(folder_ / name, bytes);
