@@ -90,10 +90,12 @@ class Scene:
 
 
 class UpdaterRun:
-    """The updater at work. `finish` waits for it, reading and dismissing every box that it shows."""
+    """The updater at work. `finish` waits for it, reading and dismissing every box that it shows;
+    without `dialogs` nobody looks for one, and a run that shows one lasts until its time-out."""
 
     def __init__(self, scene: Scene, program: Path, arguments: list[str], *, button: str = "ok",
-                 output: str = "pipe", timeout: float = 90, on_box: Callable[[], None] | None = None):
+                 output: str = "pipe", timeout: float = 90, on_box: Callable[[], None] | None = None,
+                 dialogs: bool = True):
         self.scene = scene
         self.timeout = timeout
         self.started = time.monotonic()
@@ -114,7 +116,7 @@ class UpdaterRun:
             stdout=subprocess.PIPE if output == "pipe" else self.output_file,
             stderr=subprocess.DEVNULL)
         self.pid = int(self.report("pid"))
-        self.reader = DialogReader(scene.sandbox, self.pid, button, timeout, on_box)
+        self.reader = DialogReader(scene.sandbox, self.pid, button, timeout, on_box) if dialogs else None
 
     def report(self, key: str) -> str:
         """What the launcher noted under a key, once it is there."""
@@ -139,7 +141,7 @@ class UpdaterRun:
         seconds = time.monotonic() - self.started
         output = self.take_output()
         code = self.report("exit")
-        dialogs = self.reader.finish()
+        dialogs = self.reader.finish() if self.reader else []
         shutil.rmtree(self.notes)
         return Outcome(int(code) if code.isdigit() else code, output, dialogs, seconds,
                        trace_log.read(self.scene.trace_path))

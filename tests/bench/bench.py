@@ -1,0 +1,250 @@
+"""What an update costs beside the tools that do the same work: ./bench calls this after building.
+
+usage: bench.py [--quick] [--rounds N]
+
+Runs the real updater and the native tools in turn, each in a fresh folder, and prints one table of
+medians and ratios. Folders are deleted only at the end: right after a large deletion a file system
+may create files much more slowly. --quick does one round of the smallest package.
+"""
+
+import argparse
+import os
+import shutil
+import statistics
+import subprocess
+from collections import defaultdict
+from pathlib import Path
+
+import certificates
+import places
+import programs
+import workloads
+from https_server import HttpsServer, Reply
+from measured_run import Measured, idle_peak_kib, measure
+from native_tools import NativeTools, copy_tree
+from sandbox import Sandbox
+from updater_run import Scene
+from workloads import APPLICATION, BIG_FILE, SMALL_FILES, Workload
+
+PROGRAMS = places.BUILD / "tests" / "bench"
+SIDES = ("updater", "tools")
+
+
+class Samples:
+    """Seconds by stage and side."""
+
+    def __init__(self) -> None:
+        self.taken: dict[tuple[str, str], list[float]] = defaultdict(list)
+
+    def add(self, stage: str, updater: float, tools: float) -> None:
+        for side, seconds in zip(SIDES, (updater, tools)):
+            self.taken[stage, side].append(seconds)
+
+    def medians(self, stage: str) -> tuple[float, float]:
+        updater, tools = (statistics.median(self.taken[stage, side]) for side in SIDES)
+        return updater, tools
+
+    def spread(self, stage: str) -> float:
+        """Of the ratios of the rounds: how far the widest lies from the narrowest."""
+        ratios = [a / b for a, b in zip(*(self.taken[stage, side] for side in SIDES))]
+        return max(ratios) / min(ratios)
+
+
+class Bench:
+    def __init__(self) -> None:
+        # A prefix of its own: other programs of a shared one would be measured too.
+        places.WINE_HOME = workloads.HOME / "wine"
+        self.sandbox = Sandbox().start()
+        self.authority = certificates.make_authority("trusted")
+        self.server = HttpsServer(self.authority, certificates.make_authority("stranger"))
+        self.scenes: list[Scene] = []
+        self.samples: dict[str, Samples] = defaultdict(Samples)
+        self.peaks: dict[str, int] = {}
+        self.runs = workloads.HOME / "runs"
+        shutil.rmtree(self.runs, ignore_errors=True)
+        self.runs.mkdir(parents=True)
+
+    def close(self) -> None:
+        for scene in self.scenes:
+            scene.clear()
+        shutil.rmtree(self.runs, ignore_errors=True)
+        self.server.__exit__()
+        self.sandbox.stop()
+
+    def scene(self, name: str) -> Scene:
+        self.scenes.append(Scene(self.sandbox, f"bench-{name}"))
+        return self.scenes[-1]
+
+    def run_windows(self, program: str, *arguments: object) -> list[float]:
+        """The numbers that a program of the benchmark prints."""
+        done = subprocess.run(["wine", self.sandbox.windows_path(PROGRAMS / program), *map(str, arguments)],
+                              env=self.sandbox.environment_with_hosts(), stdin=subprocess.DEVNULL,
+                              capture_output=True, text=True, timeout=300)
+        if done.returncode != 0:
+            raise RuntimeError(f"{program} ended with {done.returncode}: {done.stderr.strip()}")
+        return [float(number) for number in done.stdout.split()]
+
+    # -- one round of one package
+
+    def round(self, work: Workload, number: int) -> None:
+        url = self.server.on(places.PRIMARY_HOST, f"/{work.name}.zip", Reply(body=work.package))
+        tools = NativeTools(work, self.runs / f"{work.name}-{number}")
+        scene = self.scene(f"{work.name}-{number}")
+        copy_tree(work.installed, scene.install)
+        settle()
+        if number % 2:  # neither side always goes first
+            native = self.run_tools(tools, url)
+            settle()
+        run = measure(scene, url, work.sha256())
+        scene.end()
+        settle()
+        if not number % 2:
+            native = self.run_tools(tools, url)
+            settle()
+        assert_same_files(work, scene.install, tools.install)
+        native["floor"] = self.apply_floor(work, tools)
+        self.peaks[work.name] = max(self.peaks.get(work.name, 0), run.peak_kib)
+        self.note(work, run, native)
+
+    def run_tools(self, tools: NativeTools, url: str) -> dict[str, float]:
+        return {"curl": tools.download(url, self.authority), "sha256sum": tools.sha256sum(),
+                "openssl": tools.openssl(), "list": tools.list_entries(), "unzip": tools.unzip(),
+                "sync": tools.sync_stage(), "backup": tools.back_up(), "rsync": tools.install_over()}
+
+    def apply_floor(self, work: Workload, tools: NativeTools) -> float:
+        """The least that an apply can be, over an installation as the updater found it."""
+        install, backup = tools.folder / "floor-install", tools.folder / "floor-backup"
+        copy_tree(work.installed, install)
+        files = tools.folder / "files"
+        files.write_text("".join(path.replace("/", "\\") + "\n" for path in work.files()))
+        for path in {Path(path).parent for path in work.files()}:
+            (backup / path).mkdir(parents=True, exist_ok=True)
+        settle()
+        (seconds,) = self.run_windows("apply_floor.exe", *map(
+            self.sandbox.windows_path, (files, tools.stage, install, backup)))
+        return seconds
+
+    def note(self, work: Workload, run: Measured, native: dict[str, float]) -> None:
+        samples = self.samples[work.name]
+        unpacked = native["unzip"] + native["sync"]
+        samples.add("download", run.download, native["curl"])
+        samples.add("checksum", run.checksum, native["sha256sum"])
+        samples.add("extract", run.extract, native["unzip"] if work is BIG_FILE else unpacked)
+        samples.add("apply", run.apply, native["floor"])
+        series = native["curl"] + native["openssl"] + unpacked + native["backup"] + native["rsync"]
+        samples.add("until restart", run.until_restart, series)
+        samples.add("whole", run.whole, series)
+        (scan,) = self.run_windows("stage_times.exe", "scan", self.sandbox.windows_path(work.package))
+        samples.add("scan", scan, native["list"])
+        stages = ", ".join(f"{stage} {mine[-1]:.2f}/{samples.taken[stage, 'tools'][-1]:.2f}"
+                           for (stage, side), mine in samples.taken.items() if side == "updater")
+        print(f"  {work.title}: {stages}; peak {run.peak_kib // 1024} MiB", flush=True)
+
+    # -- what needs one run only
+
+    def window_share(self, work: Workload) -> float:
+        url = self.server.on(places.PRIMARY_HOST, f"/{work.name}.zip", Reply(body=work.package))
+        shares = []
+        for number in range(3):
+            whole, window = self.run_windows("stage_times.exe", "window", url, self.sandbox.windows_path(
+                self.runs / f"window-{number}.zip"))
+            shares.append(window / whole)
+        return statistics.median(shares)
+
+    def idle_kib(self) -> int:
+        scene = self.scene("idle")
+        copy_tree(APPLICATION.installed, scene.install)
+        return idle_peak_kib(scene, self.server.on(places.PRIMARY_HOST, "/silent.zip", Reply(silent=True)))
+
+
+def settle() -> None:
+    """What one side left to be written must not be waited for by the other."""
+    os.sync()
+
+
+def assert_same_files(work: Workload, updated: Path, native: Path) -> None:
+    for path in work.files():
+        assert (updated / path).stat().st_size == (native / path).stat().st_size, path
+
+
+ROWS = (  # stage as it is printed, package, stage, beside, aim
+    ("download over loopback TLS", APPLICATION, "download", "curl", 1.5),
+    ("download over loopback TLS", BIG_FILE, "download", "curl", 1.5),
+    ("checksum", APPLICATION, "checksum", "sha256sum", 1.3),
+    ("checksum", BIG_FILE, "checksum", "sha256sum", 1.3),
+    ("scan", SMALL_FILES, "scan", "unzip -l", 0.5),
+    ("extraction", APPLICATION, "extract", "unzip -q, fsync per file", 1.1),
+    ("extraction", SMALL_FILES, "extract", "unzip -q, fsync per file", 3.0),
+    ("extraction", BIG_FILE, "extract", "unzip -q", 0.9),
+    ("apply", APPLICATION, "apply", "minimal program", 1.3),
+    ("apply", SMALL_FILES, "apply", "minimal program", 1.3),
+    ("apply", BIG_FILE, "apply", "minimal program", 1.3),
+    ("whole run", APPLICATION, "whole", "tools in series", 1.3),
+    ("whole run", SMALL_FILES, "whole", "tools in series", 3.5),
+    ("whole run", BIG_FILE, "whole", "tools in series", None),
+    ("until the restart", APPLICATION, "until restart", "tools in series", None),
+    ("until the restart", SMALL_FILES, "until restart", "tools in series", None),
+)
+
+
+def print_table(bench: Bench, rounds: int) -> None:
+    print(f"\nmedians of {rounds} rounds; spread is the largest ratio of a round over the smallest\n")
+    print("| stage | package | updater | beside | | ratio | spread | aim | |")
+    print("|---|---|---:|---|---:|---:|---:|---:|---|")
+    for label, work, stage, beside, aim in ROWS:
+        if work.name not in bench.samples:
+            continue
+        samples = bench.samples[work.name]
+        updater, tools = samples.medians(stage)
+        print(row(label, work.title, f"{updater:.3f} s", beside, f"{tools:.3f} s", updater / tools,
+                  f"{samples.spread(stage):.2f}", aim))
+
+
+def print_memory_and_window(bench: Bench) -> None:
+    idle = bench.idle_kib()
+    for work in workloads_of(bench):
+        above = (bench.peaks[work.name] - idle) / 1024
+        limit = 32 + len(work.files()) / 1024
+        print(row("peak memory", work.title, f"{above:.1f} MiB", f"idle process, {idle / 1024:.1f} MiB",
+                  "", above, "", round(limit, 1)))
+    share = bench.window_share(APPLICATION)
+    print(row("the window's share of a download", APPLICATION.title, f"{100 * share:.2f} %", "", "",
+              100 * share, "", 3))
+
+
+def row(label: str, package: str, updater: str, beside: str, tools: str, ratio: float, spread: str,
+        aim: float | None) -> str:
+    verdict = "" if aim is None else "met" if ratio <= aim else "missed"
+    return (f"| {label} | {package} | {updater} | {beside} | {tools} | {ratio:.2f} | {spread} "
+            f"| {aim or ''} | {verdict} |")
+
+
+def workloads_of(bench: Bench) -> list[Workload]:
+    return [work for work in (APPLICATION, SMALL_FILES, BIG_FILE) if work.name in bench.samples]
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(prog="bench")
+    parser.add_argument("--quick", action="store_true")
+    parser.add_argument("--rounds", type=int, default=3)
+    parser.add_argument("--package", action="append", help="application, small-files or big-file")
+    options = parser.parse_args()
+    rounds = 1 if options.quick else options.rounds
+    chosen = options.package or ([APPLICATION.name] if options.quick else None)
+    works = [w for w in (APPLICATION, SMALL_FILES, BIG_FILE) if chosen is None or w.name in chosen]
+    for work in {APPLICATION, *works}:
+        work.make()
+    bench = Bench()
+    try:
+        for number in range(rounds):
+            print(f"round {number + 1} of {rounds}, seconds of the updater/of the tools", flush=True)
+            for work in works:
+                bench.round(work, number)
+        print_table(bench, rounds)
+        print_memory_and_window(bench)
+    finally:
+        bench.close()
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,121 @@
+"""One run of the real updater, timed from outside.
+
+The trace's own time stamps are whole seconds, so a watcher notes by its own clock when the trace
+file has grown by a line, to about a millisecond and without taking part in the run. The size of the process is
+the kernel's peak of its resident memory (VmHWM)."""
+
+import re
+import threading
+import time
+from dataclasses import dataclass
+from pathlib import Path
+
+import trace_log
+from updater_run import Scene
+
+POLL_SECONDS = 0.001
+POLLS_PER_MEMORY_LOOK = 25
+UPDATER = "qorva_updater.exe"
+
+
+class Watcher(threading.Thread):
+    def __init__(self, scene: Scene):
+        super().__init__(daemon=True)
+        self.scene = scene
+        self.growth: list[tuple[int, float]] = []  # size of the trace, when it was first seen
+        self.peak_kib = 0
+        self.status: Path | None = None
+        self.over = threading.Event()
+
+    def run(self) -> None:
+        polls = 0
+        while not self.over.wait(POLL_SECONDS):
+            self.look_at_trace()
+            polls += 1
+            if polls % POLLS_PER_MEMORY_LOOK == 0:
+                self.look_at_memory()
+        self.look_at_trace()
+
+    def look_at_trace(self) -> None:
+        try:
+            size = self.scene.trace_path.stat().st_size
+        except FileNotFoundError:
+            return
+        if not self.growth or size != self.growth[-1][0]:
+            self.growth.append((size, time.monotonic()))
+
+    def look_at_memory(self) -> None:
+        if self.status is None:
+            found = [p.pid for p in self.scene.running() if UPDATER in p.command]
+            self.status = Path(f"/proc/{found[0]}/status") if found else None
+        try:
+            text = self.status.read_text() if self.status else ""
+        except OSError:
+            return
+        if peak := re.search(r"VmHWM:\s+(\d+) kB", text):
+            self.peak_kib = int(peak[1])
+
+    def finish(self) -> None:
+        self.over.set()
+        self.join()
+
+    def moments(self) -> list[tuple[float, trace_log.Event]]:
+        """When each event of the trace had been written."""
+        text = self.scene.trace_path.read_bytes()
+        growth, end, timed = iter(self.growth), 0, []
+        size, seen = next(growth)
+        for line, event in zip(text.splitlines(keepends=True), trace_log.read(self.scene.trace_path)):
+            end += len(line)
+            while size < end:
+                size, seen = next(growth)
+            timed.append((seen, event))
+        return timed
+
+
+@dataclass
+class Measured:
+    """Seconds of each stage. `download` is the updater's own figure, in whole milliseconds."""
+
+    download: float
+    checksum: float
+    extract: float
+    apply: float
+    until_restart: float  # from the start of the process
+    whole: float          # to its end, with the workspace removed
+    peak_kib: int
+
+
+def measure(scene: Scene, url: str, sha256: str) -> Measured:
+    watcher = Watcher(scene)
+    run = scene.begin(scene.arguments(url=url, sha256=sha256), dialogs=False, timeout=280)
+    watcher.start()
+    outcome = run.finish()
+    watcher.finish()
+    if outcome.exit_code != 0:
+        raise RuntimeError(f"the updater ended with {outcome.exit_code}: {outcome.trace[-1:]}")
+    timed = watcher.moments()
+
+    def at(name: str, **fields: str) -> float:
+        return next(moment for moment, event in timed if event["stage"] == name and
+                    fields.items() <= event.items())
+
+    complete = next(event for event in outcome.trace if event["stage"] == "download_complete")
+    return Measured(
+        download=int(complete["elapsed_ms"]) / 1000,
+        checksum=at("checksum_verify", phase="ok") - at("checksum_verify", phase="start"),
+        extract=at("extract_ok") - at("extract_start"),
+        apply=at("apply_ok") - at("apply_start"),
+        until_restart=at("restart_ok") - run.started,
+        whole=outcome.seconds,
+        peak_kib=watcher.peak_kib)
+
+
+def idle_peak_kib(scene: Scene, silent_url: str) -> int:
+    """Peak memory of a run that has its window up and waits for a server that never answers."""
+    watcher = Watcher(scene)
+    run = scene.begin(scene.arguments(url=silent_url, sha256="0" * 64), dialogs=False, timeout=60)
+    watcher.start()
+    time.sleep(3)
+    watcher.finish()
+    scene.end()
+    return watcher.peak_kib

@@ -1,0 +1,65 @@
+"""The tools that do the same work natively, each timed by itself in a fresh folder."""
+
+import subprocess
+import time
+from pathlib import Path
+
+import certificates
+from workloads import Workload
+
+# One fsync for each file, as the updater flushes each file that it writes.
+SYNC_EACH = "find . -type f -print0 | xargs -0 sync"
+
+
+class NativeTools:
+    """One pass over a package in `folder`, which must not exist. Each step gives its seconds and needs
+    those before it. Nothing is deleted."""
+
+    def __init__(self, workload: Workload, folder: Path):
+        self.workload = workload
+        self.folder = folder
+        self.package = folder / "package.zip"
+        self.stage = folder / "stage"
+        self.backup = folder / "backup"
+        self.install = folder / "install"
+        folder.mkdir(parents=True)
+        copy_tree(workload.installed, self.install)
+
+    def download(self, url: str, authority: certificates.Authority) -> float:
+        host, port = url.removeprefix("https://").split("/")[0].split(":")
+        return timed("curl", "--silent", "--show-error", "--fail", "--cacert", authority.root,
+                     "--resolve", f"{host}:{port}:127.0.0.1", "--output", self.package, url)
+
+    def sha256sum(self) -> float:
+        return timed("sha256sum", self.package)
+
+    def openssl(self) -> float:
+        return timed("openssl", "dgst", "-sha256", self.package)
+
+    def list_entries(self) -> float:
+        return timed("unzip", "-l", self.package)
+
+    def unzip(self) -> float:
+        return timed("unzip", "-q", self.package, "-d", self.stage)
+
+    def sync_stage(self) -> float:
+        return timed("sh", "-c", SYNC_EACH, cwd=self.stage)
+
+    def back_up(self) -> float:
+        return (timed("cp", "-a", self.install, self.backup) +
+                timed("sh", "-c", SYNC_EACH, cwd=self.backup))
+
+    def install_over(self) -> float:
+        return timed("rsync", "-a", "--fsync", f"{self.stage}/", f"{self.install}/")
+
+
+def timed(*command: object, cwd: Path | None = None) -> float:
+    started = time.monotonic()
+    subprocess.run([str(part) for part in command], cwd=cwd, check=True, timeout=300,
+                   stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
+    return time.monotonic() - started
+
+
+def copy_tree(source: Path, target: Path) -> None:
+    """Every byte written anew, and times as they are."""
+    subprocess.run(["cp", "-a", "--reflink=never", f"{source}/.", target], check=True, timeout=300)

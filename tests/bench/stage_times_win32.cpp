@@ -1,0 +1,75 @@
+// Times what the trace of a run does not show by itself.
+//
+//   stage_times.exe scan package.zip
+//       the scan of an archive: prints its seconds
+//   stage_times.exe window url file
+//       a download with the window on the screen: prints its seconds, and those that the window
+//       took
+//
+// The URL's host must be one of the deployment's. Exits with 1 and a text when the stage fails.
+
+#include <chrono>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "core/text.h"
+#include "package/zip_scan.h"
+#include "transfer/download.h"
+#include "transfer/download_job.h"
+#include "ui/progress_window.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Seconds = std::chrono::duration<double>;
+
+int Fail(const std::string& error) {
+  std::fprintf(stderr, "%s\n", error.c_str());
+  return 1;
+}
+
+int TimeScan(const std::string& package) {
+  zul::ZipScanResult scan;
+  std::string error;
+  const auto started = Clock::now();
+  if (!zul::ScanZipArchive(package, scan, &error)) return Fail(error);
+  std::printf("%.6f\n", Seconds(Clock::now() - started).count());
+  return 0;
+}
+
+/// After each chunk the download asks for the time, hands its figures to the window and then to the
+/// callback: what lies between is the window's.
+int TimeWindow(const std::string& url, const std::string& file) {
+  zul::UpdateProgressWindow window(zul::CreateScreenSurface());
+  window.set_status("Preparing update...", "Creating temporary workspace.", 0);
+  auto asked = Clock::now();
+  Clock::duration in_window{};
+  const auto now_ms = [&asked] {
+    asked = Clock::now();
+    return static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(asked.time_since_epoch()).count());
+  };
+  const zul::DownloadProgressCallback shown = [&](auto&&...) { in_window += Clock::now() - asked; };
+  const auto transport = zul::CreateWinHttpTransport();
+  const std::filesystem::path destination = zul::PathFromUtf8(file).value_or("");
+  zul::DownloadResult result;
+  std::string error;
+  const auto started = Clock::now();
+  if (!zul::DownloadPackageOver({*transport, now_ms},
+                                {url, destination, "primary", &window, shown, {}}, result,
+                                &error)) {
+    return Fail(error);
+  }
+  std::printf("%.6f %.6f\n", Seconds(Clock::now() - started).count(), Seconds(in_window).count());
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::string stage = argc > 1 ? argv[1] : "";
+  if (stage == "scan" && argc == 3) return TimeScan(argv[2]);
+  if (stage == "window" && argc == 4) return TimeWindow(argv[2], argv[3]);
+  return 3;
+}
