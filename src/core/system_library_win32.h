@@ -35,9 +35,7 @@ class SystemFunction {
 
   /// The function itself, so that this object is called and tested like a pointer to it. Null when
   /// there is none.
-  operator std::add_pointer_t<Signature>() const {
-    return function_;
-  }  // NOLINT: meant to be implicit
+  operator std::add_pointer_t<Signature>() const { return function_; }
   /// Why there is no function.
   [[nodiscard]] DWORD error() const { return error_; }
 

@@ -7,6 +7,7 @@
 #include <optional>
 #include <vector>
 
+#include "core/api_path_win32.h"
 #include "core/handle_win32.h"
 #include "core/system_library_win32.h"
 #include "core/text.h"
@@ -58,6 +59,13 @@ struct CertificateTraits {
   static void Close(PCCERT_CONTEXT certificate) { Crypt().free_certificate(certificate); }
 };
 
+/// The path as the trust provider is asked about it. It gets plain paths as far as those go: what
+/// providers make of the prefix for long ones is their own affair. Empty for malformed UTF-8.
+std::wstring ProviderPath(const std::string& path) {
+  std::wstring wide = Utf8ToWide(path).value_or(std::wstring());
+  return wide.size() < MAX_PATH ? wide : fs::ApiPath(wide);
+}
+
 /// The signer's record in a signed message, a CMSG_SIGNER_INFO with what it points to.
 std::vector<std::byte> SignerInfo(HCRYPTMSG message) {
   DWORD size = 0;
@@ -87,7 +95,8 @@ std::string DisplayName(PCCERT_CONTEXT certificate) {
 
 /// One question to the trust provider, and the release of what it took to answer it.
 std::optional<LONG> AskTrustProvider(const std::wstring& path) {
-  const SystemFunction<decltype(::WinVerifyTrust)> verify_trust(kTrustLibrary, "WinVerifyTrust");
+  static const SystemFunction<decltype(::WinVerifyTrust)> verify_trust(kTrustLibrary,
+                                                                       "WinVerifyTrust");
   if (!verify_trust) return std::nullopt;
   WINTRUST_FILE_INFO file{};
   file.cbStruct = sizeof file;
@@ -110,7 +119,7 @@ std::optional<LONG> AskTrustProvider(const std::wstring& path) {
 }  // namespace
 
 UpdatePayloadBinarySignatureResult VerifyBinarySignature(const std::string& path) {
-  const std::wstring wide = Utf8ToWide(path).value_or(std::wstring());
+  const std::wstring wide = ProviderPath(path);
   if (wide.empty()) {
     return {PayloadSignatureStatus::kVerificationError, "path conversion failed", {}};
   }
@@ -126,7 +135,7 @@ UpdatePayloadBinarySignatureResult VerifyBinarySignature(const std::string& path
 }
 
 std::string ReadSignerDisplayName(const std::string& path) {
-  const std::wstring wide = Utf8ToWide(path).value_or(std::wstring());
+  const std::wstring wide = ProviderPath(path);
   if (wide.empty() || !Crypt()) return {};
   HCERTSTORE opened_store = nullptr;
   HCRYPTMSG opened_message = nullptr;

@@ -55,25 +55,29 @@ class SignaturePass {
         error_(error) {}
 
   bool Run() {
-    std::error_code ec;
-    if (fs::KindOf(staged_root_, fs::Links::kFollow, ec) != fs::EntryKind::kDirectory) {
-      if (!ec) ec = std::make_error_code(std::errc::not_a_directory);
-      return Refuse(error_, "Cannot enumerate staged update tree for signature validation: '" +
-                                PathToUtf8(staged_root_) + CodeAndMessage(ec));
-    }
     fs::TreeWalker walker(staged_root_);
     fs::DirectoryEntry entry;
+    std::error_code ec;
+    bool started = false;
     while (walker.Next(&entry, ec)) {
+      started = true;
       if (IsRegularFile(entry) && !Judge(entry.path)) return false;
     }
     if (!ec) return true;
-    return Refuse(error_, "Update payload signature enumeration failed: " + SystemErrorText(ec));
+    if (started) {
+      return Refuse(error_, "Update payload signature enumeration failed: " + SystemErrorText(ec));
+    }
+    return Refuse(error_, "Cannot enumerate staged update tree for signature validation: '" +
+                              PathToUtf8(staged_root_) + CodeAndMessage(ec));
   }
 
  private:
-  /// A link counts as what it leads to.
+  /// A link counts as what it leads to. A file that cannot be told from a folder is never passed
+  /// over in silence: it might be the binary that must not come through.
   static bool IsRegularFile(const fs::DirectoryEntry& entry) {
-    if (entry.kind != fs::EntryKind::kLink) return entry.kind == fs::EntryKind::kRegular;
+    if (entry.kind != fs::EntryKind::kLink && entry.kind != fs::EntryKind::kUnknown) {
+      return entry.kind == fs::EntryKind::kRegular;
+    }
     std::error_code ec;
     const fs::EntryKind kind = fs::KindOf(entry.path, fs::Links::kFollow, ec);
     if (kind == fs::EntryKind::kUnknown) {

@@ -36,7 +36,8 @@ using PayloadSignatureVerifier =
 /// Walks `staged_root` and has `verifier` judge every .exe and .dll; the first that is not valid
 /// ends the pass. Without `require_signed` nothing is looked at. `verified_files` (may be null)
 /// receives the paths relative to the root with `/` separators, UTF-8, in the order of the walk. On
-/// failure `error` (may be null) has the reason.
+/// failure `error` (may be null) has the reason. Throws std::filesystem::filesystem_error for an
+/// entry whose type cannot be had.
 [[nodiscard]] bool VerifyStagedPayloadSignatures(const std::filesystem::path& staged_root,
                                                  bool require_signed,
                                                  const PayloadSignatureVerifier& verifier,

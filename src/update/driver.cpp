@@ -135,6 +135,13 @@ std::string_view FindSelfUpdateName(const UpdateRun& run, const fs::Path& target
   return {};
 }
 
+/// A run that ends before its apply leaves nothing new in the target folder.
+void DropNextCopy(UpdateRun& run) {
+  if (run.next_copy_path.empty()) return;
+  std::error_code ignored;
+  fs::Remove(run.next_copy_path, ignored);
+}
+
 /// A safety net: a run that was isolated has no file of its own in the target folder.
 StageResult StageSelfUpdate(UpdateRun& run) {
   const fs::Path target = PathFromUtf8(run.request.target_dir).value_or(fs::Path());
@@ -146,16 +153,11 @@ StageResult StageSelfUpdate(UpdateRun& run) {
   if (fs::CopyFileTo(run.payload_root / name, run.next_copy_path, fs::Overwrite::kYes, ec)) {
     return std::nullopt;
   }
+  DropNextCopy(run);
   return FailRun({run.request, run.progress_window},
                  "Cannot stage deferred updater self-update copy: target='" +
                      PathToUtf8(run.next_copy_path) + "', code=" + std::to_string(ec.value()) +
                      ", message='" + SystemErrorText(ec) + "'.");
-}
-
-void DropNextCopy(UpdateRun& run) {
-  if (run.next_copy_path.empty()) return;
-  std::error_code ignored;
-  fs::Remove(run.next_copy_path, ignored);
 }
 
 StageResult WaitStage(UpdateRun& run) {
@@ -164,6 +166,7 @@ StageResult WaitStage(UpdateRun& run) {
   if (WaitForMainProcess(run.request.pid, kMainProcessWaitMs, &run.stage_error, true)) {
     return std::nullopt;
   }
+  DropNextCopy(run);
   EmitChainEvent("apply_wait_main_process_fail",
                  {{"error", run.stage_error}, {"pid", std::to_string(run.request.pid)}});
   return FailRunWithStageError(run, {});
