@@ -75,6 +75,9 @@ void AddWrongArchives(const Corpus& zips) {
   zips.AddZip("bomb", [&](ZipBuilder& zip) {
     zip.File("a", zeros).Deflated().Both(ZipField::kUncompressedSize, 2000);
   });
+  zips.AddZip("large_bomb", [](ZipBuilder& zip) {
+    zip.File("a", std::string(1000000, '\0')).Deflated().Both(ZipField::kUncompressedSize, 2000);
+  });
   zips.AddZip("too_short", [&](ZipBuilder& zip) {
     zip.File("a", zeros).Deflated().Both(ZipField::kUncompressedSize, 6000);
   });

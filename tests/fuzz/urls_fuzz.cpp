@@ -1,11 +1,12 @@
 // The URL parsers, the allow-list and redirects.
-// Input: a URL; behind a line feed where it redirects to.
+// Input: a URL; behind a line feed where it redirects to, and what else could be seen in it.
 
 #include <string>
 
 #include "core/text.h"
 #include "tests/fuzz/fuzz_target.h"
 #include "transfer/redirect_url.h"
+#include "transfer/url_cracker.h"
 #include "transfer/url_policy.h"
 
 namespace zul::fuzz {
@@ -44,6 +45,19 @@ void RequireSoundUrl(std::string_view text) {
           "both parsers see the same host and port");
 }
 
+// A cracker that sees something else in `text`, as the platform's may: what our own sees in
+// `other`.
+void RequireJudgement(std::string_view text, std::string_view other) {
+  CrackedUrl cracked;
+  if (!CrackUrl(Utf8ToWide(other).value_or(std::wstring()), cracked)) return;
+  const NormalizedUrl url = NormalizeUrl(text, true);
+  const UpdateUrlParts update = JudgeCrackedUrl(text, cracked);
+  Require(!update.ok || !url.ok ||
+              (BareHost(WideToUtf8Lossy(update.host)) == BareHost(url.host) &&
+               update.port == url.port && cracked.scheme == UrlScheme::kHttps),
+          "a cracker that sees another host or port is not believed");
+}
+
 void RequireListedHost(std::string_view text) {
   const std::vector<std::string> listed = DefaultUpdateDownloadHosts();
   if (!IsAllowedDownloadUrl(text, listed, nullptr)) return;
@@ -76,6 +90,7 @@ void Run(std::string_view input) {
   RequireListedHost(text);
   if (end != std::string_view::npos) {
     RequireSoundUrl(ResolveRedirect(text, input.substr(end + 1)));
+    RequireJudgement(text, input.substr(end + 1));
     RequireSameOrigin(text, input.substr(end + 1));
   }
   const std::string stripped = StripUrlQuery(input);

@@ -1,8 +1,10 @@
 // The scan of an archive with its extraction, over an older tree for every other size.
 // Input: an archive, taken as it stands and once more with its checksums mended.
 
+#include <sys/resource.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <set>
 
 #include "core/text.h"
@@ -24,6 +26,28 @@ struct Scratch {
   fs::Path archive = folder / "a/b/package.zip";
   fs::Path out = folder / "a/b/out";
   fs::Path destination = out / "stage";
+};
+
+// While one lives, a write that takes a file far past what the largest entry declares ends the
+// process (SIGXFSZ). The slack is for what the fuzzer itself may have to write meanwhile.
+class WriteLimit {
+ public:
+  explicit WriteLimit(const ZipScanResult& scan) {
+    std::int64_t bytes = kSlackBytes;
+    for (const ZipEntryRecord& entry : scan.entries) {
+      bytes = std::max(bytes, entry.uncompressed_size + kSlackBytes);
+    }
+    getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit limit = {static_cast<rlim_t>(bytes), before_.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~WriteLimit() { setrlimit(RLIMIT_FSIZE, &before_); }
+  WriteLimit(const WriteLimit&) = delete;
+  WriteLimit& operator=(const WriteLimit&) = delete;
+
+ private:
+  static constexpr std::int64_t kSlackBytes = 65536;
+  rlimit before_{};
 };
 
 // What ListTree shows when exactly the files of `scan` were extracted.
@@ -61,13 +85,18 @@ void ScanAndExtract(const Scratch& scratch, std::string_view archive) {
   ZipScanResult scan;
   std::string error;
   const bool accepted = ScanZipArchive(PathToUtf8(scratch.archive), scan, &error);
-  if (accepted && scan.total_uncompressed_bytes > kDeclaredBytesMax) return;
+  if (!accepted) scan = ZipScanResult();
+  if (scan.total_uncompressed_bytes > kDeclaredBytesMax) return;
 
   std::error_code ec;
   Require(fs::CreateDirectories(scratch.out, ec), "the scratch folder can be made");
   if (archive.size() % 2 == 1) test::WriteFile(scratch.destination / "old.txt", "old");
   const std::string before = test::ListTree(scratch.folder.path());
-  const bool extracted = ExtractPackage(scratch.archive, scratch.destination, &error);
+  bool extracted = false;
+  {
+    const WriteLimit limit(scan);
+    extracted = ExtractPackage(scratch.archive, scratch.destination, &error);
+  }
   const std::string after = test::ListTree(scratch.folder.path());
   Require(extracted == error.empty(), "a failure has a reason and a success has none");
   Require(accepted || !extracted, "what the scan refuses is not extracted");
