@@ -81,8 +81,8 @@ void DrawProgress(HDC dc, SIZE client, int dpi, const UpdateProgressWindow& stat
   if (layout.bar_fill.width() > 0) Fill(dc, layout.bar_fill, kBarFillColour);
   Text(dc, state.percent_text(), layout.percent_text, fonts.large(), kPercentColour,
        kCentredFormat);
-  if (!state.figures().empty()) {
-    Text(dc, state.figures(), layout.figures, fonts.small_print(), kFiguresColour, kLineFormat);
+  if (const std::wstring figures = state.figures(); !figures.empty()) {
+    Text(dc, figures, layout.figures, fonts.small_print(), kFiguresColour, kLineFormat);
   }
 }
 

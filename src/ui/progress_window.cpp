@@ -49,7 +49,7 @@ void UpdateProgressWindow::set_status(std::string_view title, std::string_view d
   surface_->EnsureCreated(*this);
   title_ = Widen(title);
   detail_ = Widen(detail);
-  figures_.clear();
+  has_figures_ = false;
   downloaded_ = 0;
   total_ = 0;
   percent_ = percent;
@@ -71,7 +71,8 @@ void UpdateProgressWindow::set_download_progress(std::string_view source, std::u
   downloaded_ = downloaded;
   total_ = total;
   percent_ = PercentOf(downloaded, total);
-  figures_ = Widen(FormatFigures(downloaded, total, bytes_per_second));
+  bytes_per_second_ = bytes_per_second;
+  has_figures_ = true;
   const auto now = clock_();
   if (PaintIsDue(now)) {
     painted_ = true;
@@ -116,6 +117,12 @@ void UpdateProgressWindow::PressForceClose() {
 
 std::wstring_view UpdateProgressWindow::shown_title() const {
   return title_.empty() ? std::wstring_view(L"Preparing update...") : title_;
+}
+
+/// Made when they are drawn, not at every chunk.
+std::wstring UpdateProgressWindow::figures() const {
+  if (!has_figures_) return {};
+  return Widen(FormatFigures(downloaded_, total_, bytes_per_second_));
 }
 
 std::wstring UpdateProgressWindow::percent_text() const {

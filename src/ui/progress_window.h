@@ -33,7 +33,8 @@ class ProgressSurface {
   virtual void Repaint() = 0;
   /// Brings the button's visibility, text and enabled state in line with the state.
   virtual void RefreshButton() = 0;
-  /// Handles every message that waits for this thread.
+  /// Handles every message that waits for this thread. May be asked at any rate: a surface may
+  /// leave messages that came a few milliseconds ago to the next call.
   virtual void PumpMessages() = 0;
   /// Removes the native window and pumps what that leaves behind.
   virtual void DestroyWindow() = 0;
@@ -80,7 +81,7 @@ class UpdateProgressWindow {
   [[nodiscard]] std::wstring_view shown_title() const;
   [[nodiscard]] const std::wstring& detail() const { return detail_; }
   /// The line of download figures; empty when there is none to draw.
-  [[nodiscard]] const std::wstring& figures() const { return figures_; }
+  [[nodiscard]] std::wstring figures() const;
   /// At most 100; negative means unknown.
   [[nodiscard]] int shown_percent() const { return percent_ > 100 ? 100 : percent_; }
   /// What stands on the bar: "42%" or "Working...".
@@ -97,11 +98,12 @@ class UpdateProgressWindow {
   int percent_ = -1;
   std::uint64_t downloaded_ = 0;
   std::uint64_t total_ = 0;
+  std::uint64_t bytes_per_second_ = 0;
+  bool has_figures_ = false;
   bool force_visible_ = false;
   bool force_requested_ = false;
   std::wstring title_;
   std::wstring detail_;
-  std::wstring figures_;
   // Memory of the throttle: the last paint of download figures.
   bool painted_ = false;
   std::chrono::steady_clock::time_point last_paint_time_{};

@@ -67,10 +67,16 @@ class Picture {
   HDC dc_;
 };
 
+/// Pumps when the surface is sure to look again.
+void PumpAll(UpdateProgressWindow& progress) {
+  Sleep(20);
+  progress.PumpMessages();
+}
+
 TEST(ScreenSurface, MakesTheWindowOnFirstUseAndTakesItAway) {
   UpdateProgressWindow progress(CreateScreenSurface());
   ASSERT_EQ(FindOwnWindow(), nullptr);
-  progress.PumpMessages();
+  PumpAll(progress);
   ASSERT_EQ(FindOwnWindow(), nullptr);
   for (int round = 0; round < 2; ++round) {
     progress.set_status("Preparing update...", "Creating temporary workspace.", 0);
@@ -166,10 +172,10 @@ TEST(ScreenSurface, ForceCloseButtonFollowsTheState) {
   EXPECT_EQ(shown, LayOutForceButton(600, 96));
 
   PostMessageW(window, WM_COMMAND, MAKEWPARAM(1001, BN_SETFOCUS), 0);
-  progress.PumpMessages();
+  PumpAll(progress);
   EXPECT_FALSE(progress.force_close_requested()) << "only a click counts";
   PostMessageW(button, BM_CLICK, 0, 0);
-  progress.PumpMessages();
+  PumpAll(progress);
   EXPECT_TRUE(progress.force_close_requested());
   EXPECT_EQ(TextOf(button), L"Closing...");
   EXPECT_TRUE(IsWindowVisible(button) && !IsWindowEnabled(button));
@@ -177,12 +183,12 @@ TEST(ScreenSurface, ForceCloseButtonFollowsTheState) {
   progress.set_force_close_available(false);
   EXPECT_FALSE(IsWindowVisible(button));
   PostMessageW(window, WM_COMMAND, MAKEWPARAM(1001, BN_CLICKED), 0);
-  progress.PumpMessages();
+  PumpAll(progress);
   EXPECT_FALSE(progress.force_close_requested()) << "it was not offered";
   progress.set_force_close_available(true);
   EXPECT_EQ(TextOf(button), L"Force close QORVA");
   PostMessageW(window, WM_COMMAND, MAKEWPARAM(1001, BN_CLICKED), 0);
-  progress.PumpMessages();
+  PumpAll(progress);
   EXPECT_TRUE(progress.force_close_requested());
 }
 
@@ -191,7 +197,7 @@ TEST(ScreenSurface, CloseMinimisesAndTheRunGoesOn) {
   progress.set_status("Title", "Detail", 10);
   const HWND window = FindOwnWindow();
   PostMessageW(window, WM_CLOSE, 0, 0);
-  progress.PumpMessages();
+  PumpAll(progress);
   EXPECT_TRUE(IsIconic(window));
   progress.set_status("Title", "Detail", 20);
   EXPECT_EQ(FindOwnWindow(), window);
@@ -205,7 +211,7 @@ TEST(ScreenSurface, NewDpiTakesTheSuggestedPlaceAndMovesTheButton) {
   const HWND window = FindOwnWindow();
   RECT suggested{10, 20, 10 + 1210, 20 + 520};
   SendMessageW(window, WM_DPICHANGED, MAKEWPARAM(192, 192), reinterpret_cast<LPARAM>(&suggested));
-  progress.PumpMessages();
+  PumpAll(progress);
   RECT outer{}, client{}, place{};
   GetWindowRect(window, &outer);
   EXPECT_TRUE(EqualRect(&outer, &suggested));
