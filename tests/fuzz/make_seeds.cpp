@@ -46,6 +46,7 @@ void AddSoundArchives(const Corpus& zips) {
     zip.File("__MACOSX/._a", "clutter");
     zip.File("app/.DS_Store", "clutter");
   });
+  zips.AddZip("only_folder", [](ZipBuilder& zip) { zip.Directory("app/"); });
   zips.AddZip("streamed", [](ZipBuilder& zip) {
     zip.File("a", "xyz").Streamed();
     zip.File("b", std::string(100, 'y')).Deflated().Streamed();
@@ -102,6 +103,7 @@ void AddWrongArchives(const Corpus& zips) {
     zip.File("a", "x").Central(ZipField::kDiskNumber, 1);
   });
   zips.AddZip("climbing", [](ZipBuilder& zip) { zip.File("../../outside", "x"); });
+  zips.AddZip("device", [](ZipBuilder& zip) { zip.File("app/NUL.txt", "x"); });
   zips.AddZip("climbing_in_unicode", [](ZipBuilder& zip) {
     zip.File(kLegacyName, "x").LocalExtra(UnicodePathExtra(kLegacyName, "../../outside"));
   });

@@ -19,6 +19,7 @@ constexpr std::size_t kCentralMethod = 10;
 constexpr std::size_t kCentralCrc = 16;
 constexpr std::size_t kCentralCompressedSize = 20;
 constexpr std::size_t kCentralUncompressedSize = 24;
+constexpr std::size_t kCentralNameLength = 28;
 constexpr std::size_t kCentralLocalOffset = 42;
 constexpr std::size_t kLocalBytes = 30;
 constexpr std::size_t kLocalShared = 6;
@@ -59,6 +60,12 @@ void MendEntry(std::string& bytes, std::size_t central) {
                 test::LittleEndianBytes(contents->size(), 4));
   bytes.replace(local + kLocalShared, kSharedBytes,
                 bytes.substr(central + kCentralShared, kSharedBytes));
+  const std::size_t name_length = LittleEndian16(bytes, local + kLocalNameLength);
+  if (LittleEndian16(bytes, central + kCentralNameLength) == name_length &&
+      bytes.size() - central - kCentralBytes >= name_length) {
+    bytes.replace(local + kLocalBytes, name_length,
+                  bytes.substr(central + kCentralBytes, name_length));
+  }
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include "core/text.h"
 #include "package/extract.h"
+#include "package/zip_names.h"
 #include "package/zip_scan.h"
 #include "tests/fuzz/fuzz_target.h"
 #include "tests/fuzz/mend_zip.h"
@@ -66,9 +67,14 @@ std::string ExpectedTree(const ZipScanResult& scan) {
   return tree;
 }
 
-void RequireContents(const Scratch& scratch, const ZipScanResult& scan) {
+void RequireFiles(const Scratch& scratch, const ZipScanResult& scan) {
+  Require(CheckZipPathCollisions(scan.entries, nullptr), "no two files meet");
   std::uint64_t total_bytes = 0;
   for (const ZipEntryRecord& entry : scan.entries) {
+    std::string again;
+    Require(!entry.is_directory && NormalizeZipEntryPath(entry.path, false, again) &&
+                again == entry.path,
+            "what is extracted is a file with a safe name");
     const std::string contents = test::ReadFile(scratch.destination / *PathFromUtf8(entry.path));
     Require(contents.size() == static_cast<std::uint64_t>(entry.uncompressed_size),
             "each file has the size that was declared");
@@ -102,7 +108,7 @@ void ScanAndExtract(const Scratch& scratch, std::string_view archive) {
   Require(accepted || !extracted, "what the scan refuses is not extracted");
   Require(extracted || after == before, "a failure changes nothing anywhere");
   Require(!extracted || after == ExpectedTree(scan), "exactly the judged files are extracted");
-  if (extracted) RequireContents(scratch, scan);
+  if (extracted) RequireFiles(scratch, scan);
   Require(fs::RemoveTree(scratch.destination, ec), "the scratch folder can be emptied");
 }
 
