@@ -2,6 +2,7 @@
 
 // What tests need from a file system beside the file layer: links, read-only files, a full device.
 
+#include <chrono>
 #include <string>
 
 #include "core/file_layer.h"
@@ -26,6 +27,9 @@ void RemoveHostTree(const fs::Path& path);
 /// Takes write permission from a file: the read-only attribute on Windows.
 void MakeReadOnly(const fs::Path& path);
 [[nodiscard]] bool IsReadOnly(const fs::Path& path);
+
+/// Sets the last-write time of a file or folder to `age` ago.
+void MakeOlder(const fs::Path& path, std::chrono::seconds age);
 
 /// The path of the null device.
 [[nodiscard]] std::string NullDevice();

@@ -42,6 +42,10 @@ bool IsReadOnly(const fs::Path& path) {
   return ::stat(path.c_str(), &status) == 0 && (status.st_mode & 0222) == 0;
 }
 
+void MakeOlder(const fs::Path& path, std::chrono::seconds age) {
+  std::filesystem::last_write_time(path, std::filesystem::file_time_type::clock::now() - age);
+}
+
 std::string NullDevice() {
   return "/dev/null";
 }

@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/trace_reader.h"
 #include "tests/transfer/recording_surface.h"
-#include "tests/transfer/trace_reader.h"
 
 namespace zul {
 namespace {

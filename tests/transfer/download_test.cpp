@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/trace_reader.h"
 #include "tests/transfer/recording_surface.h"
 #include "tests/transfer/scripted_transport.h"
-#include "tests/transfer/trace_reader.h"
 #include "transfer/download_job.h"
 #include "transfer/url_policy.h"
 

@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/transfer/trace_reader.h"
+#include "tests/support/trace_reader.h"
 #include "transfer/download.h"
 #include "transfer/download_transport.h"
 
