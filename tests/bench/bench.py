@@ -142,14 +142,16 @@ class Bench:
 
     # -- what needs one run only
 
-    def window_share(self, work: Workload) -> float:
+    def download_shares(self, work: Workload) -> tuple[float, float]:
+        """What the window and the platform's HTTP client have of a download."""
         url = self.server.on(places.PRIMARY_HOST, f"/{work.name}.zip", Reply(body=work.package))
         shares = []
         for number in range(3):
-            whole, window = self.run_windows("stage_times.exe", "window", url, self.sandbox.windows_path(
+            whole, window, http = self.run_windows("stage_times.exe", "window", url, self.sandbox.windows_path(
                 self.runs / f"window-{number}.zip"))
-            shares.append(window / whole)
-        return statistics.median(shares)
+            shares.append((window / whole, http / whole))
+        window_shares, http_shares = zip(*shares)
+        return statistics.median(window_shares), statistics.median(http_shares)
 
     def idle_kib(self) -> int:
         scene = self.scene("idle")
@@ -207,9 +209,11 @@ def print_memory_and_window(bench: Bench) -> None:
         limit = 32 + len(work.files()) / 1024
         print(row("peak memory", work.title, f"{above:.1f} MiB", f"idle process, {idle / 1024:.1f} MiB",
                   "", above, "", round(limit, 1)))
-    share = bench.window_share(APPLICATION)
-    print(row("the window's share of a download", APPLICATION.title, f"{100 * share:.2f} %", "", "",
-              100 * share, "", 3))
+    window, http = bench.download_shares(APPLICATION)
+    print(row("window's share of a download", APPLICATION.title, f"{100 * window:.2f} %", "", "",
+              100 * window, "", 3))
+    print(row("WinHTTP's share of a download", APPLICATION.title, f"{100 * http:.1f} %", "", "",
+              100 * http, "", None))
 
 
 def row(label: str, package: str, updater: str, beside: str, tools: str, ratio: float, spread: str,

@@ -38,6 +38,46 @@ int TimeScan(const std::string& package) {
   return 0;
 }
 
+/// WinHTTP, and how long its two calls for a chunk took.
+class TimedTransport final : public zul::DownloadTransport {
+ public:
+  bool OpenSession(std::string_view agent, std::uint32_t& code) override {
+    return inner_->OpenSession(agent, code);
+  }
+  void SetTimeouts(const zul::TransportTimeouts& timeouts) override {
+    inner_->SetTimeouts(timeouts);
+  }
+  bool Connect(const std::wstring& host, std::uint16_t port, std::uint32_t& code) override {
+    return inner_->Connect(host, port, code);
+  }
+  bool OpenRequest(const std::wstring& path, bool secure, std::uint32_t& code) override {
+    return inner_->OpenRequest(path, secure, code);
+  }
+  bool SendAndReceive(std::uint32_t& code) override { return inner_->SendAndReceive(code); }
+  bool QueryStatus(std::int32_t& status, std::uint32_t& code) override {
+    return inner_->QueryStatus(status, code);
+  }
+  std::string ContentLengthText() override { return inner_->ContentLengthText(); }
+  std::string EffectiveUrl() override { return inner_->EffectiveUrl(); }
+  bool QueryDataAvailable(std::size_t& available, std::uint32_t& code) override {
+    began_ = Clock::now();
+    return inner_->QueryDataAvailable(available, code);
+  }
+  bool ReadData(void* buffer, std::size_t size, std::size_t& read, std::uint32_t& code) override {
+    const bool ok = inner_->ReadData(buffer, size, read, code);
+    seconds_ += Clock::now() - began_;
+    return ok;
+  }
+  void Close() override { inner_->Close(); }
+
+  [[nodiscard]] Seconds seconds() const { return seconds_; }
+
+ private:
+  std::unique_ptr<zul::DownloadTransport> inner_ = zul::CreateWinHttpTransport();
+  Clock::time_point began_;
+  Seconds seconds_{};
+};
+
 /// After each chunk the download asks for the time, hands its figures to the window and then to the
 /// callback: what lies between is the window's.
 int TimeWindow(const std::string& url, const std::string& file) {
@@ -51,17 +91,17 @@ int TimeWindow(const std::string& url, const std::string& file) {
         std::chrono::duration_cast<std::chrono::milliseconds>(asked.time_since_epoch()).count());
   };
   const zul::DownloadProgressCallback shown = [&](auto&&...) { in_window += Clock::now() - asked; };
-  const auto transport = zul::CreateWinHttpTransport();
+  TimedTransport transport;
   const std::filesystem::path destination = zul::PathFromUtf8(file).value_or("");
   zul::DownloadResult result;
   std::string error;
   const auto started = Clock::now();
-  if (!zul::DownloadPackageOver({*transport, now_ms},
-                                {url, destination, "primary", &window, shown, {}}, result,
-                                &error)) {
+  if (!zul::DownloadPackageOver(
+          {transport, now_ms}, {url, destination, "primary", &window, shown, {}}, result, &error)) {
     return Fail(error);
   }
-  std::printf("%.6f %.6f\n", Seconds(Clock::now() - started).count(), Seconds(in_window).count());
+  std::printf("%.6f %.6f %.6f\n", Seconds(Clock::now() - started).count(),
+              Seconds(in_window).count(), transport.seconds().count());
   return 0;
 }
 
