@@ -1,0 +1,187 @@
+// The steps that know a private value by the word in front of it.
+
+#include <cstddef>
+#include <span>
+
+#include "diagnostics/byte_set.h"
+#include "diagnostics/redaction.h"
+#include "diagnostics/redaction_steps.h"
+
+namespace zul {
+
+namespace {
+
+constexpr std::size_t kNone = std::string_view::npos;
+constexpr ByteSet kSecretEnd = kWhitespace.With(",;\"'");
+constexpr ByteSet kNameEnd("\r\n,;");
+
+/// A part of a text; empty means that there is none.
+struct Range {
+  std::size_t begin = 0;
+  std::size_t end = 0;
+};
+
+/// Words in lower case, letters only. `|` in a word stands for one of `separators` or nothing.
+struct Vocabulary {
+  std::span<const std::string_view> words;
+  ByteSet separators;
+};
+
+constexpr ByteSet FirstLetters(std::span<const std::string_view> words) {
+  ByteSet letters("");
+  for (const std::string_view word : words) {
+    const char both[] = {word[0], static_cast<char>(word[0] - 'a' + 'A')};
+    letters = letters.With({both, 2});
+  }
+  return letters;
+}
+
+/// Where `word` ends if it stands at `pos`.
+std::size_t AfterWord(std::string_view text, std::size_t pos, std::string_view word,
+                      const ByteSet& separators) {
+  for (const char expected : word) {
+    if (expected == '|') {
+      if (pos < text.size() && separators.Has(text[pos])) ++pos;
+      continue;
+    }
+    if (pos == text.size() || !IsEitherCase(text[pos], expected)) return kNone;
+    ++pos;
+  }
+  return pos;
+}
+
+/// Where the word that stands at `pos` ends. No word of a vocabulary begins with another one and
+/// goes on with what may follow that one, so the first whose `after` succeeds is the only one.
+template <typename After>
+std::size_t AfterAnyWord(std::string_view text, std::size_t pos, const Vocabulary& vocabulary,
+                         After after) {
+  for (const std::string_view word : vocabulary.words) {
+    const std::size_t end = AfterWord(text, pos, word, vocabulary.separators);
+    const std::size_t value = end == kNone ? kNone : after(text, end);
+    if (value != kNone) return value;
+  }
+  return kNone;
+}
+
+/// \s*[:=]\s*
+std::size_t AfterAssignment(std::string_view text, std::size_t pos) {
+  pos = kWhitespace.Skip(text, pos);
+  if (pos == text.size() || (text[pos] != ':' && text[pos] != '=')) return kNone;
+  return kWhitespace.Skip(text, pos + 1);
+}
+
+/// \s+|=
+std::size_t AfterBlanksOrEquals(std::string_view text, std::size_t pos) {
+  if (pos < text.size() && text[pos] == '=') return pos + 1;
+  const std::size_t end = kWhitespace.Skip(text, pos);
+  return end == pos ? kNone : end;
+}
+
+Range SecretAt(std::string_view text, std::size_t pos) {
+  return pos == kNone ? Range{} : Range{pos, kSecretEnd.Find(text, pos)};
+}
+
+/// `find` tells the value whose introduction stands at a position; `starts` are the bytes that an
+/// introduction begins with.
+template <typename Find>
+std::string ReplaceValues(std::string_view text, const ByteSet& starts, std::string_view marker,
+                          Find find) {
+  std::string out;
+  out.reserve(text.size());
+  std::size_t copied = 0;
+  for (std::size_t pos = starts.Find(text, 0); pos < text.size(); pos = starts.Find(text, pos)) {
+    const Range value = find(text, pos);
+    if (value.begin == value.end) {
+      ++pos;
+      continue;
+    }
+    out.append(text.substr(copied, value.begin - copied)).append(marker);
+    copied = pos = value.end;
+  }
+  return out.append(text.substr(copied));
+}
+
+constexpr std::string_view kAuthorization[] = {"authorization"};
+constexpr std::string_view kSchemes[] = {"bearer", "basic"};
+
+std::size_t AfterAuthorizationScheme(std::string_view text, std::size_t pos) {
+  pos = kWhitespace.Skip(text, pos);
+  if (pos == text.size() || text[pos] != ':') return kNone;
+  pos = kWhitespace.Skip(text, pos + 1);
+  return AfterAnyWord(text, pos, {kSchemes, ByteSet("")}, [](std::string_view all, std::size_t at) {
+    const std::size_t end = kWhitespace.Skip(all, at);
+    return end == at ? kNone : end;
+  });
+}
+
+constexpr std::string_view kSwitches[] = {
+    "api|token", "token", "secret", "password", "client|secret", "access|token", "refresh|token"};
+
+std::size_t AfterSwitchMark(std::string_view text, std::size_t pos) {
+  if (text[pos] == '/') return pos + 1;
+  return text.substr(pos).starts_with("--") ? pos + 2 : kNone;
+}
+
+constexpr std::string_view kSecretKeys[] = {
+    "license|key",   "session|token", "api|key", "secret|access|key", "access|key", "access|token",
+    "refresh|token", "token",         "secret",  "password"};
+
+constexpr std::string_view kNameKeys[] = {"job|name",     "source|label",  "file|name",
+                                          "shop|name",    "customer|name", "person|name",
+                                          "operator|name"};
+
+/// The name behind the assignment that follows a key at `pos`. Where nothing but blanks follows,
+/// the last of them that is no line end is the name.
+Range NameAfterKey(std::string_view text, std::size_t pos) {
+  const std::size_t sign = kWhitespace.Skip(text, pos);
+  const std::size_t begin = AfterAssignment(text, pos);
+  if (begin == kNone) return {};
+  const std::size_t end = kNameEnd.Find(text, begin);
+  if (end != begin) return {begin, end};
+  for (std::size_t blank = begin; blank-- > sign + 1;) {
+    if (!kNameEnd.Has(text[blank])) return {blank, blank + 1};
+  }
+  return {};
+}
+
+}  // namespace
+
+std::string RedactAuthorization(std::string_view text) {
+  static constexpr ByteSet kStarts = FirstLetters(kAuthorization);
+  return ReplaceValues(text, kStarts, kRedactedToken, [](std::string_view all, std::size_t pos) {
+    return SecretAt(
+        all, AfterAnyWord(all, pos, {kAuthorization, ByteSet("")}, AfterAuthorizationScheme));
+  });
+}
+
+std::string RedactSwitchSecrets(std::string_view text) {
+  static constexpr ByteSet kStarts("-/");
+  static constexpr Vocabulary kVocabulary{kSwitches, ByteSet("-_")};
+  return ReplaceValues(text, kStarts, kRedactedToken, [](std::string_view all, std::size_t pos) {
+    const std::size_t word = AfterSwitchMark(all, pos);
+    if (word == kNone) return Range{};
+    return SecretAt(all, AfterAnyWord(all, word, kVocabulary, AfterBlanksOrEquals));
+  });
+}
+
+std::string RedactKeyedSecrets(std::string_view text) {
+  static constexpr ByteSet kStarts = FirstLetters(kSecretKeys);
+  static constexpr Vocabulary kVocabulary{kSecretKeys, ByteSet("_-")};
+  return ReplaceValues(text, kStarts, kRedactedToken, [](std::string_view all, std::size_t pos) {
+    return SecretAt(all, AfterAnyWord(all, pos, kVocabulary, AfterAssignment));
+  });
+}
+
+std::string RedactKeyedNames(std::string_view text) {
+  static constexpr ByteSet kStarts = FirstLetters(kNameKeys);
+  static constexpr ByteSet kSeparators("_ -");
+  return ReplaceValues(text, kStarts, kRedactedName, [](std::string_view all, std::size_t pos) {
+    for (const std::string_view word : kNameKeys) {
+      const std::size_t end = AfterWord(all, pos, word, kSeparators);
+      if (end != kNone) return NameAfterKey(all, end);
+    }
+    return Range{};
+  });
+}
+
+}  // namespace zul
