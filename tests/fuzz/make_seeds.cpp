@@ -47,6 +47,10 @@ void AddSoundArchives(const Corpus& zips) {
     zip.File("app/.DS_Store", "clutter");
   });
   zips.AddZip("only_folder", [](ZipBuilder& zip) { zip.Directory("app/"); });
+  zips.AddZip("order", [](ZipBuilder& zip) {  // the second record's local header comes first
+    zip.File("a", "x").LocalName("b").Central(ZipField::kLocalOffset, 32);
+    zip.File("b", "x").LocalName("a").Central(ZipField::kLocalOffset, 0);
+  });
   zips.AddZip("streamed", [](ZipBuilder& zip) {
     zip.File("a", "xyz").Streamed();
     zip.File("b", std::string(100, 'y')).Deflated().Streamed();
@@ -66,6 +70,8 @@ void AddSoundArchives(const Corpus& zips) {
     zip.File(kLegacyName, "e").Extra(unicode);
   });
   zips.AddZip("long_name", [](ZipBuilder& zip) { zip.File(std::string(300, 'n'), "x"); });
+  zips.AddZip("long_folder_name",
+              [](ZipBuilder& zip) { zip.File("a/" + std::string(300, 'n') + "/b", "x"); });
   zips.AddZip("__cdcd__",
               [](ZipBuilder& zip) { zip.File("__cdcd__", std::string(2000, '\0')).Deflated(); });
 }
@@ -119,6 +125,14 @@ void AddWrongArchives(const Corpus& zips) {
     zip.File("a", "x").Zip64().Both(ZipField::kUncompressedSize, huge);
     zip.File("b", "x").Zip64().Both(ZipField::kCompressedSize, huge);
     zip.File("c", "x").Zip64().Central(ZipField::kLocalOffset, huge);
+  });
+  zips.AddZip("huge_count", [&](ZipBuilder& zip) {
+    zip.Zip64End().End(ZipEndField::kEntries, huge).End(ZipEndField::kEntriesOnDisk, huge);
+  });
+  zips.AddZip("huge_total", [&](ZipBuilder& zip) {
+    for (const char* name : {"a", "b", "c", "d", "e"}) {
+      zip.File(name, "x").Zip64().Both(ZipField::kUncompressedSize, huge);
+    }
   });
   zips.AddZip("other_local_header", [](ZipBuilder& zip) {
     zip.File("a", "x").LocalName("A").Local(ZipField::kMethod, 8).Local(ZipField::kCrc, 0);
