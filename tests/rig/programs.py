@@ -16,6 +16,7 @@ TEST_APPLICATION_1 = places.PROGRAMS / "test_app_v1.exe"
 TEST_APPLICATION_2 = places.PROGRAMS / "test_app_v2.exe"
 DIALOG_DRIVER = places.PROGRAMS / "dialog_driver.exe"
 FILE_HOLDER = places.PROGRAMS / "file_holder.exe"
+SIGNATURE_PROBE = places.PROGRAMS / "signature_probe.exe"
 MARK = "app_mark.log"  # what the stand-in writes beside itself
 APPLICATION_CLASS = "ZUL_RIP_Main"
 BOX_TITLE = "QORVA Updater"

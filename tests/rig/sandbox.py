@@ -46,7 +46,8 @@ class Sandbox:
                 HOSTS_FILE.write_text(hosts)
             self.load_environment()
             self.keep_out_of_the_home_folder()
-            self.trust(certificates.make_authority("trusted"))
+            self.trust(certificates.make_authority("trusted").root,
+                       certificates.make_code_authority("trusted").root)
         return self
 
     def leave(self) -> None:
@@ -87,8 +88,8 @@ class Sandbox:
                 link.unlink()
                 link.mkdir()
 
-    def trust(self, authority: certificates.Authority) -> None:
-        text = certificates.registry_text(authority)
+    def trust(self, *roots: Path) -> None:
+        text = certificates.registry_text(*roots)
         imported = places.WINE_HOME / "trusted.reg"
         if imported.exists() and imported.read_text() == text:
             return

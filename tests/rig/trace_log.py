@@ -38,6 +38,7 @@ DERIVED = {
     "extract_ok": Derived(APPLY, "end", "success"),
     "extract_fail": failure(APPLY, "APPLY"),
     "apply_start": Derived(APPLY, "start"),
+    "payload_binary_signature_validate": Derived(VERIFY),
     "apply_ok": Derived(APPLY, "end", "success"),
     "apply_fail": failure(APPLY, "APPLY"),
     "apply_recovery_required": Derived(APPLY),
