@@ -86,6 +86,14 @@ enum class NewFileAccess { kWrite, kReadWrite };
 /// an error for which IsExistsError holds.
 [[nodiscard]] File CreateNewFile(const Path& path, NewFileAccess access, std::error_code& ec);
 
+/// As `CreateNewFile` for writing, and a link of that name exists even when it leads nowhere: the
+/// file is never made where a link points to, which Windows would do otherwise.
+[[nodiscard]] File CreateNewFileItself(const Path& path, std::error_code& ec);
+
+/// Creates a file that must not exist, for writing; others may read it meanwhile. A write returns
+/// when the device has it.
+[[nodiscard]] File CreateNewWriteThrough(const Path& path, std::error_code& ec);
+
 /// Opens for writing from the start, truncating what is there or creating it; others may read.
 [[nodiscard]] File CreateTruncatedFile(const Path& path, std::error_code& ec);
 
@@ -215,6 +223,10 @@ enum class Overwrite { kNo, kYes };
 
 /// Moves a file onto `to`, replacing it in one step, written through (MoveFileExW with 11).
 [[nodiscard]] bool MoveReplacing(const Path& from, const Path& to, std::error_code& ec);
+
+/// As `MoveReplacing`, and never by copying: whoever opens `to` finds the old file or the new one
+/// whole (MoveFileExW with 9).
+[[nodiscard]] bool MoveReplacingWhole(const Path& from, const Path& to, std::error_code& ec);
 
 /// Has the system move a file onto `to` at its next start (MoveFileExW with 5). Fails where the
 /// system has no such service.

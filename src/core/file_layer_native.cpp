@@ -172,6 +172,10 @@ bool MoveReplacing(const Path& from, const Path& to, std::error_code& ec) {
   return true;
 }
 
+bool MoveReplacingWhole(const Path& from, const Path& to, std::error_code& ec) {
+  return MoveReplacing(from, to, ec);  // which is a rename(2) here
+}
+
 bool MoveReplacingAtReboot(const Path& /*from*/, const Path& /*to*/, std::error_code& ec) {
   ec = SystemError(ENOTSUP);
   return false;

@@ -251,6 +251,10 @@ bool MoveReplacing(const Path& from, const Path& to, std::error_code& ec) {
               ec);
 }
 
+bool MoveReplacingWhole(const Path& from, const Path& to, std::error_code& ec) {
+  return Move(from, to, MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH, ec);
+}
+
 bool MoveReplacingAtReboot(const Path& from, const Path& to, std::error_code& ec) {
   return Move(from, to, MOVEFILE_REPLACE_EXISTING | MOVEFILE_DELAY_UNTIL_REBOOT, ec);
 }

@@ -105,6 +105,14 @@ File CreateNewFile(const Path& path, NewFileAccess access, std::error_code& ec) 
   return Open(path, mode | O_CREAT | O_EXCL, ec);
 }
 
+File CreateNewFileItself(const Path& path, std::error_code& ec) {
+  return CreateNewFile(path, NewFileAccess::kWrite, ec);  // O_EXCL never follows a link
+}
+
+File CreateNewWriteThrough(const Path& path, std::error_code& ec) {
+  return Open(path, O_WRONLY | O_CREAT | O_EXCL | O_SYNC, ec);
+}
+
 File CreateTruncatedFile(const Path& path, std::error_code& ec) {
   return Open(path, O_WRONLY | O_CREAT | O_TRUNC, ec);
 }

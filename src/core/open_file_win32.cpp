@@ -115,6 +115,16 @@ File CreateNewFile(const Path& path, NewFileAccess access, std::error_code& ec) 
   return Open(path, mode, 0, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, ec);
 }
 
+File CreateNewFileItself(const Path& path, std::error_code& ec) {
+  return Open(path, GENERIC_WRITE, 0, CREATE_NEW,
+              FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, ec);
+}
+
+File CreateNewWriteThrough(const Path& path, std::error_code& ec) {
+  return Open(path, GENERIC_WRITE, FILE_SHARE_READ, CREATE_NEW,
+              FILE_ATTRIBUTE_NORMAL | FILE_FLAG_WRITE_THROUGH, ec);
+}
+
 File CreateTruncatedFile(const Path& path, std::error_code& ec) {
   return Open(path, GENERIC_WRITE, FILE_SHARE_READ, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, ec);
 }

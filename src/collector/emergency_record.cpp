@@ -1,0 +1,55 @@
+#include "collector/emergency_record.h"
+
+#include <bit>
+#include <cstring>
+#include <nlohmann/json.hpp>
+
+#include "collector/safe_path.h"
+#include "collector/session_directory.h"
+
+namespace zul {
+
+static_assert(std::endian::native == std::endian::little);
+
+fs::File CreateEmergencyFile(const fs::Path& session_directory, std::error_code& ec) {
+  return fs::CreateNewWriteThrough(session_directory / kEmergencyFile, ec);
+}
+
+bool WriteEmergencyRecord(fs::File& file, const EmergencyRecord& record) noexcept {
+  std::error_code ec;
+  std::size_t written = 0;
+  const bool whole =
+      file.WriteSome(&record, sizeof record, &written, ec) && written == sizeof record;
+  return file.Flush(ec) && whole;
+}
+
+std::optional<EmergencyRecord> ParseEmergencyRecord(std::string_view bytes) {
+  constexpr EmergencyRecord kSound;
+  EmergencyRecord record;
+  if (bytes.size() != sizeof record) return std::nullopt;
+  std::memcpy(&record, bytes.data(), sizeof record);
+  if (record.magic != kSound.magic || record.size != kSound.size) return std::nullopt;
+  return record;
+}
+
+void MergeEmergencyRecord(const EmergencyRecord& emergency, nlohmann::json* record) {
+  const bool terminated = emergency.kind == static_cast<std::uint32_t>(EmergencyKind::kTerminate);
+  (*record)["exception_observed"] = true;
+  (*record)["exception_code"] = emergency.exception_code;
+  (*record)["thread_id"] = emergency.thread_id;
+  (*record)["event"] = terminated ? "std_terminate" : "native_exception";
+}
+
+void ReadEmergencyFile(const fs::Path& session_directory, nlohmann::json* record) {
+  const fs::Path path = session_directory / kEmergencyFile;
+  std::error_code ec;
+  if (fs::KindOf(path, fs::Links::kDoNotFollow, ec) != fs::EntryKind::kRegular ||
+      fs::SizeOf(path, ec) != sizeof(EmergencyRecord)) {
+    return;
+  }
+  if (const auto emergency = ParseEmergencyRecord(ReadStart(path, sizeof(EmergencyRecord)))) {
+    MergeEmergencyRecord(*emergency, record);
+  }
+}
+
+}  // namespace zul

@@ -1,0 +1,105 @@
+#include "collector/evidence_record.h"
+
+#include "collector/safe_path.h"
+#include "collector/session_directory.h"
+#include "core/build_identity.h"
+
+namespace zul {
+
+namespace {
+
+using nlohmann::json;
+
+bool Fail(std::string* error, const char* reason) {
+  if (error != nullptr) *error = reason;
+  return false;
+}
+
+/// Makes room for a temporary file. Only a leftover of an earlier commit is taken away.
+bool ClearTemporary(const fs::Path& temporary) {
+  std::error_code ec;
+  if (fs::KindOf(temporary, fs::Links::kDoNotFollow, ec) == fs::EntryKind::kNotFound) return true;
+  if (!IsSafeFile(temporary)) return false;
+  fs::Remove(temporary, ec);
+  return !ec;
+}
+
+/// Writes all of `text` with one call and makes it durable.
+bool WriteWhole(fs::File file, std::string_view text) {
+  std::error_code ec;
+  std::size_t written = 0;
+  return file.WriteSome(text.data(), text.size(), &written, ec) && written == text.size() &&
+         file.Flush(ec) && file.Close(ec);
+}
+
+}  // namespace
+
+json BuildBaseRecord(const ProcessKey& observed, std::uint64_t now_unix_ms) {
+  const BuildIdentity build = GetBuildIdentity();
+  return {{"schema", kEvidenceSchema},
+          {"version", build.version},
+          {"build_id", build.build_id},
+          {"channel", build.channel},
+          {"platform", build.platform},
+          {"arch", build.arch},
+          {"pid", observed.pid},
+          {"process_identity", observed.identity},
+          {"observed_at_unix_ms", now_unix_ms},
+          {"event", "observer_started"},
+          {"capture_status", "ready"},
+          {"finalized", false}};
+}
+
+bool CommitEvidenceRecord(const fs::Path& path, const json& record, std::string* error) {
+  if (!IsSafeDirectoryChain(path.parent_path())) return Fail(error, "record_directory_unsafe");
+  const std::string text = record.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
+  if (text.size() > kEvidenceBytesMax) return Fail(error, "record_size_limit");
+  fs::Path temporary = path;
+  temporary += kPartialSuffix;
+  if (!ClearTemporary(temporary)) return Fail(error, "record_temporary_unsafe");
+  std::error_code ec;
+  fs::File file = fs::CreateNewFileItself(temporary, ec);
+  if (!file.is_open()) return Fail(error, "record_open_failed");
+  if (WriteWhole(std::move(file), text) && fs::MoveReplacingWhole(temporary, path, ec)) return true;
+  fs::Remove(temporary, ec);
+  return Fail(error, "record_commit_failed");
+}
+
+bool ReadEvidenceRecord(const fs::Path& path, json* record, std::string* error) {
+  std::error_code ec;
+  if (!IsSafeFile(path) || fs::SizeOf(path, ec) > kEvidenceBytesMax || ec) {
+    return Fail(error, "record_missing_unsafe_or_oversized");
+  }
+  // One byte more than a record may have shows a file that has grown meanwhile.
+  const std::string bytes = ReadStart(path, kEvidenceBytesMax + 1);
+  if (bytes.empty() || bytes.size() > kEvidenceBytesMax) return Fail(error, "record_size_invalid");
+  std::optional<json> parsed = ParseEvidenceRecord(bytes);
+  if (!parsed) return Fail(error, "record_schema_invalid");
+  *record = std::move(*parsed);
+  return true;
+}
+
+std::optional<json> ParseEvidenceRecord(std::string_view bytes) {
+  bool too_deep = false;
+  const auto within_depth = [&](int depth, json::parse_event_t /*event*/, json& /*value*/) {
+    too_deep = too_deep || depth > kEvidenceDepthMax;
+    return !too_deep;
+  };
+  json record = json::parse(bytes, within_depth, false);
+  if (too_deep || !record.is_object()) return std::nullopt;
+  const auto schema = record.find("schema");
+  if (schema == record.end() || *schema != kEvidenceSchema) return std::nullopt;
+  return record;
+}
+
+std::optional<ProcessKey> ProcessKeyOf(const json& record) {
+  const auto pid = record.find("pid");
+  const auto identity = record.find("process_identity");
+  if (pid == record.end() || !pid->is_number_integer()) return std::nullopt;
+  if (identity == record.end() || !identity->is_string()) return std::nullopt;
+  // A negative number is no process, as 0 is none.
+  return ProcessKey{pid->is_number_unsigned() ? pid->get<std::uint64_t>() : 0,
+                    identity->get<std::string>()};
+}
+
+}  // namespace zul

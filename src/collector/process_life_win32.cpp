@@ -1,0 +1,28 @@
+#include "collector/process_life.h"
+
+#include <windows.h>
+
+#include "core/handle_win32.h"
+
+namespace zul {
+
+ProcessFacts QueryProcess(std::uint32_t pid) {
+  ProcessFacts facts;
+  const UniqueKernelHandle process(
+      ::OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid));
+  if (!process) {
+    if (::GetLastError() == ERROR_ACCESS_DENIED) facts.opened = ProcessFacts::Opened::kDenied;
+    return facts;
+  }
+  facts.opened = ProcessFacts::Opened::kYes;
+  facts.running = ::WaitForSingleObject(process.get(), 0) == WAIT_TIMEOUT;
+  FILETIME creation;
+  FILETIME unused;
+  if (::GetProcessTimes(process.get(), &creation, &unused, &unused, &unused) != 0) {
+    facts.creation_time =
+        std::uint64_t{creation.dwHighDateTime} << 32 | std::uint64_t{creation.dwLowDateTime};
+  }
+  return facts;
+}
+
+}  // namespace zul
