@@ -28,15 +28,16 @@ class RestartManagerSession {
   /// Fills `holders`, or says in `error` which call failed.
   bool ListHolders(const fs::Path& target, std::vector<RM_PROCESS_INFO>& holders,
                    std::string& error) {
-    if (!start_ || !register_ || !list_ || !end_) {
-      return Failed("RmStartSession failed", ERROR_PROC_NOT_FOUND, error);
+    for (const DWORD missing : {start_.error(), register_.error(), list_.error(), end_.error()}) {
+      if (missing != ERROR_SUCCESS) return Failed("RmStartSession failed", missing, error);
     }
     wchar_t key[CCH_RM_SESSION_KEY + 1] = {};
     if (const DWORD code = start_(&session_, 0, key)) {
       return Failed("RmStartSession failed", code, error);
     }
     open_ = true;
-    const std::wstring path = target.native();
+    // It compares names: a slash of the other kind would match nothing.
+    const fs::Path path = fs::Path(target).make_preferred();
     LPCWSTR files[] = {path.c_str()};
     if (const DWORD code = register_(session_, 1, files, 0, nullptr, 0, nullptr)) {
       return Failed("RmRegisterResources failed", code, error);

@@ -67,13 +67,12 @@ LockOwner MakeLockOwner(const LockHolderRecord& holder, std::uint32_t main_pid,
 
 bool IsInProcessTree(std::uint32_t pid, std::uint32_t main_pid, const ProcessParents& parents) {
   if (pid == 0 || main_pid == 0) return false;
-  for (int step = 0; step < kMaxTreeSteps; ++step) {
+  for (int steps = 0;; ++steps) {
     if (pid == main_pid) return true;
     const auto parent = parents.find(pid);
-    if (parent == parents.end() || parent->second == pid) return false;
+    if (parent == parents.end() || parent->second == pid || steps == kMaxTreeSteps) return false;
     pid = parent->second;
   }
-  return false;
 }
 
 std::string_view ClassifyLock(const LockProbeResult& result) {

@@ -64,10 +64,12 @@ using LockOwnerQuery = std::function<bool(const fs::Path& target, std::uint32_t 
 [[nodiscard]] bool QueryLockOwners(const fs::Path& target, std::uint32_t main_pid,
                                    std::vector<LockOwner>& owners, std::string* error);
 
+/// One owner from what the Restart Manager and the process list say of it.
 [[nodiscard]] LockOwner MakeLockOwner(const LockHolderRecord& holder, std::uint32_t main_pid,
                                       const ProcessParents& parents);
 
-/// True when `pid` is `main_pid` or descends from it. Ends on circles and after 128 steps.
+/// True when `pid` is `main_pid` or descends from it by at most 128 steps. Circles end it; 0 is no
+/// process.
 [[nodiscard]] bool IsInProcessTree(std::uint32_t pid, std::uint32_t main_pid,
                                    const ProcessParents& parents);
 

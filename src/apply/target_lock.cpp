@@ -67,6 +67,7 @@ class LockClearing {
                           "QORVA is still running. The updater asked it to close safely; use Force "
                           "close only if it is stuck.",
                           100);
+      told_ = true;
       OfferForceClose(true);
     }
     if (always_force_ || (window_ != nullptr && window_->force_close_requested())) {
@@ -103,6 +104,9 @@ class LockClearing {
 
   bool Done(bool cleared) {
     OfferForceClose(false);
+    if (cleared && told_) {  // what the driver showed before the application was in the way
+      window_->set_status("Installing update...", "Replacing application files safely.", 100);
+    }
     return cleared;
   }
 
@@ -120,6 +124,7 @@ class LockClearing {
   const TargetLockActions& actions_;
   bool close_requested_ = false;
   bool offered_ = false;
+  bool told_ = false;  // the window speaks of the application
 };
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <system_error>
 #include <thread>
 
 #include "core/handle_win32.h"
@@ -53,11 +54,16 @@ unsigned RequestClose(const std::vector<std::uint32_t>& pids) {
   unsigned taken = 0;
   const UniqueKernelHandle sent(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
   if (!sent) return SendCloseTo(pids);
-  std::thread sender([&] {
-    taken = SendCloseTo(pids);
-    ::SetEvent(sent.get());
-  });
-  PumpUntilSignalled(sent.get(), INFINITE);
+  std::thread sender;
+  try {
+    sender = std::thread([&] {
+      taken = SendCloseTo(pids);
+      ::SetEvent(sent.get());
+    });
+  } catch (const std::system_error&) {  // no thread to be had
+    return SendCloseTo(pids);
+  }
+  PumpUntilSignalled(sent.get(), kNoTimeout);
   sender.join();
   return taken;
 }

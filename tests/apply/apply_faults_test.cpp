@@ -102,8 +102,8 @@ TEST(ApplyFaultsTest, UndoesWhatWasDoneAndSaysWhatItCouldNot) {
             {"{failures}", failures}}) {
         message = Replaced(message, place, text);
       }
-      last_event = "rollback_recovery_required backup_root=" + backup_root + " failure_count=";
-      last_event += std::to_string(fault.failures.size()) + " error=" + message;
+      last_event = "rollback_recovery_required backup_root=" + backup_root + " error=" + message;
+      last_event += " failure_count=" + std::to_string(fault.failures.size());
     }
     EXPECT_EQ(installation.error, message);
     EXPECT_EQ(installation.outcome.message, message);

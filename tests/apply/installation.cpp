@@ -1,11 +1,9 @@
 #include "tests/apply/installation.h"
 
-#include <nlohmann/json.hpp>
 #include <sstream>
 #include <utility>
 
 #include "core/text.h"
-#include "trace/chain_events.h"
 
 namespace zul::test {
 
@@ -68,23 +66,6 @@ bool Installation::Apply(const ApplyFaultInjection& faults, std::function<void()
       ApplyStagedUpdate(staged_root, target_root, 0, &context, false, &error, &outcome, &faults);
   *hook = {};
   return applied;
-}
-
-std::vector<std::string> Installation::Events() const {
-  std::vector<std::string> events;
-  const fs::Path log = PathFromUtf8(TraceLogPath()).value();
-  if (!Exists(log)) return events;
-  std::istringstream lines(ReadFile(log));
-  for (std::string line; std::getline(lines, line);) {
-    const auto object = nlohmann::json::parse(line);
-    std::string event = object.at("stage");
-    for (const char* key :
-         {"path", "rollback", "backup_root", "record_count", "failure_count", "error"}) {
-      if (object.contains(key)) event += std::string(" ") + key + "=" + std::string(object[key]);
-    }
-    events.push_back(std::move(event));
-  }
-  return events;
 }
 
 }  // namespace zul::test

@@ -11,8 +11,8 @@
 
 #include "apply/apply.h"
 #include "core/text.h"
-#include "tests/support/environment.h"
 #include "tests/support/temp_folder.h"
+#include "tests/support/trace_reader.h"
 
 namespace zul::test {
 
@@ -34,10 +34,14 @@ class Installation {
   /// it changes things: before each change and before each record that is undone.
   bool Apply(const ApplyFaultInjection& faults = {}, std::function<void()> on_pump = {});
 
-  /// The traced events since the start, each as "stage key=value ...", the given keys only.
-  [[nodiscard]] std::vector<std::string> Events() const;
+  /// The traced events since the start, as TraceInTempFolder has them.
+  [[nodiscard]] std::vector<std::string> Events() const { return trace_.Events(); }
 
-  TempFolder folder;
+ private:
+  const TraceInTempFolder trace_;
+
+ public:
+  const TempFolder& folder = trace_.folder();
   const fs::Path staged_root = folder.path() / "work" / "payload";
   const fs::Path target_root = folder / "app";
   const fs::Path backup_root = folder.path() / "work" / "rollback_backup";
@@ -45,9 +49,6 @@ class Installation {
   // What the last apply left.
   std::string error;
   ApplyOutcome outcome;
-
- private:
-  const ScopedEnvironment config_home_{"QORVA_CONFIG_HOME", PathToUtf8(folder / "config")};
 };
 
 }  // namespace zul::test

@@ -6,42 +6,14 @@
 #include <thread>
 
 #include "apply/main_process_wait.h"
-#include "core/handle_win32.h"
-#include "core/process_environment.h"
+#include "tests/apply/idle_process_win32.h"
 
 namespace zul {
 namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
-
-/// A process that does nothing until it is ended.
-class IdleProcess {
- public:
-  IdleProcess() {
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION info{};
-    std::wstring command = L"\"" + CurrentExecutablePath(260).native() + L"\"";
-    EXPECT_TRUE(::CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, CREATE_SUSPENDED,
-                                 nullptr, nullptr, &startup, &info));
-    process_.Reset(info.hProcess);
-    thread_.Reset(info.hThread);
-    pid = info.dwProcessId;
-  }
-  ~IdleProcess() { End(); }
-
-  void End() const {
-    ::TerminateProcess(process_.get(), 0);
-    ::WaitForSingleObject(process_.get(), 5000);
-  }
-
-  std::uint32_t pid = 0;
-
- private:
-  UniqueKernelHandle process_;
-  UniqueKernelHandle thread_;
-};
+using test::IdleProcess;
 
 /// A message-only window of this thread that counts what is posted to it.
 class CountingWindow {
