@@ -1,5 +1,6 @@
 // The steps that know a private value by the word in front of it.
 
+#include <array>
 #include <cstddef>
 #include <span>
 
@@ -21,20 +22,42 @@ struct Range {
   std::size_t end = 0;
 };
 
-/// Words in lower case, letters only. `|` in a word stands for one of `separators` or nothing.
-struct Vocabulary {
-  std::span<const std::string_view> words;
-  ByteSet separators;
+/// Where a word of a vocabulary may begin, told by two letters: nearly every position of a text is
+/// out after one look.
+class WordStarts {
+ public:
+  constexpr explicit WordStarts(std::span<const std::string_view> words) {
+    for (const std::string_view word : words) may_begin_[Index(word[0], word[1])] = true;
+  }
+
+  [[nodiscard]] constexpr bool Has(std::string_view text, std::size_t pos) const {
+    return pos + 1 < text.size() && may_begin_[Index(text[pos], text[pos + 1])];
+  }
+  /// The first such position from `pos` on, or the text's size.
+  [[nodiscard]] constexpr std::size_t Find(std::string_view text, std::size_t pos) const {
+    while (pos < text.size() && !Has(text, pos)) ++pos;
+    return pos;
+  }
+
+ private:
+  /// The low five bits number a letter of either case.
+  static constexpr std::size_t Index(char first, char second) {
+    return static_cast<std::size_t>((first & 31) << 5 | (second & 31));
+  }
+
+  std::array<bool, 1024> may_begin_{};
 };
 
-constexpr ByteSet FirstLetters(std::span<const std::string_view> words) {
-  ByteSet letters("");
-  for (const std::string_view word : words) {
-    const char both[] = {word[0], static_cast<char>(word[0] - 'a' + 'A')};
-    letters = letters.With({both, 2});
-  }
-  return letters;
-}
+/// Words of at least two lower-case letters. `|` in a word stands for one of `separators` or
+/// nothing.
+struct Vocabulary {
+  constexpr Vocabulary(std::span<const std::string_view> all, std::string_view between)
+      : words(all), separators(between), starts(all) {}
+
+  std::span<const std::string_view> words;
+  ByteSet separators;
+  WordStarts starts;
+};
 
 /// Where `word` ends if it stands at `pos`.
 std::size_t AfterWord(std::string_view text, std::size_t pos, std::string_view word,
@@ -56,6 +79,7 @@ template <typename After>
 std::size_t AfterAnyWord(std::string_view text, std::size_t pos, const Vocabulary& vocabulary,
                          After after) {
   for (const std::string_view word : vocabulary.words) {
+    if (pos == text.size() || !IsEitherCase(text[pos], word.front())) continue;
     const std::size_t end = AfterWord(text, pos, word, vocabulary.separators);
     const std::size_t value = end == kNone ? kNone : after(text, end);
     if (value != kNone) return value;
@@ -81,10 +105,10 @@ Range SecretAt(std::string_view text, std::size_t pos) {
   return pos == kNone ? Range{} : Range{pos, kSecretEnd.Find(text, pos)};
 }
 
-/// `find` tells the value whose introduction stands at a position; `starts` are the bytes that an
-/// introduction begins with.
-template <typename Find>
-std::string ReplaceValues(std::string_view text, const ByteSet& starts, std::string_view marker,
+/// `find` tells the value whose introduction stands at a position; `starts` finds the positions
+/// that are worth a try.
+template <typename Starts, typename Find>
+std::string ReplaceValues(std::string_view text, const Starts& starts, std::string_view marker,
                           Find find) {
   std::string out;
   out.reserve(text.size());
@@ -101,34 +125,39 @@ std::string ReplaceValues(std::string_view text, const ByteSet& starts, std::str
   return out.append(text.substr(copied));
 }
 
-constexpr std::string_view kAuthorization[] = {"authorization"};
-constexpr std::string_view kSchemes[] = {"bearer", "basic"};
+constexpr std::string_view kAuthorizationWords[] = {"authorization"};
+constexpr Vocabulary kAuthorization(kAuthorizationWords, "");
+constexpr std::string_view kSchemeWords[] = {"bearer", "basic"};
+constexpr Vocabulary kSchemes(kSchemeWords, "");
 
 std::size_t AfterAuthorizationScheme(std::string_view text, std::size_t pos) {
   pos = kWhitespace.Skip(text, pos);
   if (pos == text.size() || text[pos] != ':') return kNone;
   pos = kWhitespace.Skip(text, pos + 1);
-  return AfterAnyWord(text, pos, {kSchemes, ByteSet("")}, [](std::string_view all, std::size_t at) {
+  return AfterAnyWord(text, pos, kSchemes, [](std::string_view all, std::size_t at) {
     const std::size_t end = kWhitespace.Skip(all, at);
     return end == at ? kNone : end;
   });
 }
 
-constexpr std::string_view kSwitches[] = {
+constexpr std::string_view kSwitchWords[] = {
     "api|token", "token", "secret", "password", "client|secret", "access|token", "refresh|token"};
+constexpr Vocabulary kSwitches(kSwitchWords, "-_");
 
 std::size_t AfterSwitchMark(std::string_view text, std::size_t pos) {
   if (text[pos] == '/') return pos + 1;
   return text.substr(pos).starts_with("--") ? pos + 2 : kNone;
 }
 
-constexpr std::string_view kSecretKeys[] = {
+constexpr std::string_view kSecretKeyWords[] = {
     "license|key",   "session|token", "api|key", "secret|access|key", "access|key", "access|token",
     "refresh|token", "token",         "secret",  "password"};
+constexpr Vocabulary kSecretKeys(kSecretKeyWords, "_-");
 
-constexpr std::string_view kNameKeys[] = {"job|name",     "source|label",  "file|name",
-                                          "shop|name",    "customer|name", "person|name",
-                                          "operator|name"};
+constexpr std::string_view kNameKeyWords[] = {"job|name",     "source|label",  "file|name",
+                                              "shop|name",    "customer|name", "person|name",
+                                              "operator|name"};
+constexpr Vocabulary kNameKeys(kNameKeyWords, "_ -");
 
 /// The name behind the assignment that follows a key at `pos`. Where nothing but blanks follows,
 /// the last of them that is no line end is the name.
@@ -147,41 +176,35 @@ Range NameAfterKey(std::string_view text, std::size_t pos) {
 }  // namespace
 
 std::string RedactAuthorization(std::string_view text) {
-  static constexpr ByteSet kStarts = FirstLetters(kAuthorization);
-  return ReplaceValues(text, kStarts, kRedactedToken, [](std::string_view all, std::size_t pos) {
-    return SecretAt(
-        all, AfterAnyWord(all, pos, {kAuthorization, ByteSet("")}, AfterAuthorizationScheme));
-  });
+  return ReplaceValues(
+      text, kAuthorization.starts, kRedactedToken, [](std::string_view all, std::size_t pos) {
+        return SecretAt(all, AfterAnyWord(all, pos, kAuthorization, AfterAuthorizationScheme));
+      });
 }
 
 std::string RedactSwitchSecrets(std::string_view text) {
-  static constexpr ByteSet kStarts("-/");
-  static constexpr Vocabulary kVocabulary{kSwitches, ByteSet("-_")};
-  return ReplaceValues(text, kStarts, kRedactedToken, [](std::string_view all, std::size_t pos) {
+  static constexpr ByteSet kMarks("-/");
+  return ReplaceValues(text, kMarks, kRedactedToken, [](std::string_view all, std::size_t pos) {
     const std::size_t word = AfterSwitchMark(all, pos);
-    if (word == kNone) return Range{};
-    return SecretAt(all, AfterAnyWord(all, word, kVocabulary, AfterBlanksOrEquals));
+    if (word == kNone || !kSwitches.starts.Has(all, word)) return Range{};
+    return SecretAt(all, AfterAnyWord(all, word, kSwitches, AfterBlanksOrEquals));
   });
 }
 
 std::string RedactKeyedSecrets(std::string_view text) {
-  static constexpr ByteSet kStarts = FirstLetters(kSecretKeys);
-  static constexpr Vocabulary kVocabulary{kSecretKeys, ByteSet("_-")};
-  return ReplaceValues(text, kStarts, kRedactedToken, [](std::string_view all, std::size_t pos) {
-    return SecretAt(all, AfterAnyWord(all, pos, kVocabulary, AfterAssignment));
-  });
+  return ReplaceValues(text, kSecretKeys.starts, kRedactedToken,
+                       [](std::string_view all, std::size_t pos) {
+                         return SecretAt(all, AfterAnyWord(all, pos, kSecretKeys, AfterAssignment));
+                       });
 }
 
 std::string RedactKeyedNames(std::string_view text) {
-  static constexpr ByteSet kStarts = FirstLetters(kNameKeys);
-  static constexpr ByteSet kSeparators("_ -");
-  return ReplaceValues(text, kStarts, kRedactedName, [](std::string_view all, std::size_t pos) {
-    for (const std::string_view word : kNameKeys) {
-      const std::size_t end = AfterWord(all, pos, word, kSeparators);
-      if (end != kNone) return NameAfterKey(all, end);
-    }
-    return Range{};
-  });
+  return ReplaceValues(text, kNameKeys.starts, kRedactedName,
+                       [](std::string_view all, std::size_t pos) {
+                         const auto itself = [](std::string_view, std::size_t end) { return end; };
+                         const std::size_t end = AfterAnyWord(all, pos, kNameKeys, itself);
+                         return end == kNone ? Range{} : NameAfterKey(all, end);
+                       });
 }
 
 }  // namespace zul

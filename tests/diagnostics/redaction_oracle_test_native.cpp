@@ -58,7 +58,7 @@ TEST(RedactionSteps, MatchTheirExpressions) {
   for (const Oracle& oracle : Oracles()) {
     const boost::regex expression(oracle.expression,
                                   boost::regex::ECMAScript | boost::regex::icase);
-    for (int run = 0; run < 20000; ++run) {
+    for (int run = 0; run < 8000; ++run) {
       std::string text;
       for (std::size_t count = 1 + random() % 14; count != 0; --count) {
         text += oracle.pieces[random() % oracle.pieces.size()];
@@ -68,7 +68,7 @@ TEST(RedactionSteps, MatchTheirExpressions) {
       changed += expected != text ? 1 : 0;
     }
   }
-  EXPECT_GT(changed, 3000);  // the texts do hold what is looked for
+  EXPECT_GT(changed, 2000);  // the texts do hold what is looked for
 }
 
 }  // namespace

@@ -197,6 +197,18 @@ void AddBoundedReads(const Corpus& reads) {
   reads.Add("two_buffers", "\xFF\xFF\xFF" + std::string(300, 'x'));
 }
 
+void AddSupportTexts(const Corpus& texts) {
+  using namespace std::string_view_literals;
+  texts.Add("log",
+            "12:30:05 [WARN ] [updater] GET https://dist.example/p.zip?sig=1#f to C:\\a\\b.zip\n"
+            "Authorization: Bearer abc\r\nrun \"D:/x\" --api-token=a /password b\n");
+  texts.Add("names",
+            "job_name= \t\n, source label: Jan N\xC3\xB3vy, (a.png)b.tiff license-key=1;x");
+  texts.Add("mail", "a@b.c@d.example http://u@h.example/?x /home/jan/a.log \\\\srv\\s|\0C:\\"sv);
+  texts.Add("url_in_a_name", "http://h/job_name=a b,c?d e");
+  texts.Add("field", "customer_name\nJan & daughters");
+}
+
 }  // namespace
 
 }  // namespace zul::test
@@ -211,5 +223,6 @@ int main(int argc, char** argv) {
   zul::test::AddUrls({root, "urls"});
   zul::test::AddLogFilters({root, "log_filter"});
   zul::test::AddBoundedReads({root, "bounded_read"});
+  zul::test::AddSupportTexts({root, "redaction"});
   return 0;
 }
