@@ -52,13 +52,25 @@ TEST(LockProbeTest, WalksUpTheProcessTree) {
     bool inside;
   };
   const Case cases[] = {
-      {8, 8, true},  {10, 8, true},      {10, 10, true},      {8, 10, false},  // a parent is no
-                                                                               // descendant
-      {10, 1, true}, {10, 7, false},     {20, 21, true},      {20, 8, false},  // a circle, of pids
-                                                                               // that were used
-                                                                               // again
-      {4, 8, false}, {99, 99, true},     {99, 8, false},      {30, 0, false}, {0, 0, false},
-      {0, 8, false}, {1000, 1128, true}, {1000, 1129, false},
+      {8, 8, true},
+      {10, 8, true},
+      {10, 10, true},
+      {8, 10, false},  // a parent is no
+                       // descendant
+      {10, 1, true},
+      {10, 7, false},
+      {20, 21, true},
+      {20, 8, false},  // a circle, of pids
+                       // that were used
+                       // again
+      {4, 8, false},
+      {99, 99, true},
+      {99, 8, false},
+      {30, 0, false},
+      {0, 0, false},
+      {0, 8, false},
+      {1000, 1128, true},
+      {1000, 1129, false},
   };
   for (const Case& c : cases) {
     EXPECT_EQ(IsInProcessTree(c.pid, c.main_pid, parents), c.inside) << c.pid << " " << c.main_pid;
