@@ -8,6 +8,7 @@
 #include "tests/support/trace_reader.h"
 #include "transfer/download.h"
 #include "transfer/download_transport.h"
+#include "transfer/net/http_client.h"
 
 namespace zul {
 namespace {
@@ -74,6 +75,30 @@ TEST(DownloadPackage, ReportsARefusedConnectionOverWinHttp) {
             "reason=winhttp_send_receive url=" +
                 url + " winhttp_error_code=12029");
   EXPECT_FALSE(test::Exists(trace.folder() / "p.zip"));
+}
+
+TEST(HttpClient, SaysWhyNothingCameBack) {
+  net::HttpRequest request;
+  request.method = net::HttpMethod::kPost;
+  request.headers = {{"Content-Type", "application/json"}};
+  request.body = "{}";
+  request.receive_timeout_ms = 300;
+  request.url = "http://127.0.0.1/";
+  EXPECT_EQ(net::SendHttpRequest(request).error, "URL must use HTTPS");
+
+  SilentPort port;
+  request.url = "https://127.0.0.1:" + std::to_string(port.number()) + "/report";
+  const net::HttpResponse silent = net::SendHttpRequest(request);  // bounded by the time-out
+  EXPECT_EQ(silent.error, "WinHTTP send/receive failed");
+  EXPECT_EQ(silent.timed_out, silent.platform_error == 12002);
+
+  port.Close();
+  const net::HttpResponse refused = net::SendHttpRequest(request);
+  EXPECT_EQ(refused.error, "WinHTTP send/receive failed");
+  EXPECT_EQ(refused.platform_error, 12029);  // cannot connect
+  EXPECT_FALSE(refused.timed_out || refused.tls_error || refused.response_too_large);
+  EXPECT_EQ(refused.status, 0);
+  EXPECT_EQ(refused.effective_url + refused.body, "");
 }
 
 }  // namespace
