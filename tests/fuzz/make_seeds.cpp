@@ -209,6 +209,35 @@ void AddSupportTexts(const Corpus& texts) {
   texts.Add("field", "customer_name\nJan & daughters");
 }
 
+void AddEvidenceRecords(const Corpus& records) {
+  const std::string schema = R"("schema":"qorva.compact_process_evidence.v1")";
+  records.Add("crash", "{" + schema + R"(,"arch":"x64","capture_duration_ms":12,
+      "capture_status":"complete","clean_shutdown_intent":false,"event":"native_exception",
+      "exception_code":3221225477,"exception_observed":true,"finalized":true,"frames":[
+      {"image_size":4096,"image_timestamp":1,"module":"a.exe","module_resolved":true,"pdb_age":1,
+      "pdb_guid":"00112233445566778899aabbccddeeff","rva":16},{"module_resolved":false}],
+      "pid":4,"process_identity":"133500000000000000","version":"0.1.0"})");
+  records.Add("private", "{" + schema + R"(,"event":"C:\\Users\\jan","frames":[{"module":"a b",
+      "rva":-1},"x",[]],"version":"","exit_code":1.5,"finalized":1,"pid":-1,"x":"\u017e"})");
+  records.Add("twice", R"({"schema":["x"],)" + schema + R"(,"frames":{},"frames":[]})");
+  records.Add("deep",
+              "{" + schema + R"(,"a":)" + std::string(40, '[') + std::string(40, ']') + "}");
+  std::string frames = R"({"rva":0})";
+  for (int i = 1; i < 49; ++i) frames += R"(,{"rva":1})";
+  records.Add("many_frames", "{" + schema + R"(,"frames":[)" + frames + "]}");
+  records.Add("not_utf8", "{" + schema + ",\"event\":\"\xE9\"}");
+}
+
+void AddEmergencyRecords(const Corpus& records) {
+  using namespace std::string_view_literals;
+  const std::string crash("EDVQ\xF0\x04\0\0\x05\0\0\xC0\x07\0\0\0\x01\0\0\0\0\0\0\0"sv);
+  const std::string terminate("EDVQ\xF0\x04\0\0\0\0\0\0\x07\0\0\0\x02\0\0\0\0\0\0\0"sv);
+  records.Add("crash", crash + std::string(1264 - crash.size(), 'c'));
+  records.Add("terminate", terminate + std::string(1264 - terminate.size(), 'c'));
+  records.Add("short", crash + std::string(1263 - crash.size(), 'c'));
+  records.Add("empty", "");
+}
+
 }  // namespace
 
 }  // namespace zul::test
@@ -223,6 +252,8 @@ int main(int argc, char** argv) {
   zul::test::AddUrls({root, "urls"});
   zul::test::AddLogFilters({root, "log_filter"});
   zul::test::AddBoundedReads({root, "bounded_read"});
+  zul::test::AddEvidenceRecords({root, "evidence_record"});
+  zul::test::AddEmergencyRecords({root, "emergency_record"});
   zul::test::AddSupportTexts({root, "redaction"});
   return 0;
 }

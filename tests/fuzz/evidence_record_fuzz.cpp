@@ -1,0 +1,87 @@
+// The reader of evidence records, and the form of them that may leave the machine.
+// Input: the text of a record.
+
+#include <algorithm>
+#include <cctype>
+
+#include "collector/evidence_record.h"
+#include "collector/evidence_sanitizer.h"
+#include "tests/fuzz/fuzz_target.h"
+
+namespace zul::fuzz {
+
+namespace {
+
+using nlohmann::json;
+
+/// How deep arrays and objects are nested in sound JSON.
+int DepthOf(std::string_view text) {
+  int depth = 0;
+  int deepest = 0;
+  bool quoted = false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c == '"') quoted = !quoted;
+    if (quoted && c == '\\') ++i;
+    if (quoted) continue;
+    if (c == '[' || c == '{') deepest = std::max(deepest, ++depth);
+    if (c == ']' || c == '}') --depth;
+  }
+  return deepest;
+}
+
+bool IsPrivate(char c) {
+  return std::isalnum(static_cast<unsigned char>(c)) == 0 && c != '-' && c != '.' && c != '_';
+}
+
+/// Nothing in `value` can carry a path, a name of a person or a sentence.
+void RequireNothingPrivate(const json& value, int depth) {
+  Require(depth <= 3, "a sanitised record is a record, its frames, and their fields");
+  if (value.is_string()) {
+    const std::string& text = value.get_ref<const std::string&>();
+    Require(!text.empty() && text.size() <= 128, "a word is bounded");
+    Require(std::none_of(text.begin(), text.end(), IsPrivate), "a word is made of word bytes");
+  } else if (value.is_structured()) {
+    for (const json& element : value) RequireNothingPrivate(element, depth + 1);
+  } else {
+    Require(value.is_boolean() || (value.is_number_integer() && value >= 0),
+            "a value is a word, a flag or a count");
+  }
+}
+
+void RequireSanitised(const json& record) {
+  const json sanitised = SanitizeEvidenceRecord(record);
+  RequireNothingPrivate(sanitised, 0);
+  Require(SanitizeEvidenceRecord(sanitised) == sanitised, "what was let out is let out again");
+  Require(sanitised.at("memory_contents_uploaded") == false, "no memory leaves the machine");
+  Require(sanitised.dump(2).size() < kEvidenceBytesMax, "a sanitised record is a record");
+  Require(ParseEvidenceRecord(sanitised.dump()) == sanitised,
+          "a sanitised record is read as it is");
+  for (const auto& [key, value] : sanitised.items()) {
+    const bool made = key == "schema" || key == "external_terminator_identified" ||
+                      key == "memory_contents_uploaded" || key == "frames" ||
+                      key == "frames_limited";
+    Require(made || record.value(key, json()) == value, "what is let out is what was there");
+  }
+}
+
+}  // namespace
+
+void Run(std::string_view input) {
+  const std::optional<json> record = ParseEvidenceRecord(input);
+  const json whole = json::parse(input, nullptr, false);
+  const bool sound = whole.is_object() && whole.contains("schema") &&
+                     whole["schema"] == kEvidenceSchema && DepthOf(input) <= kEvidenceDepthMax;
+  Require(record.has_value() == sound, "a record is an object of the schema, not too deep");
+  if (!whole.is_discarded() && DepthOf(input) <= kEvidenceDepthMax) RequireSanitised(whole);
+  if (!record) return;
+  Require(*record == whole, "a record is read as it stands");
+  Require(ParseEvidenceRecord(record->dump(2) + "\n") == *record, "a record survives a commit");
+  if (const std::optional<ProcessKey> key = ProcessKeyOf(*record)) {
+    const json& pid = record->at("pid");
+    Require(pid < 0 ? key->pid == 0 : pid == key->pid, "a process has the id of the record");
+    Require(record->at("process_identity") == key->identity, "and its identity");
+  }
+}
+
+}  // namespace zul::fuzz
