@@ -141,7 +141,7 @@ class Transaction {
     backup_root_ = staged_root_.parent_path() / "rollback_backup";
     outcome_.backup_root = PathToUtf8(backup_root_);
     std::error_code ec;
-    fs::RemoveTree(backup_root_, ec);
+    fs::RemoveTree(backup_root_, ec, retry_policy_.keep_alive);
     return MakeFolder(backup_root_, "Cannot create rollback backup directory: '");
   }
 
@@ -153,12 +153,13 @@ class Transaction {
       const fs::Path name = target.filename();
       const RollbackRecord record{target, backup_root_ / name, true};
       if (!RetryCopyFile(target, record.backup, "retired executable rollback backup failed",
-                         &error_)) {
+                         &error_, retry_policy_)) {
         return false;
       }
       // Before the removal, so that one which fails half way is undone too.
       changes_.push_back(record);
-      if (!RetryRemoveFile(target, "retired executable removal failed", &error_)) return false;
+      if (!RetryRemoveFile(target, "retired executable removal failed", &error_, retry_policy_))
+        return false;
       EmitChainEvent("retired_install_executable_removed",
                      {{"path", PathToUtf8(name)}, {"rollback", "protected"}});
     }
@@ -178,7 +179,8 @@ class Transaction {
     }
     RollbackRecord record{file.target, {}, false};
     if (Exists(file.target) && !BackUp(file, &record)) return false;
-    if (!RetryReplaceFile(file.source, file.target, "apply update copy failed", &error_)) {
+    if (!RetryReplaceFile(file.source, file.target, "apply update copy failed", &error_,
+                          retry_policy_)) {
       return false;  // the target is as it was: nothing to undo
     }
     changes_.push_back(std::move(record));
@@ -189,7 +191,8 @@ class Transaction {
     record->backup = backup_root_ / file.relative;
     record->had_backup = true;
     return MakeFolder(record->backup.parent_path(), "Cannot create rollback path: '") &&
-           RetryCopyFile(file.target, record->backup, "rollback backup copy failed", &error_);
+           RetryCopyFile(file.target, record->backup, "rollback backup copy failed", &error_,
+                         retry_policy_);
   }
 
   bool InjectedFailure() {
@@ -204,7 +207,7 @@ class Transaction {
 
   bool Commit() {
     std::error_code ignored;
-    fs::RemoveTree(backup_root_, ignored);
+    fs::RemoveTree(backup_root_, ignored, retry_policy_.keep_alive);
     outcome_ = {ApplyOutcomeKind::kApplied, {}, {}};
     return true;
   }
@@ -282,6 +285,7 @@ class Transaction {
   std::string& error_;
   ApplyOutcome& outcome_;
   const fs::Path own_executable_;
+  const RetryPolicy retry_policy_{.keep_alive = [this] { KeepWindowAlive(); }};
   fs::Path backup_root_;
   FolderMaker folders_;
   std::vector<fs::Path> retired_;

@@ -12,6 +12,7 @@ namespace zul {
 namespace {
 
 constexpr unsigned kTemporaryNames = 32;
+constexpr std::chrono::milliseconds kKeepAlivePeriod{20};
 
 /// Why an attempt failed; nothing when it succeeded. The code may be 0: a system call can fail
 /// without one.
@@ -28,6 +29,16 @@ void SetText(std::string* out, std::string text) {
   if (out != nullptr) *out = std::move(text);
 }
 
+void Wait(const RetryPolicy& policy) {
+  if (policy.sleep) return policy.sleep(policy.wait);
+  const auto end = std::chrono::steady_clock::now() + policy.wait;
+  while (policy.keep_alive && std::chrono::steady_clock::now() + kKeepAlivePeriod < end) {
+    std::this_thread::sleep_for(kKeepAlivePeriod);
+    policy.keep_alive();
+  }
+  std::this_thread::sleep_until(end);
+}
+
 /// Calls `attempt` with its number, from 1, as often as the policy and its failures allow.
 template <typename Attempt>
 bool RetryWhileLocked(const Operation& operation, const RetryPolicy& policy, std::string* error,
@@ -40,11 +51,7 @@ bool RetryWhileLocked(const Operation& operation, const RetryPolicy& policy, std
                                        *failure, number));
       return false;
     }
-    if (policy.sleep) {
-      policy.sleep(policy.wait);
-    } else {
-      std::this_thread::sleep_for(policy.wait);
-    }
+    Wait(policy);
   }
   SetText(error, std::string(operation.context) + ": unexpected " + std::string(operation.verb) +
                      " retry failure.");
@@ -52,9 +59,10 @@ bool RetryWhileLocked(const Operation& operation, const RetryPolicy& policy, std
 }
 
 /// An existing target, such as what a failed attempt left behind, makes way for the copy.
-AttemptFailure CopyOnce(const fs::Path& source, const fs::Path& target) {
+AttemptFailure CopyOnce(const fs::Path& source, const fs::Path& target,
+                        const fs::KeepAlive& keep_alive) {
   std::error_code ec;
-  if (fs::CopyFileDurably(source, target, ec)) return std::nullopt;
+  if (fs::CopyFileDurably(source, target, ec, keep_alive)) return std::nullopt;
   if (!IsExistsError(ec)) return ec;
 
   std::error_code kind_error;
@@ -63,7 +71,7 @@ AttemptFailure CopyOnce(const fs::Path& source, const fs::Path& target) {
   }
   fs::Remove(target, ec);
   if (ec) return ec;
-  if (fs::CopyFileDurably(source, target, ec)) return std::nullopt;
+  if (fs::CopyFileDurably(source, target, ec, keep_alive)) return std::nullopt;
   return ec;
 }
 
@@ -83,14 +91,16 @@ fs::Path TemporaryBeside(const fs::Path& target, unsigned attempt) {
   return {};
 }
 
-AttemptFailure ReplaceOnce(const fs::Path& source, const fs::Path& target, unsigned attempt) {
+AttemptFailure ReplaceOnce(const fs::Path& source, const fs::Path& target, unsigned attempt,
+                           const fs::KeepAlive& keep_alive) {
   const fs::Path candidate = TemporaryBeside(target, attempt);
   if (candidate.empty()) return std::make_error_code(std::errc::file_exists);
 
   // The copy is on the device before the move makes it the target: a power cut leaves the old file
   // or the new one, never a torn one.
   std::error_code ec;
-  if (fs::CopyFileDurably(source, candidate, ec) && fs::MoveReplacing(candidate, target, ec)) {
+  if (fs::CopyFileDurably(source, candidate, ec, keep_alive) &&
+      fs::MoveReplacing(candidate, target, ec)) {
     return std::nullopt;
   }
   std::error_code ignored;
@@ -124,13 +134,14 @@ std::string_view FailureReason(const std::error_code& code) {
 bool RetryCopyFile(const fs::Path& source, const fs::Path& target, std::string_view context,
                    std::string* error, const RetryPolicy& policy) {
   return RetryWhileLocked({"copy", context, source, target}, policy, error,
-                          [&](unsigned) { return CopyOnce(source, target); });
+                          [&](unsigned) { return CopyOnce(source, target, policy.keep_alive); });
 }
 
 bool RetryReplaceFile(const fs::Path& source, const fs::Path& target, std::string_view context,
                       std::string* error, const RetryPolicy& policy) {
-  return RetryWhileLocked({"replace", context, source, target}, policy, error,
-                          [&](unsigned attempt) { return ReplaceOnce(source, target, attempt); });
+  return RetryWhileLocked(
+      {"replace", context, source, target}, policy, error,
+      [&](unsigned attempt) { return ReplaceOnce(source, target, attempt, policy.keep_alive); });
 }
 
 bool RetryRemoveFile(const fs::Path& target, std::string_view context, std::string* error,

@@ -16,8 +16,9 @@ namespace zul {
 
 struct RetryPolicy {
   unsigned attempts = 8;
-  std::chrono::milliseconds wait{200};                   ///< between two attempts
-  std::function<void(std::chrono::milliseconds)> sleep;  ///< empty: the thread sleeps
+  std::chrono::milliseconds wait{200};                     ///< between two attempts
+  std::function<void(std::chrono::milliseconds)> sleep{};  ///< empty: the thread sleeps
+  fs::KeepAlive keep_alive{};  ///< for large files, and all through a sleep of the thread
 };
 
 /// Copies `source` over `target`; the copy is durable when this returns true. A failure may leave a

@@ -14,7 +14,8 @@ namespace {
 
 class Rollback {
  public:
-  explicit Rollback(const ApplyFaultInjection& faults) : faults_(faults) {}
+  Rollback(const ApplyFaultInjection& faults, fs::KeepAlive keep_alive)
+      : faults_(faults), retry_policy_{.keep_alive = std::move(keep_alive)} {}
 
   void Undo(const RollbackRecord& record) {
     if (!record.had_backup) {
@@ -51,7 +52,8 @@ class Rollback {
       return false;
     }
     std::string error;
-    if (!RetryReplaceFile(record.backup, record.target, "rollback restore failed", &error)) {
+    if (!RetryReplaceFile(record.backup, record.target, "rollback restore failed", &error,
+                          retry_policy_)) {
       failures_.push_back(std::move(error));
       return false;
     }
@@ -75,7 +77,7 @@ class Rollback {
 
   bool Digest(std::string_view role, const fs::Path& path, std::string& digest) {
     std::string error;
-    if (ComputeFileSha256(path, digest, &error)) return true;
+    if (ComputeFileSha256(path, digest, &error, retry_policy_.keep_alive)) return true;
     failures_.push_back("rollback verification failed for " + std::string(role) + " '" +
                         PathToUtf8(path) + "': " + error);
     return false;
@@ -96,6 +98,7 @@ class Rollback {
   }
 
   ApplyFaultInjection faults_;  // each of the rollback's faults is switched off by its first use
+  const RetryPolicy retry_policy_;
   std::vector<std::string> failures_;
 };
 
@@ -104,9 +107,12 @@ class Rollback {
 std::vector<std::string> RollBackChanges(const std::vector<RollbackRecord>& records,
                                          const ApplyFaultInjection& faults,
                                          UpdateProgressWindow* window) {
-  Rollback rollback(faults);
-  for (auto record = records.rbegin(); record != records.rend(); ++record) {
+  const fs::KeepAlive keep_alive = [window] {
     if (window != nullptr) window->PumpMessages();
+  };
+  Rollback rollback(faults, keep_alive);
+  for (auto record = records.rbegin(); record != records.rend(); ++record) {
+    keep_alive();
     rollback.Undo(*record);
   }
   return rollback.TakeFailures();

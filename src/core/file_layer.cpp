@@ -38,7 +38,7 @@ bool WriteAll(File& file, const void* data, std::size_t size, std::error_code& e
   return true;
 }
 
-bool CopyContents(File& from, File& to, std::error_code& ec) {
+bool CopyContents(File& from, File& to, std::error_code& ec, const KeepAlive& keep_alive) {
   std::uint64_t size = 0;
   if (!from.Size(&size, ec)) return false;
   // As large as the file, within limits, and a byte more: a small file takes one read and one that
@@ -51,6 +51,7 @@ bool CopyContents(File& from, File& to, std::error_code& ec) {
     if (!from.Read(buffer.get(), buffer_size, &read, ec)) return false;
     if (read == 0) return true;
     if (!WriteAll(to, buffer.get(), read, ec)) return false;
+    if (keep_alive && read == kCopyBufferBytes) keep_alive();
   }
 }
 
@@ -73,12 +74,13 @@ bool CreateDirectories(const Path& path, std::error_code& ec) {
   return result == CreateResult::kCreated;
 }
 
-bool CopyFileDurably(const Path& from, const Path& to, std::error_code& ec) {
+bool CopyFileDurably(const Path& from, const Path& to, std::error_code& ec,
+                     const KeepAlive& keep_alive) {
   File source = OpenForRead(from, ec);
   if (ec) return false;
   File target = CreateNewFile(to, NewFileAccess::kWrite, ec);
   if (ec) return false;
-  return CopyContents(source, target, ec) && target.TakeTimeAndAttributes(source, ec) &&
+  return CopyContents(source, target, ec, keep_alive) && target.TakeTimeAndAttributes(source, ec) &&
          target.Flush(ec) && target.Close(ec);
 }
 

@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <system_error>
@@ -21,6 +22,11 @@
 namespace zul::fs {
 
 using Path = std::filesystem::path;
+
+/// What long operations call again and again, so that their caller can keep a window alive: those
+/// on one file about once per MiB (small files end without a call), those on a tree for each entry.
+/// May be empty.
+using KeepAlive = std::function<void()>;
 
 // ---------------------------------------------------------------------------------------------
 // Open files
@@ -109,7 +115,8 @@ enum class NewFileAccess { kWrite, kReadWrite };
 [[nodiscard]] bool WriteAll(File& file, const void* data, std::size_t size, std::error_code& ec);
 
 /// Copies what is left of `from` to where `to` stands. Fails as `Read` and `WriteAll` do.
-[[nodiscard]] bool CopyContents(File& from, File& to, std::error_code& ec);
+[[nodiscard]] bool CopyContents(File& from, File& to, std::error_code& ec,
+                                const KeepAlive& keep_alive = {});
 
 // ---------------------------------------------------------------------------------------------
 // What is there
@@ -215,7 +222,8 @@ enum class Overwrite { kNo, kYes };
                               std::error_code& ec);
 
 /// As `CopyFileTo` with Overwrite::kNo, and the copy is flushed to the device before it is closed.
-[[nodiscard]] bool CopyFileDurably(const Path& from, const Path& to, std::error_code& ec);
+[[nodiscard]] bool CopyFileDurably(const Path& from, const Path& to, std::error_code& ec,
+                                   const KeepAlive& keep_alive = {});
 
 /// Renames a file or folder within a volume. `to` must not exist (Windows refuses it there; the
 /// native side refuses it too).
@@ -244,7 +252,7 @@ bool Remove(const Path& path, std::error_code& ec);
 
 /// Removes an entry with all that it holds, never through a link, read-only files included. Goes on
 /// past a failure and reports the first. Nothing there is success.
-bool RemoveTree(const Path& path, std::error_code& ec);
+bool RemoveTree(const Path& path, std::error_code& ec, const KeepAlive& keep_alive = {});
 
 /// Flushes a folder, so that a rename in it is durable. The empty path is the current directory.
 bool FlushDirectory(const Path& path, std::error_code& ec);

@@ -70,16 +70,17 @@ void KeepFirst(std::error_code& first, const std::error_code& ec) {
 
 /// Empties the folder `name` in the folder `at` and removes it. What fails is passed over and the
 /// first failure kept.
-void RemoveFolder(int at, const char* name, std::error_code& first) {
+void RemoveFolder(int at, const char* name, std::error_code& first, const KeepAlive& keep_alive) {
   std::error_code ec;
   if (const DirectoryStream stream = OpenStream(at, name, O_NOFOLLOW, ec)) {
     const int here = ::dirfd(stream.get());
     while (const dirent* entry = NextEntry(stream.get(), ec)) {
       if (KindOfEntry(stream.get(), *entry) == EntryKind::kDirectory) {
-        RemoveFolder(here, entry->d_name, first);
+        RemoveFolder(here, entry->d_name, first, keep_alive);
       } else if (::unlinkat(here, entry->d_name, 0) == -1 && errno != ENOENT) {
         KeepFirst(first, LastSystemError());
       }
+      if (keep_alive) keep_alive();
     }
   }
   if (ec) KeepFirst(first, ec);
@@ -142,13 +143,13 @@ bool TreeWalker::Next(DirectoryEntry* entry, std::error_code& ec) {
   return false;
 }
 
-bool RemoveTree(const Path& path, std::error_code& ec) {
+bool RemoveTree(const Path& path, std::error_code& ec, const KeepAlive& keep_alive) {
   // A separator behind its name would make the system follow a link.
   const Path entry = path.has_filename() ? path : path.parent_path();
   std::error_code kind_error;
   if (KindOf(entry, Links::kDoNotFollow, kind_error) == EntryKind::kDirectory) {
     ec.clear();
-    RemoveFolder(AT_FDCWD, entry.c_str(), ec);
+    RemoveFolder(AT_FDCWD, entry.c_str(), ec, keep_alive);
   } else {
     Remove(entry, ec);
   }

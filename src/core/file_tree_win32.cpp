@@ -86,7 +86,9 @@ bool RemoveEntry(const std::wstring& api_path, DWORD attributes, std::error_code
 /// thousands of folders deep.
 class TreeRemover {
  public:
-  explicit TreeRemover(std::wstring root) : path_(std::move(root)) {}
+  /// `keep_alive` is borrowed.
+  TreeRemover(std::wstring root, const KeepAlive& keep_alive)
+      : path_(std::move(root)), keep_alive_(keep_alive) {}
 
   std::error_code Run(DWORD root_attributes) {
     Enter(root_attributes);
@@ -94,6 +96,7 @@ class TreeRemover {
       std::error_code ec;
       if (const WIN32_FIND_DATAW* entry = levels_.back()->listing.Next(ec)) {
         Visit(*entry);
+        if (keep_alive_) keep_alive_();
       } else {
         Keep(ec);
         Leave();
@@ -149,6 +152,7 @@ class TreeRemover {
   }
 
   std::wstring path_;
+  const KeepAlive& keep_alive_;
   std::vector<std::unique_ptr<Level>> levels_;
   std::error_code first_;
 };
@@ -206,7 +210,7 @@ bool TreeWalker::Next(DirectoryEntry* entry, std::error_code& ec) {
   return false;
 }
 
-bool RemoveTree(const Path& path, std::error_code& ec) {
+bool RemoveTree(const Path& path, std::error_code& ec, const KeepAlive& keep_alive) {
   const std::wstring root = ApiPath(path);
   const DWORD attributes = ::GetFileAttributesW(root.c_str());
   if (attributes == INVALID_FILE_ATTRIBUTES) {
@@ -217,7 +221,7 @@ bool RemoveTree(const Path& path, std::error_code& ec) {
   const bool descend = (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 &&
                        (attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0;
   if (descend) {
-    ec = TreeRemover(root).Run(attributes);
+    ec = TreeRemover(root, keep_alive).Run(attributes);
   } else {
     RemoveEntry(root, attributes, ec);
   }

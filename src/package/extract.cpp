@@ -17,7 +17,8 @@ bool HasZipExtension(const std::filesystem::path& archive_path) {
 }
 
 bool ExtractThroughStage(const std::filesystem::path& archive_path,
-                         const std::filesystem::path& destination, std::string& error) {
+                         const std::filesystem::path& destination, std::string& error,
+                         const fs::KeepAlive& keep_alive) {
   if (!HasZipExtension(archive_path)) {
     error = "Not a ZIP archive";
     return false;
@@ -34,7 +35,7 @@ bool ExtractThroughStage(const std::filesystem::path& archive_path,
     return false;
   }
   if (CheckFreeSpaceForExtraction(stage_dir, scan.total_uncompressed_bytes, &error) &&
-      ExtractScannedEntries(archive, scan, stage_dir, &error) &&
+      ExtractScannedEntries(archive, scan, stage_dir, &error, keep_alive) &&
       CommitExtractionDirectory(stage_dir, destination, &error)) {
     return true;
   }
@@ -46,10 +47,11 @@ bool ExtractThroughStage(const std::filesystem::path& archive_path,
 }  // namespace
 
 bool ExtractPackage(const std::filesystem::path& archive_path,
-                    const std::filesystem::path& destination, std::string* error) {
+                    const std::filesystem::path& destination, std::string* error,
+                    const fs::KeepAlive& keep_alive) {
   if (error) error->clear();
   std::string reason;
-  if (ExtractThroughStage(archive_path, destination, reason)) return true;
+  if (ExtractThroughStage(archive_path, destination, reason, keep_alive)) return true;
   if (error) *error = std::move(reason);
   return false;
 }

@@ -11,12 +11,15 @@
 #include <string>
 #include <string_view>
 
+#include "core/file_layer.h"
+
 namespace zul {
 
 /// Extracts the ZIP at `archive_path` to `destination`. On failure nothing at the destination has
 /// changed (unless the text says where the previous tree was preserved) and `error` (may be null)
-/// has the reason.
+/// has the reason. `keep_alive` is also called for each entry.
 [[nodiscard]] bool ExtractPackage(const std::filesystem::path& archive_path,
-                                  const std::filesystem::path& destination, std::string* error);
+                                  const std::filesystem::path& destination, std::string* error,
+                                  const fs::KeepAlive& keep_alive = {});
 
 }  // namespace zul

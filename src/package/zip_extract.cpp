@@ -78,8 +78,9 @@ bool CreateExclusively(ExclusiveFile& file, std::string* error) {
 }
 
 // Copies the open entry's data, never past its declared size.
-bool CopyData(ZipReader& reader, const ZipEntryRecord& record, std::byte* buffer,
+bool CopyData(ZipReader& reader, const ZipEntryRecord& record, const ExtractionPass& pass,
               ExclusiveFile& file, std::string* error) {
+  std::byte* const buffer = pass.buffer.get();
   const auto expected = static_cast<std::uint64_t>(record.uncompressed_size);
   std::uint64_t total = 0;
   for (;;) {
@@ -101,6 +102,7 @@ bool CopyData(ZipReader& reader, const ZipEntryRecord& record, std::byte* buffer
       return Fail(error, "cannot write extracted file: ", detail);
     }
     total += chunk;
+    if (pass.keep_alive) pass.keep_alive();
   }
   return total == expected || Fail(error, "ZIP entry output size mismatch");
 }
@@ -155,9 +157,8 @@ bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record,
   }
 
   ExclusiveFile file(PathToUtf8(target));
-  if (!CreateExclusively(file, error) ||
-      !CopyData(reader, record, pass.buffer.get(), file, error) || !CloseAndVerify(entry, error) ||
-      !FlushAndClose(file, error)) {
+  if (!CreateExclusively(file, error) || !CopyData(reader, record, pass, file, error) ||
+      !CloseAndVerify(entry, error) || !FlushAndClose(file, error)) {
     return false;
   }
   if (!ResolvesInside(root, target)) {
@@ -168,7 +169,8 @@ bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record,
 }
 
 bool ExtractScannedEntries(std::string_view archive_path, const ZipScanResult& scan,
-                           const std::filesystem::path& stage_dir, std::string* error) {
+                           const std::filesystem::path& stage_dir, std::string* error,
+                           fs::KeepAlive keep_alive) {
   ZipReader reader;
   if (!OpenZipReader(archive_path, reader, error)) return false;
   std::uint64_t entry_count = 0;
@@ -177,6 +179,7 @@ bool ExtractScannedEntries(std::string_view archive_path, const ZipScanResult& s
     return Fail(error, kSourceChanged);
   }
   ExtractionPass pass;
+  pass.keep_alive = std::move(keep_alive);
   auto wanted = scan.entries.begin();
   ZipStatus status = reader.GoToFirstEntry();
   for (std::uint64_t index = 0; index < entry_count; ++index) {

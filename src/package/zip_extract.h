@@ -11,6 +11,7 @@
 #include <string_view>
 #include <unordered_set>
 
+#include "core/file_layer.h"
 #include "package/zip_scan.h"
 
 namespace zul {
@@ -22,13 +23,15 @@ struct ExtractionPass {
   /// Directories that this pass created, relative to the stage, UTF-8, `/` separators.
   std::unordered_set<std::string> created_dirs;
   std::unique_ptr<std::byte[]> buffer = std::make_unique<std::byte[]>(kBufferBytes);
+  /// Called for each piece of an entry's data.
+  fs::KeepAlive keep_alive;
 };
 
 /// Extracts the entries of `scan` from the archive at `archive_path` (UTF-8) into `stage_dir`.
 /// After a failure the stage holds what was complete before it. `error` may be null.
 [[nodiscard]] bool ExtractScannedEntries(std::string_view archive_path, const ZipScanResult& scan,
-                                         const std::filesystem::path& stage_dir,
-                                         std::string* error);
+                                         const std::filesystem::path& stage_dir, std::string* error,
+                                         fs::KeepAlive keep_alive = {});
 
 /// Extracts the entry that `reader` has reached, which is `record`. A file that was not written to
 /// its end, or whose data is not what was declared, does not stay. `error` may be null.

@@ -12,6 +12,7 @@ namespace zul {
 namespace {
 
 constexpr std::size_t kReadBufferBytes = 65536;
+constexpr unsigned kReadsPerKeepAlive = 16;  // a MiB
 
 std::string HexText(const Sha256Digest& digest) {
   constexpr std::string_view kDigits = "0123456789abcdef";
@@ -24,22 +25,26 @@ std::string HexText(const Sha256Digest& digest) {
   return hex;
 }
 
-bool HashOpenFile(fs::File& file, Sha256Digest& digest, std::string& error) {
+bool HashOpenFile(fs::File& file, Sha256Digest& digest, std::string& error,
+                  const fs::KeepAlive& keep_alive) {
   Sha256 hash;
   if (!hash.Begin(error)) return false;
   std::vector<unsigned char> buffer(kReadBufferBytes);
   std::error_code ec;
   std::size_t read = 0;
+  unsigned reads = 0;
   // A read error ends the file: the digest of what was there matches nothing.
   while (file.Read(buffer.data(), buffer.size(), &read, ec) && read != 0) {
     if (!hash.Update(buffer.data(), read, error)) return false;
+    if (keep_alive && ++reads % kReadsPerKeepAlive == 0) keep_alive();
   }
   return hash.Finish(digest, error);
 }
 
 }  // namespace
 
-bool ComputeFileSha256(const std::filesystem::path& path, std::string& hex, std::string* error) {
+bool ComputeFileSha256(const std::filesystem::path& path, std::string& hex, std::string* error,
+                       const fs::KeepAlive& keep_alive) {
   hex.clear();
   std::string reason;
   Sha256Digest digest;
@@ -47,7 +52,7 @@ bool ComputeFileSha256(const std::filesystem::path& path, std::string& hex, std:
   fs::File file = fs::OpenForRead(path, ec);
   if (!file.is_open()) {
     reason = "Cannot open file for SHA-256.";
-  } else if (HashOpenFile(file, digest, reason)) {
+  } else if (HashOpenFile(file, digest, reason, keep_alive)) {
     hex = HexText(digest);
     return true;
   }
@@ -56,9 +61,9 @@ bool ComputeFileSha256(const std::filesystem::path& path, std::string& hex, std:
 }
 
 bool VerifyFileSha256(const std::filesystem::path& path, std::string_view expected,
-                      std::string* error) {
+                      std::string* error, const fs::KeepAlive& keep_alive) {
   std::string hex;
-  if (!ComputeFileSha256(path, hex, error)) return false;
+  if (!ComputeFileSha256(path, hex, error, keep_alive)) return false;
   if (AsciiLower(TrimWhitespace(expected)) == hex) return true;
   if (error != nullptr) *error = "Downloaded package checksum mismatch.";
   return false;
@@ -76,7 +81,11 @@ bool VerifyPackageChecksum(const ChecksumStageContext& context, std::string_view
     EmitChainEvent("checksum_verify", fields);
   };
   emit("start", {"sha256_expected", context.request.sha256});
-  if (!VerifyFileSha256(context.package_path, context.request.sha256, &context.stage_error)) {
+  const fs::KeepAlive keep_alive = [window = context.progress_window] {
+    if (window != nullptr) window->PumpMessages();
+  };
+  if (!VerifyFileSha256(context.package_path, context.request.sha256, &context.stage_error,
+                        keep_alive)) {
     emit("fail", {"error", context.stage_error});
     return false;
   }

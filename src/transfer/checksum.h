@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "core/file_layer.h"
 #include "request/update_request.h"
 #include "ui/progress_window.h"
 
@@ -14,12 +15,12 @@ namespace zul {
 /// `hex` receives 64 lower-case digits. A read error counts as the end of the file: the comparison
 /// is what then fails. `error` may be null.
 [[nodiscard]] bool ComputeFileSha256(const std::filesystem::path& path, std::string& hex,
-                                     std::string* error);
+                                     std::string* error, const fs::KeepAlive& keep_alive = {});
 
 /// True when the file's digest equals `expected`, which may have white space around it and upper
 /// case.
 [[nodiscard]] bool VerifyFileSha256(const std::filesystem::path& path, std::string_view expected,
-                                    std::string* error);
+                                    std::string* error, const fs::KeepAlive& keep_alive = {});
 
 /// What the checksum stage borrows from the run, for the length of the call.
 struct ChecksumStageContext {

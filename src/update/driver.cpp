@@ -106,7 +106,8 @@ StageResult ExtractStage(UpdateRun& run) {
                                  "Unpacking files into a temporary staging folder.", 100);
   EmitChainEvent("extract_start", {{"package", PathToUtf8(run.package_path)},
                                    {"stage_dir", PathToUtf8(run.stage_dir)}});
-  if (!ExtractPackage(run.package_path, run.stage_dir, &run.stage_error)) {
+  const fs::KeepAlive keep_alive = [&run] { run.progress_window.PumpMessages(); };
+  if (!ExtractPackage(run.package_path, run.stage_dir, &run.stage_error, keep_alive)) {
     EmitChainEvent("extract_fail", {{"error", run.stage_error}});
     return FailRunWithStageError(run, "Cannot extract update package: ");
   }
@@ -232,7 +233,7 @@ StageResult RestartStage(UpdateRun& run) {
 
 int CleanUp(UpdateRun& run) {
   std::error_code ignored;
-  fs::RemoveTree(run.workspace_dir, ignored);
+  fs::RemoveTree(run.workspace_dir, ignored, [&run] { run.progress_window.PumpMessages(); });
   run.progress_window.Destroy();
   return kExitDone;
 }

@@ -336,6 +336,23 @@ TEST(FileLayer, MovesDifferInWhatTheyDoToAnExistingTarget) {
   EXPECT_EQ(ListTree(folder.path()), "b/\nb/file\nempty/\n");
 }
 
+TEST(FileLayer, KeepsItsCallerAliveThroughLongWork) {
+  const TempFolder folder;
+  int calls = 0;
+  const KeepAlive count = [&calls] { ++calls; };
+  std::error_code ec;
+  for (const auto& [size, expected] : {std::pair{1000, 0}, {1 << 20, 1}, {(5 << 20) / 2, 2}}) {
+    const std::string name = std::to_string(size);
+    WriteFile(folder / ("tree/" + name), std::string(static_cast<std::size_t>(size), 'x'));
+    calls = 0;
+    EXPECT_TRUE(CopyFileDurably(folder / ("tree/" + name), folder / name, ec, count)) << ec;
+    EXPECT_EQ(calls, expected) << size;
+  }
+  calls = 0;
+  EXPECT_TRUE(RemoveTree(folder / "tree", ec, count)) << ec;
+  EXPECT_EQ(calls, 3);
+}
+
 TEST(FileLayer, CopiesContentsTimeAndAttributes) {
   const TempFolder folder;
   std::string large((std::size_t{5} << 20) / 2, '\0');
@@ -345,7 +362,9 @@ TEST(FileLayer, CopiesContentsTimeAndAttributes) {
     bool (*copy)(const Path&, const Path&, std::error_code&);
     bool overwrites;
   } copies[] = {
-      {"durable", CopyFileDurably, false},
+      {"durable",
+       [](const Path& a, const Path& b, std::error_code& ec) { return CopyFileDurably(a, b, ec); },
+       false},
       {"new",
        [](const Path& a, const Path& b, std::error_code& ec) {
          return CopyFileTo(a, b, Overwrite::kNo, ec);
