@@ -1,0 +1,43 @@
+#pragma once
+
+// What earlier processes left (compact sessions, crash dumps, session files) becomes exactly one
+// queued report each, and is then consumed. The words for an end state only what the evidence
+// supports. Several processes may recover at once. Failures are log lines, and what failed is left
+// for the next start.
+
+#include <cstddef>
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "core/file_layer.h"
+
+namespace zul {
+
+struct SessionEndClassification {
+  std::string exit_evidence_class = "abrupt_exit_timing_unknown";
+  std::string reason = "unexpected_exit";
+  std::string text =
+      "Previous QORVA process ended without clean shutdown; exact OS cause unavailable";
+  std::uint64_t checkpoint_age_ms = 0;
+  bool checkpoint_age_known = false;
+  bool host_monotonic_reset = false;
+  std::uint64_t ui_heartbeat_sequence = 0;
+  std::uint64_t ui_heartbeat_age_ms = 0;
+  bool ui_watchdog_reported_stall = false;
+  std::uint64_t checkpoint_sequence = 0;
+  std::uint64_t process_uptime_ms = 0;
+};
+
+/// `now_unix_ms` is the wall clock, `now_host_monotonic_ms` the host's steady clock.
+[[nodiscard]] SessionEndClassification ClassifySessionEnd(const nlohmann::json& session,
+                                                          std::uint64_t now_unix_ms,
+                                                          std::uint64_t now_host_monotonic_ms);
+
+void RecoverCompactEvidence(const fs::Path& crash_directory);
+void RecoverOrphanDumps(const fs::Path& crash_directory);
+
+/// Returns how many sessions became reports.
+std::size_t RecoverSessions(const fs::Path& crash_directory);
+
+}  // namespace zul
