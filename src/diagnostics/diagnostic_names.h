@@ -1,7 +1,11 @@
 #pragma once
 
-// Small things that all of diagnostics shares: identifiers, artifact metadata, the failure line.
+// Small things that all of diagnostics shares: identifiers, times, bounded texts, artifact
+// metadata, the failure line.
 
+#include <cstddef>
+#include <cstdint>
+#include <functional>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
@@ -24,6 +28,15 @@ namespace zul {
 /// Now in local time, "YYYYMMDD_HHMMSS", for file names.
 [[nodiscard]] std::string LocalTimeForNames();
 
+/// Now by the wall clock, in milliseconds since 1970.
+[[nodiscard]] std::uint64_t UnixTimeMs();
+
+/// The start of the text, `max_bytes` at most, cut between two characters of UTF-8. A view into it.
+[[nodiscard]] std::string_view CutText(std::string_view text, std::size_t max_bytes);
+
+/// As `CutText`, with "..." behind it when something was cut.
+[[nodiscard]] std::string ShortenText(std::string_view text, std::size_t max_bytes);
+
 /// What may be said of a file: `present`, `extension`, `size_bytes`; never its name or folder. For
 /// an empty path only `present`, false.
 [[nodiscard]] nlohmann::json ArtifactMetadata(const fs::Path& path);
@@ -31,6 +44,10 @@ namespace zul {
 /// The one line that every failure in diagnostics becomes, at warning level: "Diagnostics LABEL
 /// failed: TEXT", redacted and bounded.
 void LogDiagnosticsFailure(std::string_view label, std::string_view text = {});
+
+/// Runs a step of diagnostics; what it throws becomes the failure line, and goes no further. False
+/// when it threw.
+bool RunGuarded(std::string_view label, const std::function<void()>& step) noexcept;
 
 /// Writes a JSON file of a session or report with an indent of 2, through "<path>.tmp.<pid>" and
 /// one rename, and makes its folder. On failure the old file stays and the failure line is written.
