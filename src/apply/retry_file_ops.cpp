@@ -75,34 +75,40 @@ AttemptFailure CopyOnce(const fs::Path& source, const fs::Path& target,
   return ec;
 }
 
-/// A free name beside `target`; empty when all of them are taken. The process id keeps two updaters
-/// apart, the attempt number keeps an attempt from the leftovers of the one before.
-fs::Path TemporaryBeside(const fs::Path& target, unsigned attempt) {
+/// Copies `source` to a free name beside `target`, which `candidate` gets; nothing stays of a copy
+/// that fails. The process id in the name keeps two updaters apart, the attempt number keeps an
+/// attempt from the leftovers of the one before.
+AttemptFailure CopyBeside(const fs::Path& source, const fs::Path& target, unsigned attempt,
+                          const fs::KeepAlive& keep_alive, fs::Path* candidate) {
   const std::string stem =
       ".zul_update_tmp_" + std::to_string(CurrentProcessId()) + "_" + std::to_string(attempt) + "_";
   for (unsigned suffix = 0; suffix < kTemporaryNames; ++suffix) {
-    fs::Path candidate = target;
-    candidate += stem + std::to_string(suffix);
+    *candidate = target;
+    *candidate += stem + std::to_string(suffix);
     std::error_code ec;
-    if (fs::KindOf(candidate, fs::Links::kDoNotFollow, ec) == fs::EntryKind::kNotFound) {
-      return candidate;
+    // The exclusive creation tells that a name is taken; a look beforehand would cost every file a
+    // search for a name that is nearly always free.
+    if (fs::CopyFileDurably(source, *candidate, ec, keep_alive)) return std::nullopt;
+    if (IsExistsError(ec)) continue;
+    std::error_code ignored;
+    if (fs::KindOf(*candidate, fs::Links::kDoNotFollow, ignored) == fs::EntryKind::kUnknown) {
+      continue;
     }
+    fs::Remove(*candidate, ignored);
+    return ec;
   }
-  return {};
+  return std::make_error_code(std::errc::file_exists);
 }
 
 AttemptFailure ReplaceOnce(const fs::Path& source, const fs::Path& target, unsigned attempt,
                            const fs::KeepAlive& keep_alive) {
-  const fs::Path candidate = TemporaryBeside(target, attempt);
-  if (candidate.empty()) return std::make_error_code(std::errc::file_exists);
-
   // The copy is on the device before the move makes it the target: a power cut leaves the old file
   // or the new one, never a torn one.
+  fs::Path candidate;
+  AttemptFailure failure = CopyBeside(source, target, attempt, keep_alive, &candidate);
+  if (failure) return failure;
   std::error_code ec;
-  if (fs::CopyFileDurably(source, candidate, ec, keep_alive) &&
-      fs::MoveReplacing(candidate, target, ec)) {
-    return std::nullopt;
-  }
+  if (fs::MoveReplacing(candidate, target, ec)) return std::nullopt;
   std::error_code ignored;
   fs::Remove(candidate, ignored);
   return ec;

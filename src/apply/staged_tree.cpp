@@ -58,7 +58,7 @@ StagedTreeWalk::Step StagedTreeWalk::Next(StagedFile* file, std::string& error) 
   std::error_code ec;
   while (walker_.Next(&entry, ec)) {
     if (!IsRegularFile(entry)) continue;
-    switch (Judge(entry.path, file, error)) {
+    switch (Judge(entry, file, error)) {
       case Verdict::kInstall:
         return Step::kFile;
       case Verdict::kPassOver:
@@ -72,13 +72,13 @@ StagedTreeWalk::Step StagedTreeWalk::Next(StagedFile* file, std::string& error) 
   return Step::kFailed;
 }
 
-StagedTreeWalk::Verdict StagedTreeWalk::Judge(const fs::Path& source, StagedFile* file,
+StagedTreeWalk::Verdict StagedTreeWalk::Judge(const fs::DirectoryEntry& entry, StagedFile* file,
                                               std::string& error) {
   std::error_code ec;
-  file->source = source;
-  file->relative = RelativeOf(source, ec);
+  file->source = entry.path;
+  file->relative = RelativeOf(entry, ec);
   if (ec || file->relative.empty()) {
-    error = FormatSystemFailure(texts_.resolution, source, ec);
+    error = FormatSystemFailure(texts_.resolution, entry.path, ec);
     return Verdict::kRefuse;
   }
   file->target = target_root_ / file->relative;
@@ -97,16 +97,27 @@ StagedTreeWalk::Verdict StagedTreeWalk::Judge(const fs::Path& source, StagedFile
   return met_.insert(file->relative.native()).second ? Verdict::kInstall : Verdict::kPassOver;
 }
 
-/// Resolved at this moment: a folder on the way that has become a link since it was listed leads
-/// out of the root as it was at the first file, and the path is refused.
-fs::Path StagedTreeWalk::RelativeOf(const fs::Path& source, std::error_code& ec) {
+/// A folder on the way that has become a link since it was listed leads out of the root as it was
+/// at the first file, and the path is refused. The files of a folder share its resolution, which
+/// costs an open; a link is resolved by itself.
+fs::Path StagedTreeWalk::RelativeOf(const fs::DirectoryEntry& entry, std::error_code& ec) {
   if (resolved_staged_root_.empty()) {
     resolved_staged_root_ = fs::WeaklyCanonical(staged_root_, ec);
     if (ec) return {};
   }
-  const fs::Path resolved = fs::WeaklyCanonical(source, ec);
-  if (ec) return {};
-  return resolved.lexically_relative(resolved_staged_root_);
+  if (entry.kind != fs::EntryKind::kRegular) {
+    const fs::Path resolved = fs::WeaklyCanonical(entry.path, ec);
+    return ec ? fs::Path() : resolved.lexically_relative(resolved_staged_root_);
+  }
+  fs::Path folder = entry.path.parent_path();
+  if (folder != folder_) {
+    const fs::Path resolved = fs::WeaklyCanonical(folder, ec);
+    if (ec) return {};
+    folder_ = std::move(folder);
+    relative_folder_ = resolved.lexically_relative(resolved_staged_root_);
+  }
+  if (relative_folder_.empty()) return {};
+  return (relative_folder_ / entry.path.filename()).lexically_normal();
 }
 
 /// The payload target check resolves both of its paths. Here one is resolved already and the other

@@ -46,8 +46,9 @@ class StagedTreeWalk {
  private:
   enum class Verdict { kInstall, kPassOver, kRefuse };
 
-  [[nodiscard]] Verdict Judge(const fs::Path& source, StagedFile* file, std::string& error);
-  [[nodiscard]] fs::Path RelativeOf(const fs::Path& source, std::error_code& ec);
+  [[nodiscard]] Verdict Judge(const fs::DirectoryEntry& entry, StagedFile* file,
+                              std::string& error);
+  [[nodiscard]] fs::Path RelativeOf(const fs::DirectoryEntry& entry, std::error_code& ec);
   [[nodiscard]] bool MayBeWritten(const fs::Path& target, const fs::Path& resolved_target,
                                   std::string& error);
 
@@ -59,6 +60,9 @@ class StagedTreeWalk {
   // Of the two roots, from the first file on.
   fs::Path resolved_staged_root_;
   fs::Path resolved_target_root_;
+  // Of the file met last: its folder, and that relative to the staged root, links resolved.
+  fs::Path folder_;
+  fs::Path relative_folder_;
   std::unordered_set<fs::Path::string_type> met_;
 };
 

@@ -146,13 +146,16 @@ bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record,
   const auto relative_path = PathFromUtf8(record.path);
   const std::filesystem::path target =
       relative_path ? (root / *relative_path).lexically_normal() : std::filesystem::path();
-  if (!IsPathInsideRootFolded(root, target)) {
+  if (!target.has_filename() || !IsPathInsideRootFolded(root, target)) {
     return Fail(error, "ZIP entry escapes extraction root");
   }
   if (!MakeParents(root, record.path, pass.created_dirs, error)) return false;
-  const std::filesystem::path resolved = fs::WeaklyCanonical(target, code);
+  // Either nothing has the file's name, or its exclusive creation fails below. So the folder
+  // decides where it goes, and a search for a name that is missing, which may list the folder, is
+  // saved.
+  const std::filesystem::path resolved_parent = fs::Canonical(target.parent_path(), code);
   if (code) return Fail(error, "cannot resolve extracted file path");
-  if (!IsPathInsideRootFolded(root, resolved)) {
+  if (!IsPathInsideRootFolded(root, resolved_parent / target.filename())) {
     return Fail(error, "ZIP entry escapes extraction root");
   }
 
