@@ -1,11 +1,10 @@
 """One run of the real updater, timed from outside.
 
 The trace's own time stamps are whole seconds, so a watcher notes by its own clock when the trace
-file has grown by a line, to about a millisecond and without taking part in the run. The size of the process is
-the kernel's peak of its resident memory (VmHWM)."""
+file has grown by a line, to about 2 ms and without taking part in the run."""
 
-import re
-import threading
+import subprocess
+import sys
 import time
 from dataclasses import dataclass
 from pathlib import Path
@@ -13,51 +12,28 @@ from pathlib import Path
 import trace_log
 from updater_run import Scene
 
-POLL_SECONDS = 0.001
-POLLS_PER_MEMORY_LOOK = 25
-UPDATER = "qorva_updater.exe"
+WATCH = Path(__file__).with_name("trace_watch.py")
 
 
-class Watcher(threading.Thread):
+class Watcher:
     def __init__(self, scene: Scene):
-        super().__init__(daemon=True)
         self.scene = scene
         self.growth: list[tuple[int, float]] = []  # size of the trace, when it was first seen
         self.peak_kib = 0
-        self.status: Path | None = None
-        self.over = threading.Event()
+        self.process: subprocess.Popen[str] | None = None
 
-    def run(self) -> None:
-        polls = 0
-        while not self.over.wait(POLL_SECONDS):
-            self.look_at_trace()
-            polls += 1
-            if polls % POLLS_PER_MEMORY_LOOK == 0:
-                self.look_at_memory()
-        self.look_at_trace()
-
-    def look_at_trace(self) -> None:
-        try:
-            size = self.scene.trace_path.stat().st_size
-        except FileNotFoundError:
-            return
-        if not self.growth or size != self.growth[-1][0]:
-            self.growth.append((size, time.monotonic()))
-
-    def look_at_memory(self) -> None:
-        if self.status is None:
-            found = [p.pid for p in self.scene.running() if UPDATER in p.command]
-            self.status = Path(f"/proc/{found[0]}/status") if found else None
-        try:
-            text = self.status.read_text() if self.status else ""
-        except OSError:
-            return
-        if peak := re.search(r"VmHWM:\s+(\d+) kB", text):
-            self.peak_kib = int(peak[1])
+    def start(self) -> None:
+        self.process = subprocess.Popen(
+            [sys.executable, "-B", WATCH, self.scene.trace_path, self.scene.windows(self.scene.folder)],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
 
     def finish(self) -> None:
-        self.over.set()
-        self.join()
+        output, _ = self.process.communicate(timeout=30)
+        for word, value, *seconds in map(str.split, output.splitlines()):
+            if word == "peak":
+                self.peak_kib = int(value)
+            else:
+                self.growth.append((int(value), float(seconds[0])))
 
     def moments(self) -> list[tuple[float, trace_log.Event]]:
         """When each event of the trace had been written."""
@@ -87,8 +63,8 @@ class Measured:
 
 def measure(scene: Scene, url: str, sha256: str) -> Measured:
     watcher = Watcher(scene)
-    run = scene.begin(scene.arguments(url=url, sha256=sha256), dialogs=False, timeout=280)
     watcher.start()
+    run = scene.begin(scene.arguments(url=url, sha256=sha256), dialogs=False, timeout=280)
     outcome = run.finish()
     watcher.finish()
     if outcome.exit_code != 0:
@@ -113,8 +89,8 @@ def measure(scene: Scene, url: str, sha256: str) -> Measured:
 def idle_peak_kib(scene: Scene, silent_url: str) -> int:
     """Peak memory of a run that has its window up and waits for a server that never answers."""
     watcher = Watcher(scene)
-    run = scene.begin(scene.arguments(url=silent_url, sha256="0" * 64), dialogs=False, timeout=60)
     watcher.start()
+    scene.begin(scene.arguments(url=silent_url, sha256="0" * 64), dialogs=False, timeout=60)
     time.sleep(3)
     watcher.finish()
     scene.end()

@@ -5,16 +5,32 @@
 //   stage_times.exe window url file
 //       a download with the window on the screen: prints its seconds, and those that the window
 //       took
+//   stage_times.exe extract package.zip folder
+//   stage_times.exe apply staged installation
+//       these stages by themselves, for counting system calls: prints their seconds
+//   stage_times.exe probe installation
+//       the look at each file's lock that the apply makes before it changes anything, of free
+//       files: prints its seconds and the number of files
+//   stage_times.exe trace events
+//       so many events of the trace: prints their seconds
 //
 // The URL's host must be one of the deployment's. Exits with 1 and a text when the stage fails.
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <string>
+#include <system_error>
+#include <vector>
 
+#include "apply/apply.h"
+#include "apply/target_lock.h"
+#include "core/file_layer.h"
 #include "core/text.h"
+#include "package/extract.h"
 #include "package/zip_scan.h"
+#include "trace/chain_events.h"
 #include "transfer/download.h"
 #include "transfer/download_job.h"
 #include "ui/progress_window.h"
@@ -61,6 +77,7 @@ class TimedTransport final : public zul::DownloadTransport {
   std::string EffectiveUrl() override { return inner_->EffectiveUrl(); }
   bool QueryDataAvailable(std::size_t& available, std::uint32_t& code) override {
     began_ = Clock::now();
+    if (first_read_ == Clock::time_point()) first_read_ = began_;
     return inner_->QueryDataAvailable(available, code);
   }
   bool ReadData(void* buffer, std::size_t size, std::size_t& read, std::uint32_t& code) override {
@@ -71,10 +88,12 @@ class TimedTransport final : public zul::DownloadTransport {
   void Close() override { inner_->Close(); }
 
   [[nodiscard]] Seconds seconds() const { return seconds_; }
+  [[nodiscard]] Clock::time_point first_read() const { return first_read_; }
 
  private:
   std::unique_ptr<zul::DownloadTransport> inner_ = zul::CreateWinHttpTransport();
   Clock::time_point began_;
+  Clock::time_point first_read_;
   Seconds seconds_{};
 };
 
@@ -100,8 +119,57 @@ int TimeWindow(const std::string& url, const std::string& file) {
           {transport, now_ms}, {url, destination, "primary", &window, shown, {}}, result, &error)) {
     return Fail(error);
   }
-  std::printf("%.6f %.6f %.6f\n", Seconds(Clock::now() - started).count(),
-              Seconds(in_window).count(), transport.seconds().count());
+  std::printf("%.6f %.6f %.6f %.6f\n", Seconds(Clock::now() - started).count(),
+              Seconds(in_window).count(), transport.seconds().count(),
+              Seconds(transport.first_read() - started).count());
+  return 0;
+}
+
+int TimeExtraction(const std::filesystem::path& package, const std::filesystem::path& folder) {
+  std::string error;
+  const auto started = Clock::now();
+  if (!zul::ExtractPackage(package, folder, &error)) return Fail(error);
+  std::printf("%.6f\n", Seconds(Clock::now() - started).count());
+  return 0;
+}
+
+int TimeApply(const std::filesystem::path& staged, const std::filesystem::path& installation) {
+  std::string error;
+  const auto started = Clock::now();
+  if (!zul::ApplyStagedUpdate(staged, installation, 0, nullptr, false, &error, nullptr, nullptr)) {
+    return Fail(error);
+  }
+  std::printf("%.6f\n", Seconds(Clock::now() - started).count());
+  return 0;
+}
+
+int TimeProbe(const std::filesystem::path& installation) {
+  std::vector<std::filesystem::path> files;
+  zul::fs::TreeWalker walk(installation);
+  zul::fs::DirectoryEntry entry;
+  std::error_code ec;
+  while (walk.Next(&entry, ec)) {
+    if (entry.kind == zul::fs::EntryKind::kRegular) files.push_back(entry.path);
+  }
+  if (ec) return Fail(ec.message());
+  std::string error;
+  const auto started = Clock::now();
+  for (const std::filesystem::path& file : files) {
+    if (!zul::ResolveTargetLock(file, installation, 0, nullptr, error)) return Fail(error);
+  }
+  std::printf("%.6f %zu\n", Seconds(Clock::now() - started).count(), files.size());
+  return 0;
+}
+
+int TimeTrace(int events) {
+  const auto started = Clock::now();
+  for (int i = 0; i < events; ++i) {
+    zul::EmitChainEvent("download_progress", {{"origin_role", "primary"},
+                                              {"bytes_downloaded", "104857600"},
+                                              {"elapsed_ms", "1000"},
+                                              {"avg_throughput_bps", "104857600"}});
+  }
+  std::printf("%.6f\n", Seconds(Clock::now() - started).count());
   return 0;
 }
 
@@ -111,5 +179,9 @@ int main(int argc, char** argv) {
   const std::string stage = argc > 1 ? argv[1] : "";
   if (stage == "scan" && argc == 3) return TimeScan(argv[2]);
   if (stage == "window" && argc == 4) return TimeWindow(argv[2], argv[3]);
+  if (stage == "extract" && argc == 4) return TimeExtraction(argv[2], argv[3]);
+  if (stage == "apply" && argc == 4) return TimeApply(argv[2], argv[3]);
+  if (stage == "probe" && argc == 3) return TimeProbe(argv[2]);
+  if (stage == "trace" && argc == 3) return TimeTrace(std::atoi(argv[2]));
   return 3;
 }
