@@ -25,6 +25,8 @@ struct RecoveryFlowEntry {
 
 /// Recovery flow of the update check.
 inline constexpr std::uint32_t kRecoveryFlowUpdate = 1;
+/// Recovery flow of the report upload.
+inline constexpr std::uint32_t kRecoveryFlowDiagnostics = 5;
 
 [[nodiscard]] std::span<const UserErrorEntry> UserErrorCatalogue();
 [[nodiscard]] std::span<const RecoveryFlowEntry> RecoveryFlows();

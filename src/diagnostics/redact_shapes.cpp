@@ -108,17 +108,18 @@ std::string RedactEmails(std::string_view text) {
   return out.append(text.substr(copied));
 }
 
+std::size_t FindPath(std::string_view text, std::size_t pos) {
+  while (pos < text.size() && !PathStartsAt(text, pos)) ++pos;
+  return pos < text.size() ? pos : kNone;
+}
+
 std::string RedactPaths(std::string_view text) {
   std::string out;
   out.reserve(text.size());
   std::size_t copied = 0;
-  for (std::size_t pos = 0; pos < text.size();) {
-    if (!PathStartsAt(text, pos)) {
-      ++pos;
-      continue;
-    }
-    out.append(text.substr(copied, pos - copied)).append(kRedactedPath);
-    copied = pos = kPathEnd.Find(text, pos);
+  for (std::size_t path = FindPath(text, 0); path != kNone; path = FindPath(text, copied)) {
+    out.append(text.substr(copied, path - copied)).append(kRedactedPath);
+    copied = kPathEnd.Find(text, path);
   }
   return out.append(text.substr(copied));
 }

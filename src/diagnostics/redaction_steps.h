@@ -8,6 +8,7 @@
 // take quadratic time or the whole stack on a text made for it, and these read each byte a fixed
 // number of times at most. The cuts are at ASCII bytes only, so that UTF-8 stays UTF-8.
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -42,6 +43,9 @@ namespace zul {
 /// Paths with a drive, UNC paths, and those below /Users/, /home/, /tmp/ and /var/folders/, up to
 /// white space, NUL, a quote, `<`, `>` or `|`.
 [[nodiscard]] std::string RedactPaths(std::string_view text);
+
+/// The first position from `pos` on at which such a path begins, or npos.
+[[nodiscard]] std::size_t FindPath(std::string_view text, std::size_t pos);
 
 /// Names with one of the listed extensions, outside URLs.
 [[nodiscard]] std::string RedactFileNames(std::string_view text);

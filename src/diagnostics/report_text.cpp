@@ -1,0 +1,241 @@
+#include "diagnostics/report_text.h"
+
+#include <algorithm>
+#include <array>
+#include <nlohmann/json.hpp>
+
+#include "core/text.h"
+#include "diagnostics/byte_set.h"
+#include "diagnostics/redaction.h"
+#include "diagnostics/redaction_steps.h"
+#include "transfer/url_policy.h"
+
+namespace zul {
+
+namespace {
+
+using nlohmann::json;
+
+constexpr std::size_t kNone = std::string_view::npos;
+constexpr std::size_t kKeyBytesMax = 64;
+constexpr ByteSet kKeyBytes = kAsciiLetters.With("0123456789_-");
+constexpr ByteSet kBeforeQuote = kWhitespace.With("=:(,[");
+constexpr ByteSet kAfterQuote = kWhitespace.With(",.;:)]");
+
+constexpr std::string_view kLogTailMark = "=== recent log tail ===";
+constexpr std::string_view kLogTailOmitted =
+    "[recent log tail omitted from automatic diagnostics upload]\n";
+/// The one failure text that ends in what the command line said, unquoted.
+constexpr std::string_view kUnsafeName = "required file name is unsafe: ";
+/// Behind an unquoted path, where a failure text goes on.
+constexpr std::string_view kCodeOfFailure = " (code=";
+
+/// Fields of the trace and of reports that hold a path and nothing else.
+constexpr std::string_view kPathKeys[] = {"backup_root",
+                                          "installed_helper",
+                                          "isolated_helper",
+                                          "package",
+                                          "path",
+                                          "payload_root",
+                                          "requested_restart_exe",
+                                          "restart_exe",
+                                          "rollback_backup_root",
+                                          "runtime_dir",
+                                          "source",
+                                          "stage_dir",
+                                          "target",
+                                          "target_dir",
+                                          "trace_log_path"};
+/// Quoted values of failure texts that are no paths.
+constexpr std::string_view kKeptQuotes[] = {"message=", "name=", "owner_query=", "service="};
+
+std::string WithholdText(std::string_view text);
+
+template <typename Range>
+bool Contains(const Range& words, std::string_view word) {
+  return std::find(std::begin(words), std::end(words), word) != std::end(words);
+}
+
+/// The first single quote from `pos` on that opens a value.
+std::size_t OpeningQuote(std::string_view text, std::size_t pos) {
+  while ((pos = text.find('\'', pos)) != kNone && pos > 0 && !kBeforeQuote.Has(text[pos - 1])) {
+    ++pos;
+  }
+  return pos;
+}
+
+/// The quote that closes the value from `pos` on. A path may hold quotes itself: what follows the
+/// right one, up to the next, cannot be the rest of a path.
+std::size_t ClosingQuote(std::string_view text, std::size_t pos) {
+  for (std::size_t quote = text.find('\'', pos); quote != kNone;) {
+    const std::size_t next = text.find('\'', quote + 1);
+    const std::string_view between = text.substr(quote + 1, next - std::min(next, quote + 1));
+    const std::string_view after = next == kNone ? text.substr(quote + 1) : between;
+    if ((after.empty() || kAfterQuote.Has(after.front())) && after.find('\\') == kNone) {
+      return quote;
+    }
+    quote = next;
+  }
+  return kNone;
+}
+
+bool StaysQuoted(std::string_view before) {
+  return std::any_of(std::begin(kKeptQuotes), std::end(kKeptQuotes),
+                     [&](std::string_view key) { return before.ends_with(key); });
+}
+
+std::string WithholdSingleQuoted(std::string_view text) {
+  std::string out;
+  std::size_t copied = 0;
+  for (std::size_t open = OpeningQuote(text, 0); open != kNone;) {
+    const std::size_t close = ClosingQuote(text, open + 1);
+    const std::size_t end = std::min(close, text.size());
+    if (!StaysQuoted(text.substr(copied, open - copied))) {
+      out.append(text.substr(copied, open + 1 - copied)).append(kRedactedPath);
+      copied = end;
+    }
+    open = close == kNone ? kNone : OpeningQuote(text, close + 1);
+  }
+  return out.append(text.substr(copied));
+}
+
+/// Paths that stand in a line without quotes end where nobody can tell, so the line ends with them.
+std::string WithholdUnquotedPaths(std::string_view line) {
+  std::string out;
+  std::size_t copied = 0;
+  for (std::size_t path = FindPath(line, 0); path != kNone; path = FindPath(line, copied)) {
+    out.append(line.substr(copied, path - copied)).append(kRedactedPath);
+    const bool quoted = path > 0 && line[path - 1] == '"';
+    copied = std::min(quoted ? line.find('"', path) : line.find(kCodeOfFailure, path), line.size());
+  }
+  return out.append(line.substr(copied));
+}
+
+/// The key of `key="value"` or `"key": "value"` whose value's quote stands at `quote`; nothing when
+/// none stands before it.
+std::string_view KeyBefore(std::string_view text, std::size_t quote) {
+  const auto skip_blanks = [&](std::size_t end) {
+    while (end > 0 && kWhitespace.Has(text[end - 1])) --end;
+    return end;
+  };
+  std::size_t end = skip_blanks(quote);
+  if (end == 0 || (text[end - 1] != ':' && text[end - 1] != '=')) return {};
+  end = skip_blanks(end - 1);
+  if (end > 0 && text[end - 1] == '"') --end;
+  std::size_t begin = end;
+  while (begin > 0 && end - begin < kKeyBytesMax && kKeyBytes.Has(text[begin - 1])) --begin;
+  return text.substr(begin, end - begin);
+}
+
+/// The quote that ends the string whose contents begin at `pos`.
+std::size_t StringEnd(std::string_view text, std::size_t pos) {
+  while ((pos = text.find_first_of("\"\\", pos)) != kNone && text[pos] == '\\') pos += 2;
+  return pos;
+}
+
+/// The contents of a string between its quotes for a report, in the form that they had.
+std::string WithholdString(std::string_view key, std::string_view contents) {
+  std::string quoted = "\"";
+  quoted.append(contents).append("\"");
+  const json value = json::parse(quoted, nullptr, false);
+  if (!value.is_string()) return "\"" + ReportField(key, contents) + "\"";
+  return json(ReportField(key, value.get_ref<const std::string&>()))
+      .dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+std::string WithholdPlain(std::string_view text) {
+  return WithholdUnquotedPaths(WithholdSingleQuoted(text));
+}
+
+std::string WithholdLine(std::string_view line) {
+  if (const std::size_t name = line.find(kUnsafeName); name != kNone) {
+    std::string out = WithholdLine(line.substr(0, name));
+    return out.append(kUnsafeName).append(kRedactedFilename);
+  }
+  std::string out;
+  std::size_t copied = 0;
+  for (std::size_t quote = line.find('"'); quote != kNone; quote = line.find('"', quote)) {
+    const std::string_view key = KeyBefore(line, quote);
+    if (key.empty()) {
+      ++quote;
+      continue;
+    }
+    const std::size_t end = StringEnd(line, quote + 1);
+    out += WithholdPlain(line.substr(copied, quote - copied));
+    // A value whose end was cut off is half an escape at worst, and private at best.
+    if (end == kNone) return out.append("\"");
+    out += WithholdString(key, line.substr(quote + 1, end - quote - 1));
+    copied = quote = end + 1;
+  }
+  return out += WithholdPlain(line.substr(copied));
+}
+
+std::string WithholdText(std::string_view text) {
+  std::string out;
+  for (;;) {
+    const std::size_t end = text.find('\n');
+    out += WithholdLine(text.substr(0, end));
+    if (end == kNone) return out;
+    out += '\n';
+    text.remove_prefix(end + 1);
+  }
+}
+
+int HexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  const char lower = AsciiLower(c);
+  return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
+}
+
+/// RFC 3986, section 2.1; what is not an escape stays.
+std::string PercentDecode(std::string_view text) {
+  std::string decoded;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const int high = i + 2 < text.size() && text[i] == '%' ? HexDigit(text[i + 1]) : -1;
+    const int low = high >= 0 ? HexDigit(text[i + 2]) : -1;
+    if (low >= 0) i += 2;
+    decoded.push_back(low >= 0 ? static_cast<char>(high * 16 + low) : text[i]);
+  }
+  return decoded;
+}
+
+std::string ReportUrl(std::string_view value) {
+  const std::string url = StripUrlQuery(TrimWhitespace(value));
+  if (!NormalizeUrl(url, false).ok) return std::string(kRedactedPath);
+  const std::string decoded = PercentDecode(url);
+  const bool has_blank = kWhitespace.Find(decoded, 0) != decoded.size();
+  if (!has_blank && WithholdText(decoded) == decoded && RedactSupportText(decoded) == decoded) {
+    return url;
+  }
+  const std::size_t origin_end = url.find_first_of('/', url.find("://") + 3);
+  return RedactSupportText(url.substr(0, origin_end)) + "/" + std::string(kRedactedPath);
+}
+
+}  // namespace
+
+std::string ReportSentence(std::string_view text) {
+  return RedactSupportText(WithholdText(text));
+}
+
+std::string ReportField(std::string_view key, std::string_view value) {
+  if (value.empty()) return {};
+  if (Contains(kPathKeys, key)) return std::string(kRedactedPath);
+  if (key == "url" || key.ends_with("_url")) return ReportUrl(value);
+  // A key that makes any value private does so for the whole of it.
+  constexpr std::string_view kHarmless = "x";
+  std::string of_any_value = SanitizeStateValue(key, kHarmless);
+  if (of_any_value != kHarmless) return of_any_value;
+  return SanitizeStateValue(key, WithholdText(value));
+}
+
+std::string ReportText(std::string_view file_text, bool log_tail_approved) {
+  const std::size_t tail = log_tail_approved ? kNone : file_text.find(kLogTailMark);
+  if (tail == kNone) return ReportSentence(file_text);
+  std::string_view before = file_text.substr(0, tail);
+  before = before.substr(0, before.find_last_not_of("\r\n") + 1);
+  std::string text = ReportSentence(before);
+  if (!text.empty()) text += '\n';
+  return text.append(kLogTailOmitted);
+}
+
+}  // namespace zul
