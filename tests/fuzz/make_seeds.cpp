@@ -228,6 +228,28 @@ void AddEvidenceRecords(const Corpus& records) {
   records.Add("not_utf8", "{" + schema + ",\"event\":\"\xE9\"}");
 }
 
+void AddManifests(const Corpus& manifests) {
+  const std::string report = R"("schema_name":"qorva.diagnostics.report","schema_version":2,
+      "kind":"updater_error","reason":"Cannot open '[redacted-path:0a1b]' (code=5)",
+      "details":{"path_hash":"0a","stage":"apply"},"report_text":"a\n")";
+  manifests.Add("queued", "{" + report + R"(,"privacy":{"paths":"x","dump_uploaded":true},
+      "upload_contract":{"result":"queued","what_uploaded":[]}})");
+  std::string attempts = R"({"result":"failed"})";
+  for (int i = 1; i < 9; ++i) attempts += R"(,{"result":"failed"})";
+  manifests.Add("attempted", "{" + report + R"(,"older_upload_attempts_omitted":3,
+      "last_upload_status":"failed","upload_attempts":[)" +
+                                 attempts + "]}");
+  manifests.Add("compact", "{" + report + R"(,"previous_session_forensics":{"runtime_state":{}},
+      "compact_process_evidence":{"event":"ui_hang","frames":[{"module":"a b","rva":1}]}})");
+  manifests.Add("odd", R"({"upload_attempts":{},"older_upload_attempts_omitted":-1,"privacy":[],
+      "upload_contract":"","x":[[{"install_dir_hash":[1],"filename_hash":2}]]})");
+  manifests.Add("deep", "{\"a\":" + std::string(31, '[') + std::string(31, ']') + "}");
+  manifests.Add("trace", R"({"error":"target='C:\\a b\\c' (code=5, message='x')\nat /home/jan",
+      "target_dir":"C:\\Jan N","selected_url":"https://h.example/a%20b?c","token":"x"}
+=== recent log tail ===
+password="x" source='\\Server\a b')");
+}
+
 void AddEmergencyRecords(const Corpus& records) {
   using namespace std::string_view_literals;
   const std::string crash("EDVQ\xF0\x04\0\0\x05\0\0\xC0\x07\0\0\0\x01\0\0\0\0\0\0\0"sv);
@@ -236,6 +258,31 @@ void AddEmergencyRecords(const Corpus& records) {
   records.Add("terminate", terminate + std::string(1264 - terminate.size(), 'c'));
   records.Add("short", crash + std::string(1263 - crash.size(), 'c'));
   records.Add("empty", "");
+}
+
+/// An image of 608 bytes with all that is read of one.
+std::string MakeImage() {
+  std::string image(608, '\0');
+  const auto put = [&](std::size_t at, std::string_view text) {
+    image.replace(at, text.size(), text);
+  };
+  using namespace std::string_view_literals;
+  put(0, "MZ");
+  put(60, "\x40"sv);
+  put(64, "PE\0\0\x64\x86"sv);
+  put(72, "\xC3\xB2\xA1\x65"sv);                         // the timestamp
+  put(64 + 184, "\x80\x01\0\0\x38"sv);                   // the debug directory: two entries at 384
+  put(384 + 28 + 12, "\x02\0\0\0\x40\0\0\0\x40\x02"sv);  // the second: CodeView at 576
+  put(576, "RSDS0123456789abcdef\x07"sv);
+  return image;
+}
+
+void AddModuleImages(const Corpus& images) {
+  const std::string image = MakeImage();
+  images.Add("whole", image);
+  images.Add("cut", image.substr(0, 590));
+  images.Add("claims_more", image.substr(0, 440) + "\xFF");
+  images.Add("headers_only", image.substr(0, 328));
 }
 
 }  // namespace
@@ -253,7 +300,9 @@ int main(int argc, char** argv) {
   zul::test::AddLogFilters({root, "log_filter"});
   zul::test::AddBoundedReads({root, "bounded_read"});
   zul::test::AddEvidenceRecords({root, "evidence_record"});
+  zul::test::AddManifests({root, "manifest"});
   zul::test::AddEmergencyRecords({root, "emergency_record"});
+  zul::test::AddModuleImages({root, "module_record"});
   zul::test::AddSupportTexts({root, "redaction"});
   return 0;
 }
