@@ -2,10 +2,10 @@
 
 // emergency.bin: what a dying process writes about itself, and how that is read afterwards.
 //
-// The file is made, empty, when the process starts to be observed, and stays open. The record is
-// made then too. The crash path only fills the record (emergency_record_win32.h) and writes it,
-// which takes no memory and no lock. A process that did not crash leaves the file empty; one that
-// dies while it writes leaves it short, and a short record counts as none.
+// The file is made, empty, when the process starts to be observed, and stays open. The crash path
+// fills a record on its stack (emergency_record_win32.h) and writes it, which takes no memory and
+// no lock. A process that did not crash leaves the file empty; one that dies while it writes leaves
+// it short, and a short record counts as none.
 
 #include <array>
 #include <cstddef>

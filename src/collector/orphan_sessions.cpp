@@ -32,6 +32,7 @@ std::optional<json> OrphanRecord(const fs::Path& session) {
   if (*finalized != true) {
     record["capture_status"] = "incomplete";
     record["capture_error"] = "collector_did_not_finalize";
+    record["finalized"] = true;
   }
   ReadEmergencyFile(session, &record);
   return record;

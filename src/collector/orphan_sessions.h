@@ -20,8 +20,9 @@ struct OrphanSession {
 inline constexpr std::size_t kOrphanSessionsMax = 32;
 
 /// The orphans of a crash folder, oldest first. A session whose observer did not finish it is
-/// marked incomplete, and a crash record that no observer saw is merged. Folders that are not
-/// sessions, and sessions without a readable incident record, are passed over.
+/// marked incomplete and, since nobody will add to it, finalized; a crash record that no observer
+/// saw is merged. Folders that are not sessions, and sessions without a readable incident record,
+/// are passed over.
 [[nodiscard]] std::vector<OrphanSession> FinalizeOrphanSessions(const fs::Path& crash_directory);
 
 }  // namespace zul

@@ -2,9 +2,17 @@
 
 #include <windows.h>
 
+#include "collector/process_life_win32.h"
 #include "core/handle_win32.h"
 
 namespace zul {
+
+std::optional<std::uint64_t> CreationTimeOf(HANDLE process) {
+  FILETIME creation;
+  FILETIME unused;
+  if (!::GetProcessTimes(process, &creation, &unused, &unused, &unused)) return std::nullopt;
+  return std::uint64_t{creation.dwHighDateTime} << 32 | std::uint64_t{creation.dwLowDateTime};
+}
 
 ProcessFacts QueryProcess(std::uint32_t pid) {
   ProcessFacts facts;
@@ -16,12 +24,7 @@ ProcessFacts QueryProcess(std::uint32_t pid) {
   }
   facts.opened = ProcessFacts::Opened::kYes;
   facts.running = ::WaitForSingleObject(process.get(), 0) == WAIT_TIMEOUT;
-  FILETIME creation;
-  FILETIME unused;
-  if (::GetProcessTimes(process.get(), &creation, &unused, &unused, &unused) != 0) {
-    facts.creation_time =
-        std::uint64_t{creation.dwHighDateTime} << 32 | std::uint64_t{creation.dwLowDateTime};
-  }
+  facts.creation_time = CreationTimeOf(process.get());
   return facts;
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "collector/collector_block.h"
 #include "collector/safe_path.h"
 #include "core/text.h"
 
@@ -18,6 +19,21 @@ bool IsWordByte(char c) {
          c == '.' || c == '_';
 }
 
+bool Fail(const char* word, std::string* reason) {
+  *reason = word;
+  return false;
+}
+
+/// Counts by name alone: whatever looks like a session takes its place.
+bool IsWithinBudget(const fs::Path& all_sessions) {
+  std::error_code ec;
+  const std::vector<fs::DirectoryEntry> entries = fs::ListDirectory(all_sessions, ec);
+  const auto sessions = std::count_if(entries.begin(), entries.end(), [](const auto& entry) {
+    return IsCompactSessionName(PathToUtf8(entry.path.filename()));
+  });
+  return !ec && static_cast<std::size_t>(sessions) <= kCompactSessionsMax;
+}
+
 }  // namespace
 
 fs::Path CompactDirectory(const fs::Path& crash_directory) {
@@ -31,6 +47,33 @@ bool HasOnlyWordBytes(std::string_view text) {
 bool IsCompactSessionName(std::string_view name) {
   return name.starts_with(kSessionPrefix) && name.size() <= kSessionNameBytesMax &&
          HasOnlyWordBytes(name);
+}
+
+bool IsCompactSessionPath(const fs::Path& directory) {
+  return IsCompactSessionName(PathToUtf8(directory.filename())) &&
+         directory.parent_path().filename() == kCompactDirectoryName;
+}
+
+bool CreateCompactSession(const fs::Path& crash_directory, std::uint64_t now_unix_ms,
+                          std::uint32_t pid, std::uint64_t creation_time, fs::Path* directory,
+                          std::string* reason) {
+  const fs::Path all = CompactDirectory(crash_directory);
+  const fs::Path session = all / (std::string(kSessionPrefix) + std::to_string(now_unix_ms) + "_" +
+                                  std::to_string(pid) + "_" + std::to_string(creation_time));
+  if (creation_time == 0 || session.native().size() > kSessionDirectoryUnitsMax) {
+    return Fail("process_identity_or_path_invalid", reason);
+  }
+  std::error_code ec;
+  if (!fs::CreateDirectories(all, ec) || !IsSafeDirectoryChain(all) ||
+      fs::CreateDirectoryOnce(session, ec) != fs::CreateResult::kCreated) {
+    return Fail("collector_directory_unavailable", reason);
+  }
+  if (!IsWithinBudget(all)) {
+    fs::Remove(session, ec);
+    return Fail("collector_session_budget_exhausted", reason);
+  }
+  *directory = session;
+  return true;
 }
 
 std::vector<fs::Path> ListCompactSessions(const fs::Path& crash_directory, std::error_code& ec) {
@@ -49,11 +92,7 @@ std::vector<fs::Path> ListCompactSessions(const fs::Path& crash_directory, std::
 }
 
 bool DeleteCompactSession(const fs::Path& directory) {
-  if (!IsCompactSessionName(PathToUtf8(directory.filename())) ||
-      directory.parent_path().filename() != kCompactDirectoryName ||
-      !IsSafeDirectoryChain(directory)) {
-    return false;
-  }
+  if (!IsCompactSessionPath(directory) || !IsSafeDirectoryChain(directory)) return false;
   std::error_code ec;
   for (const std::string_view name : kSessionFiles) {
     if (const fs::Path file = directory / name; IsSafeFile(file)) fs::Remove(file, ec);

@@ -1,9 +1,10 @@
 #pragma once
 
-// The folder of one observed process, <crash folder>/compact_process/process_*: which names it has
-// and may hold, and how it goes away.
+// The folder of one observed process, <crash folder>/compact_process/process_*: how it comes, which
+// names it has and may hold, and how it goes away.
 
 #include <array>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -44,6 +45,21 @@ inline constexpr std::array<std::string_view, 11> kSessionFiles = {kIncidentFile
 
 /// True for 8 to 96 word bytes that begin with "process_".
 [[nodiscard]] bool IsCompactSessionName(std::string_view name);
+
+/// True for a path that ends as a session's does: a session name in the folder of all sessions.
+/// Does not ask the disk.
+[[nodiscard]] bool IsCompactSessionPath(const fs::Path& directory);
+
+/// At most this many sessions stand in a crash folder, the new one included.
+inline constexpr std::size_t kCompactSessionsMax = 40;
+
+/// Makes the folder of a new session, with its parents. `now_unix_ms` is the wall clock, and
+/// `creation_time` that of the process `pid`, 0 when not known. On failure `directory` is left
+/// alone, and `reason` gets process_identity_or_path_invalid, collector_directory_unavailable or
+/// collector_session_budget_exhausted.
+[[nodiscard]] bool CreateCompactSession(const fs::Path& crash_directory, std::uint64_t now_unix_ms,
+                                        std::uint32_t pid, std::uint64_t creation_time,
+                                        fs::Path* directory, std::string* reason);
 
 /// The session folders of a crash folder, oldest first (by name, which begins with the time of the
 /// start), each of them safe. None where the folder of all sessions is missing or not safe, and an

@@ -1,0 +1,83 @@
+#pragma once
+
+// The memory that a process shares with its observer, and nobody else: unnamed, handed over by
+// inheritance. The observed process makes and fills it before the observer exists; afterwards only
+// the exit fields, the request and the emergency record change. What one side publishes with an
+// exchange the other takes with one; the emergency record is published by the request behind it.
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <type_traits>
+
+#include "collector/emergency_record.h"
+
+namespace zul {
+
+enum class ObserverRequest : std::uint32_t {
+  kNone = 0,
+  kCrash = 1,  ///< the emergency record is there
+  kHang = 2,   ///< the user interface's thread shall be looked at
+};
+
+/// The whole of it, little-endian; both processes are of one build.
+struct CollectorBlock {
+  std::array<char, 4> magic{'C', 'D', 'V', 'Q'};
+  std::uint32_t size = 9536;
+  std::uint32_t pid = 0;            ///< of the observed process
+  std::uint32_t exit_recorded = 0;  ///< 1 once the process has declared its end
+  std::uint32_t exit_code = 0;      ///< the one declared; written before exit_recorded
+  std::uint32_t request = 0;        ///< an ObserverRequest; the observer swaps it back to none
+  std::uint32_t ui_thread_id = 0;   ///< the thread that a hang capture looks at
+  std::uint32_t reserved = 0;
+  std::uint64_t last_heartbeat_tick = 0;  ///< ms since the system's start
+  std::uint64_t start_tick = 0;           ///< ms since the system's start
+  std::uint64_t process_identity = 0;     ///< creation time as GetProcessTimes has it, in 100 ns
+  std::array<char16_t, 4096> session_directory{};  ///< the last unit stays 0
+  std::uint64_t reserved_behind_directory = 0;
+  EmergencyRecord emergency;
+  std::array<std::byte, 16> reserved_at_end{};
+};
+
+static_assert(offsetof(CollectorBlock, magic) == 0);
+static_assert(offsetof(CollectorBlock, size) == 4);
+static_assert(offsetof(CollectorBlock, pid) == 8);
+static_assert(offsetof(CollectorBlock, exit_recorded) == 12);
+static_assert(offsetof(CollectorBlock, exit_code) == 16);
+static_assert(offsetof(CollectorBlock, request) == 20);
+static_assert(offsetof(CollectorBlock, ui_thread_id) == 24);
+static_assert(offsetof(CollectorBlock, reserved) == 28);
+static_assert(offsetof(CollectorBlock, last_heartbeat_tick) == 32);
+static_assert(offsetof(CollectorBlock, start_tick) == 40);
+static_assert(offsetof(CollectorBlock, process_identity) == 48);
+static_assert(offsetof(CollectorBlock, session_directory) == 56);
+static_assert(offsetof(CollectorBlock, reserved_behind_directory) == 0x2038);
+static_assert(offsetof(CollectorBlock, emergency) == 0x2040);
+static_assert(offsetof(CollectorBlock, reserved_at_end) == 0x2530);
+static_assert(sizeof(CollectorBlock) == 9536 && CollectorBlock().size == 9536);
+static_assert(std::is_trivially_copyable_v<CollectorBlock> &&
+              std::is_standard_layout_v<CollectorBlock>);
+
+/// The longest session folder that fits, in UTF-16 units.
+inline constexpr std::size_t kSessionDirectoryUnitsMax =
+    std::tuple_size_v<decltype(CollectorBlock::session_directory)> - 1;
+
+/// True for a block of this layout that was filled by the process of this id and creation time. A
+/// wrong handle, and an id that was used again, show here.
+[[nodiscard]] bool IsBlockOf(const CollectorBlock& block, std::uint32_t pid,
+                             std::uint64_t process_identity);
+
+/// States the code that the process means to end with. The last one counts.
+void DeclareExit(CollectorBlock& block, std::uint32_t code) noexcept;
+
+/// The declared code; nothing before one was declared.
+[[nodiscard]] std::optional<std::uint32_t> DeclaredExit(CollectorBlock& block) noexcept;
+
+/// Publishes a request, and the emergency record with it. Takes no memory and no lock.
+void PlaceRequest(CollectorBlock& block, ObserverRequest request) noexcept;
+
+/// Takes the request away. The memory is another process's too: the value may be any.
+[[nodiscard]] ObserverRequest TakeRequest(CollectorBlock& block) noexcept;
+
+}  // namespace zul
