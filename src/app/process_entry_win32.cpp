@@ -5,8 +5,12 @@
 
 #include <shellapi.h>
 
+#include <cstdint>
+#include <cwchar>
 #include <memory>
 
+#include "collector/collector.h"
+#include "collector/observer.h"
 #include "core/system_library_win32.h"
 #include "update/driver.h"
 
@@ -19,12 +23,20 @@ struct LocalMemoryRelease {
 };
 using ArgumentVector = std::unique_ptr<wchar_t*, LocalMemoryRelease>;
 
+/// Only the first argument counts; behind another one it is nothing that an update knows.
+bool IsObserver(int argc, const wchar_t* const* argv) {
+  return argc > 1 && argv[1] != nullptr && std::wcscmp(argv[1], L"--observe") == 0;
+}
+
 int ProcessEntry() {
   RestrictLibrarySearch();
   int argc = 0;
   const ArgumentVector argv(::CommandLineToArgvW(::GetCommandLineW(), &argc));
-  // A command line that cannot be split is one without arguments.
-  return RunUpdateDriver(argv ? argc : 0, argv.get());
+  if (!argv) argc = 0;  // a command line that cannot be split is one without arguments
+  if (IsObserver(argc, argv.get())) return RunObserver(argc, argv.get());
+  const int exit_code = RunUpdateDriver(argc, argv.get());
+  RecordProcessExitCode(static_cast<std::uint32_t>(exit_code));
+  return exit_code;
 }
 
 }  // namespace
