@@ -229,9 +229,9 @@ void AddEvidenceRecords(const Corpus& records) {
 }
 
 void AddManifests(const Corpus& manifests) {
-  const std::string report = R"("schema_name":"qorva.diagnostics.report","schema_version":2,
+  const std::string report = R"x("schema_name":"qorva.diagnostics.report","schema_version":2,
       "kind":"updater_error","reason":"Cannot open '[redacted-path:0a1b]' (code=5)",
-      "details":{"path_hash":"0a","stage":"apply"},"report_text":"a\n")";
+      "details":{"path_hash":"0a","stage":"apply"},"report_text":"a\n")x";
   manifests.Add("queued", "{" + report + R"(,"privacy":{"paths":"x","dump_uploaded":true},
       "upload_contract":{"result":"queued","what_uploaded":[]}})");
   std::string attempts = R"({"result":"failed"})";
