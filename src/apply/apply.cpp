@@ -100,8 +100,9 @@ class Transaction {
     const bool required = signature_policy_ == SignaturePolicy::kRequireTrusted;
     std::vector<std::string> checked;
     const PayloadSignatureVerifier verifier = [this](const std::string& path) {
-      KeepWindowAlive();
-      return VerifyBinarySignature(path);
+      UpdatePayloadBinarySignatureResult result;
+      RunKeepingAlive([&] { result = VerifyBinarySignature(path); }, retry_policy_.keep_alive);
+      return result;
     };
     if (!VerifyStagedPayloadSignatures(staged_root_, required, verifier, &checked, &error_)) {
       return false;
@@ -285,7 +286,7 @@ class Transaction {
   std::string& error_;
   ApplyOutcome& outcome_;
   const fs::Path own_executable_;
-  const RetryPolicy retry_policy_{.keep_alive = [this] { KeepWindowAlive(); }};
+  const RetryPolicy retry_policy_{.keep_alive = KeepingAlive(window_)};
   fs::Path backup_root_;
   FolderMaker folders_;
   std::vector<fs::Path> retired_;

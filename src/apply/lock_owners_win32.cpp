@@ -5,8 +5,10 @@
 
 #include "apply/lock_probe.h"
 #include "core/handle_win32.h"
+#include "core/keep_alive.h"
 #include "core/system_library_win32.h"
 #include "core/text.h"
+#include "ui/message_pump.h"
 
 namespace zul {
 
@@ -97,7 +99,11 @@ bool QueryLockOwners(const fs::Path& target, std::uint32_t main_pid, std::vector
   owners.clear();
   std::vector<RM_PROCESS_INFO> holders;
   std::string reason;
-  if (!RestartManagerSession().ListHolders(target, holders, reason)) {
+  bool listed = false;
+  // It looks at every process of the system, and takes its time where there are many.
+  RunKeepingAlive([&] { listed = RestartManagerSession().ListHolders(target, holders, reason); },
+                  PumpPendingMessages);
+  if (!listed) {
     if (error != nullptr) *error = std::move(reason);
     return false;
   }

@@ -107,12 +107,10 @@ class Rollback {
 std::vector<std::string> RollBackChanges(const std::vector<RollbackRecord>& records,
                                          const ApplyFaultInjection& faults,
                                          UpdateProgressWindow* window) {
-  const fs::KeepAlive keep_alive = [window] {
-    if (window != nullptr) window->PumpMessages();
-  };
+  const KeepAlive keep_alive = KeepingAlive(window);
   Rollback rollback(faults, keep_alive);
   for (auto record = records.rbegin(); record != records.rend(); ++record) {
-    keep_alive();
+    if (keep_alive) keep_alive();
     rollback.Undo(*record);
   }
   return rollback.TakeFailures();

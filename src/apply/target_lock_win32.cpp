@@ -2,10 +2,8 @@
 
 #include <windows.h>
 
-#include <system_error>
-#include <thread>
-
 #include "core/handle_win32.h"
+#include "core/keep_alive.h"
 #include "core/process_environment.h"
 #include "ui/message_pump.h"
 
@@ -47,24 +45,10 @@ unsigned SendCloseTo(const std::vector<std::uint32_t>& pids) {
   return taken;
 }
 
-/// An application that is slow to answer holds the sender for up to a second a window. So the
-/// requests go out on a thread of their own, for the length of the call, and this one keeps its
-/// window alive.
+/// An application that is slow to answer holds the sender for up to a second a window.
 unsigned RequestClose(const std::vector<std::uint32_t>& pids) {
   unsigned taken = 0;
-  const UniqueKernelHandle sent(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
-  if (!sent) return SendCloseTo(pids);
-  std::thread sender;
-  try {
-    sender = std::thread([&] {
-      taken = SendCloseTo(pids);
-      ::SetEvent(sent.get());
-    });
-  } catch (const std::system_error&) {  // no thread to be had
-    return SendCloseTo(pids);
-  }
-  PumpUntilSignalled(sent.get(), kNoTimeout);
-  sender.join();
+  RunKeepingAlive([&] { taken = SendCloseTo(pids); }, PumpPendingMessages);
   return taken;
 }
 

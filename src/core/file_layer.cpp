@@ -10,6 +10,35 @@ namespace {
 
 constexpr std::size_t kCopyBufferBytes = std::size_t{1} << 20;
 
+/// As CopyContents; `copied` counts the bytes.
+bool CopyCounted(File& from, File& to, std::uint64_t& copied, std::error_code& ec,
+                 const KeepAlive& keep_alive) {
+  std::uint64_t size = 0;
+  if (!from.Size(&size, ec)) return false;
+  // As large as the file, within limits, and a byte more: a small file takes one read and one that
+  // tells the end.
+  const auto buffer_size =
+      static_cast<std::size_t>(std::clamp<std::uint64_t>(size + 1, 4096, kCopyBufferBytes));
+  const auto buffer = std::make_unique_for_overwrite<char[]>(buffer_size);
+  for (;;) {
+    std::size_t read = 0;
+    if (!from.Read(buffer.get(), buffer_size, &read, ec)) return false;
+    if (read == 0) return true;
+    if (!WriteAll(to, buffer.get(), read, ec)) return false;
+    copied += read;
+    if (keep_alive && read == kCopyBufferBytes) keep_alive();
+  }
+}
+
+/// Flushes and closes a file of so many bytes.
+bool Finish(File& file, std::uint64_t size_bytes, std::error_code& ec,
+            const KeepAlive& keep_alive) {
+  bool flushed = false;
+  RunKeepingAlive([&] { flushed = file.Flush(ec); },
+                  size_bytes >= kLongFlushBytes ? keep_alive : KeepAlive());
+  return flushed && file.Close(ec);
+}
+
 }  // namespace
 
 File::~File() {
@@ -39,20 +68,8 @@ bool WriteAll(File& file, const void* data, std::size_t size, std::error_code& e
 }
 
 bool CopyContents(File& from, File& to, std::error_code& ec, const KeepAlive& keep_alive) {
-  std::uint64_t size = 0;
-  if (!from.Size(&size, ec)) return false;
-  // As large as the file, within limits, and a byte more: a small file takes one read and one that
-  // tells the end.
-  const auto buffer_size =
-      static_cast<std::size_t>(std::clamp<std::uint64_t>(size + 1, 4096, kCopyBufferBytes));
-  const auto buffer = std::make_unique_for_overwrite<char[]>(buffer_size);
-  for (;;) {
-    std::size_t read = 0;
-    if (!from.Read(buffer.get(), buffer_size, &read, ec)) return false;
-    if (read == 0) return true;
-    if (!WriteAll(to, buffer.get(), read, ec)) return false;
-    if (keep_alive && read == kCopyBufferBytes) keep_alive();
-  }
+  std::uint64_t copied = 0;
+  return CopyCounted(from, to, copied, ec, keep_alive);
 }
 
 bool CreateDirectories(const Path& path, std::error_code& ec) {
@@ -80,8 +97,9 @@ bool CopyFileDurably(const Path& from, const Path& to, std::error_code& ec,
   if (ec) return false;
   File target = CreateNewFile(to, NewFileAccess::kWrite, ec);
   if (ec) return false;
-  return CopyContents(source, target, ec, keep_alive) && target.TakeTimeAndAttributes(source, ec) &&
-         target.Flush(ec) && target.Close(ec);
+  std::uint64_t copied = 0;
+  return CopyCounted(source, target, copied, ec, keep_alive) &&
+         target.TakeTimeAndAttributes(source, ec) && Finish(target, copied, ec, keep_alive);
 }
 
 }  // namespace zul::fs

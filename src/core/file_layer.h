@@ -12,21 +12,24 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <string>
 #include <system_error>
 #include <utility>
 #include <vector>
 
+#include "core/keep_alive.h"
+
 namespace zul::fs {
 
 using Path = std::filesystem::path;
 
-/// What long operations call again and again, so that their caller can keep a window alive: those
-/// on one file about once per MiB (small files end without a call), those on a tree for each entry.
-/// May be empty.
-using KeepAlive = std::function<void()>;
+/// Operations on one file call it about once per MiB and while a large file is flushed (small files
+/// end without a call), operations on a tree for each entry.
+using zul::KeepAlive;
+
+/// From this size on a file's flush may take longer than a user waits for a window to answer.
+inline constexpr std::uint64_t kLongFlushBytes = std::uint64_t{1} << 20;
 
 // ---------------------------------------------------------------------------------------------
 // Open files

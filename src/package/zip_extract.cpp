@@ -114,9 +114,14 @@ bool CloseAndVerify(OpenedEntry& entry, std::string* error) {
   return Fail(error, "ZIP entry close failed: ", ZipStatusText(status));
 }
 
-bool FlushAndClose(ExclusiveFile& file, std::string* error) {
+bool FlushAndClose(ExclusiveFile& file, const ZipEntryRecord& record, const ExtractionPass& pass,
+                   std::string* error) {
+  const bool is_long = static_cast<std::uint64_t>(record.uncompressed_size) >= fs::kLongFlushBytes;
   std::string detail;
-  if (!file.flush(&detail)) return Fail(error, "cannot flush extracted file: ", detail);
+  bool flushed = false;
+  RunKeepingAlive([&] { flushed = file.flush(&detail); },
+                  is_long ? pass.keep_alive : fs::KeepAlive());
+  if (!flushed) return Fail(error, "cannot flush extracted file: ", detail);
   if (!file.close(&detail)) return Fail(error, "cannot close extracted file: ", detail);
   return true;
 }
@@ -161,7 +166,7 @@ bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record,
 
   ExclusiveFile file(PathToUtf8(target));
   if (!CreateExclusively(file, error) || !CopyData(reader, record, pass, file, error) ||
-      !CloseAndVerify(entry, error) || !FlushAndClose(file, error)) {
+      !CloseAndVerify(entry, error) || !FlushAndClose(file, record, pass, error)) {
     return false;
   }
   if (!ResolvesInside(root, target)) {

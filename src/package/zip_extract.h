@@ -23,7 +23,7 @@ struct ExtractionPass {
   /// Directories that this pass created, relative to the stage, UTF-8, `/` separators.
   std::unordered_set<std::string> created_dirs;
   std::unique_ptr<std::byte[]> buffer = std::make_unique<std::byte[]>(kBufferBytes);
-  /// Called for each piece of an entry's data.
+  /// Called for each piece of an entry's data and while a large entry is flushed.
   fs::KeepAlive keep_alive;
 };
 

@@ -81,11 +81,8 @@ bool VerifyPackageChecksum(const ChecksumStageContext& context, std::string_view
     EmitChainEvent("checksum_verify", fields);
   };
   emit("start", {"sha256_expected", context.request.sha256});
-  const fs::KeepAlive keep_alive = [window = context.progress_window] {
-    if (window != nullptr) window->PumpMessages();
-  };
   if (!VerifyFileSha256(context.package_path, context.request.sha256, &context.stage_error,
-                        keep_alive)) {
+                        KeepingAlive(context.progress_window))) {
     emit("fail", {"error", context.stage_error});
     return false;
   }

@@ -6,6 +6,7 @@
 #include "transfer/download.h"
 #include "transfer/download_job.h"
 #include "transfer/download_transport.h"
+#include "transfer/read_ahead_transport.h"
 #include "transfer/winhttp_exchange_win32.h"
 
 namespace zul {
@@ -62,7 +63,8 @@ bool DownloadPackage(std::string_view url, const std::filesystem::path& destinat
                      UpdateProgressWindow* progress_window,
                      const DownloadProgressCallback& progress_callback,
                      const DownloadCancelCallback& cancel_callback) {
-  WinHttpTransport transport;
+  WinHttpTransport winhttp;
+  ReadAheadTransport transport(winhttp, KeepingAlive(progress_window));
   return DownloadPackageOver(
       {transport, SteadyMilliseconds},
       {url, destination_path, origin_role, progress_window, progress_callback, cancel_callback},

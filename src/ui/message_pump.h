@@ -17,12 +17,10 @@ void PumpPendingMessages();
 void RepostPendingQuit();
 
 /// Waits until `handle` (a kernel object's) is signalled, handling messages meanwhile. False when
-/// `timeout_ms` has passed, or when it cannot be waited for. `kNoTimeout` waits without a limit.
+/// `timeout_ms` has passed, or when it cannot be waited for.
 bool PumpUntilSignalled(void* handle, std::uint32_t timeout_ms);
 
 /// Handles messages for `duration_ms`.
 void PumpFor(std::uint32_t duration_ms);
-
-inline constexpr std::uint32_t kNoTimeout = 0xFFFFFFFF;
 
 }  // namespace zul

@@ -20,8 +20,7 @@ bool PumpUntil(const HANDLE* handles, DWORD count, std::uint32_t timeout_ms) {
     return std::chrono::duration_cast<milliseconds>(steady_clock::now() - start).count();
   };
   for (auto elapsed = elapsed_ms(); elapsed < timeout_ms; elapsed = elapsed_ms()) {
-    const DWORD left_ms =
-        timeout_ms == kNoTimeout ? INFINITE : timeout_ms - static_cast<DWORD>(elapsed);
+    const DWORD left_ms = timeout_ms - static_cast<DWORD>(elapsed);
     const DWORD woken_by = ::MsgWaitForMultipleObjects(count, handles, FALSE, left_ms, QS_ALLINPUT);
     if (woken_by < WAIT_OBJECT_0 + count) return true;
     if (woken_by != WAIT_OBJECT_0 + count) return false;

@@ -133,6 +133,11 @@ const wchar_t* UpdateProgressWindow::force_button_text() const {
   return force_requested_ ? L"Closing..." : L"Force close QORVA";
 }
 
+KeepAlive KeepingAlive(UpdateProgressWindow* window) {
+  if (window == nullptr) return {};
+  return [window] { window->PumpMessages(); };
+}
+
 std::string FormatByteCount(std::uint64_t bytes) {
   constexpr std::array<const char*, 3> kUnits = {" KB", " MB", " GB"};
   if (bytes < 1024) return std::to_string(bytes) + " B";

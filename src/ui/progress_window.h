@@ -16,6 +16,8 @@
 #include <string>
 #include <string_view>
 
+#include "core/keep_alive.h"
+
 namespace zul {
 
 class UpdateProgressWindow;
@@ -110,6 +112,9 @@ class UpdateProgressWindow {
   std::uint64_t last_paint_downloaded_ = 0;
   int last_paint_percent_ = -1;
 };
+
+/// Handles the window's messages, for long work; empty without a window, which is borrowed.
+[[nodiscard]] KeepAlive KeepingAlive(UpdateProgressWindow* window);
 
 /// A byte count as the window shows it: "512 B", "1.5 KB", "2.0 MB", "1.1 GB". Powers of 1024.
 [[nodiscard]] std::string FormatByteCount(std::uint64_t bytes);

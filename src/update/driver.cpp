@@ -106,8 +106,8 @@ StageResult ExtractStage(UpdateRun& run) {
                                  "Unpacking files into a temporary staging folder.", 100);
   EmitChainEvent("extract_start", {{"package", PathToUtf8(run.package_path)},
                                    {"stage_dir", PathToUtf8(run.stage_dir)}});
-  const fs::KeepAlive keep_alive = [&run] { run.progress_window.PumpMessages(); };
-  if (!ExtractPackage(run.package_path, run.stage_dir, &run.stage_error, keep_alive)) {
+  if (!ExtractPackage(run.package_path, run.stage_dir, &run.stage_error,
+                      KeepingAlive(&run.progress_window))) {
     EmitChainEvent("extract_fail", {{"error", run.stage_error}});
     return FailRunWithStageError(run, "Cannot extract update package: ");
   }
@@ -233,7 +233,7 @@ StageResult RestartStage(UpdateRun& run) {
 
 int CleanUp(UpdateRun& run) {
   std::error_code ignored;
-  fs::RemoveTree(run.workspace_dir, ignored, [&run] { run.progress_window.PumpMessages(); });
+  fs::RemoveTree(run.workspace_dir, ignored, KeepingAlive(&run.progress_window));
   run.progress_window.Destroy();
   return kExitDone;
 }

@@ -346,7 +346,8 @@ TEST(FileLayer, KeepsItsCallerAliveThroughLongWork) {
     WriteFile(folder / ("tree/" + name), std::string(static_cast<std::size_t>(size), 'x'));
     calls = 0;
     EXPECT_TRUE(CopyFileDurably(folder / ("tree/" + name), folder / name, ec, count)) << ec;
-    EXPECT_EQ(calls, expected) << size;
+    EXPECT_GE(calls, expected) << size;  // and some more while the device takes its time
+    EXPECT_EQ(calls > 0, expected > 0) << size;
   }
   calls = 0;
   EXPECT_TRUE(RemoveTree(folder / "tree", ec, count)) << ec;

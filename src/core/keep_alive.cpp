@@ -1,0 +1,32 @@
+#include "core/keep_alive.h"
+
+#include <chrono>
+#include <future>
+#include <system_error>
+
+namespace zul {
+
+namespace {
+
+constexpr std::chrono::milliseconds kPeriod{20};
+
+/// Not valid when the system has no thread to give.
+std::future<void> Begin(const std::function<void()>& work) {
+  try {
+    return std::async(std::launch::async, std::cref(work));
+  } catch (const std::system_error&) {
+    return {};
+  }
+}
+
+}  // namespace
+
+void RunKeepingAlive(const std::function<void()>& work, const KeepAlive& keep_alive) {
+  std::future<void> done;
+  if (keep_alive) done = Begin(work);
+  if (!done.valid()) return work();
+  while (done.wait_for(kPeriod) != std::future_status::ready) keep_alive();
+  done.get();
+}
+
+}  // namespace zul
