@@ -34,6 +34,8 @@ class Reply:
     declared_length: int | None = -1  # -1 the true one, None no such header
     chunked: bool = False
     silent: bool = False  # takes the request and never answers
+    late_by: float = 0  # seconds between the request and the answer
+    pause: tuple[int, float] | None = None  # after so many bytes nothing for so many seconds
     stall_after: int | None = None  # sends so many bytes, then nothing more
     cut_after: int | None = None  # sends so many bytes, then closes the connection
     bytes_per_second: int | None = None
@@ -95,6 +97,7 @@ class Connection(socketserver.StreamRequestHandler):
         if reply.silent:
             self.wait_for_the_end()
             return False
+        time.sleep(reply.late_by)
         length = reply.size() if reply.declared_length == -1 else reply.declared_length
         lines = [f"HTTP/1.1 {reply.status} Rehearsed", *(f"{n}: {v}" for n, v in reply.headers)]
         if reply.chunked:
@@ -112,6 +115,8 @@ class Connection(socketserver.StreamRequestHandler):
         for block in self.blocks(reply, limit):
             self.request.sendall(b"%x\r\n%b\r\n" % (len(block), block) if reply.chunked else block)
             sent += len(block)
+            if reply.pause and sent - len(block) < reply.pause[0] <= sent:
+                time.sleep(reply.pause[1])
             if reply.bytes_per_second:
                 time.sleep(max(0.0, started + sent / reply.bytes_per_second - time.monotonic()))
         if reply.stall_after is not None:

@@ -13,6 +13,7 @@ WINE_HOME = RIG_HOME / "wine"
 UPDATER = BUILD / "src" / "app" / "qorva_updater.exe"
 LAUNCHER = BUILD / "tests" / "rig" / "launcher.exe"
 PROGRAMS = BUILD / "tests" / "rig" / "programs"
+RESTART_MANAGER = PROGRAMS / "rstrtmgr.dll"
 
 
 def deployment(name: str) -> str:

@@ -16,9 +16,11 @@ TEST_APPLICATION_1 = places.PROGRAMS / "test_app_v1.exe"
 TEST_APPLICATION_2 = places.PROGRAMS / "test_app_v2.exe"
 DIALOG_DRIVER = places.PROGRAMS / "dialog_driver.exe"
 FILE_HOLDER = places.PROGRAMS / "file_holder.exe"
+WINDOW_WATCH = places.PROGRAMS / "window_watch.exe"
 SIGNATURE_PROBE = places.PROGRAMS / "signature_probe.exe"
 MARK = "app_mark.log"  # what the stand-in writes beside itself
 APPLICATION_CLASS = "ZUL_RIP_Main"
+PROGRESS_CLASS = "ZULRipUpdaterProgressWindow"
 BOX_TITLE = "QORVA Updater"
 
 
@@ -55,7 +57,7 @@ class DialogReader:
         while (found := self.drive(press)) is not None:
             looked, press = press == "none", first
             if "text" not in found:
-                continue
+                return  # the process has ended, or its time is over
             if looked:
                 self.on_box()
                 press = button
@@ -75,12 +77,13 @@ class DialogReader:
         return json.loads(printed) if printed.strip() else None
 
     def finish(self) -> list[Dialog]:
-        """To be called when the process has ended."""
+        """To be called when the process has ended, with which the driver ends too."""
         with self.lock:
             self.over = True
-            if self.driver:
-                self.driver.kill()
-        self.thread.join(10)
+        self.thread.join(20)
+        if self.thread.is_alive() and self.driver:
+            self.driver.kill()
+            self.thread.join()
         return self.dialogs
 
 
@@ -91,13 +94,18 @@ class Hold:
     def __init__(self, sandbox: Sandbox, path: Path, *triggers: str, share: str = "read"):
         self.holder = start(sandbox, FILE_HOLDER, "--file", sandbox.windows_path(path),
                             "--share", share, *triggers, stdin=subprocess.PIPE)
+        self.pid = 0  # of the Windows process, once it is known to hold the file
         if not triggers:
-            self.expect("held")
+            self.expect_held()
 
-    def expect(self, word: str) -> None:
+    def expect_held(self) -> None:
+        self.pid = int(self.expect("held"))
+
+    def expect(self, word: str) -> str:
+        """What stands behind the word in the line that begins with it."""
         while line := self.holder.stdout.readline().decode().strip():
             if line.startswith(word):
-                return
+                return line[len(word):]
         raise RuntimeError(f"the holder ended before it said {word!r}")
 
     def __enter__(self) -> "Hold":

@@ -46,6 +46,7 @@ class Sandbox:
                 HOSTS_FILE.write_text(hosts)
             self.load_environment()
             self.keep_out_of_the_home_folder()
+            self.install_restart_manager()
             self.trust(certificates.make_authority("trusted").root,
                        certificates.make_code_authority("trusted").root)
         return self
@@ -70,6 +71,7 @@ class Sandbox:
         lines = session("env").splitlines()
         self.environment = {**os.environ, "LC_ALL": "C.UTF-8",
                             **dict(line.split("=", 1) for line in lines)}
+        self.environment["WINEDLLOVERRIDES"] += f";{places.RESTART_MANAGER.stem}=native"
 
     def install_caption_font(self) -> None:
         # The font that draws the buttons of a caption is Wine's own, but Debian keeps it where Wine
@@ -87,6 +89,15 @@ class Sandbox:
             if link.is_symlink():
                 link.unlink()
                 link.mkdir()
+
+    def install_restart_manager(self) -> None:
+        # Wine's own knows no holder of any file. This one says what a run was told to have it say.
+        installed = self.drive_c / "windows" / "system32" / places.RESTART_MANAGER.name
+        library = places.RESTART_MANAGER.read_bytes()
+        if not installed.exists() or installed.read_bytes() != library:
+            fresh = installed.with_suffix(".new")
+            fresh.write_bytes(library)
+            fresh.replace(installed)  # programs that have the old one loaded keep it
 
     def trust(self, *roots: Path) -> None:
         text = certificates.registry_text(*roots)

@@ -39,6 +39,8 @@ DERIVED = {
     "extract_fail": failure(APPLY, "APPLY"),
     "apply_start": Derived(APPLY, "start"),
     "payload_binary_signature_validate": Derived(VERIFY),
+    "apply_request_close_locking_zul_process": Derived(APPLY),
+    "apply_force_close_locking_zul_process": Derived(APPLY),
     "apply_ok": Derived(APPLY, "end", "success"),
     "apply_fail": failure(APPLY, "APPLY"),
     "apply_recovery_required": Derived(APPLY),

@@ -41,6 +41,7 @@ class Scene:
         self.config = self.folder / "config"
         self.temp = self.folder / "temp"
         self.notes = self.folder / "notes"  # the rig's own
+        self.holders = self.notes / "holders"  # what the Restart Manager is to say
         for made in (self.install, self.config, self.temp, self.notes, self.folder / "updater"):
             made.mkdir(parents=True)
         self.updater = self.folder / "updater" / "qorva_updater.exe"
@@ -104,7 +105,8 @@ class UpdaterRun:
         folder = scene.windows(program.parent)
         lines = [f"command={command}", f"folder={folder}", f"timeout_ms={int(timeout * 1000)}",
                  f"env=TEMP={scene.windows(scene.temp)}", f"env=TMP={scene.windows(scene.temp)}",
-                 f"env=QORVA_CONFIG_HOME={scene.windows(scene.config)}"]
+                 f"env=QORVA_CONFIG_HOME={scene.windows(scene.config)}",
+                 f"env=QORVA_RIG_HOLDERS={scene.windows(scene.holders)}"]
         if output == "none":
             lines.append("output=none")
         (self.notes / "job").write_text("\n".join(lines) + "\n", "utf-8")

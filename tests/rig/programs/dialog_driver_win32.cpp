@@ -7,8 +7,8 @@
 //        "text":"...","title":"..."}
 //       and presses the button. "icon" is error, warning, information, question, none, or unknown
 //       when the picture is covered or not recognised. "closed": the box was gone within 5 s.
-//       Exit code 0; 1 and {"found":false} when none came; 2 when it has no such button ("pressed"
-//       is "" then) or did not close.
+//       Exit code 0; 1 and {"found":false} when none came or the process ended before; 2 when it
+//       has no such button ("pressed" is "" then) or did not close.
 //   dialog_driver --title TEXT [--pid N] --count
 //       prints {"count":N}, the number of such boxes at the moment. Exit code 0.
 //   dialog_driver --window-class CLASS [--pid N] [--timeout-ms MS] --probe
@@ -19,7 +19,11 @@
 //   dialog_driver --window-class CLASS [--pid N] --close
 //       posts WM_CLOSE to all windows of the class, prints {"windows":N}. Exit code 0; 1 for none.
 //   dialog_driver --window-class CLASS [--pid N] --command ID
-//       the same with message 273 (WM_COMMAND), ID and 0: 1001 presses Force close.
+//       the same with message 273 (WM_COMMAND), ID and 0.
+//   dialog_driver --window-class CLASS [--pid N] [--timeout-ms MS] --click ID
+//       waits (0 ms unless told) until a window of the class shows a button of this id that can be
+//       pressed, prints {"clicked":true,"text":"Force close QORVA"} and clicks it. Exit code 0; 1
+//       and {"clicked":false}.
 // Wrong arguments: usage, exit code 64.
 
 #include <windows.h>
@@ -30,6 +34,7 @@
 #include <string>
 #include <vector>
 
+#include "core/handle_win32.h"
 #include "core/text.h"
 #include "tests/rig/programs/dialog_icon_win32.h"
 #include "tests/rig/programs/program_support_win32.h"
@@ -44,7 +49,8 @@ constexpr char kUsage[] =
     "       dialog_driver --title TEXT [--pid N] --count\n"
     "       dialog_driver --window-class CLASS [--pid N] [--timeout-ms MS] --probe\n"
     "       dialog_driver --window-class CLASS [--pid N] --close\n"
-    "       dialog_driver --window-class CLASS [--pid N] --command ID";
+    "       dialog_driver --window-class CLASS [--pid N] --command ID\n"
+    "       dialog_driver --window-class CLASS [--pid N] [--timeout-ms MS] --click ID";
 constexpr wchar_t kDialogClass[] = L"#32770";
 constexpr UINT kAnswerMs = 5000;
 
@@ -143,13 +149,20 @@ DialogParts PartsOf(HWND dialog) {
 
 int PressInDialog(const std::wstring& title, DWORD pid, std::uint64_t timeout_ms,
                   const std::string& press) {
+  const UniqueKernelHandle process(pid == 0 ? nullptr : OpenProcess(SYNCHRONIZE, FALSE, pid));
+  const auto process_is_gone = [&] {
+    return pid != 0 && (!process || WaitForSingleObject(process.get(), 0) == WAIT_OBJECT_0);
+  };
   std::vector<HWND> dialogs;
   // A box that is about to be shown has its frame before its buttons.
-  if (!WaitUntil(timeout_ms, [&] {
-        dialogs = FindWindows(kDialogClass, title.c_str(), pid);
-        return !dialogs.empty() &&
-               FindWindowExW(dialogs.front(), nullptr, L"Button", nullptr) != nullptr;
-      })) {
+  const auto box_is_up = [&] {
+    dialogs = FindWindows(kDialogClass, title.c_str(), pid);
+    return !dialogs.empty() &&
+           FindWindowExW(dialogs.front(), nullptr, L"Button", nullptr) != nullptr;
+  };
+  bool found = false;
+  WaitUntil(timeout_ms, [&] { return (found = box_is_up()) || process_is_gone(); });
+  if (!found) {
     PrintLine(Json{{"found", false}}.dump());
     return 1;
   }
@@ -211,6 +224,24 @@ int PostToAll(const std::wstring& window_class, DWORD pid, UINT message, WPARAM 
   return windows.empty() ? 1 : 0;
 }
 
+int Click(const std::wstring& window_class, DWORD pid, std::uint64_t timeout_ms, int id) {
+  HWND button = nullptr;
+  const bool found = WaitUntil(timeout_ms, [&] {
+    for (const HWND window : FindWindows(window_class, nullptr, pid)) {
+      button = GetDlgItem(window, id);
+      if (button != nullptr && IsWindowVisible(button) && IsWindowEnabled(button)) return true;
+    }
+    return false;
+  });
+  Json report{{"clicked", found}};
+  if (found) {
+    report["text"] = TextOf(button);
+    PostMessageW(button, BM_CLICK, 0, 0);
+  }
+  PrintLine(report.dump());
+  return found ? 0 : 1;
+}
+
 int Run() {
   Options options(CommandLineArguments());
   const auto title = options.TakeValue("--title");
@@ -219,11 +250,12 @@ int Run() {
   const auto timeout_ms = options.TakeNumber("--timeout-ms");
   const auto press = options.TakeValue("--press");
   const auto command = options.TakeNumber("--command");
+  const auto click = options.TakeNumber("--click");
   const bool count = options.TakeFlag("--count");
   const bool probe = options.TakeFlag("--probe");
   const bool close = options.TakeFlag("--close");
   const int title_modes = (press ? 1 : 0) + (count ? 1 : 0);
-  const int class_modes = (command ? 1 : 0) + (probe ? 1 : 0) + (close ? 1 : 0);
+  const int class_modes = (command ? 1 : 0) + (click ? 1 : 0) + (probe ? 1 : 0) + (close ? 1 : 0);
   const bool sound = options.empty() && title.has_value() != window_class.has_value() &&
                      title_modes == (title ? 1 : 0) && class_modes == (title ? 0 : 1) &&
                      (!press || *press == "none" || ButtonId(*press) != 0);
@@ -234,6 +266,9 @@ int Run() {
     return 0;
   }
   if (probe) return Probe(Widen(*window_class), pid, timeout_ms.value_or(0));
+  if (click) {
+    return Click(Widen(*window_class), pid, timeout_ms.value_or(0), static_cast<int>(*click));
+  }
   if (close) return PostToAll(Widen(*window_class), pid, WM_CLOSE, 0);
   return PostToAll(Widen(*window_class), pid, WM_COMMAND, static_cast<WPARAM>(*command));
 }

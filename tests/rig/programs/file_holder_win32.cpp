@@ -1,7 +1,7 @@
 // Holds a file open, so that others meet a sharing violation.
 //
 //   file_holder --file PATH [--share MODE] [--access ACCESS] [trigger ...] [--timeout-ms MS]
-//               [--for-ms MS] [--stop-file PATH]
+//               [--for-ms MS] [--stop-file PATH] [--from-child]
 //
 //   --share    none (as is), read, write, read-write, read-delete, all: what others may still do
 //   --access   read (as is), write, read-write: what it is opened for
@@ -15,6 +15,7 @@
 //     program
 //                                  was started
 //   --timeout-ms   60000 as is: how long triggers and opening may take
+//   --from-child   a child process does all of this, and this one ends at once
 //   --for-ms, --stop-file   hold for that long; hold, or wait, until that path exists. Without
 //              either the file is held until standard input ends.
 //
@@ -23,7 +24,8 @@
 // A file that does not exist yet or that another process holds is tried again until the time is
 // over. PATH may be a folder.
 //
-// Standard output, one line each: "waiting" at once, "held", and "released" at the end. Exit codes:
+// Standard output, one line each: "parent" and the pid of a process that leaves the work to its
+// child, "waiting" at once, "held" and the holder's pid, and "released" at the end. Exit codes:
 // 0 held and released; 1 "timeout", "timeout 32" with the last error of opening; 2 "stopped" by the
 // stop file before the file was held; 64 usage.
 
@@ -47,7 +49,7 @@ constexpr char kUsage[] =
     "usage: file_holder --file PATH [--share none|read|write|read-write|read-delete|all]\n"
     "                   [--access read|write|read-write] [--wait-for PATH] [--wait-for-gone PATH]\n"
     "                   [--wait-for-size PATH BYTES] [--wait-for-change PATH] [--timeout-ms MS]\n"
-    "                   [--for-ms MS] [--stop-file PATH]";
+    "                   [--for-ms MS] [--stop-file PATH] [--from-child]";
 
 struct Word {
   const char* name;
@@ -226,8 +228,27 @@ void HoldUntilTheEnd(const Job& job) {
   while (GetTickCount64() < end && !Stopped(job)) Sleep(1);
 }
 
+/// Starts this program again with the same command line but for the name of `flag`.
+int StartChild(const std::wstring& flag) {
+  std::wstring command = GetCommandLineW();
+  command.replace(command.find(flag), flag.size(), L"");
+  STARTUPINFOW startup{};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION child{};
+  PrintLine("parent " + std::to_string(GetCurrentProcessId()));
+  if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
+                      &startup, &child)) {
+    return 1;
+  }
+  CloseHandle(child.hThread);
+  CloseHandle(child.hProcess);
+  return 0;
+}
+
 int Run() {
-  const std::optional<Job> parsed = ParseJob(Options(CommandLineArguments()));
+  Options options(CommandLineArguments());
+  if (options.TakeFlag("--from-child")) return StartChild(L"--from-child");
+  const std::optional<Job> parsed = ParseJob(std::move(options));
   if (!parsed) return Usage(kUsage);
   const Job& job = *parsed;
   timeBeginPeriod(1);
@@ -251,7 +272,7 @@ int Run() {
     }
     Sleep(1);
   }
-  PrintLine("held");
+  PrintLine("held " + std::to_string(GetCurrentProcessId()));
   HoldUntilTheEnd(job);
   file.Reset();
   PrintLine("released");

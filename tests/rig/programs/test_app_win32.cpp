@@ -2,15 +2,16 @@
 // rig copies them under the product's names.
 //
 //   test_app [--show-update-status] [--title=TEXT] [--exit-after=MS] [--ignore-close]
-//            [--close-delay=MS]
+//            [--close-after=N] [--close-delay=MS] [--close-hang=MS] [--hold=PATH]
 //   test_app --write-app-version-json PATH
 //
 // The first form shows a window of class ZUL_RIP_Main, titled "QORVA 2.0.0" unless told otherwise,
 // with the version in large letters, until WM_CLOSE or --exit-after ends it with exit code 0.
-// --close-delay lets MS pass between WM_CLOSE and the end while the window stays responsive;
-// --ignore-close lets only --exit-after end it. The second form writes the version as JSON into
-// PATH and exits with 0, or with 1 when PATH cannot be written. Wrong arguments: usage, exit
-// code 64.
+// --close-after lets only the N-th WM_CLOSE end it, --ignore-close none; --close-delay lets MS pass
+// between WM_CLOSE and the end while the window stays responsive, --close-hang while it answers
+// nobody. --hold keeps a file open for reading all the while. The second form writes the version as
+// JSON into PATH and exits with 0, or with 1 when PATH cannot be written. Wrong arguments: usage,
+// exit code 64.
 //
 // Every start and what follows is told by UTF-8 lines appended to app_mark.log beside the
 // executable:
@@ -25,6 +26,7 @@
 #include <windows.h>
 
 #include <bit>
+#include <cstdint>
 #include <string>
 
 #include "core/handle_win32.h"
@@ -36,7 +38,7 @@ namespace {
 
 constexpr char kUsage[] =
     "usage: test_app [--show-update-status] [--title=TEXT] [--exit-after=MS] [--ignore-close]\n"
-    "                [--close-delay=MS]\n"
+    "                [--close-after=N] [--close-delay=MS] [--close-hang=MS] [--hold=PATH]\n"
     "       test_app --write-app-version-json PATH";
 constexpr UINT_PTR kExitTimer = 1;
 constexpr UINT_PTR kCloseTimer = 2;
@@ -47,6 +49,8 @@ struct App {
   std::wstring subtitle;
   bool ignore_close = false;
   UINT close_delay_ms = 0;
+  DWORD close_hang_ms = 0;
+  std::uint64_t closes_left = 1;
 };
 
 std::wstring OwnPath() {
@@ -109,9 +113,10 @@ void Paint(HWND window, const App& app) {
   EndPaint(window, &paint);
 }
 
-void AnswerClose(HWND window, const App& app) {
+void AnswerClose(HWND window, App& app) {
   Mark("close");
-  if (app.ignore_close) return;
+  Sleep(app.close_hang_ms);
+  if (app.ignore_close || app.closes_left == 0 || --app.closes_left > 0) return;
   if (app.close_delay_ms == 0) {
     DestroyWindow(window);
   } else {
@@ -124,7 +129,7 @@ LRESULT CALLBACK WindowProcedure(HWND window, UINT message, WPARAM wparam, LPARA
     const auto* create = std::bit_cast<const CREATESTRUCTW*>(lparam);
     SetWindowLongPtrW(window, GWLP_USERDATA, std::bit_cast<LONG_PTR>(create->lpCreateParams));
   }
-  const auto* app = std::bit_cast<const App*>(GetWindowLongPtrW(window, GWLP_USERDATA));
+  auto* app = std::bit_cast<App*>(GetWindowLongPtrW(window, GWLP_USERDATA));
   switch (message) {
     case WM_PAINT:
       Paint(window, *app);
@@ -185,8 +190,15 @@ int Run() {
   app.title = Widen(title);
   app.subtitle = file + (update_status ? L"  -  update status" : L"");
   app.ignore_close = options.TakeFlag("--ignore-close");
+  app.closes_left = options.TakeNumber("--close-after").value_or(1);
   app.close_delay_ms = static_cast<UINT>(options.TakeNumber("--close-delay").value_or(0));
+  app.close_hang_ms = static_cast<DWORD>(options.TakeNumber("--close-hang").value_or(0));
+  const auto held = options.TakeValue("--hold");
   if (!options.empty()) return Usage(kUsage);
+  const UniqueFileHandle holder(held ? CreateFileW(Widen(*held).c_str(), GENERIC_READ,
+                                                   FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                                   FILE_ATTRIBUTE_NORMAL, nullptr)
+                                     : INVALID_HANDLE_VALUE);
   if (proof.has_value()) return WriteVersionProof(*proof);
   return ShowMainWindow(app, exit_after_ms);
 }
