@@ -2,9 +2,15 @@
 
 // The life of diagnostics in a process: one call at its start, one at the first failure, one at its
 // orderly end. Nothing here ever fails to its caller or stops an update.
+//
+// Not started; started (log and crash observer); session running, from the first failure on;
+// finished. A process that dies while its session runs leaves the session's file, and the next
+// process that fails reports it. A run that succeeds never has a session.
 
+#include <functional>
 #include <string>
 
+#include "collector/collector.h"
 #include "core/file_layer.h"
 
 namespace zul {
@@ -30,8 +36,22 @@ struct DiagnosticsState {
   std::string crash_directory;
 };
 
-/// Chooses the folders, opens the log, starts the crash observer and publishes the state.
+/// Chooses the folders, opens the log, starts the crash observer and publishes the state. Blocks as
+/// StartCompactCollector does.
 DiagnosticsState InitDiagnostics(const DiagnosticsConfig& config);
+
+/// Where a process runs, and how it gets its observer.
+struct DiagnosticsSurroundings {
+  fs::Path executable;        ///< empty when not known
+  fs::Path application_data;  ///< the user's folder for roaming data; empty when there is none
+  std::function<CollectorStartResult(const fs::Path& crash_directory,
+                                     const fs::Path& install_directory)>
+      start_collector;
+};
+
+/// InitDiagnostics in given surroundings.
+DiagnosticsState InitDiagnosticsIn(const DiagnosticsSurroundings& surroundings,
+                                   const DiagnosticsConfig& config);
 
 /// A copy of the state, from any thread; defaults before the start.
 [[nodiscard]] DiagnosticsState GetDiagnosticsState();

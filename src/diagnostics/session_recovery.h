@@ -2,12 +2,17 @@
 
 // What earlier processes left (compact sessions, crash dumps, session files) becomes exactly one
 // queued report each, and is then consumed. The words for an end state only what the evidence
-// supports. Several processes may recover at once. Failures are log lines, and what failed is left
-// for the next start.
+// supports. Several processes may recover at once: each claims what it works on by one step that
+// only one of them can take. Failures are log lines, and what failed is left for the next start.
+//
+// A session file is renamed while it is worked on, "<name>.recovering.<pid>"; then it is gone, or
+// "<name>.invalid" for a human to look at, or back under its name. A compact session is renamed the
+// same way, and one whose recoverer died is taken over. A dump stays, marked by the report text
+// beside it.
 
 #include <cstddef>
 #include <cstdint>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 
 #include "core/file_layer.h"
@@ -29,15 +34,21 @@ struct SessionEndClassification {
   std::uint64_t process_uptime_ms = 0;
 };
 
-/// `now_unix_ms` is the wall clock, `now_host_monotonic_ms` the host's steady clock.
+/// How the process of a session file or checkpoint record ended, as far as that tells. `session`
+/// may be any JSON. `now_unix_ms` is the wall clock, `now_host_monotonic_ms` the host's steady
+/// clock.
 [[nodiscard]] SessionEndClassification ClassifySessionEnd(const nlohmann::json& session,
                                                           std::uint64_t now_unix_ms,
                                                           std::uint64_t now_host_monotonic_ms);
 
+/// Turns the compact sessions that nobody writes any more into reports, those that ended cleanly
+/// apart, and expires the oldest of the queued ones.
 void RecoverCompactEvidence(const fs::Path& crash_directory);
+
+/// Reports the dumps that lie in the crash folder without a report text beside them.
 void RecoverOrphanDumps(const fs::Path& crash_directory);
 
-/// Returns how many sessions became reports.
+/// Reports the sessions of processes that are gone. Returns how many became reports.
 std::size_t RecoverSessions(const fs::Path& crash_directory);
 
 }  // namespace zul
