@@ -82,6 +82,29 @@ TEST_F(Sessions, AreDeletedOnlyAsAWholeAndInTheirPlace) {
   EXPECT_TRUE(test::Exists(crash_ / "process_1/hang.json"));
 }
 
+TEST_F(Sessions, AreMadeUpToABudget) {
+  const auto create = [&](const fs::Path& crash, std::uint64_t creation_time) {
+    fs::Path made;
+    std::string reason;
+    const bool ok = CreateCompactSession(crash, kNow, 7, creation_time, &made, &reason);
+    return ok ? made.lexically_relative(crash).generic_string() : reason;
+  };
+  const fs::Path crash = crash_ / "sub";
+  const fs::Path all = CompactDirectory(crash);
+  EXPECT_EQ(create(crash, 0), "process_identity_or_path_invalid");
+  EXPECT_EQ(create(crash / std::string(4096, 'x'), 5), "process_identity_or_path_invalid");
+  EXPECT_FALSE(test::Exists(crash));
+  EXPECT_EQ(create(crash, 5), "compact_process/process_1769862605123_7_5");
+  EXPECT_EQ(create(crash, 5), "collector_directory_unavailable");
+  for (int i = 0; i < 38; ++i) WriteFile(all / Numbered("process_", i), "a file counts, too");
+  WriteFile(all / "Process_1" / "hang.json", "");
+  EXPECT_EQ(create(crash, 6), "compact_process/process_1769862605123_7_6");
+  EXPECT_EQ(create(crash, 7), "collector_session_budget_exhausted");
+  EXPECT_FALSE(test::Exists(all / "process_1769862605123_7_7"));
+  if (!test::MakeLink(all, crash_ / "compact_process")) GTEST_SKIP() << "no links";
+  EXPECT_EQ(create(crash_.path(), 8), "collector_directory_unavailable");
+}
+
 TEST_F(Sessions, BelongToAProcessAndNotToALaterOneOfItsId) {
   using enum ProcessFacts::Opened;
   const struct {
@@ -126,7 +149,7 @@ TEST_F(Sessions, AreOrphansWhenNobodyWritesThemAnyMore) {
     for (const char* key : {"event", "capture_status", "capture_error"}) {
       story += " " + orphan.record.value(key, "-");
     }
-    story += "\n";
+    story += orphan.record["finalized"] == true ? "\n" : " open\n";
   }
   EXPECT_EQ(story,
             "process_1_done observer_started complete -\n"
