@@ -1,7 +1,7 @@
-// Asks the windows of a class, of one process, for a sign of life over and over, until the process
-// has ended, and tells how long the answers took. The window may come and go meanwhile. A window of
-// its own, which has nothing else to do, is asked in the same way: what it needs for an answer is
-// the machine's and not the process's.
+// Asks the visible window of a class, of one process, for a sign of life over and over, until the
+// process has ended, and tells how long the answers took. The window may come and go meanwhile. A
+// window of its own, which has nothing else to do, is asked in the same way: what it needs for an
+// answer is the machine's and not the process's.
 //
 //   window_watch --window-class CLASS --pid N [--slow-ms MS]
 //       prints {"answers":1234,"idle_ms":9,"longest_ms":12,"slow":[[1766000000123,340,9]]}
@@ -54,7 +54,7 @@ HWND WindowOf(const std::wstring& window_class, DWORD pid) {
   while ((window = FindWindowExW(nullptr, window, window_class.c_str(), nullptr)) != nullptr) {
     DWORD owner = 0;
     GetWindowThreadProcessId(window, &owner);
-    if (owner == pid) return window;
+    if (owner == pid && IsWindowVisible(window)) return window;
   }
   return nullptr;
 }
