@@ -89,11 +89,12 @@ class Transaction {
       error_ = "Staged update directory is missing: '" + PathToUtf8(staged_root_) + "'.";
       return false;
     }
-    return WalkStagedTree(kValidationTexts, [this](const StagedFile& file) {
-      KeepWindowAlive();
-      AddToLockList(file.target);
-      return true;
-    });
+    return WalkStagedTree(kValidationTexts, StagedTreeWalk::Resolution::kEachFile,
+                          [this](const StagedFile& file) {
+                            KeepWindowAlive();
+                            AddToLockList(file.target);
+                            return true;
+                          });
   }
 
   bool VerifySignatures() {
@@ -168,10 +169,11 @@ class Transaction {
   }
 
   bool InstallStagedFiles() {
-    return WalkStagedTree(kInstallTexts, [this](const StagedFile& file) {
-      KeepWindowAlive();
-      return Install(file) && !InjectedFailure();
-    });
+    return WalkStagedTree(kInstallTexts, StagedTreeWalk::Resolution::kEachFolder,
+                          [this](const StagedFile& file) {
+                            KeepWindowAlive();
+                            return Install(file) && !InjectedFailure();
+                          });
   }
 
   bool Install(const StagedFile& file) {
@@ -249,8 +251,9 @@ class Transaction {
 
   /// Hands each file that may be installed to `visit`, until that returns false.
   template <typename Visit>
-  bool WalkStagedTree(const StagedTreeTexts& texts, Visit&& visit) {
-    StagedTreeWalk walk(staged_root_, target_root_, own_executable_, texts);
+  bool WalkStagedTree(const StagedTreeTexts& texts, StagedTreeWalk::Resolution resolution,
+                      Visit&& visit) {
+    StagedTreeWalk walk(staged_root_, target_root_, own_executable_, texts, resolution);
     StagedFile file;
     StagedTreeWalk::Step step;
     while ((step = walk.Next(&file, error_)) == StagedTreeWalk::Step::kFile) {

@@ -46,11 +46,12 @@ bool IsSafePayloadPath(const fs::Path& relative) {
 }
 
 StagedTreeWalk::StagedTreeWalk(fs::Path staged_root, fs::Path target_root, fs::Path own_executable,
-                               const StagedTreeTexts& texts)
+                               const StagedTreeTexts& texts, Resolution resolution)
     : staged_root_(std::move(staged_root)),
       target_root_(std::move(target_root)),
       own_executable_(std::move(own_executable)),
       texts_(texts),
+      resolution_(resolution),
       walker_(staged_root_) {}
 
 StagedTreeWalk::Step StagedTreeWalk::Next(StagedFile* file, std::string& error) {
@@ -105,7 +106,7 @@ fs::Path StagedTreeWalk::RelativeOf(const fs::DirectoryEntry& entry, std::error_
     resolved_staged_root_ = fs::WeaklyCanonical(staged_root_, ec);
     if (ec) return {};
   }
-  if (entry.kind != fs::EntryKind::kRegular) {
+  if (resolution_ == Resolution::kEachFile || entry.kind != fs::EntryKind::kRegular) {
     const fs::Path resolved = fs::WeaklyCanonical(entry.path, ec);
     return ec ? fs::Path() : resolved.lexically_relative(resolved_staged_root_);
   }

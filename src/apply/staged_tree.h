@@ -35,9 +35,14 @@ class StagedTreeWalk {
  public:
   enum class Step { kFile, kEnd, kFailed };
 
+  /// How a file's place in the staged tree is made sure of. The walk that validates resolves each
+  /// file. The one that installs follows it closely and resolves each folder: a file that has
+  /// become a link since then is told by its kind.
+  enum class Resolution { kEachFile, kEachFolder };
+
   /// `own_executable` is the resolved path of the running executable; empty matches nothing.
   StagedTreeWalk(fs::Path staged_root, fs::Path target_root, fs::Path own_executable,
-                 const StagedTreeTexts& texts);
+                 const StagedTreeTexts& texts, Resolution resolution);
 
   /// The next file that may be installed. After kFailed, with the reason in `error`, and after
   /// kEnd the walk is over.
@@ -56,6 +61,7 @@ class StagedTreeWalk {
   const fs::Path target_root_;
   const fs::Path own_executable_;
   const StagedTreeTexts texts_;
+  const Resolution resolution_;
   fs::TreeWalker walker_;
   // Of the two roots, from the first file on.
   fs::Path resolved_staged_root_;
