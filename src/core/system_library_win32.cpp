@@ -6,6 +6,10 @@ HMODULE LoadSystemLibrary(const wchar_t* name) {
   return ::LoadLibraryExW(name, nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
 }
 
+LateLibraries::LateLibraries(std::initializer_list<const wchar_t*> names) {
+  for (const wchar_t* name : names) static_cast<void>(LoadSystemLibrary(name));
+}
+
 void RestrictLibrarySearch() {
   // Looked up, since the oldest systems that run us have it only with an update of their own.
   // kernel32 is loaded with every process.

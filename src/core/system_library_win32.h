@@ -7,6 +7,7 @@
 
 #include <windows.h>
 
+#include <initializer_list>
 #include <type_traits>
 
 namespace zul {
@@ -18,6 +19,14 @@ namespace zul {
 /// Makes the system folder the only place where this process looks for libraries by name, also
 /// those that the system's own libraries load later. To be called before anything else.
 void RestrictLibrarySearch();
+
+/// Libraries that another one of the system's would load late and by their names alone, loaded when
+/// this is made and kept. Not every system then keeps to the folder that the process has chosen,
+/// but what is there already is taken. One that is missing is left to whoever needs it.
+class LateLibraries {
+ public:
+  LateLibraries(std::initializer_list<const wchar_t*> names);
+};
 
 /// One function of a system library, looked up when it is made. Usage:
 ///   const SystemFunction<decltype(::RmEndSession)> end(L"rstrtmgr.dll", "RmEndSession");

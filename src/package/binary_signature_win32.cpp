@@ -95,6 +95,7 @@ std::string DisplayName(PCCERT_CONTEXT certificate) {
 
 /// One question to the trust provider, and the release of what it took to answer it.
 std::optional<LONG> AskTrustProvider(const std::wstring& path) {
+  static const LateLibraries for_images{L"imagehlp.dll"};
   static const SystemFunction<decltype(::WinVerifyTrust)> verify_trust(kTrustLibrary,
                                                                        "WinVerifyTrust");
   if (!verify_trust) return std::nullopt;

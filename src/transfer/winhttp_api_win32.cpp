@@ -15,6 +15,7 @@ bool IsComplete(const WinHttpApi& api) {
 }  // namespace
 
 const WinHttpApi* WinHttp() {
+  static const LateLibraries for_secure_connections{L"crypt32.dll", L"secur32.dll"};
   static const WinHttpApi api;
   if (IsComplete(api)) return &api;
   ::SetLastError(api.WinHttpOpen.error() != 0 ? api.WinHttpOpen.error() : ERROR_PROC_NOT_FOUND);
