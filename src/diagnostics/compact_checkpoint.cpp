@@ -6,7 +6,7 @@
 #include "collector/evidence_record.h"
 #include "diagnostics/diagnostic_names.h"
 #include "diagnostics/hostile_json.h"
-#include "diagnostics/redaction.h"
+#include "diagnostics/report_text.h"
 
 namespace zul {
 
@@ -29,7 +29,7 @@ std::string Bounded(const std::string& text, std::size_t max_bytes, bool* cut) {
 }
 
 std::string BoundedText(const json& object, const char* key, bool* cut) {
-  return Bounded(SanitizeStateValue(key, TextIn(object, key)), kTextBytesMax, cut);
+  return Bounded(ReportField(key, TextIn(object, key)), kTextBytesMax, cut);
 }
 
 json SanitizeDetails(const json& details, const BreadcrumbLimits& limits, bool* cut) {
@@ -40,7 +40,7 @@ json SanitizeDetails(const json& details, const BreadcrumbLimits& limits, bool* 
     if (!value.is_string()) continue;
     if (count++ == limits.fields) break;
     kept[Bounded(SanitizeIdentifier(key), limits.key_bytes, cut)] =
-        Bounded(SanitizeStateValue(key, value.get<std::string>()), limits.value_bytes, cut);
+        Bounded(ReportField(key, value.get<std::string>()), limits.value_bytes, cut);
   }
   return kept;
 }
@@ -68,7 +68,7 @@ json SanitizeRuntimeState(const json& runtime_state, bool* cut) {
   for (const auto& [key, value] : runtime_state.items()) {
     if (!value.is_string()) continue;
     if (count++ == kRuntimeStateMax) break;
-    const std::string text = SanitizeStateValue(key, value.get<std::string>());
+    const std::string text = ReportField(key, value.get<std::string>());
     Note(cut, text.size() > kRuntimeValueBytesMax);
     kept[SanitizeIdentifier(key)] = ShortenText(text, kRuntimeValueBytesMax);
   }

@@ -11,8 +11,8 @@
 #include "core/text.h"
 #include "diagnostics/diagnostic_names.h"
 #include "diagnostics/recovered_report.h"
-#include "diagnostics/redaction.h"
 #include "diagnostics/report_manifest.h"
+#include "diagnostics/report_text.h"
 #include "diagnostics/session_recovery.h"
 
 namespace zul {
@@ -85,7 +85,7 @@ std::string DumpReportText(const OrphanDump& dump) {
   text += "\nlog_path=" + GetLogger().CurrentPath();
   text += "\n\n=== recent log tail ===\n";
   for (const std::string& line : GetLogger().RecentLines(kLogTailLines)) {
-    text += RedactSupportText(line) + "\n";
+    text += ReportSentence(line) + "\n";
   }
   return text;
 }

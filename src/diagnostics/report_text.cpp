@@ -25,8 +25,10 @@ constexpr ByteSet kAfterQuote = kWhitespace.With(",.;:)]");
 constexpr std::string_view kLogTailMark = "=== recent log tail ===";
 constexpr std::string_view kLogTailOmitted =
     "[recent log tail omitted from automatic diagnostics upload]\n";
-/// The one failure text that ends in what the command line said, unquoted.
-constexpr std::string_view kUnsafeName = "required file name is unsafe: ";
+/// The failure texts that end in names from the command line, unquoted.
+constexpr std::string_view kNameAnnouncements[] = {
+    "required file name is unsafe: ", "required file name is duplicated: ",
+    "Required files are missing: "};
 /// Behind an unquoted path, where a failure text goes on.
 constexpr std::string_view kCodeOfFailure = " (code=";
 
@@ -148,9 +150,11 @@ std::string WithholdPlain(std::string_view text) {
 }
 
 std::string WithholdLine(std::string_view line) {
-  if (const std::size_t name = line.find(kUnsafeName); name != kNone) {
-    std::string out = WithholdLine(line.substr(0, name));
-    return out.append(kUnsafeName).append(kRedactedFilename);
+  for (const std::string_view announcement : kNameAnnouncements) {
+    const std::size_t found = line.find(announcement);
+    if (found == kNone || line.starts_with('{')) continue;  // in an object the value ends it
+    std::string out = WithholdLine(line.substr(0, found));
+    return out.append(announcement).append(kRedactedFilename);
   }
   std::string out;
   std::size_t copied = 0;

@@ -12,8 +12,8 @@
 #include "diagnostics/hostile_json.h"
 #include "diagnostics/recovered_report.h"
 #include "diagnostics/recovery_claim.h"
-#include "diagnostics/redaction.h"
 #include "diagnostics/report_manifest.h"
+#include "diagnostics/report_text.h"
 #include "diagnostics/session_checkpoint.h"
 
 namespace zul {
@@ -52,7 +52,7 @@ bool IsOfLivingProcess(const fs::Path& file) {
 
 std::string HeadText(const json& session, const SessionEndClassification& end,
                      const std::string& id) {
-  const auto redacted = [&](const char* key) { return RedactSupportText(TextIn(session, key)); };
+  const auto redacted = [&](const char* key) { return ReportSentence(TextIn(session, key)); };
   std::string text = "QORVA recovered session report";
   text += "\ntime_local=" + LocalTimeText();
   text += "\nreason=" + end.text;
@@ -74,7 +74,7 @@ std::string HeadText(const json& session, const SessionEndClassification& end,
 
 std::string StepText(const json& breadcrumb) {
   const auto redacted = [&](const char* key) {
-    return RedactSupportText(TextIn(breadcrumb, key, "unknown"));
+    return ReportSentence(TextIn(breadcrumb, key, "unknown"));
   };
   std::string line = "step=" + std::to_string(NumberIn(breadcrumb, "sequence")) +
                      " time=" + redacted("time_local") + " event=" + redacted("event");
@@ -82,8 +82,8 @@ std::string StepText(const json& breadcrumb) {
   if (!details.is_object()) return line;
   for (const auto& [key, value] : details.items()) {
     if (!value.is_string()) continue;
-    line += " " + SanitizeIdentifier(key) + "=" +
-            SanitizeStateValue(key, value.get_ref<const std::string&>());
+    line +=
+        " " + SanitizeIdentifier(key) + "=" + ReportField(key, value.get_ref<const std::string&>());
   }
   return line;
 }
@@ -96,7 +96,7 @@ std::string SessionReportText(const json& session, const SessionEndClassificatio
     for (const auto& [key, value] : runtime_state.items()) {
       if (!value.is_string()) continue;
       text += SanitizeIdentifier(key) + "=" +
-              SanitizeStateValue(key, value.get_ref<const std::string&>()) + "\n";
+              ReportField(key, value.get_ref<const std::string&>()) + "\n";
     }
   }
   text += "\n=== recent structured steps ===\n";

@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "diagnostics/diagnostic_names.h"
-#include "diagnostics/redaction.h"
+#include "diagnostics/report_text.h"
 
 namespace zul {
 
@@ -95,9 +95,8 @@ Breadcrumb MakeBreadcrumb(const std::string& event, const DiagnosticFields& fiel
                         .details = {}};
   for (const auto& [key, value] : fields) {
     if (breadcrumb.details.size() == kBreadcrumbFieldsMax) break;
-    breadcrumb.details.emplace_back(
-        SanitizeIdentifier(key),
-        ShortenText(SanitizeStateValue(key, value), kBreadcrumbValueBytesMax));
+    breadcrumb.details.emplace_back(SanitizeIdentifier(key),
+                                    ShortenText(ReportField(key, value), kBreadcrumbValueBytesMax));
   }
   return breadcrumb;
 }

@@ -4,10 +4,10 @@
 
 #include <algorithm>
 #include <chrono>
-#include <random>
 
 #include "core/text.h"
 #include "diagnostics/redaction_steps.h"
+#include "tests/support/hostile_texts.h"
 
 namespace zul {
 namespace {
@@ -162,23 +162,6 @@ TEST(SanitizeStateValue, JudgesTheValueWithItsKey) {
   }
 }
 
-std::string Repeated(std::string_view piece, std::size_t size) {
-  std::string text;
-  while (text.size() < size) text.append(piece);
-  text.resize(size);
-  return text;
-}
-
-std::string RandomUtf8(std::size_t size) {
-  std::mt19937 random(1);
-  std::string text;
-  while (text.size() < size - 4) {
-    const auto code_point = static_cast<char32_t>(random() % 0x110000);
-    if (code_point < 0xD800 || code_point > 0xDFFF) AppendUtf8(text, code_point);
-  }
-  return text;
-}
-
 /// The shorter of two runs.
 double Milliseconds(const std::string& text) {
   double best = 1e9;
@@ -195,38 +178,9 @@ double Milliseconds(const std::string& text) {
 
 TEST(RedactSupportText, TakesLinearTimeOnAnyShape) {
   constexpr std::size_t kSize = 131072;
-  const std::string blanks(2000, ' ');
-  std::string keys;
-  for (const char* key :
-       {"license_key", "authorization", "--token", "/access-token", "secret_access_key", "job name",
-        "file_name", "source-label", "authorization:", "secret=", "operator_name:\n"}) {
-    keys += key + blanks;
-  }
-  struct Shape {
-    const char* what;
-    std::string text;
-  };
-  const Shape shapes[] = {
-      {"one letter", Repeated("s", kSize)},
-      {"separators", Repeated("/-", kSize)},
-      {"dots", Repeated("a.", kSize)},
-      {"at signs", Repeated("@", kSize)},
-      {"addresses that are none", Repeated("a.b@", kSize)},
-      {"URLs", Repeated("http://", kSize)},
-      {"markers", Repeated("[redacted-token:[redacted-path:", kSize)},
-      {"no line ends", Repeated("job_name 5 failed ", kSize)},
-      {"keys and blanks", Repeated(keys, kSize)},
-      {"key of line ends", "job_name:" + Repeated("\n", kSize - 10) + ","},
-      {"names side by side", Repeated("a.png)", kSize)},
-      {"dashes", Repeated("-", kSize)},
-      {"random", RandomUtf8(kSize)},
-  };
-  const double ordinary = Milliseconds(
-      Repeated("12:30:05 [INFO ] [updater] download_progress origin_role=primary "
-               "bytes_downloaded=1048576 https://dist.example/p.zip C:\\Users\\jan\\a.tif\n",
-               kSize));
-  for (const Shape& shape : shapes) {
-    EXPECT_LT(Milliseconds(shape.text), 20 * ordinary) << shape.what;
+  const double ordinary = Milliseconds(test::OrdinaryLogText(kSize));
+  for (const test::NamedText& hostile : test::HostileTexts(kSize)) {
+    EXPECT_LT(Milliseconds(hostile.text), 20 * ordinary) << hostile.shape;
   }
 }
 

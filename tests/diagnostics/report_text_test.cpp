@@ -42,6 +42,8 @@ TEST(ReportSentence, HoldsBackWholeValues) {
        "failed, [redacted-path]"},
       {"Update package required file name is unsafe: Jan Novak/wedding.exe",
        "Update package required file name is unsafe: [redacted-filename]"},
+      {"{\"error\":\"Required files are missing: a.tif, job.exe. Supported\",\"stage\":\"x\"}",
+       "{\"error\":\"Required files are missing: [redacted-filename]\",\"stage\":\"x\"}"},
       // Quoted secrets, in JSON and on command lines.
       {"{\"token\":\"x y\", \"customer_name\": \"Novak, Jan; Eva\",\"phase\":\"ok\"}",
        "{\"token\":\"[redacted-token]\", \"customer_name\": \"[redacted-name]\",\"phase\":\"ok\"}"},

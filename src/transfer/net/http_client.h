@@ -32,10 +32,10 @@ struct HttpRequest {
   std::string body;                                 ///< any bytes
   std::int32_t resolve_and_connect_timeout_ms = 0;  ///< 5000 when not above 0
   std::int32_t send_timeout_ms = 0;                 ///< 10000 when not above 0
-  std::int32_t receive_timeout_ms = 0;              ///< 15000 when not above 0
-  std::uint64_t max_response_bytes = 0;             ///< 0 for no limit
-  bool follow_redirects = false;                    ///< never from https to http
-  std::string user_agent;                           ///< UTF-8; "qorva_http/1.0" when empty
+  std::int32_t receive_timeout_ms = 0;   ///< 15000 when not above 0; also of the body as a whole
+  std::uint64_t max_response_bytes = 0;  ///< 0 for no limit
+  bool follow_redirects = false;         ///< never from https to http
+  std::string user_agent;                ///< UTF-8; "qorva_http/1.0" when empty
 };
 
 /// What came back. The request failed exactly when `error` is not empty; what had been read until

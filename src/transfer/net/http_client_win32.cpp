@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <chrono>
+
 #include "transfer/net/http_call.h"
 #include "transfer/winhttp_api_win32.h"
 #include "transfer/winhttp_exchange_win32.h"
@@ -27,10 +29,17 @@ std::string_view Send(WinHttpExchange& exchange, const HttpCall& call, const Htt
                                                                    : "WinHTTP send/receive failed";
 }
 
-/// Reads the body up to `max_bytes`, or all of it for 0; as `Send` for the result.
+/// Reads the body up to `max_bytes`, or all of it for 0; as `Send` for the result. The platform
+/// bounds each wait; a server that drips its answer would hold its caller for hours all the same.
 std::string_view ReadBody(WinHttpExchange& exchange, std::uint64_t max_bytes,
-                          HttpResponse& response, std::uint32_t& code) {
+                          std::chrono::milliseconds timeout, HttpResponse& response,
+                          std::uint32_t& code) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
   for (;;) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      code = kTransportTimeoutCode;
+      return "WinHTTP read data failed";
+    }
     std::size_t available = 0;
     if (!exchange.QueryDataAvailable(available, code)) {
       return "WinHTTP query data available failed";
@@ -68,7 +77,8 @@ class WinHttpClient final : public HttpClient {
     if (failure.empty()) {
       response.effective_url = exchange.EffectiveUrl();
       if (response.effective_url.empty()) response.effective_url = request.url;
-      failure = ReadBody(exchange, request.max_response_bytes, response, code);
+      failure = ReadBody(exchange, request.max_response_bytes,
+                         std::chrono::milliseconds(call.timeouts.receive_ms), response, code);
     }
     if (!failure.empty()) SetHttpFailure(response, failure, code);
     return response;

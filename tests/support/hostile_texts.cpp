@@ -1,0 +1,69 @@
+#include "tests/support/hostile_texts.h"
+
+#include <random>
+#include <string_view>
+
+#include "core/text.h"
+
+namespace zul::test {
+
+namespace {
+
+std::string Repeated(std::string_view piece, std::size_t size) {
+  std::string text;
+  while (text.size() < size) text.append(piece);
+  text.resize(size);
+  return text;
+}
+
+std::string RandomUtf8(std::size_t size) {
+  std::mt19937 random(1);
+  std::string text;
+  while (text.size() < size - 4) {
+    const auto code_point = static_cast<char32_t>(random() % 0x110000);
+    if (code_point < 0xD800 || code_point > 0xDFFF) AppendUtf8(text, code_point);
+  }
+  return text;
+}
+
+/// Every word that announces something private, with nothing but blanks behind it.
+std::string KeysAndBlanks() {
+  std::string keys;
+  for (const char* key :
+       {"license_key", "authorization", "--token", "/access-token", "secret_access_key", "job name",
+        "file_name", "source-label", "authorization:", "secret=", "operator_name:\n"}) {
+    keys += key + std::string(2000, ' ');
+  }
+  return keys;
+}
+
+}  // namespace
+
+std::string OrdinaryLogText(std::size_t size) {
+  return Repeated(
+      "12:30:05 [INFO ] [updater] download_progress origin_role=primary "
+      "bytes_downloaded=1048576 https://dist.example/p.zip C:\\Users\\jan\\a.tif\n",
+      size);
+}
+
+std::vector<NamedText> HostileTexts(std::size_t size) {
+  return {{"one letter", Repeated("s", size)},
+          {"alternating separators", Repeated("/-", size)},
+          {"dots", Repeated("a.", size)},
+          {"at signs", Repeated("@", size)},
+          {"addresses that are none", Repeated("a.b@", size)},
+          {"URL marks", Repeated("http://", size)},
+          {"nested markers", Repeated("[redacted-token:[redacted-path:", size)},
+          {"no line ends", Repeated("job_name 5 failed ", size)},
+          {"every key and blanks", Repeated(KeysAndBlanks(), size)},
+          {"a key and line ends", "job_name:" + Repeated("\n", size - 10) + ","},
+          {"names side by side", Repeated("a.png)", size)},
+          {"dashes", Repeated("-", size)},
+          {"single quotes", Repeated(" '\\", size)},
+          {"open values", Repeated("='a'b", size)},
+          {"blanks before quotes", Repeated(":" + std::string(200, ' ') + "\"", size)},
+          {"tiny fields", Repeated("\"a\":\"b\",", size)},
+          {"random UTF-8", RandomUtf8(size)}};
+}
+
+}  // namespace zul::test
