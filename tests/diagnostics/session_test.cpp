@@ -115,7 +115,7 @@ TEST(SessionClocks, NeverCountBackwards) {
   record.start_ms = 1000;
   record.heartbeat.last_ms = 1000;
   for (const auto& [now_ms, elapsed_ms] : {std::pair{1500u, 500u}, std::pair{999u, 0u}}) {
-    const json session = BuildSessionJson(record, {.steady_ms = now_ms}, json::object());
+    const json session = BuildSessionJson(record, {1, now_ms, 0, ""}, json::object());
     EXPECT_EQ(session["process_uptime_ms"], elapsed_ms);
     EXPECT_EQ(session["ui_heartbeat"]["age_ms"], elapsed_ms);
   }

@@ -32,7 +32,7 @@ class StartedDiagnostics : public testing::Test {
         .executable = data_root / "app/qorva_updater.exe",
         .application_data = {},
         .start_collector = [](const auto&, const auto&) {
-          return CollectorStartResult{.failure_reason = "collector_launch_failed"};
+          return CollectorStartResult{false, {}, "collector_launch_failed"};
         }};
     crash_ = PathFromUtf8(InitDiagnosticsIn(surroundings, config).crash_directory).value();
   }
