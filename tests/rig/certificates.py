@@ -70,7 +70,7 @@ def make_root(name: str, folder: Path) -> tuple[Path, Path]:
 
 
 def make_authority(name: str) -> Authority:
-    names = ",".join(f"DNS:{host}" for host in places.HOSTS)
+    names = ",".join(f"DNS:{host}" for host in (*places.HOSTS, *places.REPORT_HOSTS))
     edition = hashlib.sha256(names.encode()).hexdigest()[:8]
     folder = places.RIG_HOME / "certificates" / f"{name}-{edition}"
     authority = Authority(folder / "root.pem", folder / "server.pem", folder / "server.key")

@@ -5,8 +5,8 @@
         url = server.url(places.PRIMARY_HOST, "/a/package.zip")
 
 Answers are found by host and path; whatever was not laid down is a 404. The system chooses the
-port. Each connection has its own thread, and a stalled one waits until its client leaves or the
-server closes.
+port unless one is asked for. Each connection has its own thread, and a stalled one waits until its
+client leaves or the server closes.
 """
 
 import select
@@ -54,6 +54,8 @@ class Request(NamedTuple):
     path: str  # with its query
     headers: dict[str, str]  # names in lower case
     secure: bool
+    method: str = "GET"
+    body: bytes = b""
 
 
 class Connection(socketserver.StreamRequestHandler):
@@ -90,7 +92,8 @@ class Connection(socketserver.StreamRequestHandler):
             name, _, value = header.partition(":")
             headers[name.strip().lower()] = value.strip()
         host = headers.get("host", "").rpartition(":")[0] or headers.get("host", "")
-        request = Request(host, line[1], headers, self.server.secure)
+        body = self.rfile.read(int(headers.get("content-length", "0")))
+        request = Request(host, line[1], headers, self.server.secure, line[0], body)
         return self.answer(self.server.owner.take(request))
 
     def answer(self, reply: Reply) -> bool:
@@ -150,8 +153,8 @@ class Listener(socketserver.ThreadingTCPServer):
     daemon_threads = True
     block_on_close = False
 
-    def __init__(self, owner: "HttpsServer", secure: bool):
-        super().__init__(("127.0.0.1", 0), Connection)
+    def __init__(self, owner: "HttpsServer", secure: bool, address: str, port: int):
+        super().__init__((address, port), Connection)
         self.owner = owner
         self.secure = secure
         threading.Thread(target=self.serve_forever, args=(0.05,), daemon=True).start()
@@ -160,7 +163,8 @@ class Listener(socketserver.ThreadingTCPServer):
 class HttpsServer:
     """The server, and a second listener in plain text that only notes who comes by."""
 
-    def __init__(self, trusted: Authority, stranger: Authority):
+    def __init__(self, trusted: Authority, stranger: Authority, address: str = "127.0.0.1",
+                 port: int = 0):
         self.lock = threading.Lock()
         self.replies: dict[tuple[str, str], Reply] = {}
         self.seen: list[Request] = []
@@ -173,8 +177,8 @@ class HttpsServer:
                 connection.context = untrusted
 
         self.tls.sni_callback = choose
-        self.listener = Listener(self, secure=True)
-        self.plain = Listener(self, secure=False)
+        self.listener = Listener(self, True, address, port)
+        self.plain = Listener(self, False, address, 0)
 
     def __enter__(self) -> "HttpsServer":
         return self

@@ -7,7 +7,7 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
 BUILD = Path(os.environ.get("QORVA_WINDOWS_BUILD", ROOT / "build" / "windows"))
-RIG_HOME = ROOT / "build" / "rig"
+RIG_HOME = Path(os.environ.get("QORVA_RIG_HOME", ROOT / "build" / "rig"))
 WINE_HOME = RIG_HOME / "wine"
 
 UPDATER = BUILD / "src" / "app" / "qorva_updater.exe"
@@ -32,4 +32,9 @@ SECOND_MIRROR_HOST = deployment("QORVA_HOST_MIRROR_2")
 # The second mirror's name is on the list, but here it answers with a certificate nobody trusts.
 UNTRUSTED_HOST = SECOND_MIRROR_HOST
 FOREIGN_HOST = "files.elsewhere.example"
+# Where a failed run tries to send its report. Nobody answers there unless a run brings a server.
+REPORT_ORIGINS = [deployment(f"QORVA_REPORT_ORIGIN_{origin}").removeprefix("https://").partition(":")
+                  for origin in ("PRIMARY", "MIRROR")]
+REPORT_HOSTS = tuple(host for host, _, _ in REPORT_ORIGINS)
+REPORT_PORT = int(REPORT_ORIGINS[0][2] or 443)
 HOSTS = (DISTRIBUTION_HOST, PRIMARY_HOST, MIRROR_HOST, SECOND_MIRROR_HOST, FOREIGN_HOST)

@@ -30,6 +30,7 @@ class Sandbox:
         self.prefix = places.WINE_HOME / "prefix"
         self.drive_c = self.prefix / "drive_c"
         self.environment: dict[str, str] = {}
+        self.hosts_file = HOSTS_FILE
         self.in_use: io.TextIOWrapper | None = None
 
     def start(self) -> "Sandbox":
@@ -41,7 +42,7 @@ class Sandbox:
             fcntl.flock(self.in_use, fcntl.LOCK_SH)
             session("start")
             self.install_caption_font()
-            hosts = "".join(f"127.0.0.1 {host}\n" for host in places.HOSTS)
+            hosts = "".join(f"127.0.0.1 {host}\n" for host in (*places.HOSTS, *places.REPORT_HOSTS))
             if not HOSTS_FILE.exists() or HOSTS_FILE.read_text() != hosts:
                 HOSTS_FILE.write_text(hosts)
             self.load_environment()
@@ -90,6 +91,10 @@ class Sandbox:
                 link.unlink()
                 link.mkdir()
 
+    def user_folder(self, user: str) -> Path:
+        """The profile of a user; a program that runs with USER set to the name has it for its own."""
+        return self.drive_c / "users" / user
+
     def install_restart_manager(self) -> None:
         # Wine's own knows no holder of any file. This one says what a run was told to have it say.
         installed = self.drive_c / "windows" / "system32" / places.RESTART_MANAGER.name
@@ -130,7 +135,7 @@ class Sandbox:
     def environment_with_hosts(self) -> dict[str, str]:
         """For programs that have to find the deployment's hosts, and for their children."""
         return {**self.environment, "LD_PRELOAD": "libnss_wrapper.so",
-                "NSS_WRAPPER_HOSTS": str(HOSTS_FILE)}
+                "NSS_WRAPPER_HOSTS": str(self.hosts_file)}
 
     def paint_desktop(self) -> None:
         """A quiet background for screenshots. The tool says that it failed when it did not."""
