@@ -91,6 +91,8 @@ bool ReadEvidenceRecord(const fs::Path& path, json* record, std::string* error) 
 }
 
 std::optional<json> ParseEvidenceRecord(std::string_view bytes) {
+  // The parser takes a NUL for the end and would pass over whatever stands behind it.
+  if (bytes.find('\0') != std::string_view::npos) return std::nullopt;
   bool too_deep = false;
   const auto within_depth = [&](int depth, json::parse_event_t /*event*/, json& /*value*/) {
     too_deep = too_deep || depth > kEvidenceDepthMax;

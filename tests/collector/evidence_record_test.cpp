@@ -110,10 +110,11 @@ TEST(EvidenceRecord, TakesOnlyWholeObjectsOfItsSchema) {
     }
   }
   for (const std::string& text :
-       {"{" + kSchemaField + "} // comment", "[{" + kSchemaField + "}]", std::string("{}"),
-        "{" + other + "}", "{" + kSchemaField + "," + other + "}",
-        "{" + kSchemaField + ",\"x\":\"caf\xE9\"}", "{" + kSchemaField + ",\"x\":1e999}",
-        nested(kEvidenceDepthMax + 1), nested(65000), std::string(kEvidenceBytesMax, '[')}) {
+       {"{" + kSchemaField + "} // comment", "{" + kSchemaField + "}" + std::string(1, '\0'),
+        "[{" + kSchemaField + "}]", std::string("{}"), "{" + other + "}",
+        "{" + kSchemaField + "," + other + "}", "{" + kSchemaField + ",\"x\":\"caf\xE9\"}",
+        "{" + kSchemaField + ",\"x\":1e999}", nested(kEvidenceDepthMax + 1), nested(65000),
+        std::string(kEvidenceBytesMax, '[')}) {
     EXPECT_FALSE(ParseEvidenceRecord(text)) << text.substr(0, 100);
   }
 }
