@@ -1,5 +1,5 @@
-// The process entry. Its whole job is to split the command line and pick the mode; it holds no
-// update logic.
+// The process entry. Its whole job is to split the command line, pick the mode, and start
+// diagnostics for the mode that needs them; it holds no update logic.
 
 #include <windows.h>
 
@@ -12,7 +12,9 @@
 #include "collector/collector.h"
 #include "collector/observer.h"
 #include "core/system_library_win32.h"
+#include "diagnostics/diagnostics.h"
 #include "update/driver.h"
+#include "update/version_query.h"
 
 namespace zul {
 
@@ -28,12 +30,20 @@ bool IsObserver(int argc, const wchar_t* const* argv) {
   return argc > 1 && argv[1] != nullptr && std::wcscmp(argv[1], L"--observe") == 0;
 }
 
+void StartDiagnostics() {
+  DiagnosticsConfig config;
+  config.display_name = "QORVA Updater";
+  config.log_base_name = "qorva_updater";
+  InitDiagnostics(config);
+}
+
 int ProcessEntry() {
   RestrictLibrarySearch();
   int argc = 0;
   const ArgumentVector argv(::CommandLineToArgvW(::GetCommandLineW(), &argc));
   if (!argv) argc = 0;  // a command line that cannot be split is one without arguments
   if (IsObserver(argc, argv.get())) return RunObserver(argc, argv.get());
+  if (!AsksForVersion(argc, argv.get())) StartDiagnostics();
   const int exit_code = RunUpdateDriver(argc, argv.get());
   RecordProcessExitCode(static_cast<std::uint32_t>(exit_code));
   return exit_code;

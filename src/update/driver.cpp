@@ -9,11 +9,11 @@
 #include "core/process_environment.h"
 #include "core/system_error.h"
 #include "core/text.h"
+#include "diagnostics/diagnostics.h"
 #include "package/extract.h"
 #include "package/layout.h"
 #include "trace/chain_events.h"
 #include "transfer/url_policy.h"
-#include "update/dialogs.h"
 #include "update/install_classification.h"
 #include "update/restart.h"
 #include "update/run_without_request.h"
@@ -33,14 +33,18 @@ constexpr std::uint32_t kLongestPathUnits = 32768;
 StageResult ValidateStage(UpdateRun& run) {
   std::string error;
   if (ValidateUpdateRequest(run.request, &error)) return std::nullopt;
-  ShowUpdaterError(error.empty() ? "Updater arguments are invalid." : error);
-  return kExitFailure;
+  return FailBeforeWindow(run.request, "validate",
+                          error.empty() ? "Updater arguments are invalid." : error);
 }
 
 StageResult RefuseArchiveModeStage(UpdateRun& run) {
-  if (!ClassifyInstallTarget(run.request.restart_exe).is_archive) return std::nullopt;
-  ShowInstallerMigrationDialog({});
-  return kExitArchiveMigrationRequired;
+  const InstallClassification target = ClassifyInstallTarget(run.request.restart_exe);
+  if (!target.is_archive) return std::nullopt;
+  return RefuseArchiveMode(
+      run.request,
+      "QORVA archive mode requires installer migration; reject normal portable "
+      "update package for archive mode; target reason: " +
+          target.reason);
 }
 
 /// A copy that runs from inside the folder that it must update hands over to one outside.
@@ -48,13 +52,14 @@ StageResult IsolateHelperStage(UpdateRun& run) {
   bool relaunched = false;
   std::string error;
   if (!RelaunchFromTargetIfNeeded(run.request, relaunched, &error)) {
-    ShowUpdaterError(error.empty()
-                         ? "Cannot relaunch updater helper outside the update target directory."
-                         : error);
-    return kExitFailure;
+    return FailBeforeWindow(
+        run.request, "isolate_helper",
+        error.empty() ? "Cannot relaunch updater helper outside the update target directory."
+                      : error);
   }
-  if (relaunched) return kExitDone;
-  return std::nullopt;
+  if (!relaunched) return std::nullopt;
+  ShutdownDiagnostics();
+  return kExitDone;
 }
 
 StageResult PrepareStage(UpdateRun& run) {

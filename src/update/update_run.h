@@ -47,12 +47,23 @@ struct RunFailureContext {
   UpdateProgressWindow& progress_window;
 };
 
-/// The tail of a failed run: takes the window off the screen, tells the user, gives the exit code.
+// The tails of a run that ends otherwise than with the application restarted: each queues a report,
+// takes the window off the screen, tells the user, ends diagnostics in order, and gives the exit
+// code. Ending diagnostics may take 15 s, and as long again as the request of an upload in flight.
+
+/// The tail of a failed run.
 [[nodiscard]] int FailRun(const RunFailureContext& context, std::string_view message);
 
 /// The tail of a failed apply, which offers the current installer.
 [[nodiscard]] int FailApply(const RunFailureContext& context, std::string_view message,
                             std::string_view selected_url);
+
+/// The tail of a run that failed in `stage`, before there was a window.
+[[nodiscard]] int FailBeforeWindow(const UpdateRequest& request, std::string_view stage,
+                                   std::string_view message);
+
+/// The tail that sends an archive-mode installation to the installer.
+[[nodiscard]] int RefuseArchiveMode(const UpdateRequest& request, std::string_view message);
 
 /// `FailRun` with `prefix` and the run's stage error.
 [[nodiscard]] int FailRunWithStageError(UpdateRun& run, std::string_view prefix);

@@ -31,6 +31,11 @@ EXTRACTED = ["extract_start", "extract_ok"]
 RETIRED = ["retired_install_executable_removed"] * 3
 SUCCESS = [*trace_log.CHAIN_BEFORE_REMOVALS, *RETIRED, *trace_log.CHAIN_AFTER_REMOVALS]
 
+# What diagnostics may leave, and nothing else: the log beside the updater, and in the user's profile
+# one report for each run that failed.
+LOG = re.compile(r"logs/qorva_updater_\d{8}\.log")
+REPORT = re.compile(r"QORVA/crashes/pending_reports/qorva_updater_error_\d{8}_\d{6}_\d+\.json")
+
 Text = str | re.Pattern
 
 
@@ -73,10 +78,11 @@ class EndToEnd(unittest.TestCase):
 
     def files_outside(self, scene: Scene) -> dict[str, str]:
         """Every file of drive C: that no run may touch: not those of Wine's own folder, nor those of
-        scenes that run at the same time."""
+        scenes, which have folders and users of their own."""
         files = {}
-        for top in self.sandbox.drive_c.iterdir():
-            if top.name not in ("windows", "rig") and top.is_dir():
+        users = self.sandbox.drive_c / "users"
+        for top in (*self.sandbox.drive_c.iterdir(), *users.iterdir()):
+            if top.is_dir() and top.name not in ("windows", "rig", "users") and top.name[:4] != "rig-":
                 files |= {f"{top.name}/{path}": digest for path, digest in packages.snapshot(top).items()}
         files |= {path.name: "" for path in self.sandbox.drive_c.iterdir()}
         files |= {f"scene/{path.name}": "" for path in scene.folder.iterdir()}
@@ -116,6 +122,8 @@ class EndToEnd(unittest.TestCase):
         """The installation, apart from what the application itself wrote, byte for byte."""
         files = packages.snapshot(scene.install)
         files.pop(programs.MARK, None)
+        if scene.started_inside:
+            files = {path: digest for path, digest in files.items() if not LOG.fullmatch(path)}
         self.assertEqual(packages.digests(tree), files)
 
     def assert_marks(self, scene: Scene, *marks: str) -> None:
@@ -125,6 +133,9 @@ class EndToEnd(unittest.TestCase):
         self.assertEqual(scene.outside, self.files_outside(scene))
         config = {str(scene.trace_path.relative_to(scene.config))} if scene.trace_path.exists() else set()
         self.assertEqual(config, set(packages.snapshot(scene.config)))
+        left = packages.snapshot(scene.roaming)
+        self.assertEqual([], [path for path in left if not REPORT.fullmatch(path)])
+        self.assertEqual(scene.failures, len(left), left)
 
     def assert_workspace(self, scene: Scene, kept: tuple[str, ...]) -> None:
         """One workspace with exactly these entries."""

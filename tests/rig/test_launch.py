@@ -2,6 +2,7 @@
 installation, and the version query."""
 
 import json
+import os
 import unittest
 
 import end_to_end as e2e
@@ -112,6 +113,7 @@ class Launch(e2e.EndToEnd):
                 self.assert_no_workspace(scene)
                 self.assert_nothing_outside(scene)
                 self.assertEqual([], programs_from(scene.windows(scene.folder)))
+                self.assertEqual([scene.updater.name], os.listdir(scene.updater.parent))  # no log
 
 
 if __name__ == "__main__":

@@ -6,6 +6,7 @@ import shutil
 import subprocess
 import tempfile
 import time
+import zlib
 from collections.abc import Callable
 from dataclasses import dataclass, field
 from pathlib import Path
@@ -35,14 +36,21 @@ class Scene:
     def __init__(self, sandbox: Sandbox, name: str):
         self.sandbox = sandbox
         self.folder = sandbox.drive_c / "rig" / name
+        # A user of its own, since crash evidence and reports lie in the user's profile.
+        self.user = f"rig-{zlib.crc32(name.encode()):08x}"
+        self.profile = sandbox.user_folder(self.user)
         self.runs: list[UpdaterRun] = []
+        self.failures = 0  # runs that had to leave a report
+        self.started_inside = False  # whether one was started from the installation
         self.clear()
         self.install = self.folder / INSTALL_FOLDER
         self.config = self.folder / "config"
         self.temp = self.folder / "temp"
         self.notes = self.folder / "notes"  # the rig's own
         self.holders = self.notes / "holders"  # what the Restart Manager is to say
-        for made in (self.install, self.config, self.temp, self.notes, self.folder / "updater"):
+        self.roaming = self.profile / "AppData" / "Roaming"
+        for made in (self.install, self.config, self.temp, self.notes, self.folder / "updater",
+                     self.roaming):
             made.mkdir(parents=True)
         self.updater = self.folder / "updater" / "qorva_updater.exe"
         shutil.copyfile(places.UPDATER, self.updater)
@@ -50,6 +58,14 @@ class Scene:
     @property
     def trace_path(self) -> Path:
         return self.config / "QORVA" / "logs" / "update_trace.log"
+
+    @property
+    def crashes(self) -> Path:
+        return self.roaming / "QORVA" / "crashes"
+
+    @property
+    def reports(self) -> Path:
+        return self.crashes / "pending_reports"
 
     def windows(self, path: Path) -> str:
         return self.sandbox.windows_path(path)
@@ -67,6 +83,7 @@ class Scene:
     def clear(self) -> None:
         self.end()
         shutil.rmtree(self.folder, ignore_errors=True)
+        shutil.rmtree(self.profile, ignore_errors=True)
 
     def arguments(self, *, url: str, sha256: str, fallback: str = "", pid: int = 0,
                   required: tuple[str, ...] = (packages.APPLICATION,),
@@ -80,7 +97,9 @@ class Scene:
                 *(f"--required-payload-file={name}" for name in required)]
 
     def begin(self, arguments: list[str], *, program: Path | None = None, **options) -> "UpdaterRun":
-        self.runs.append(UpdaterRun(self, program or self.updater, arguments, **options))
+        program = program or self.updater
+        self.started_inside |= program.parent == self.install and program.name != packages.APPLICATION
+        self.runs.append(UpdaterRun(self, program, arguments, **options))
         return self.runs[-1]
 
     def run(self, arguments: list[str], **options) -> Outcome:
@@ -114,10 +133,12 @@ class UpdaterRun:
         windows = scene.sandbox.windows_path
         self.launcher = subprocess.Popen(
             ["wine", windows(places.LAUNCHER), windows(self.notes / "job"), windows(self.notes / "report")],
-            env=scene.sandbox.environment_with_hosts(), stdin=subprocess.DEVNULL,
+            env={**scene.sandbox.environment_with_hosts(), "USER": scene.user},
+            stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE if output == "pipe" else self.output_file,
             stderr=subprocess.DEVNULL)
         self.pid = int(self.report("pid"))
+        self.asked_for_update = any(argument.startswith("--target-dir=") for argument in arguments)
         self.reader = DialogReader(scene.sandbox, self.pid, button, timeout, on_box) if dialogs else None
 
     def report(self, key: str) -> str:
@@ -144,9 +165,20 @@ class UpdaterRun:
         output = self.take_output()
         code = self.report("exit")
         dialogs = self.reader.finish() if self.reader else []
+        self.await_observer()
+        if self.asked_for_update and code in ("2", "18"):
+            self.scene.failures += 1
         shutil.rmtree(self.notes)
         return Outcome(int(code) if code.isdigit() else code, output, dialogs, seconds,
                        trace_log.read(self.scene.trace_path))
+
+    def await_observer(self) -> None:
+        """An observer outlives its run by the moment that it takes to write down how it ended."""
+        end = time.monotonic() + 10
+        while any(" --observe " in program.command for program in self.scene.running()):
+            if time.monotonic() > end:
+                raise TimeoutError(f"an observer stays: {self.scene.running()}")
+            time.sleep(0.01)
 
     def take_output(self) -> bytes:
         with self.output_file:
