@@ -211,11 +211,12 @@ class Privacy(ReportRuns):
             "user information": {"download-url": f"https://zzqlogin:zzqword@{places.PRIMARY_HOST}/p.zip",
                                  "target-dir": None, "restart-exe": None},
             "a foreign URL": {"download-url": "C:\\Users\\Zzquser Zzqsurname\\p.zip",
-                              "fallback-download-url": "Job Name: zzqjob, zzqcustomer"},
+                              "fallback-download-url": "Job Name: zzqjob, zzqcustomer",
+                              "target-dir": None, "restart-exe": None},
             "URLs": {"download-url": base["download-url"] + URL_PRIVATE,
                      "fallback-download-url":
                          f"https://{places.MIRROR_HOST}/zzqperson%40zzqmail.example/a%20zzqblank.zip"
-                         + URL_PRIVATE},
+                         + URL_PRIVATE, "sha256": "zzqdigest", "target-dir": None, "restart-exe": None},
         }.items():
             with self.subTest(name):
                 scene = self.scene(name)
