@@ -1,9 +1,7 @@
 #include "package/zip_reader.h"
 
-#include <algorithm>
 #include <optional>
 #include <utility>
-#include <vector>
 
 // minizip-ng's headers use these without including them.
 #include <mz.h>
@@ -14,6 +12,7 @@
 #include <zlib.h>
 
 #include "package/failure.h"
+#include "package/zip_end_records.h"
 #include "package/zip_names.h"
 #include "package/zip_stream.h"
 
@@ -32,12 +31,6 @@ constexpr std::size_t kLocalUncompressedSize = 22;
 constexpr std::size_t kLocalNameLength = 26;
 constexpr std::size_t kLocalExtraLength = 28;
 constexpr std::size_t kLocalHeaderBytes = 30;
-
-// End of central directory record, APPNOTE 4.3.16.
-constexpr std::uint32_t kEndRecordSignature = 0x06054B50;
-constexpr std::size_t kEndRecordBytes = 22;
-constexpr std::size_t kEndRecordCommentLength = 20;
-constexpr std::int64_t kEndRecordAndCommentMax = 65557;
 
 // Zip64 extended information, APPNOTE 4.5.3: it holds, in this order, the 64-bit value of each size
 // whose 32-bit field is all ones.
@@ -87,12 +80,13 @@ struct ZipReader::State {
     return zip && mz_zip_entry_get_info(zip, &info) == MZ_OK ? info : nullptr;
   }
 
+  ZipStatus Walked(ZipStatus status);
   ZipStatus ReadLocalHeader();
   ZipStatus CheckExtent(std::int64_t data_begin, std::int64_t compressed_size);
 
   ZipFileStream stream;
   void* zip = nullptr;
-  std::int64_t directory_begin = 0;  // known from the first step of the walk on
+  ZipDirectoryWalk walked;  // begins with the first step of the walk
   Opened opened = Opened::kNothing;
   ZipHeaderFields local;
   std::string local_bytes;  // name and extra field of a header that was read by itself
@@ -100,6 +94,15 @@ struct ZipReader::State {
   std::uint32_t crc = 0;
   bool read_to_end = false;
 };
+
+// The library walks from the directory that it found for as long as there are records. Whether that
+// is the directory which the end of the file tells of shows when the walk is over.
+ZipStatus ZipReader::State::Walked(ZipStatus status) {
+  if (status == kZipOk) ++walked.entries;
+  if (status != kZipEndOfList) return status;
+  walked.end = mz_zip_get_entry(zip);
+  return ZipEndRecordsAgree(stream, walked) ? status : kZipFormatError;
+}
 
 // The library reads a local header only together with setting up a decompressor, which costs many
 // times as much. So the walk over all headers reads them itself.
@@ -133,7 +136,7 @@ ZipStatus ZipReader::State::ReadLocalHeader() {
 // An entry lies before the central directory. One that reaches into it, or past the end of the
 // file, is no entry.
 ZipStatus ZipReader::State::CheckExtent(std::int64_t data_begin, std::int64_t compressed_size) {
-  if (data_begin > directory_begin || compressed_size > directory_begin - data_begin) {
+  if (data_begin > walked.begin || compressed_size > walked.begin - data_begin) {
     return kZipFormatError;
   }
   extent.end = data_begin + compressed_size;
@@ -164,21 +167,7 @@ bool ZipReader::is_open() const {
 }
 
 bool ZipReader::HasZipEndRecord() {
-  if (!state_) return false;
-  ZipFileStream& stream = state_->stream;
-  std::vector<char> tail(
-      static_cast<std::size_t>(std::min(stream.size(), kEndRecordAndCommentMax)));
-  if (tail.size() < kEndRecordBytes) return false;
-  if (stream.Seek(stream.size() - static_cast<std::int64_t>(tail.size())) != kZipOk) return false;
-  if (stream.ReadExactly(tail.data(), static_cast<std::int32_t>(tail.size())) != kZipOk)
-    return false;
-  const std::string_view bytes(tail.data(), tail.size());
-  for (std::size_t at = bytes.size() - kEndRecordBytes + 1; at-- > 0;) {
-    if (LittleEndian32(bytes, at) != kEndRecordSignature) continue;
-    const std::size_t comment_length = LittleEndian16(bytes, at + kEndRecordCommentLength);
-    if (at + kEndRecordBytes + comment_length == bytes.size()) return true;
-  }
-  return false;
+  return state_ && HasExactZipEndRecord(state_->stream);
 }
 
 std::int64_t ZipReader::file_size() const {
@@ -196,12 +185,13 @@ ZipStatus ZipReader::DiskWithCentralDirectory(std::uint32_t* disk_number) const 
 ZipStatus ZipReader::GoToFirstEntry() {
   if (!is_open()) return kZipBadParameter;
   const ZipStatus status = mz_zip_goto_first_entry(state_->zip);
-  state_->directory_begin = mz_zip_get_entry(state_->zip);
-  return status;
+  state_->walked = {.begin = mz_zip_get_entry(state_->zip)};
+  return state_->Walked(status);
 }
 
 ZipStatus ZipReader::GoToNextEntry() {
-  return is_open() ? mz_zip_goto_next_entry(state_->zip) : kZipBadParameter;
+  if (!is_open()) return kZipBadParameter;
+  return state_->Walked(mz_zip_goto_next_entry(state_->zip));
 }
 
 bool ZipReader::CentralHeader(ZipCentralHeader* header) const {

@@ -59,7 +59,8 @@ class ZipReader {
   [[nodiscard]] ZipStatus DeclaredEntryCount(std::uint64_t* count) const;
   [[nodiscard]] ZipStatus DiskWithCentralDirectory(std::uint32_t* disk_number) const;
 
-  /// Walk the central directory. kZipEndOfList behind its last entry.
+  /// Walk the central directory. kZipEndOfList behind its last entry; kZipFormatError there when
+  /// the records at the end of the archive tell of another directory.
   [[nodiscard]] ZipStatus GoToFirstEntry();
   [[nodiscard]] ZipStatus GoToNextEntry();
 
