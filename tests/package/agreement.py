@@ -1,0 +1,215 @@
+"""Holds what the package room extracts against what other readers make of the same archives.
+
+usage: agreement.py EXTRACT_PACKAGES [--verbose]
+
+Archives: the table of hostile ones, the seeds and findings of the fuzzer, and packages of up to a few
+thousand real files made by the writers that this machine has. Whatever we accept, at least two of
+Python, bsdtar, 7z and unzip must read as the same names and bytes.
+"""
+
+import argparse
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+import zipfile
+from collections.abc import Iterator
+from dataclasses import dataclass
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT / "tests" / "rig"))
+
+import hostile_archives  # noqa: E402
+from hostile_archives import Expected, Tree  # noqa: E402
+
+# Names without the flag of UTF-8 are read in each of these; what we read must be one of the readings.
+CHARSETS = {"utf-8": "65001", "cp866": "866", "cp1251": "1251"}
+
+# Where we hold a reading of our own, with the reason; what these accept is checked by their rows.
+OWN_READING = {
+    "Windows-1251 said to be UTF-8": "bytes that are no UTF-8 are a legacy name, whatever the flag says",
+    "Unicode path in the local header only": "a Unicode path counts wherever it stands",
+    "Unicode path for a name that is UTF-8": "a name that needs no Unicode path is not overruled by one",
+    "corpus names": "one archive with names in three encodings",
+}
+
+
+@dataclass
+class Archive:
+    name: str
+    path: Path
+    expected: Expected | None = None  # None: whatever others say
+
+
+# -- readers: the files of an archive, or None for one that the reader does not take
+
+def python_reads(path: Path, charset: str, _scratch: Path) -> Tree | None:
+    try:
+        with zipfile.ZipFile(path, metadata_encoding=charset) as archive:
+            return {info.filename: archive.read(info) for info in archive.infolist()
+                    if not info.filename.endswith(("/", "\\"))}
+    except (zipfile.BadZipFile, UnicodeError, NotImplementedError, ValueError, OSError, EOFError):
+        return None
+
+
+def bsdtar_reads(path: Path, charset: str, scratch: Path) -> Tree | None:
+    return extracted_by(scratch, "bsdtar", "-xf", path, "-C", scratch, "--options", f"zip:hdrcharset={charset}")
+
+
+def seven_zip_reads(path: Path, charset: str, scratch: Path) -> Tree | None:
+    return extracted_by(scratch, "7z", "x", "-y", f"-mcp={CHARSETS[charset]}", f"-o{scratch}", path)
+
+
+def extracted_by(scratch: Path, *command: object) -> Tree | None:
+    done = subprocess.run([str(part) for part in command], stdin=subprocess.DEVNULL, capture_output=True,
+                          timeout=120, env={**os.environ, "LC_ALL": "C.UTF-8"})
+    return files_below(scratch) if done.returncode in (0, 1) else None  # 1 is a warning
+
+
+def unzip_reads(path: Path, _charset: str, scratch: Path) -> Tree | None:
+    return extracted_by(scratch, "unzip", "-qq", path, "-d", scratch)
+
+
+READERS = {"Python": python_reads, "bsdtar": bsdtar_reads, "7z": seven_zip_reads, "unzip": unzip_reads}
+
+
+def files_below(folder: Path) -> Tree:
+    """A link counts as a file that holds its target, as it stands in an archive."""
+    return {str(path.relative_to(folder)): os.fsencode(path.readlink()) if path.is_symlink() else path.read_bytes()
+            for path in folder.rglob("*") if path.is_symlink() or path.is_file()}
+
+
+def without_clutter(tree: Tree) -> Tree:
+    def is_clutter(part: str) -> bool:
+        return part.startswith("._") or part.lower() in ("__macosx", ".ds_store")
+
+    plain = {name.replace("\\", "/"): data for name, data in tree.items()}
+    return {name: data for name, data in plain.items() if not any(map(is_clutter, name.split("/")))}
+
+
+def agreeing(archive: Archive, ours: Tree, enough: int) -> list[str]:
+    found = []
+    for name, reads in READERS.items():
+        if len(found) == enough:
+            break
+        for charset in CHARSETS:
+            with tempfile.TemporaryDirectory() as scratch:
+                theirs = reads(archive.path, charset, Path(scratch))
+            if theirs is not None and without_clutter(theirs) == ours:
+                found.append(name)
+                break
+    return found
+
+
+# -- archives
+
+def made_by_hand(folder: Path) -> Iterator[Archive]:
+    folder.mkdir()
+    for number, case in enumerate(hostile_archives.cases()):
+        path = folder / f"{number:03}.zip"
+        path.write_bytes(case.archive)
+        yield Archive(case.name, path, case.expected if case.native is None else case.native)
+
+
+def of_the_fuzzer(folder: Path) -> Iterator[Archive]:
+    folder.mkdir()
+    for kind in ("corpus", "findings"):
+        for seed in sorted((ROOT / "tests" / "fuzz" / kind / "zip_extract").glob("*")):
+            yield Archive(f"{kind} {seed.name}", Path(shutil.copyfile(seed, folder / f"{kind}-{seed.name}.zip")))
+
+
+REAL_FILES = "/usr/share/cmake-*"  # some three thousand, on every machine that builds this
+WRITERS = {  # each runs in the folder that holds "tree"
+    "zip": "zip -qr ARCHIVE tree",
+    "zip, stored": "zip -qr -0 ARCHIVE tree",
+    "zip, Zip64": "zip -qr -fz ARCHIVE tree",
+    "7z": "7z a -bd -tzip ARCHIVE tree",
+    "7z, UTF-8 throughout": "7z a -bd -tzip -mcu=on -mx=1 ARCHIVE tree",
+    "Python": "python3 -m zipfile -c ARCHIVE tree",
+    "Python to a pipe": "python3 -c \"import pathlib,sys,zipfile; z=zipfile.ZipFile(sys.stdout.buffer,'w',8);"
+                        "[z.write(p) for p in sorted(pathlib.Path('tree').rglob('*'))]; z.close()\" | cat > ARCHIVE",
+}
+# These put only some of an entry's CRC and sizes into its local header and the rest behind its data.
+# A header that half agrees with the directory is refused.
+REFUSED_WRITERS = {
+    "zip to a pipe": "zip -qr - tree | cat > ARCHIVE",
+    "bsdtar": "bsdtar --format zip -cf ARCHIVE tree",
+}
+HALF_KNOWN = hostile_archives.SIZES_DIFFER
+
+
+def plant_tree(tree: Path, count: int) -> None:
+    """Real files, some of them once more under names that are long, Cyrillic or deep."""
+    sources = [path for folder in sorted(Path("/").glob(REAL_FILES[1:])) for path in sorted(folder.rglob("*"))
+               if path.is_file() and not path.is_symlink()][:count]
+    for number, source in enumerate(sources):
+        names = [source.relative_to("/usr/share")]
+        if number % 10 == 0:
+            names += [Path("Документы", "Профили печати № 7", f"Отчёт о цветопробе {number} «ё».txt"),
+                      Path("n" * 100, f"{number:03}" + "long name " * 24 + "x"),
+                      Path(*(f"уровень {level}" for level in range(30)), f"{number}")]
+        for name in names:
+            (tree / name).parent.mkdir(parents=True, exist_ok=True)
+            shutil.copyfile(source, tree / name)
+
+
+def made_by_writers(folder: Path, count: int, writers: dict[str, str], expected: Expected | None = None,
+                    ) -> Iterator[Archive]:
+    plant_tree(folder / "tree", count)
+    for number, (name, command) in enumerate(writers.items()):
+        path = folder / f"{number}.zip"
+        subprocess.run(["sh", "-c", command.replace("ARCHIVE", path.name)], cwd=folder, check=True, timeout=300,
+                       stdout=subprocess.DEVNULL, env={**os.environ, "LC_ALL": "C.UTF-8"})
+        yield Archive(f"{count} files by {name}", path, expected)
+
+
+# -- what has to hold
+
+def extract(program: str, archives: list[Archive]) -> list[tuple[Archive, str, Tree]]:
+    """What we say to each archive, and the files that we make of it."""
+    lines = "".join(f"{archive.path}\t{archive.path.with_suffix('.out')}\n" for archive in archives)
+    done = subprocess.run([program], input=lines, capture_output=True, text=True, timeout=300)
+    if done.returncode != 0:
+        raise RuntimeError(f"{program} ended with {done.returncode}: {done.stderr}")
+    return [(archive, said, files_below(archive.path.with_suffix(".out")))
+            for archive, said in zip(archives, done.stdout.splitlines(), strict=True)]
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser()
+    parser.add_argument("program")
+    parser.add_argument("--verbose", action="store_true", help="name the readers that see something else")
+    options = parser.parse_args()
+    faults = []
+    with tempfile.TemporaryDirectory() as name:
+        work = Path(name)
+        few = [*made_by_hand(work / "hand"), *of_the_fuzzer(work / "fuzzer"),
+               *made_by_writers(work / "few", 40, WRITERS),
+               *made_by_writers(work / "refused", 40, REFUSED_WRITERS, HALF_KNOWN)]
+        accepted = 0
+        for archive, said, tree in extract(options.program, few):
+            if not hostile_archives.meets(archive.expected, said or tree):
+                faults.append(f"{archive.name}: {said or tree} instead of {archive.expected}")
+            if said or archive.name in OWN_READING:
+                continue
+            accepted += 1
+            readers = agreeing(archive, tree, len(READERS) if options.verbose else 2)
+            if len(readers) < 2:
+                faults.append(f"{archive.name}: agrees with {readers or 'no other reader'}")
+            if options.verbose and len(readers) < len(READERS):
+                print(f"{archive.name}: not as {', '.join(READERS.keys() - set(readers))}")
+        many = list(made_by_writers(work / "many", 4000, {name: WRITERS[name] for name in ("zip", "7z", "Python")}))
+        planted = files_below(work / "many")
+        planted = {name: data for name, data in planted.items() if name.startswith("tree/")}
+        for archive, said, tree in extract(options.program, many):
+            if said or tree != planted:
+                faults.append(f"{archive.name}: {said or 'not the files that were packed'}")
+    print(*faults, sep="\n")
+    print(f"{len(few)} archives, {accepted} accepted as others read them; {len(many)} packages of {len(planted)} files")
+    return 1 if faults else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
