@@ -106,7 +106,7 @@ class Apply(e2e.EndToEnd):
     def test_refuses_a_folder_under_the_name_of_a_retired_executable(self) -> None:
         scene = self.scene("retired folder")
         (scene.install / "zul_rip.exe").mkdir()
-        outcome = self.begin(scene, button="no").finish()
+        outcome = self.begin(scene).finish()
         self.assertEqual(2, outcome.exit_code)
         error = ("Retired executable target is not a regular root-level file: "
                  f"'{scene.windows(scene.install)}\\zul_rip.exe'.")

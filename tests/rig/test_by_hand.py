@@ -51,14 +51,19 @@ class ByHand(e2e.EndToEnd):
                 self.assert_nothing_outside(scene)
                 scene.clear()  # the next one looks for its window
 
-    def test_says_where_to_go_without_an_application(self) -> None:
-        scene = self.scene("alone")
-        (scene.updater.parent / packages.INSTALLER_MARKER).write_bytes(b"{}")
-        outcome = scene.run([])
-        self.assertEqual(2, outcome.exit_code)
-        self.assert_dialog(outcome, AUTOMATIC + "Cannot find qorva_gui.exe next to the updater. "
-                           "Please open QORVA and use Settings > Update.")
-        self.assert_nothing_outside(scene)
+    def test_says_why_no_application_comes(self) -> None:
+        for name, files, message in [
+            ("alone", {}, AUTOMATIC + "Cannot find qorva_gui.exe next to the updater. Please open QORVA "
+             "and use Settings > Update."),
+            ("no program", {packages.APPLICATION: b"MZ"}, "Cannot restart application after update."),
+        ]:
+            with self.subTest(name):
+                scene = self.scene(name)
+                packages.write_tree(scene.updater.parent, {**files, packages.INSTALLER_MARKER: b"{}"})
+                outcome = scene.run([])
+                self.assertEqual(2, outcome.exit_code)
+                self.assert_dialog(outcome, message)
+                self.assert_nothing_outside(scene)
 
     def test_sends_an_archive_copy_to_the_installer(self) -> None:
         scene = self.scene("archive")

@@ -22,6 +22,8 @@ DOWNLOAD, VERIFY, APPLY = "update.download", "update.verify", "update.apply"
 
 # What each event of a run carries beside the fields of its stage.
 DERIVED = {
+    "relaunch_installed_helper_from_target_root": Derived(None),
+    "launch_isolated_updater_helper": Derived(None),
     "updater_run_start": Derived(APPLY, "start"),
     "download_start": Derived(DOWNLOAD, "start"),
     "download_redirect_resolution": Derived(DOWNLOAD),

@@ -115,14 +115,14 @@ class UpdaterRun:
 
     def __init__(self, scene: Scene, program: Path, arguments: list[str], *, button: str = "ok",
                  output: str = "pipe", timeout: float = 90, on_box: Callable[[], None] | None = None,
-                 dialogs: bool = True):
+                 dialogs: bool = True, folder: Path | None = None):
         self.scene = scene
         self.timeout = timeout
         self.started = time.monotonic()
         self.notes = Path(tempfile.mkdtemp(prefix="run.", dir=scene.notes))
         command = subprocess.list2cmdline([scene.windows(program), *arguments])
-        folder = scene.windows(program.parent)
-        lines = [f"command={command}", f"folder={folder}", f"timeout_ms={int(timeout * 1000)}",
+        current = scene.windows(folder or program.parent)
+        lines = [f"command={command}", f"folder={current}", f"timeout_ms={int(timeout * 1000)}",
                  f"env=TEMP={scene.windows(scene.temp)}", f"env=TMP={scene.windows(scene.temp)}",
                  f"env=QORVA_CONFIG_HOME={scene.windows(scene.config)}",
                  f"env=QORVA_RIG_HOLDERS={scene.windows(scene.holders)}"]

@@ -1,0 +1,143 @@
+"""Libraries of the system's names where an attacker may write: beside the updater, in the folder of
+its helper, and in the current folder. None of them may be loaded.
+
+What the system loads by itself before a program's first instruction cannot be planted on Windows,
+where those libraries are known ones; Wine has no such list, so they are left out here.
+"""
+
+import re
+import subprocess
+import threading
+import time
+import unittest
+from pathlib import Path
+
+import packages
+import places
+import programs
+import test_self_replace
+from desktop import Browser
+from https_server import Reply
+from updater_run import Scene
+
+# Known to every Windows that is supported: taken from the system folder whoever asks for them.
+KNOWN = {f"{name}.dll" for name in (
+    "advapi32 clbcatq combase comdlg32 coml2 gdi32 gdiplus imagehlp imm32 kernel32 msctf msvcrt nsi "
+    "normaliz ole32 oleaut32 psapi rpcrt4 sechost setupapi shcore shell32 shlwapi user32 wldap32 "
+    "ws2_32").split()}
+# Wine's message boxes load these late, and its late loading does not keep to a folder once chosen.
+LATE_UNDER_WINE = {"msimg32.dll"}
+LOOKED_UP = ("winhttp.dll", "wintrust.dll", "crypt32.dll", "dbghelp.dll", "rstrtmgr.dll")
+PLANT = places.PROGRAMS / "planted_library.dll"
+LOADER = places.PROGRAMS / "library_loader.exe"
+HELD = "qorva.exe"
+
+
+def headers(binary: Path) -> str:
+    return subprocess.run(["x86_64-w64-mingw32-objdump", "-p", binary], check=True, text=True,
+                          capture_output=True).stdout
+
+
+def imported_libraries(binary: Path) -> set[str]:
+    return {name.lower() for name in re.findall(r"DLL Name: (\S+)", headers(binary))}
+
+
+class ImportTable(unittest.TestCase):
+    def test_everything_else_is_loaded_from_the_system_folder(self) -> None:
+        self.assertLessEqual(imported_libraries(places.UPDATER), KNOWN)
+        self.assertIn("Entry d 0000000000000000 00000000 Delay Import", headers(places.UPDATER))
+        calls = {file.name for file in (places.ROOT / "src").rglob("*.*")
+                 if re.search(r"\bLoad(Library|PackagedLibrary)", file.read_text("utf-8", "ignore"))}
+        self.assertLessEqual(calls, {"system_library_win32.cpp", "system_library_win32.h"})
+
+
+class PlantedLibraries(test_self_replace.FromInside):
+    def setUp(self) -> None:
+        """One file for each name, to be linked: a library that is loaded is known by its file."""
+        self.scene_under_test = self.scene("planted")
+        self.pool = self.scene_under_test.notes / "pool"
+        self.pool.mkdir()
+        self.names = [*LOOKED_UP, *sorted(self.names_in_system_folder() - set(LOOKED_UP))]
+        for name in self.names:
+            (self.pool / name).write_bytes(PLANT.read_bytes())
+        # Like Windows, and other than by itself, Wine then takes the first file that it comes to.
+        stems = ",".join(name.removesuffix(".dll") for name in self.names)
+        self.sandbox.environment["WINEDLLOVERRIDES"] += f";{stems}=native,builtin"
+
+    def names_in_system_folder(self) -> set[str]:
+        """Every library of the prefix, but for those that come with the process itself."""
+        system = self.sandbox.drive_c / "windows" / "system32"
+        early, left = set(), imported_libraries(places.UPDATER)
+        while left:
+            early |= left
+            left = set().union(*(imported_libraries(system / name) for name in left
+                                 if (system / name).exists())) - early
+        return {path.name.lower() for path in system.glob("*.dll")} - early - KNOWN - LATE_UNDER_WINE
+
+    def plant(self, folder: Path) -> None:
+        for name in self.names:
+            if not (folder / name).exists():
+                (folder / name).hardlink_to(self.pool / name)
+
+    def plant_in_helper_folder(self, scene: Scene, planted: list[Path]) -> None:
+        """As soon as it is there; what stands in `planted` came before the helper began to work."""
+        while not (folders := list(scene.temp.glob("zul_updater_launch_*"))):
+            time.sleep(0.0005)
+        self.plant(folders[0])
+        if "updater_run_start" not in scene.trace_path.read_text("utf-8"):
+            planted += folders
+
+    def loaded_by(self, scene: Scene, program: str) -> list[Path]:
+        return [path for path in scene.folder.rglob("*.loaded")
+                if program.lower() in path.read_text("utf-8").lower()]
+
+    def test_a_whole_update_loads_none_of_them(self) -> None:
+        scene = self.scene_under_test
+        current = scene.notes / "current"
+        current.mkdir()
+        for folder in (scene.install, current):
+            self.plant(folder)
+        planted: list[Path] = []
+        planter = threading.Thread(target=self.plant_in_helper_folder, args=(scene, planted), daemon=True)
+        planter.start()
+        # A file is held until it has asked who holds it, and signatures have to be verified.
+        asked = scene.holders.with_name("holders.calls")
+        with programs.Hold(self.sandbox, scene.install / HELD, "--stop-file",
+                           scene.windows(asked)) as hold:
+            hold.expect_held()
+            outcome = self.hand_over(scene, self.arguments(
+                scene, "--require-signed-payload-binaries=1"), folder=current)
+        planter.join()
+        self.assertEqual("restart_ok", outcome.trace[-1]["stage"], outcome.trace[-1])
+        self.assertTrue(asked.exists())
+        self.assertEqual([self.helper_folder(scene, outcome)], planted)
+        self.assertEqual([], self.loaded_by(scene, "updater.exe"))
+        self.check_that_the_plants_work(scene, [scene.install, *planted])
+
+    def test_a_failed_update_and_a_started_browser_load_none_of_them(self) -> None:
+        scene = self.scene_under_test
+        self.plant(scene.updater.parent)
+        browser = Browser(self.sandbox, scene.notes, self.addCleanup)
+        browser.set_up(in_reach=True)
+        package = packages.zip_of({packages.APPLICATION: b"MZ, but nobody signed it"})
+        url = self.serve(scene, places.PRIMARY_HOST, Reply(body=package))
+        outcome = scene.run([*scene.arguments(url=url, sha256=packages.sha256_of(package)),
+                             "--require-signed-payload-binaries=1"], button="yes")
+        self.assertEqual((2, [places.deployment("QORVA_PAGE_URL")]),
+                         (outcome.exit_code, browser.opened(1)), outcome.dialogs)
+        self.assertEqual([], self.loaded_by(scene, "updater.exe"))
+        self.check_that_the_plants_work(scene, [scene.updater.parent])
+
+    def check_that_the_plants_work(self, scene: Scene, folders: list[Path]) -> None:
+        for folder in folders:
+            loader = folder / "library_loader.exe"
+            loader.write_bytes(LOADER.read_bytes())
+            paths = self.sandbox.run(scene.windows(loader), *LOOKED_UP).splitlines()
+            self.assertEqual([scene.windows(folder / name).lower() for name in LOOKED_UP],
+                             [path.lower() for path in paths])
+            self.assertEqual(sorted(folder / f"{name}.loaded" for name in LOOKED_UP),
+                             sorted(self.loaded_by(scene, scene.windows(loader))))
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,156 @@
+"""The updater started from the folder that it has to update: a copy in the temporary folder takes
+over, and the installed file is replaced like any other."""
+
+import json
+import os
+import re
+import shutil
+import time
+import unittest
+from pathlib import Path
+
+import certificates
+import end_to_end as e2e
+import packages
+import places
+import programs
+import trace_log
+from https_server import Reply
+from updater_run import Outcome, Scene
+
+UPDATER = "qorva_updater.exe"
+HANDOVER = ["relaunch_installed_helper_from_target_root", "launch_isolated_updater_helper"]
+PROOF = ".qorva_update_restart_proof.json"
+DAY = 24 * 3600
+
+
+class FromInside(e2e.EndToEnd):
+    """Runs of an installed updater, with the next one in a package whose binaries are signed."""
+
+    @classmethod
+    def setUpClass(cls) -> None:
+        super().setUpClass()
+        cls.installed = {**cls.installed, UPDATER: places.UPDATER.read_bytes()}
+        cls.payload.pop("color_engine.dll")
+        sign = certificates.make_code_authority("trusted").sign
+        cls.payload[UPDATER] = sign(cls.installed[UPDATER])
+        cls.payload[packages.APPLICATION] = sign(cls.payload[packages.APPLICATION])
+        cls.package = packages.zip_of(cls.payload)
+
+    def arguments(self, scene: Scene, *more: str) -> list[str]:
+        url = self.serve(scene, places.PRIMARY_HOST, Reply(body=self.package))
+        return [*scene.arguments(url=url, sha256=packages.sha256_of(self.package),
+                                 required=(packages.APPLICATION, UPDATER)), *more]
+
+    def hand_over(self, scene: Scene, arguments: list[str], **options) -> Outcome:
+        """The installed updater's own outcome, with the trace of both processes."""
+        outcome = scene.run(arguments, program=scene.install / UPDATER, **options)
+        self.assertEqual((0, []), (outcome.exit_code, outcome.dialogs))
+        end = time.monotonic() + 60
+        while any("zul_updater.exe" in program.command for program in scene.running()):
+            self.assertLess(time.monotonic(), end, trace_log.read(scene.trace_path))
+            time.sleep(0.02)
+        outcome.trace = trace_log.read(scene.trace_path)
+        return outcome
+
+    def assert_left(self, scene: Scene, unobserved: int) -> None:
+        """Nothing, except by processes that found no observer, which is looked for beside them under
+        the updater's usual name: what they wrote down at their start stays."""
+        sessions = scene.crashes / "compact_process"
+        left = [json.loads(path.read_bytes())["event"] for path in sessions.glob("*/incident.json")]
+        self.assertEqual(["observer_started"] * unobserved, left)
+        if unobserved:
+            shutil.rmtree(sessions)
+        self.assert_nothing_outside(scene)
+
+    def helper_folder(self, scene: Scene, outcome: Outcome) -> Path:
+        (event,) = (event for event in outcome.trace if event["stage"] == HANDOVER[1])
+        return self.sandbox.unix_path(event["runtime_dir"])
+
+
+class SelfReplace(FromInside):
+    def test_a_copy_outside_replaces_the_installed_updater(self) -> None:
+        scene = self.scene("inside")
+        libraries = {"vcruntime140.dll": b"the application's", "z.dll": b"another of its"}
+        packages.write_tree(scene.install, libraries)
+        week = [("zul_updater_launch_1_1", 8, True, False), ("zul_updater_launch_2_1", 6, True, True),
+                ("zul_updater_launch_3_1", 8, False, True), ("zul_updater_launc", 8, True, True),
+                ("my_zul_updater_launch_4_1", 8, True, True), ("qorva_updater_5", 8, True, True)]
+        for name, days, is_folder, _ in week:
+            packages.write_tree(scene.temp, {f"{name}/zul_updater.exe" if is_folder else name: b"old"})
+            os.utime(scene.temp / name, (time.time() - days * DAY,) * 2)
+
+        outcome = self.hand_over(scene, self.arguments(scene))
+        self.assert_trace(scene, outcome, [*HANDOVER, *e2e.SUCCESS])
+        helper = self.helper_folder(scene, outcome)
+        installed = {"installed_helper": scene.windows(scene.install / UPDATER)}
+        self.assert_details(outcome, {
+            HANDOVER[0]: {**installed, "target_dir": scene.windows(scene.install),
+                          "restart_exe": scene.windows(scene.install / packages.APPLICATION)},
+            HANDOVER[1]: {**installed, "copied_runtime_dlls": "2",
+                          "isolated_helper": scene.windows(helper / "zul_updater.exe")}})
+        self.assert_marks(scene, *programs.marks_of_start(2))
+        self.assert_installed(scene, packages.updated_tree({**self.installed, **libraries}, self.payload))
+        self.assertRegex(helper.name, r"^zul_updater_launch_\d+_\d+$")
+        self.assertEqual(packages.digests({"zul_updater.exe": self.installed[UPDATER], **libraries}),
+                         {path: digest for path, digest in packages.snapshot(helper).items()
+                          if not path.startswith("logs/")})
+        self.assertEqual(sorted([helper.name, *(name for name, _, _, stays in week if stays)]),
+                         sorted(os.listdir(scene.temp)))
+        self.assert_left(scene, unobserved=1)
+
+    def test_the_copy_gets_the_whole_request(self) -> None:
+        # The target is spelled in another way, and is the updater's own folder all the same.
+        scene = self.scene("headless")
+        arguments = [argument for argument in self.arguments(
+            scene, "--headless-restart-version-proof=1", "--require-signed-payload-binaries=1",
+            "--target-dir=" + scene.windows(scene.install).upper() + "\\.",
+            "--fallback-download-url=" + self.serve(scene, places.MIRROR_HOST, Reply(body=self.package)))
+            if not argument.startswith("--target-dir=" + scene.windows(scene.install))]
+        self.serve(scene, places.PRIMARY_HOST, Reply(status=503))
+        outcome = self.hand_over(scene, arguments)
+        names = trace_log.names(outcome.trace)
+        self.assertEqual(HANDOVER, names[:2])
+        self.assertIn("download_fallback_ok", names)
+        self.assert_details(outcome, {
+            "payload_binary_signature_validate": {"checked_pe_files": "2"},
+            "restart_ok": {"restart_exe": scene.windows(scene.install / packages.APPLICATION)},
+            "restart_start": {"restart_mode": "headless_version_proof"}})
+        self.assert_marks(scene, "start 2.0.0 qorva_gui.exe ", "proof ")
+        self.assertEqual("2.0.0", json.loads((scene.install / PROOF).read_bytes())["version"])
+        (scene.install / PROOF).unlink()
+        self.assert_installed(scene, packages.updated_tree(self.installed, self.payload))
+        self.assertEqual([self.helper_folder(scene, outcome).name], os.listdir(scene.temp))
+
+    def test_says_why_no_copy_takes_over(self) -> None:
+        no_program = packages.noise(5_000, "no program")
+        launch_failed = re.compile(
+            r"Cannot launch isolated updater helper process: helper='(.*\\zul_updater_launch_\d+_\d+)"
+            r"\\zul_updater\.exe', runtime_dir='\1'\.")
+        for name, program, changes, message, events in [
+            ("no helper", "setup.exe", {}, "Updater helper must be named qorva_updater.exe or "
+             "zul_updater.exe.", []),
+            ("no folder", UPDATER, {}, "Cannot create temporary updater helper directory.", HANDOVER[:1]),
+            ("no program", "zul_updater.exe", {UPDATER: no_program}, launch_failed, HANDOVER),
+        ]:
+            with self.subTest(name):
+                scene = self.scene(name)
+                tree = {**self.installed, program: self.installed[UPDATER], **changes}
+                if program == "setup.exe":
+                    tree.pop(UPDATER)
+                    (scene.install / UPDATER).unlink()
+                packages.write_tree(scene.install, tree)
+                if name == "no folder":
+                    scene.temp.rmdir()
+                    scene.temp.write_bytes(b"")
+                outcome = scene.run(self.arguments(scene), program=scene.install / program)
+                self.assertEqual(2, outcome.exit_code, outcome.dialogs)
+                self.assert_dialog(outcome, message)
+                self.assert_trace(scene, outcome, events)
+                self.assert_installed(scene, tree)
+                self.assert_left(scene, unobserved=int(program != UPDATER or UPDATER in changes))
+                self.assertEqual([], scene.running())
+
+
+if __name__ == "__main__":
+    unittest.main()
