@@ -21,6 +21,7 @@ import places
 import programs
 import rehearsal_release
 import trace_log
+from end_to_end import REPORT
 from https_server import HttpsServer, Reply
 from rehearsal_release import Release
 from rehearsal_report import (TimedEvent, changes_between, heading, megabytes, paint, print_changes,
@@ -176,12 +177,14 @@ def judge_failure(scene: Scene, release: Release, outcome: Outcome,
         ("the installation is as it was, byte for byte",
          [path for path in sorted(after.keys() | before.keys()) if after.get(path) != before.get(path)]),
         ("the workspace is kept for support", [] if len(scene.workspaces()) == 1 else ["it is gone"]),
-        *promises_of_every_run(scene, outside),
+        *promises_of_every_run(scene, outside, REPORT),
     ]
 
 
-def promises_of_every_run(scene: Scene, outside: dict[str, str]) -> list[tuple[str, list[str]]]:
-    users = packages.snapshot(scene.sandbox.drive_c / "users")
+def promises_of_every_run(scene: Scene, outside: dict[str, str],
+                          allowed: re.Pattern = re.compile("(?!)")) -> list[tuple[str, list[str]]]:
+    users = {path: digest for path, digest in packages.snapshot(scene.sandbox.drive_c / "users").items()
+             if not allowed.fullmatch(path.removeprefix(f"{scene.user}/AppData/Roaming/"))}
     return [
         ("every event carries its derived keys", trace_log.faults(scene.trace_path)),
         ("nothing is written elsewhere in the user's folders",
