@@ -135,10 +135,21 @@ std::size_t StringEnd(std::string_view text, std::size_t pos) {
   return pos;
 }
 
+/// The marker that takes the place of any value of such a key; empty when its values may stay.
+std::string MarkerOfKey(std::string_view key) {
+  const std::string pair = std::string(key) + "=x";
+  const std::string redacted = RedactKeyedNames(RedactKeyedSecrets(pair));
+  if (redacted == pair) return {};
+  const bool same_key =
+      std::string_view(redacted).starts_with(std::string_view(pair).substr(0, key.size() + 1));
+  return same_key ? redacted.substr(key.size() + 1) : std::string(kRedactedToken);
+}
+
 /// The contents of a string between its quotes for a report, in the form that they had.
 std::string WithholdString(std::string_view key, std::string_view contents) {
   std::string quoted = "\"";
   quoted.append(contents).append("\"");
+  if (contents.find('\\') == kNone && ReportField(key, contents) == contents) return quoted;
   const json value = json::parse(quoted, nullptr, false);
   if (!value.is_string()) return "\"" + ReportField(key, contents) + "\"";
   return json(ReportField(key, value.get_ref<const std::string&>()))
@@ -178,7 +189,7 @@ std::string WithholdText(std::string_view text) {
   std::string out;
   for (;;) {
     const std::size_t end = text.find('\n');
-    out += WithholdLine(text.substr(0, end));
+    if (end != 0) out += WithholdLine(text.substr(0, end));
     if (end == kNone) return out;
     out += '\n';
     text.remove_prefix(end + 1);
@@ -226,9 +237,8 @@ std::string ReportField(std::string_view key, std::string_view value) {
   if (Contains(kPathKeys, key)) return std::string(kRedactedPath);
   if (key == "url" || key.ends_with("_url")) return ReportUrl(value);
   // A key that makes any value private does so for the whole of it.
-  constexpr std::string_view kHarmless = "x";
-  std::string of_any_value = SanitizeStateValue(key, kHarmless);
-  if (of_any_value != kHarmless) return of_any_value;
+  if (std::string marker = MarkerOfKey(key); !marker.empty()) return marker;
+  if (kKeyBytes.Skip(value, 0) == value.size()) return std::string(value);  // a mere word
   return SanitizeStateValue(key, WithholdText(value));
 }
 
