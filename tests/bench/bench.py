@@ -78,12 +78,15 @@ class Bench:
 
     def run_windows(self, program: str, *arguments: object) -> list[float]:
         """The numbers that a program of the benchmark prints."""
+        return [float(number) for number in self.output_of(program, *arguments).split()]
+
+    def output_of(self, program: str, *arguments: object) -> str:
         done = subprocess.run(["wine", self.sandbox.windows_path(PROGRAMS / program), *map(str, arguments)],
                               env=self.sandbox.environment_with_hosts(), stdin=subprocess.DEVNULL,
                               capture_output=True, text=True, timeout=300)
         if done.returncode != 0:
             raise RuntimeError(f"{program} ended with {done.returncode}: {done.stderr.strip()}")
-        return [float(number) for number in done.stdout.split()]
+        return done.stdout
 
     # -- one round of one package
 
@@ -217,6 +220,18 @@ def print_memory_and_window(bench: Bench) -> None:
               100 * http, "", None))
 
 
+def print_redaction(bench: Bench) -> None:
+    """128 KiB of texts made to be slow beside as much of ordinary log text: alone, and as the text of
+    a report."""
+    lines = [line.split("\t") for line in bench.output_of("redaction_times.exe").splitlines()]
+    for label, column in (("redaction", 1), ("text of a report", 2)):
+        ordinary = float(lines[0][column])
+        for shape, *ratios in lines[1:]:
+            ratio = float(ratios[column - 1])
+            print(row(label, shape, f"{ratio * ordinary:.1f} ms", lines[0][0], f"{ordinary:.1f} ms", ratio,
+                      "", 4))
+
+
 def row(label: str, package: str, updater: str, beside: str, tools: str, ratio: float, spread: str,
         aim: float | None) -> str:
     verdict = "" if aim is None else "met" if ratio <= aim else "missed"
@@ -247,6 +262,7 @@ def main() -> None:
                 bench.round(work, number)
         print_table(bench, rounds)
         print_memory_and_window(bench)
+        print_redaction(bench)
     finally:
         bench.close()
 
