@@ -1,0 +1,178 @@
+// Dies as it is told, under the eyes of an observer. For the tests of the collector.
+//
+//   die_on_demand.exe CRASH_FOLDER INSTALL_FOLDER WAY [SECRET]
+//
+// Starts the collector and prints one line of JSON: "ready", "reason", "session", and "rva" and
+// "thread" of what is going to crash. Then it waits for the end of its standard input and dies in
+// that way; the ways stand at the end of this file. SECRET is text that no evidence may hold: it is
+// in the command line, on the heap and on the stack.
+// Exit codes of its own: 64 wrong arguments, 99 it lived on.
+
+#include <windows.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <thread>
+
+#include "collector/collector.h"
+#include "core/text.h"
+#include "tests/rig/programs/program_support_win32.h"
+
+namespace {
+
+using namespace zul;
+
+constexpr DWORD kDeclaredCode = 7;
+constexpr DWORD kIllegalInstruction = 0xC000001D;
+
+[[noreturn]] void SleepForEver() {
+  for (;;) ::Sleep(INFINITE);
+}
+
+void ExitDeclared() {
+  RecordProcessExitCode(1);  // the last one counts
+  RecordProcessExitCode(kDeclaredCode);
+  ::ExitProcess(kDeclaredCode);
+}
+
+void ExitOther() {
+  RecordProcessExitCode(kDeclaredCode);
+  ::ExitProcess(kDeclaredCode + 1);
+}
+
+void ExitUndeclared() {
+  ::ExitProcess(kDeclaredCode);
+}
+
+void WriteNull() {
+  volatile int* volatile nowhere = nullptr;
+  *nowhere = 1;
+}
+
+/// More callers than are told.
+void WriteNullDeepDown() {
+  static int depth = 0;
+  void (*volatile next)() = depth < 100 ? WriteNullDeepDown : WriteNull;
+  ++depth;
+  next();
+  next = nullptr;  // so that the call is not the last thing to do
+}
+
+/// In large steps: the compiler touches a large frame before it moves the stack pointer, so that
+/// there is room below for the handling of the overflow. Wine gives none, whatever it was asked
+/// for.
+void OverflowStack() {
+  void (*volatile again)() = OverflowStack;
+  std::array<volatile char, 65536> much;
+  much[0] = 1;
+  again();
+  much[1] = 1;  // so that the call is not the last thing to do
+}
+
+void Throw() {
+  throw std::runtime_error("nobody catches this");
+}
+
+/// While the first crash waits for the observer, which the test holds up, a second thread crashes
+/// in another way and ends the process.
+void CrashTwice() {
+  std::thread([emergency = CompactSessionDirectory() / "emergency.bin"] {
+    std::error_code ec;
+    while (fs::SizeOf(emergency, ec) == 0) ::Sleep(10);
+    ::Sleep(200);
+    ::RaiseException(kIllegalInstruction, 0, 0, nullptr);
+  }).detach();
+  WriteNull();
+}
+
+/// Another thread holds the locks of all heaps: whoever asks for memory from now on waits for ever.
+void CrashWithHeapsLocked() {
+  static const HANDLE held = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  std::thread([] {
+    std::array<HANDLE, 64> heaps;
+    const DWORD count = ::GetProcessHeaps(static_cast<DWORD>(heaps.size()), heaps.data());
+    for (DWORD i = 0; i < count; ++i) ::HeapLock(heaps[i]);
+    ::SetEvent(held);
+    SleepForEver();
+  }).detach();
+  ::WaitForSingleObject(held, INFINITE);
+  WriteNull();
+}
+
+/// The unwind information of this function says that it continues in itself, so that whoever walks
+/// the stack goes round in it ("x64 exception handling" in the platform's documentation). It ends
+/// by std::terminate, which does not walk it.
+void TerminateInALoopOfUnwinding() {
+  CONTEXT here;
+  ::RtlCaptureContext(&here);
+  DWORD64 image = 0;
+  const RUNTIME_FUNCTION* const function = ::RtlLookupFunctionEntry(here.Rip, &image, nullptr);
+  constexpr std::size_t kHeadSize = 4;
+  auto* const info = reinterpret_cast<unsigned char*>(image + function->UnwindData);
+  DWORD before = 0;
+  if (::VirtualProtect(info, kHeadSize + sizeof *function, PAGE_READWRITE, &before) == FALSE)
+    return;
+  std::memset(info, 0, kHeadSize);
+  info[0] = 1 | UNW_FLAG_CHAININFO << 3;  // version 1, no codes
+  std::memcpy(info + kHeadSize, function, sizeof *function);
+  std::terminate();
+}
+
+/// The filter that is there before the collector's: as if somebody had handled everything, so that
+/// the system neither asks nor calls for a debugger.
+LONG WINAPI EndQuietly(EXCEPTION_POINTERS* /*exception*/) {
+  return EXCEPTION_EXECUTE_HANDLER;
+}
+
+struct Way {
+  std::string_view name;
+  void (*die)();
+};
+constexpr Way kWays[] = {{"exit-declared", ExitDeclared},
+                         {"exit-other", ExitOther},
+                         {"exit-undeclared", ExitUndeclared},
+                         {"abort", std::abort},
+                         {"wait", SleepForEver},
+                         {"null-write", WriteNull},
+                         {"deep-null-write", WriteNullDeepDown},
+                         {"stack-overflow", OverflowStack},
+                         {"uncaught", Throw},
+                         {"crash-twice", CrashTwice},
+                         {"heaps-locked", CrashWithHeapsLocked},
+                         {"unwind-loop", TerminateInALoopOfUnwinding}};
+
+void PrintStart(const CollectorStartResult& start, void (*die)()) {
+  const auto base = reinterpret_cast<std::uintptr_t>(::GetModuleHandleW(nullptr));
+  const nlohmann::json line = {{"ready", start.ready},
+                               {"reason", start.failure_reason},
+                               {"session", start.session_directory},
+                               {"rva", reinterpret_cast<std::uintptr_t>(die) - base},
+                               {"thread", ::GetCurrentThreadId()}};
+  rig::PrintLine(line.dump());
+}
+
+}  // namespace
+
+int wmain() {
+  const std::vector<std::string> arguments = rig::CommandLineArguments();
+  if (arguments.size() < 3) return rig::kUsageExit;
+  const auto crash_folder = PathFromUtf8(arguments[0]);
+  const auto install_folder = PathFromUtf8(arguments[1]);
+  for (const Way& way : kWays) {
+    if (way.name != arguments[2] || !crash_folder || !install_folder) continue;
+    ::SetUnhandledExceptionFilter(EndQuietly);
+    PrintStart(StartCompactCollector(*crash_folder, *install_folder), way.die);
+    std::array<char, 256> secret{};  // on the stack, beside what is walked
+    if (arguments.size() > 3) arguments[3].copy(secret.data(), secret.size() - 1);
+    while (std::fgets(secret.data() + 128, 64, stdin) != nullptr) {
+    }
+    way.die();
+    return secret[0] == '\0' ? 98 : 99;
+  }
+  return rig::kUsageExit;
+}
