@@ -123,9 +123,9 @@ class PlantedLibraries(test_self_replace.FromInside):
         url = self.serve(scene, places.PRIMARY_HOST, Reply(body=package))
         outcome = scene.run([*scene.arguments(url=url, sha256=packages.sha256_of(package)),
                              "--require-signed-payload-binaries=1"], button="yes")
+        self.assertEqual([], self.loaded_by(scene, "updater.exe"))
         self.assertEqual((2, [places.deployment("QORVA_PAGE_URL")]),
                          (outcome.exit_code, browser.opened(1)), outcome.dialogs)
-        self.assertEqual([], self.loaded_by(scene, "updater.exe"))
         self.check_that_the_plants_work(scene, [scene.updater.parent])
 
     def check_that_the_plants_work(self, scene: Scene, folders: list[Path]) -> None:
