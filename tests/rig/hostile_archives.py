@@ -73,7 +73,7 @@ UNSAFE_NAMES: tuple[str | bytes, ...] = (
 # Odd and still one plain name: nothing on Windows reads these as another one.
 SAFE_NAMES = (
     "a\u202egpj.exe", "\u2066a\u2069.txt", "a\u0085b", "\ufeffa", "\u200b", "\uff0e\uff0e\uff0fa", "\u2025\u2215a",
-    "conx", "com0", "com\u2074", ".hidden", "...a", "LONGNA~1.TXT", "a" * 200, "-rf", "$(id)", "%TEMP%",
+    "conx", "com0", "com\u2074", ".hidden", "...a", "LONGNA~1.TXT", "a" * 100, "-rf", "$(id)", "%TEMP%",
     "d/" * 30 + "a", "A\u030a.txt", "\u00c5.txt", "имя/жук.icc", "dir\\sub\\a",
 )
 
@@ -324,6 +324,11 @@ def meets(expected: Expected | None, seen: str | Tree) -> bool:
     if isinstance(expected, re.Pattern):
         return isinstance(seen, str) and expected.fullmatch(seen) is not None
     return expected is None or seen == expected
+
+
+def cases_for_the_executable() -> list[Case]:
+    """All but two thirds of the unsafe names: about a third of a second each."""
+    return [case for number, case in enumerate(cases()) if case.expected != UNSAFE or number % 3 == 0]
 
 
 def cases() -> list[Case]:

@@ -10,8 +10,10 @@ client leaves or the server closes.
 """
 
 import select
+import socket
 import socketserver
 import ssl
+import struct
 import threading
 import time
 from dataclasses import dataclass
@@ -38,6 +40,8 @@ class Reply:
     pause: tuple[int, float] | None = None  # after so many bytes nothing for so many seconds
     stall_after: int | None = None  # sends so many bytes, then nothing more
     cut_after: int | None = None  # sends so many bytes, then closes the connection
+    reset: bool = False  # closes it with a reset
+    endless: bool = False  # sends the body again and again
     bytes_per_second: int | None = None
     block: int = BLOCK  # bytes handed to the network at a time
 
@@ -126,6 +130,8 @@ class Connection(socketserver.StreamRequestHandler):
             self.wait_for_the_end()
             return False
         if reply.cut_after is not None:
+            if reply.reset:
+                self.request.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
             return False
         if reply.chunked:
             self.request.sendall(b"0\r\n\r\n")
@@ -133,6 +139,8 @@ class Connection(socketserver.StreamRequestHandler):
 
     @staticmethod
     def blocks(reply: Reply, limit: int):
+        while reply.endless:
+            yield reply.body
         if isinstance(reply.body, bytes):
             for start in range(0, limit, reply.block):
                 yield reply.body[start:min(start + reply.block, limit)]

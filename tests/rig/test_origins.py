@@ -85,6 +85,52 @@ class Origins(e2e.EndToEnd):
                 self.assert_details(outcome, {"download_selected": {"selected_url": url},
                                               "download_complete": {"origin_role": "rf_fallback"}})
 
+    def hops(self, name: str, count: int) -> Reply:
+        """An answer that is `count` redirects away from the package, over two hosts in turn."""
+        reply = Reply(body=self.good_package)
+        for number in range(count):
+            host = (places.PRIMARY_HOST, places.DISTRIBUTION_HOST)[number % 2]
+            reply = redirect(self.server.on(host, f"/{name}/{number}", reply))
+        return reply
+
+    def test_takes_the_package_however_it_is_sent(self) -> None:
+        good = self.good_package
+        for name, primary in [
+            ("ten redirects", self.hops("ten", 10)),
+            ("declares more than it sends", Reply(body=good, declared_length=len(good) + 1000)),
+            ("declares nothing", Reply(body=good, declared_length=None)),
+            ("small chunks", Reply(body=good, chunked=True, block=97)),
+            ("partial content", Reply(status=206, body=good)),
+        ]:
+            with self.subTest(name):
+                scene, outcome = self.update(name, primary)
+                self.assert_updated(scene, outcome)
+
+    def test_refuses_transfers_that_are_not_the_package(self) -> None:
+        good = self.good_package
+        mismatch = f"Update checksum validation failed: {MISMATCH}"
+        lost = re.compile(r"Update download failed: WinHTTP send/receive failed \(code=\d+\)")
+        loop = self.server.on(places.PRIMARY_HOST, "/loop/a", redirect(
+            self.server.url(places.DISTRIBUTION_HOST, "/loop/b")))
+        self.server.on(places.DISTRIBUTION_HOST, "/loop/b", redirect(loop))
+        fetched = [*e2e.PREPARED, *e2e.FETCHED, *e2e.VERIFIED]
+        self.check_failures([Failure(name, mismatch, fetched, primary=primary, kept=(e2e.PACKAGE,),
+                                     details={"download_complete": {"bytes_downloaded": str(taken)}})
+                             for name, primary, taken in (
+            # Nothing bounds a drip: only its end does.
+            ("drip", Reply(body=good[:8], declared_length=None, bytes_per_second=1, block=1), 8),
+            ("declares less than it sends", Reply(body=good, declared_length=len(good) - 1000), len(good) - 1000),
+            # On Windows the read fails instead, and the mirror would be asked.
+            ("reset", Reply(body=good, cut_after=70_000, reset=True), 70_000),
+            ("chunks cut off", Reply(body=good, cut_after=70_000, chunked=True), 70_000),
+            ("half as partial content", Reply(status=206, body=good[:50_000]), 50_000),
+            ("no content", Reply(status=204, declared_length=None), 0))])
+        self.check_failures([Failure(name, lost, PRIMARY_FAILED, primary=primary,
+                                     details={"download_fail": {"reason": "winhttp_send_receive",
+                                                                "failure_kind": "transport"}})
+                             for name, primary in (("redirect loop", redirect(loop)),
+                                                   ("eleven redirects", self.hops("eleven", 11)))])
+
     def test_refuses_origins_without_touching_the_installation(self) -> None:
         failed = [*PRIMARY_FAILED]
         unverified = [*e2e.PREPARED, *e2e.FETCHED, *e2e.VERIFIED]
@@ -138,6 +184,18 @@ class Origins(e2e.EndToEnd):
         ])
         self.assertFalse([r for r in self.server.requests() if not r.secure], "asked in plain text")
         self.assertEqual([], self.server.requests("/u/"), "sent a request to an untrusted server")
+
+
+class Endless(e2e.EndToEnd):
+    """Takes a gigabyte before it gives up, so it runs beside everything else."""
+
+    def test_stops_at_the_largest_size_of_a_package(self) -> None:
+        self.check_failure(Failure(
+            "endless", "Update download failed: Update package exceeds maximum allowed size",
+            [*e2e.PREPARED, "download_start", "download_redirect_resolution", "download_fail",
+             "download_primary_fail"],
+            primary=Reply(body=bytes(1 << 18), declared_length=None, endless=True), kept=(e2e.PACKAGE,),
+            details={"download_fail": {"reason": "download_size_cap", "failure_kind": "file_io"}}))
 
 
 class Stall(e2e.EndToEnd):

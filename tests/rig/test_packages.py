@@ -29,20 +29,9 @@ class Packages(e2e.EndToEnd):
                        details={"extract_fail": {"reason": "package_layout_contract"}})
 
     def test_refuses_packages_that_cannot_be_extracted(self) -> None:
-        good, zip_of = self.good_package, packages.zip_of
+        # What is refused at which archive stands in hostile_archives.py.
         self.check_failures([
             self.extraction("not a ZIP", "ZIP end record not found", packages.noise(80_000, "no zip")),
-            self.extraction("truncated", "ZIP end record not found", good[:len(good) // 2]),
-            self.extraction("escaping name", "unsafe ZIP entry path",
-                            zip_of(self.payload, ("../../escaped.txt", b"out"))),
-            self.extraction("absolute name", "unsafe ZIP entry path",
-                            zip_of(self.payload, ("C:/escaped.txt", b"out"))),
-            self.extraction("device name", "unsafe ZIP entry path",
-                            zip_of(self.payload, ("resources/nul.txt", b"out"))),
-            self.extraction("case collision", "ZIP entry path collision",
-                            zip_of(self.payload, ("README.TXT", b"second"))),
-            self.extraction("folder case collision", "ZIP directory path collision",
-                            zip_of(self.payload, ("Resources/new.txt", b"second"))),
             self.extraction("wrong CRC", "ZIP entry CRC mismatch",
                             packages.with_damaged_entry(self.payload, "zz_last.dat")),
         ])
