@@ -269,10 +269,13 @@ class Transaction {
     return false;
   }
 
+  /// A file that is there and taken for a new one would be replaced without a backup, and removed by
+  /// a rollback. So where its kind cannot be had, the file itself is asked.
   static bool Exists(const fs::Path& target) {
     std::error_code ec;
     const fs::EntryKind kind = fs::KindOf(target, fs::Links::kFollow, ec);
-    return kind != fs::EntryKind::kNotFound && kind != fs::EntryKind::kUnknown;
+    if (kind == fs::EntryKind::kUnknown) return fs::OpenForRead(target, ec).is_open();
+    return kind != fs::EntryKind::kNotFound;
   }
 
   void KeepWindowAlive() {
