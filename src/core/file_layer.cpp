@@ -84,7 +84,9 @@ bool CreateDirectories(const Path& path, std::error_code& ec) {
   if (result == CreateResult::kExisted) {
     // Someone else made it meanwhile, or something that is no folder is in the way.
     std::error_code kind_error;
-    if (KindOf(path, Links::kFollow, kind_error) != EntryKind::kDirectory) return false;
+    const EntryKind kind = KindOf(path, Links::kFollow, kind_error);
+    if (kind == EntryKind::kUnknown) ec = kind_error;
+    if (kind != EntryKind::kDirectory) return false;
     ec.clear();
     return true;
   }
