@@ -11,6 +11,8 @@ namespace {
 
 constexpr std::string_view kFolderPrefix = "zul_updater_launch_";
 constexpr std::string_view kHelperName = "zul_updater.exe";
+/// A crash observer is looked for beside the process that it observes, by the installed name.
+constexpr std::string_view kObserverName = "qorva_updater.exe";
 constexpr std::chrono::hours kStaleAge{7 * 24};
 
 bool Fail(std::string* error, std::string text) {
@@ -113,6 +115,9 @@ bool PrepareIsolatedHelper(const std::filesystem::path& source_helper, IsolatedH
     }
     made.copied_libraries.emplace_back(name);
   }
+  // Where this fails the helper runs unobserved.
+  static_cast<void>(
+      RetryCopyFile(source_helper, made.runtime_dir / kObserverName, "observer copy", nullptr));
   prepared = std::move(made);
   return true;
 }
