@@ -18,8 +18,8 @@ struct ModuleRecord {
   std::uint64_t base = 0;
   std::uint64_t image_size = 0;
   std::uint32_t image_timestamp = 0;  ///< of the PE header; 0 when not known
-  std::string name;                   ///< as SanitizeModuleName gives it
-  std::string pdb_guid;               ///< 32 lower-case hexadecimal digits; empty when not known
+  std::string name{};                 ///< as SanitizeModuleName gives it
+  std::string pdb_guid{};             ///< 32 lower-case hexadecimal digits; empty when not known
   std::uint32_t pdb_age = 0;
 };
 
