@@ -327,7 +327,7 @@ def meets(expected: Expected | None, seen: str | Tree) -> bool:
 
 
 def cases_for_the_executable() -> list[Case]:
-    """All but two thirds of the unsafe names: about a third of a second each."""
+    """All but two thirds of the unsafe names, since each row costs a whole run."""
     return [case for number, case in enumerate(cases()) if case.expected != UNSAFE or number % 3 == 0]
 
 
