@@ -115,6 +115,18 @@ class Launch(e2e.EndToEnd):
                 self.assertEqual([], programs_from(scene.windows(scene.folder)))
                 self.assertEqual([scene.updater.name], os.listdir(scene.updater.parent))  # no log
 
+    def test_observes_only_when_that_is_asked_first(self) -> None:
+        scene = self.scene("observer")
+        for arguments, exit_code in [
+                (["--observe"], 64), (["--observe", "--print-app-version-json"], 64),
+                (["--observe", "1", "2", "3", "x"], 64), (["--observe", "4", "8", "12", "16"], 65),
+                (["--print-app-version-json", "--observe", "4", "8", "12", "16"], 0)]:
+            with self.subTest(arguments):
+                outcome = scene.run(arguments)
+                self.assertEqual((exit_code, []), (outcome.exit_code, outcome.dialogs))
+                self.assert_nothing_outside(scene)
+                self.assertEqual([scene.updater.name], os.listdir(scene.updater.parent))  # no log
+
 
 if __name__ == "__main__":
     unittest.main()
