@@ -66,36 +66,39 @@ std::size_t OpeningQuote(std::string_view text, std::size_t pos) {
   return pos;
 }
 
-/// The quote that closes the value from `pos` on. A path may hold quotes itself: what follows the
-/// right one, up to the next, cannot be the rest of a path.
-std::size_t ClosingQuote(std::string_view text, std::size_t pos) {
-  for (std::size_t quote = text.find('\'', pos); quote != kNone;) {
-    const std::size_t next = text.find('\'', quote + 1);
-    const std::string_view between = text.substr(quote + 1, next - std::min(next, quote + 1));
-    const std::string_view after = next == kNone ? text.substr(quote + 1) : between;
-    if ((after.empty() || kAfterQuote.Has(after.front())) && after.find('\\') == kNone) {
-      return quote;
-    }
-    quote = next;
-  }
-  return kNone;
-}
-
 bool StaysQuoted(std::string_view before) {
   return std::any_of(std::begin(kKeptQuotes), std::end(kKeptQuotes),
                      [&](std::string_view key) { return before.ends_with(key); });
 }
 
+/// The quote that closes the value from `pos` on. A path may hold quotes itself: what follows the
+/// right one, up to the next, cannot be the rest of a path. A value that stays ends at the first.
+std::size_t ClosingQuote(std::string_view text, std::size_t pos, bool stays) {
+  for (std::size_t quote = text.find('\'', pos); quote != kNone;) {
+    const std::size_t next = text.find('\'', quote + 1);
+    const std::string_view after = text.substr(quote + 1, std::min(next, text.size()) - quote - 1);
+    const bool may_close = quote + 1 == text.size() || kAfterQuote.Has(text[quote + 1]);
+    if (may_close && (stays || after.find('\\') == kNone)) return quote;
+    quote = next;
+  }
+  return kNone;
+}
+
 std::string WithholdSingleQuoted(std::string_view text) {
   std::string out;
   std::size_t copied = 0;
+  bool staying_can_close = true;  // what does not close one does not close a later one either
   for (std::size_t open = OpeningQuote(text, 0); open != kNone;) {
-    const std::size_t close = ClosingQuote(text, open + 1);
-    const std::size_t end = std::min(close, text.size());
-    if (!StaysQuoted(text.substr(copied, open - copied))) {
-      out.append(text.substr(copied, open + 1 - copied)).append(kRedactedPath);
-      copied = end;
+    const bool stays = StaysQuoted(text.substr(copied, open - copied));
+    const std::size_t close =
+        stays && !staying_can_close ? kNone : ClosingQuote(text, open + 1, stays);
+    if (stays) {
+      staying_can_close = close != kNone;
+      open = OpeningQuote(text, staying_can_close ? close + 1 : open + 1);
+      continue;
     }
+    out.append(text.substr(copied, open + 1 - copied)).append(kRedactedPath);
+    copied = std::min(close, text.size());
     open = close == kNone ? kNone : OpeningQuote(text, close + 1);
   }
   return out.append(text.substr(copied));

@@ -29,6 +29,8 @@ TEST(ReportSentence, HoldsBackWholeValues) {
       {"in 'C:\\James' files\\x' (code=2, message='It's gone')",
        "in '[redacted-path]' (code=2, message='It's gone')"},
       {"at 'C:\\no end of it", "at '[redacted-path]"},
+      {"message='x')\\n target='a b c", "message='x')\\n target='[redacted-path]"},
+      {"message='no end, target='a b'", "message='no end, target='a b'"},
       {"owners=[pid=4,name='Preview Tool',service='Spooler (a)'; pid=5,name='C:\\x y\\z']",
        "owners=[pid=4,name='Preview Tool',service='Spooler (a)'; pid=5,name='[redacted-path]"},
       {"can't open what the user's application's locked",

@@ -61,6 +61,7 @@ std::vector<NamedText> HostileTexts(std::size_t size) {
           {"dashes", Repeated("-", size)},
           {"single quotes", Repeated(" '\\", size)},
           {"open values", Repeated("='a'b", size)},
+          {"values that stay", Repeated("message='", size)},
           {"blanks before quotes", Repeated(":" + std::string(200, ' ') + "\"", size)},
           {"tiny fields", Repeated("\"a\":\"b\",", size)},
           {"random UTF-8", RandomUtf8(size)}};
