@@ -194,7 +194,7 @@ class Privacy(ReportRuns):
     def run_private(self, scene: Scene, arguments: list[str], **options):
         self.endpoint.seen.clear()
         outcome = scene.run(arguments, **options)
-        self.assertEqual(2, outcome.exit_code)
+        self.assertEqual(2, outcome.exit_code, (outcome.dialogs, self.log(scene)))
         return outcome
 
     def test_of_arguments(self) -> None:
