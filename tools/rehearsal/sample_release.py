@@ -69,8 +69,8 @@ def installation(application: bytes) -> packages.Tree:
 def package(application: bytes) -> Path:
     """The ZIP of version 2, from the cache when nothing that it is made of has changed."""
     recipe = hashlib.sha256(application)
-    for source in ("packages.py", "sample_release.py"):
-        recipe.update((Path(__file__).parent / source).read_bytes())
+    for source in (packages.__file__, __file__):
+        recipe.update(Path(source).read_bytes())
     folder = places.RIG_HOME / "sample"
     made = folder / f"qorva-2.0-{recipe.hexdigest()[:12]}.zip"
     if not made.exists():
