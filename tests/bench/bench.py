@@ -81,6 +81,9 @@ class Bench:
         return [float(number) for number in self.output_of(program, *arguments).split()]
 
     def output_of(self, program: str, *arguments: object) -> str:
+        return [float(number) for number in self.output_of(program, *arguments).split()]
+
+    def output_of(self, program: str, *arguments: object) -> str:
         done = subprocess.run(["wine", self.sandbox.windows_path(PROGRAMS / program), *map(str, arguments)],
                               env=self.sandbox.environment_with_hosts(), stdin=subprocess.DEVNULL,
                               capture_output=True, text=True, timeout=300)
@@ -107,8 +110,25 @@ class Bench:
             settle()
         assert_same_files(work, scene.install, tools.install)
         native["floor"] = self.apply_floor(work, tools)
+        native["probe"], _ = self.run_windows("stage_times.exe", "probe",
+                                              self.sandbox.windows_path(scene.install))
+        if work is APPLICATION:
+            self.note_diagnostics(work, url, number)
         self.peaks[work.name] = max(self.peaks.get(work.name, 0), run.peak_kib)
         self.note(work, run, native)
+
+    def note_diagnostics(self, work: Workload, url: str, number: int) -> None:
+        """The same run with and without diagnostics, right after one another."""
+        seconds = {}
+        for kind in ("with", "without") if number % 2 else ("without", "with"):
+            scene = self.scene(f"{kind}-diagnostics-{number}")
+            if kind == "without":
+                shutil.copyfile(PROGRAMS / "undiagnosed_updater.exe", scene.updater)
+            copy_tree(work.installed, scene.install)
+            settle()
+            seconds[kind] = measure(scene, url, work.sha256()).whole
+            scene.end()
+        self.samples[work.name].add("diagnostics", seconds["with"], seconds["without"])
 
     def run_tools(self, tools: NativeTools, url: str) -> dict[str, float]:
         return {"curl": tools.download(url, self.authority), "sha256sum": tools.sha256sum(),
@@ -135,6 +155,7 @@ class Bench:
         samples.add("checksum", run.checksum, native["sha256sum"])
         samples.add("extract", run.extract, native["unzip"] if work is BIG_FILE else unpacked)
         samples.add("apply", run.apply, native["floor"])
+        samples.add("probe", native["probe"], run.apply)
         series = native["curl"] + native["openssl"] + unpacked + native["backup"] + native["rsync"]
         samples.add("until restart", run.until_restart, series)
         samples.add("whole", run.whole, series)
@@ -185,6 +206,8 @@ ROWS = (  # stage as it is printed, package, stage, beside, aim
     ("apply", APPLICATION, "apply", "minimal program", 1.3),
     ("apply", SMALL_FILES, "apply", "minimal program", 1.3),
     ("apply", BIG_FILE, "apply", "minimal program", 1.3),
+    ("probing every file for locks", APPLICATION, "probe", "the apply stage", 0.1),
+    ("whole run with diagnostics", APPLICATION, "diagnostics", "without", 1.05),
     ("whole run", APPLICATION, "whole", "tools in series", 1.3),
     ("whole run", SMALL_FILES, "whole", "tools in series", 3.5),
     ("whole run", BIG_FILE, "whole", "tools in series", None),
@@ -230,6 +253,25 @@ def print_redaction(bench: Bench) -> None:
             ratio = float(ratios[column - 1])
             print(row(label, shape, f"{ratio * ordinary:.1f} ms", lines[0][0], f"{ordinary:.1f} ms", ratio,
                       "", 4))
+
+
+def print_collector(bench: Bench) -> None:
+    scene = bench.scene("collector")
+    shutil.copyfile(places.UPDATER, scene.install / "qorva_updater.exe")
+    plain, observed, handshake, private = bench.run_windows(
+        "collector_cost.exe", scene.windows(scene.install), scene.windows(scene.crashes), 9)
+    print(row("start of the collector", "", f"{1000 * (observed - plain):.0f} ms",
+              f"a process without, {1000 * plain:.0f} ms; handshake {1000 * handshake:.0f} ms", "",
+              1000 * (observed - plain), "", 150))
+    print(row("an observer's private memory", "", f"{private / 2**20:.1f} MiB", "", "",
+              private / 2**20, "", 8))
+
+
+def print_redaction(bench: Bench) -> None:
+    lines = bench.output_of("redaction_times.exe").splitlines()
+    for shape, alone, in_report in (line.split("\t") for line in lines[1:]):
+        worst = max(float(alone), float(in_report))
+        print(row(f"redaction of {shape}", "131,072 bytes", "", "log text", "", worst, "", 4))
 
 
 def row(label: str, package: str, updater: str, beside: str, tools: str, ratio: float, spread: str,
