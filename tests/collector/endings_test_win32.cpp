@@ -100,29 +100,42 @@ void ExpectFrames(const Ending& ending, const json& record, const ObservedProces
   EXPECT_LT(offset, 64u) << frames.dump(2);
 }
 
+/// False when the observer had to give up on the stack, as it may where a capture under Wine, which
+/// reads the host's libraries too, meets a busy machine.
+bool IsToldInTime(const Scene& scene, const Ending& ending, const fs::Path& crash) {
+  ObservedProcess observed(scene, crash, ending.way);
+  EXPECT_EQ(Told(observed.start(), {"ready", "reason"}), "true ");
+  const UniqueKernelHandle observer = observed.OpenObserver();
+  if (ending.observer_late) Suspend(observer.get());
+  EXPECT_EQ(Die(observed, ending.way), ending.exit_code);
+  if (ending.observer_late) Resume(observer.get());
+  const DWORD observer_exit = ExitCodeOf(observer.get());
+  if (observer_exit == kWatchdogCode) return false;
+  EXPECT_EQ(observer_exit, 0u);
+  const fs::Path session = observed.session();
+  EXPECT_EQ(ListTree(session), kFinished);
+  EXPECT_EQ(EmergencySize(session), ending.crashes ? sizeof(EmergencyRecord) : 0u);
+  const json record = Record(session, "incident.json");
+  EXPECT_EQ(Told(record, {"event", "capture_status", "capture_error", "clean_shutdown_intent",
+                          "exception_code"}),
+            ending.told);
+  EXPECT_EQ(Told(record, {"finalized", "exit_code_known", "exit_code", "exit_status_kind"}),
+            "true true " + std::to_string(ending.exit_code) + " windows_process_exit_status");
+  EXPECT_EQ(record.contains("frames"), ending.crashes);
+  if (ending.crashes && !ending.observer_late) ExpectFrames(ending, record, observed);
+  ExpectNothingPrivate(session);
+  return true;
+}
+
 TEST(Endings, AreToldAsTheyWere) {
   const Scene scene;
   for (const Ending& ending : kEndings) {
     SCOPED_TRACE(ending.way);
-    ObservedProcess observed(scene, scene.CrashFolder(ending.way), ending.way);
-    ASSERT_EQ(Told(observed.start(), {"ready", "reason"}), "true ");
-    const UniqueKernelHandle observer = observed.OpenObserver();
-    if (ending.observer_late) Suspend(observer.get());
-    EXPECT_EQ(Die(observed, ending.way), ending.exit_code);
-    if (ending.observer_late) Resume(observer.get());
-    EXPECT_EQ(ExitCodeOf(observer.get()), 0u);
-    const fs::Path session = observed.session();
-    EXPECT_EQ(ListTree(session), kFinished);
-    EXPECT_EQ(EmergencySize(session), ending.crashes ? sizeof(EmergencyRecord) : 0u);
-    const json record = Record(session, "incident.json");
-    EXPECT_EQ(Told(record, {"event", "capture_status", "capture_error", "clean_shutdown_intent",
-                            "exception_code"}),
-              ending.told);
-    EXPECT_EQ(Told(record, {"finalized", "exit_code_known", "exit_code", "exit_status_kind"}),
-              "true true " + std::to_string(ending.exit_code) + " windows_process_exit_status");
-    EXPECT_EQ(record.contains("frames"), ending.crashes);
-    if (ending.crashes && !ending.observer_late) ExpectFrames(ending, record, observed);
-    ExpectNothingPrivate(session);
+    bool in_time = false;
+    for (int attempt = 0; attempt < 4 && !in_time; ++attempt) {
+      in_time = IsToldInTime(scene, ending, scene.CrashFolder(ending.way));
+    }
+    EXPECT_TRUE(in_time);
   }
 }
 

@@ -17,6 +17,7 @@ TEST_APPLICATION_2 = places.PROGRAMS / "test_app_v2.exe"
 DIALOG_DRIVER = places.PROGRAMS / "dialog_driver.exe"
 FILE_HOLDER = places.PROGRAMS / "file_holder.exe"
 WINDOW_WATCH = places.PROGRAMS / "window_watch.exe"
+REMOTE_CRASH = places.PROGRAMS / "remote_crash.exe"
 SIGNATURE_PROBE = places.PROGRAMS / "signature_probe.exe"
 MARK = "app_mark.log"  # what the stand-in writes beside itself
 APPLICATION_CLASS = "ZUL_RIP_Main"
