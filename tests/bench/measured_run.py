@@ -61,10 +61,10 @@ class Measured:
     peak_kib: int
 
 
-def measure(scene: Scene, url: str, sha256: str) -> Measured:
+def measure(scene: Scene, url: str, sha256: str, timeout: float = 280) -> Measured:
     watcher = Watcher(scene)
     watcher.start()
-    run = scene.begin(scene.arguments(url=url, sha256=sha256), dialogs=False, timeout=280)
+    run = scene.begin(scene.arguments(url=url, sha256=sha256), dialogs=False, timeout=timeout)
     outcome = run.finish()
     watcher.finish()
     if outcome.exit_code != 0:
