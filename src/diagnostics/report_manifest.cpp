@@ -117,23 +117,22 @@ json UploadedParts(const json& manifest) {
 json BuildReportManifest(const ReportRequest& request) {
   const bool approved = request.user_approved_redacted_log_tail;
   const fs::Path log = PathFromUtf8(GetDiagnosticsState().log_file_path).value_or(fs::Path());
-  json manifest = {
-      {"schema_name", "qorva.diagnostics.report"},
-      {"schema_version", 2},
-      {"payload_kind", "diagnostics_manifest"},
-      {"kind", request.kind.empty() ? "unknown" : request.kind},
-      {"reason", ReportSentence(request.reason.empty() ? request.text : request.reason)},
-      {"created_at_local", LocalTimeText()},
-      {"app", AppObject()},
-      {"privacy", Privacy(approved)},
-      {"artifacts",
-       {{"report", ArtifactMetadata(request.report_file)},
-        {"dump", ArtifactMetadata(request.dump_file)},
-        {"log", ArtifactMetadata(log)}}},
-      {"report_text", ReportText(ReadTextPrefix(request.report_file), approved)},
-      {"details", Details(request.details)},
-      {"breadcrumbs", SessionBreadcrumbs()},
-      {"upload_contract", UploadContract(approved)}};
+  json manifest = {{"schema_name", "qorva.diagnostics.report"},
+                   {"schema_version", 2},
+                   {"payload_kind", "diagnostics_manifest"},
+                   {"kind", request.kind.empty() ? "unknown" : request.kind},
+                   {"reason", ReportSentence(request.reason)},
+                   {"created_at_local", LocalTimeText()},
+                   {"app", AppObject()},
+                   {"privacy", Privacy(approved)},
+                   {"artifacts",
+                    {{"report", ArtifactMetadata(request.report_file)},
+                     {"dump", ArtifactMetadata(request.dump_file)},
+                     {"log", ArtifactMetadata(log)}}},
+                   {"report_text", ReportText(ReadTextPrefix(request.report_file), approved)},
+                   {"details", Details(request.details)},
+                   {"breadcrumbs", SessionBreadcrumbs()},
+                   {"upload_contract", UploadContract(approved)}};
   if (!request.client_report_id.empty()) {
     manifest["client_report_id"] = SanitizeIdentifier(request.client_report_id);
   }

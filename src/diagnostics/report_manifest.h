@@ -16,7 +16,6 @@ namespace zul {
 struct ReportRequest {
   std::string kind;              ///< a short word
   std::string reason;            ///< a sentence, UTF-8
-  std::string text;              ///< UTF-8; stands in for `reason` when that is empty
   std::string client_report_id;  ///< may be empty
   fs::Path report_file;          ///< its text goes into the report, redacted; may be empty
   fs::Path dump_file;            ///< described only; may be empty

@@ -100,12 +100,10 @@ TEST_F(Reports, SayWhatHappenedAndNothingPrivate) {
   EXPECT_EQ(manifest.at("privacy").size(), 10u);
 
   request = {};
-  request.text = "fallback";
   request.report_file = folder_ / "absent";
   request.user_approved_redacted_log_tail = true;
   const json bare = BuildReportManifest(request);
   EXPECT_EQ(bare.at("kind"), "unknown");
-  EXPECT_EQ(bare.at("reason"), "fallback");
   EXPECT_EQ(bare.at("report_text"), "");
   EXPECT_EQ(bare.at("artifacts").at("report").at("present"), false);
   EXPECT_FALSE(bare.contains("client_report_id"));
