@@ -1,0 +1,79 @@
+// A volume that has room for a part of an update only.
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "core/system_error.h"
+#include "core/text.h"
+#include "tests/faults/faulty_file_layer.h"
+#include "tests/faults/sample_update.h"
+#include "tests/support/file_tricks.h"
+
+namespace zul::test {
+namespace {
+
+constexpr std::uint64_t kPage = 4096;  // what each of the sample's files takes
+
+constexpr unsigned kScarce = 14;
+constexpr unsigned kEnough = 60;
+
+struct SpaceCase {
+  const char* name;
+  Scenario scenario;
+  /// What one amount of space or another must lead to.
+  std::vector<std::string> failures;
+};
+
+const SpaceCase kSpaceCases[] = {
+    {"extraction",
+     Scenario::kExtraction,
+     {"not enough disk space for ZIP extraction", "cannot write extracted file"}},
+    {"apply",
+     Scenario::kApply,
+     {"retired executable rollback backup failed", "apply update copy failed"}},
+};
+
+void Fill(const fs::Path& volume, std::uint64_t pages_left) {
+  std::error_code ec;
+  const std::uint64_t available = fs::AvailableSpace(volume, ec);
+  ASSERT_GE(available, pages_left * kPage);
+  WriteFile(volume / "filler", std::string(available - pages_left * kPage, 'x'));
+}
+
+TEST(FullVolume, LosesNothingAndIsToldAndTheNextRunSucceeds) {
+  const SmallVolume volume;
+  if (volume.path().empty()) GTEST_SKIP() << volume.why_not();
+  const fs::Path place = volume.path() / "sample";
+  for (const SpaceCase& row : kSpaceCases) {
+    std::set<std::string> met;
+    for (unsigned pages = 0; pages <= kEnough; pages += pages < kScarce ? 1 : kEnough - kScarce) {
+      SCOPED_TRACE(std::string(row.name) + " with room for " + std::to_string(pages) + " files");
+      const SampleUpdate update(row.scenario, place);
+      ASSERT_NO_FATAL_FAILURE(Fill(volume.path(), pages));
+      std::string error;
+      ApplyOutcome outcome;
+      const bool ok = update.Run(&error, &outcome);
+      EXPECT_TRUE(ok || pages < kEnough) << error;
+      EXPECT_EQ(update.Damage(), "");
+      EXPECT_TRUE(update.ExtractionLeftovers().empty());
+      EXPECT_EQ(update.Temporaries(), 0u);
+      met.insert(error.substr(0, error.find(':')));
+      if (!ok && outcome.kind != ApplyOutcomeKind::kRecoveryRequired) {
+        EXPECT_EQ(update.Installed(), SampleUpdate::Old());
+      }
+
+      std::error_code ec;
+      fs::Remove(volume.path() / "filler", ec);
+      EXPECT_TRUE(SampleUpdate::Run(Scenario::kUpdate, place, &error)) << error;
+      EXPECT_EQ(update.Installed(), SampleUpdate::New());
+      ASSERT_TRUE(fs::RemoveTree(place, ec));
+    }
+    for (const std::string& failure : row.failures) EXPECT_TRUE(met.contains(failure)) << failure;
+  }
+}
+
+}  // namespace
+}  // namespace zul::test

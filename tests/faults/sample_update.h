@@ -1,0 +1,81 @@
+#pragma once
+
+// A small update with one of everything: files that are replaced, added, left alone and retired, in
+// folders that are there and in new ones. And what it must look like, whatever happened to it.
+
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "apply/apply.h"
+#include "tests/support/environment.h"
+#include "tests/support/temp_folder.h"
+
+namespace zul::test {
+
+/// Relative path with "/" to contents.
+using Files = std::map<std::string, std::string>;
+
+enum class Scenario {
+  kUpdate,        ///< extraction and apply
+  kExtraction,    ///< extraction alone
+  kReextraction,  ///< the same, over a tree that stands at its destination
+  kApply,         ///< of a tree that stands there
+  kRollback,      ///< as kApply, and undone after its last change
+};
+
+class SampleUpdate {
+ public:
+  /// Writes the package and the installation into a fresh folder, or into `place`, which must not
+  /// exist and is not removed.
+  explicit SampleUpdate(Scenario scenario, const fs::Path& place = {});
+
+  /// Extracts and applies in `folder`, where a sample update lies. True when it succeeded.
+  static bool Run(Scenario scenario, const fs::Path& folder, std::string* error = nullptr,
+                  ApplyOutcome* outcome = nullptr);
+
+  bool Run(std::string* error = nullptr, ApplyOutcome* outcome = nullptr) const {
+    return Run(scenario_, folder_, error, outcome);
+  }
+
+  [[nodiscard]] static const Files& Old();
+  [[nodiscard]] static const Files& New();
+  [[nodiscard]] static const Files& Package();
+  /// The old files that an update replaces or retires.
+  [[nodiscard]] static Files Replaced();
+  [[nodiscard]] static bool IsRetired(const fs::Path& name);
+
+  /// What stood at the destination of the extraction before.
+  [[nodiscard]] Files FoundAtDestination() const;
+
+  /// How many temporary copies lie in the installation.
+  [[nodiscard]] std::size_t Temporaries() const;
+
+  /// What lies in the installation; temporary copies that a dead process left are not of it.
+  [[nodiscard]] Files Installed() const;
+
+  /// What must never be, as text; empty when all is well: a file that is neither old nor new, one
+  /// whose old content is nowhere any more, a half-filled destination, a change elsewhere.
+  [[nodiscard]] std::string Damage() const;
+
+  /// The folders that an extraction left beside its destination.
+  [[nodiscard]] std::vector<std::string> ExtractionLeftovers() const;
+
+  [[nodiscard]] const fs::Path& folder() const { return folder_; }
+
+ private:
+  void CheckInstallation(std::string& damage) const;
+  void CheckDestination(std::string& damage) const;
+  void CheckSurroundings(std::string& damage) const;
+
+  const Scenario scenario_;
+  const TempFolder fresh_;
+  const fs::Path folder_;
+  const ScopedEnvironment config_home_;
+};
+
+/// What lies below a folder, without the folders themselves; nothing when there is none.
+[[nodiscard]] Files FilesBelow(const fs::Path& root);
+
+}  // namespace zul::test
