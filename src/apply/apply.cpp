@@ -269,8 +269,8 @@ class Transaction {
     return false;
   }
 
-  /// A file that is there and taken for a new one would be replaced without a backup, and removed by
-  /// a rollback. So where its kind cannot be had, the file itself is asked.
+  /// A file that is there and taken for a new one would be replaced without a backup, and removed
+  /// by a rollback. So where its kind cannot be had, the file itself is asked.
   static bool Exists(const fs::Path& target) {
     std::error_code ec;
     const fs::EntryKind kind = fs::KindOf(target, fs::Links::kFollow, ec);

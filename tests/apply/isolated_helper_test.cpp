@@ -54,7 +54,8 @@ TEST_F(IsolatedHelperTest, CopiesTheUpdaterAndTheLibrariesThatAreThere) {
   const std::string name = PathToUtf8(prepared_.runtime_dir.filename());
   EXPECT_TRUE(name.starts_with("zul_updater_launch_")) << name;
   EXPECT_TRUE(name.ends_with("_" + std::to_string(CurrentProcessId()))) << name;
-  EXPECT_EQ(test::ListTree(prepared_.runtime_dir), "qorva_updater.exe\nvcruntime140.dll\nz.dll\nzul_updater.exe\n");
+  EXPECT_EQ(test::ListTree(prepared_.runtime_dir),
+            "qorva_updater.exe\nvcruntime140.dll\nz.dll\nzul_updater.exe\n");
   EXPECT_EQ(test::ReadFile(prepared_.helper), "the updater");
 
   IsolatedHelper second;
