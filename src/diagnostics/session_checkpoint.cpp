@@ -21,9 +21,9 @@ namespace {
 
 using nlohmann::json;
 
-SessionState& Session() {
+SessionCheckpoint& Session() {
   // Never destroyed: another thread may still add a breadcrumb while the process ends.
-  static SessionState& session = *new SessionState;
+  static SessionCheckpoint& session = *new SessionCheckpoint;
   return session;
 }
 

@@ -28,7 +28,7 @@ bool IsCheckpointDue(const CheckpointPace& pace, std::uint64_t now_ms,
          (heartbeat_sequence != pace.heartbeat_at_last_write && elapsed_ms >= kHeartbeatPaceMs);
 }
 
-bool SessionState::Start(SessionRecord record, std::uint64_t now_ms) {
+bool SessionCheckpoint::Start(SessionRecord record, std::uint64_t now_ms) {
   const std::scoped_lock lock(mutex_);
   if (active_) return false;
   record_ = std::move(record);
@@ -39,7 +39,7 @@ bool SessionState::Start(SessionRecord record, std::uint64_t now_ms) {
   return true;
 }
 
-void SessionState::Add(Breadcrumb breadcrumb) {
+void SessionCheckpoint::Add(Breadcrumb breadcrumb) {
   const std::scoped_lock lock(mutex_);
   if (!active_) return;
   std::deque<Breadcrumb>& ring = record_.breadcrumbs;
@@ -53,7 +53,7 @@ void SessionState::Add(Breadcrumb breadcrumb) {
   pace_.dirty = true;
 }
 
-std::optional<SessionRecord> SessionState::TakeCheckpoint(bool force, std::uint64_t now_ms) {
+std::optional<SessionRecord> SessionCheckpoint::TakeCheckpoint(bool force, std::uint64_t now_ms) {
   const std::scoped_lock lock(mutex_);
   if (!active_ || record_.file.empty()) return std::nullopt;
   const std::uint64_t heartbeat = record_.heartbeat.sequence;
@@ -63,12 +63,12 @@ std::optional<SessionRecord> SessionState::TakeCheckpoint(bool force, std::uint6
   return record_;
 }
 
-void SessionState::CheckpointFailed(const fs::Path& file) {
+void SessionCheckpoint::CheckpointFailed(const fs::Path& file) {
   const std::scoped_lock lock(mutex_);
   if (active_ && record_.file == file) pace_.dirty = true;
 }
 
-std::optional<fs::Path> SessionState::Finish(const std::string& termination_state) {
+std::optional<fs::Path> SessionCheckpoint::Finish(const std::string& termination_state) {
   const std::scoped_lock lock(mutex_);
   if (!active_) return std::nullopt;
   record_.termination_state = termination_state;
@@ -76,14 +76,14 @@ std::optional<fs::Path> SessionState::Finish(const std::string& termination_stat
   return record_.file;
 }
 
-void SessionState::End() {
+void SessionCheckpoint::End() {
   const std::scoped_lock lock(mutex_);
   active_ = false;
   pace_ = {};
   record_ = {};
 }
 
-std::deque<Breadcrumb> SessionState::Breadcrumbs() const {
+std::deque<Breadcrumb> SessionCheckpoint::Breadcrumbs() const {
   const std::scoped_lock lock(mutex_);
   return record_.breadcrumbs;
 }

@@ -66,7 +66,7 @@ struct SessionRecord {
   UiHeartbeat heartbeat;
 };
 
-class SessionState {
+class SessionCheckpoint {
  public:
   /// Begins the session of `record` at `now_ms`. False when one is active, which goes on.
   bool Start(SessionRecord record, std::uint64_t now_ms);
