@@ -37,6 +37,14 @@ std::wstring TextOf(HWND window) {
   return text.data();
 }
 
+/// Where the button stands in the client area of its window.
+PixelRect PlaceOf(HWND button) {
+  RECT place{};
+  GetWindowRect(button, &place);
+  MapWindowPoints(nullptr, GetParent(button), reinterpret_cast<POINT*>(&place), 2);
+  return {place.left, place.top, place.right, place.bottom};
+}
+
 /// The client area as it stands on the screen.
 class Picture {
  public:
@@ -46,20 +54,17 @@ class Picture {
   Picture& operator=(const Picture&) = delete;
   [[nodiscard]] COLORREF at(int x, int y) const { return GetPixel(dc_, x, y); }
 
-  /// Pixels of `colour` in one row.
-  [[nodiscard]] int CountInRow(int y, COLORREF colour) const {
+  /// Pixels in a rectangle that are of `colour`.
+  [[nodiscard]] int Count(const PixelRect& area, COLORREF colour) const {
     int count = 0;
-    for (int x = 0; x < kProgressClientWidth; ++x) count += at(x, y) == colour ? 1 : 0;
+    for (int y = area.top; y < area.bottom; ++y) {
+      for (int x = area.left; x < area.right; ++x) count += at(x, y) == colour ? 1 : 0;
+    }
     return count;
   }
   /// Whether anything but the background stands in a rectangle.
   [[nodiscard]] bool HasInk(const PixelRect& area) const {
-    for (int y = area.top; y < area.bottom; ++y) {
-      for (int x = area.left; x < area.right; ++x) {
-        if (at(x, y) != kBackground) return true;
-      }
-    }
-    return false;
+    return Count(area, kBackground) < area.width() * (area.bottom - area.top);
   }
 
  private:
@@ -67,16 +72,24 @@ class Picture {
   HDC dc_;
 };
 
-/// Pumps when the surface is sure to look again.
-void PumpAll(UpdateProgressWindow& progress) {
-  Sleep(20);
-  progress.PumpMessages();
-}
+class ScreenSurface : public testing::Test {
+ protected:
+  /// Pumps when the surface is sure to look again.
+  void Pump() {
+    Sleep(20);
+    progress.PumpMessages();
+  }
+  void PostAndPump(HWND window, UINT message, WPARAM wparam = 0) {
+    PostMessageW(window, message, wparam, 0);
+    Pump();
+  }
 
-TEST(ScreenSurface, MakesTheWindowOnFirstUseAndTakesItAway) {
-  UpdateProgressWindow progress(CreateScreenSurface());
+  UpdateProgressWindow progress{CreateScreenSurface()};
+};
+
+TEST_F(ScreenSurface, MakesTheWindowOnFirstUseAndTakesItAway) {
   ASSERT_EQ(FindOwnWindow(), nullptr);
-  PumpAll(progress);
+  Pump();
   ASSERT_EQ(FindOwnWindow(), nullptr);
   for (int round = 0; round < 2; ++round) {
     progress.set_status("Preparing update...", "Creating temporary workspace.", 0);
@@ -99,55 +112,40 @@ TEST(ScreenSurface, MakesTheWindowOnFirstUseAndTakesItAway) {
   }
 }
 
-/// Refuses this thread the creation of windows of one class.
-class CreationBlock {
- public:
-  explicit CreationBlock(const wchar_t* window_class) {
-    blocked_class = window_class;
-    hook_ = SetWindowsHookExW(WH_CBT, &CreationBlock::OnEvent, nullptr, GetCurrentThreadId());
-  }
-  ~CreationBlock() { UnhookWindowsHookEx(hook_); }
-  CreationBlock(const CreationBlock&) = delete;
-  CreationBlock& operator=(const CreationBlock&) = delete;
+const wchar_t* refused_class = nullptr;
 
- private:
-  static LRESULT CALLBACK OnEvent(int code, WPARAM wparam, LPARAM lparam) {
-    if (code != HCBT_CREATEWND) return CallNextHookEx(nullptr, code, wparam, lparam);
-    std::array<wchar_t, 64> name{};
-    GetClassNameW(std::bit_cast<HWND>(wparam), name.data(), static_cast<int>(name.size()));
-    return lstrcmpiW(name.data(), blocked_class) == 0 ? 1 : 0;
-  }
-  static inline const wchar_t* blocked_class = nullptr;
-  HHOOK hook_ = nullptr;
-};
+/// Refuses this thread the creation of windows of `refused_class`.
+LRESULT CALLBACK RefuseCreation(int code, WPARAM wparam, LPARAM lparam) {
+  if (code != HCBT_CREATEWND) return CallNextHookEx(nullptr, code, wparam, lparam);
+  std::array<wchar_t, 64> name{};
+  GetClassNameW(std::bit_cast<HWND>(wparam), name.data(), static_cast<int>(name.size()));
+  return lstrcmpiW(name.data(), refused_class) == 0 ? 1 : 0;
+}
 
-TEST(ScreenSurface, RunsOnWithoutAWindowThatCannotBeMade) {
-  UpdateProgressWindow progress(CreateScreenSurface());
+TEST_F(ScreenSurface, RunsOnWithoutAWindowThatCannotBeMade) {
   for (const wchar_t* refused : {L"ZULRipUpdaterProgressWindow", L"BUTTON"}) {
-    const CreationBlock block(refused);
+    refused_class = refused;
+    const HHOOK hook = SetWindowsHookExW(WH_CBT, &RefuseCreation, nullptr, GetCurrentThreadId());
     progress.set_status("Title", "Detail", 10);
     progress.set_download_progress("primary", 1, 2, 0);
     progress.set_force_close_available(true);
     EXPECT_EQ(FindOwnWindow(), nullptr) << "no half-made window stays";
+    UnhookWindowsHookEx(hook);
   }
   progress.set_status("Title", "Detail", 20);
   ASSERT_NE(FindOwnWindow(), nullptr);
   EXPECT_TRUE(IsWindowVisible(GetDlgItem(FindOwnWindow(), 1001))) << "the state was kept";
 }
 
-TEST(ScreenSurface, ShowsThePercentAsTheWidthOfTheFill) {
-  UpdateProgressWindow progress(CreateScreenSurface());
-  constexpr int kRow = 150;  // inside the bar, above the percent text
-  struct Case {
-    int percent, filled;
-  };
-  for (const Case& c : {Case{-1, 0}, Case{0, 0}, Case{37, 201}, Case{100, 544}}) {
-    progress.set_status("Title", "", c.percent);
+TEST_F(ScreenSurface, ShowsThePercentAsTheWidthOfTheFill) {
+  constexpr PixelRect kRow{0, 150, kProgressClientWidth, 151};  // in the bar, above its text
+  for (const auto& [percent, filled] : {std::pair{-1, 0}, {0, 0}, {37, 201}, {100, 544}}) {
+    progress.set_status("Title", "", percent);
     const Picture picture(FindOwnWindow());
-    EXPECT_EQ(picture.CountInRow(kRow, kFill), c.filled) << c.percent;
-    EXPECT_EQ(picture.CountInRow(kRow, kBackground), 56) << c.percent;
-    EXPECT_EQ(picture.at(28 + c.filled + 2, kRow), c.filled == 544 ? kBackground : kBar);
-    EXPECT_EQ(picture.at(571, kRow), c.filled == 544 ? kFill : kBorder);
+    EXPECT_EQ(picture.Count(kRow, kFill), filled) << percent;
+    EXPECT_EQ(picture.Count(kRow, kBackground), 56) << percent;
+    EXPECT_EQ(picture.at(28 + filled + 2, kRow.top), filled == 544 ? kBackground : kBar);
+    EXPECT_EQ(picture.at(571, kRow.top), filled == 544 ? kFill : kBorder);
   }
   const Picture picture(FindOwnWindow());
   EXPECT_TRUE(picture.HasInk({28, 26, 572, 54}));
@@ -156,8 +154,7 @@ TEST(ScreenSurface, ShowsThePercentAsTheWidthOfTheFill) {
   EXPECT_FALSE(picture.HasInk({28, 198, 572, 224})) << "no download, no figures";
 }
 
-TEST(ScreenSurface, ForceCloseButtonFollowsTheState) {
-  UpdateProgressWindow progress(CreateScreenSurface());
+TEST_F(ScreenSurface, ForceCloseButtonFollowsTheState) {
   progress.set_download_progress("primary", 123456789, 987654321, 12345678);
   const HWND window = FindOwnWindow();
   const HWND button = GetDlgItem(window, 1001);
@@ -165,78 +162,60 @@ TEST(ScreenSurface, ForceCloseButtonFollowsTheState) {
   EXPECT_FALSE(IsWindowVisible(button));
   progress.set_force_close_available(true);
   EXPECT_TRUE(IsWindowVisible(button) && IsWindowEnabled(button));
-  RECT place{};
-  GetWindowRect(button, &place);
-  MapWindowPoints(nullptr, window, reinterpret_cast<POINT*>(&place), 2);
-  const PixelRect shown{place.left, place.top, place.right, place.bottom};
-  EXPECT_EQ(shown, LayOutForceButton(600, 96));
+  EXPECT_EQ(PlaceOf(button), LayOutForceButton(600, 96));
 
-  PostMessageW(window, WM_COMMAND, MAKEWPARAM(1001, BN_SETFOCUS), 0);
-  PumpAll(progress);
+  PostAndPump(window, WM_COMMAND, MAKEWPARAM(1001, BN_SETFOCUS));
   EXPECT_FALSE(progress.force_close_requested()) << "only a click counts";
-  PostMessageW(button, BM_CLICK, 0, 0);
-  PumpAll(progress);
+  PostAndPump(button, BM_CLICK);
   EXPECT_TRUE(progress.force_close_requested());
   EXPECT_EQ(TextOf(button), L"Closing...");
   EXPECT_TRUE(IsWindowVisible(button) && !IsWindowEnabled(button));
 
   progress.set_force_close_available(false);
   EXPECT_FALSE(IsWindowVisible(button));
-  PostMessageW(window, WM_COMMAND, MAKEWPARAM(1001, BN_CLICKED), 0);
-  PumpAll(progress);
+  PostAndPump(window, WM_COMMAND, MAKEWPARAM(1001, BN_CLICKED));
   EXPECT_FALSE(progress.force_close_requested()) << "it was not offered";
   progress.set_force_close_available(true);
   EXPECT_EQ(TextOf(button), L"Force close QORVA");
-  PostMessageW(window, WM_COMMAND, MAKEWPARAM(1001, BN_CLICKED), 0);
-  PumpAll(progress);
-  EXPECT_TRUE(progress.force_close_requested());
 }
 
-TEST(ScreenSurface, CloseMinimisesAndTheRunGoesOn) {
-  UpdateProgressWindow progress(CreateScreenSurface());
+TEST_F(ScreenSurface, CloseMinimisesAndTheRunGoesOn) {
   progress.set_status("Title", "Detail", 10);
   const HWND window = FindOwnWindow();
-  PostMessageW(window, WM_CLOSE, 0, 0);
-  PumpAll(progress);
+  PostAndPump(window, WM_CLOSE);
   EXPECT_TRUE(IsIconic(window));
   progress.set_status("Title", "Detail", 20);
   EXPECT_EQ(FindOwnWindow(), window);
   EXPECT_TRUE(IsIconic(window)) << "progress does not bring it back in the user's way";
 }
 
-TEST(ScreenSurface, NewDpiTakesTheSuggestedPlaceAndMovesTheButton) {
-  UpdateProgressWindow progress(CreateScreenSurface());
+TEST_F(ScreenSurface, NewDpiTakesTheSuggestedPlaceAndMovesTheButton) {
   progress.set_status("Title", "Detail", 50);
   progress.set_force_close_available(true);
   const HWND window = FindOwnWindow();
   RECT suggested{10, 20, 10 + 1210, 20 + 520};
   SendMessageW(window, WM_DPICHANGED, MAKEWPARAM(192, 192), reinterpret_cast<LPARAM>(&suggested));
-  PumpAll(progress);
-  RECT outer{}, client{}, place{};
+  Pump();
+  RECT outer{}, client{};
   GetWindowRect(window, &outer);
   EXPECT_TRUE(EqualRect(&outer, &suggested));
   GetClientRect(window, &client);
   const HWND button = GetDlgItem(window, 1001);
-  GetWindowRect(button, &place);
-  MapWindowPoints(nullptr, window, reinterpret_cast<POINT*>(&place), 2);
-  const PixelRect shown{place.left, place.top, place.right, place.bottom};
-  EXPECT_EQ(shown, LayOutForceButton(client.right, 192));
+  EXPECT_EQ(PlaceOf(button), LayOutForceButton(client.right, 192));
   EXPECT_EQ(Picture(window).at(56 + 4, 292 + 4), kFill);
   LOGFONTW font{};
   GetObjectW(std::bit_cast<HFONT>(SendMessageW(button, WM_GETFONT, 0, 0)), sizeof(font), &font);
   EXPECT_EQ(font.lfHeight, -ScaleForDpi(10, 192, 72));
 }
 
-TEST(ScreenSurface, LeavesNoGdiObjectsBehind) {
-  const auto objects = [] { return GetGuiResources(GetCurrentProcess(), GR_GDIOBJECTS); };
-  const auto use = [] {
-    UpdateProgressWindow progress(CreateScreenSurface());
+TEST_F(ScreenSurface, LeavesNoGdiObjectsBehind) {
+  const auto objects_after_use = [this] {
     for (int percent = 0; percent < 50; ++percent) progress.set_status("Title", "Detail", percent);
+    progress.Destroy();
+    return GetGuiResources(GetCurrentProcess(), GR_GDIOBJECTS);
   };
-  use();  // what the system keeps for itself after a first window
-  const DWORD before = objects();
-  for (int round = 0; round < 3; ++round) use();
-  EXPECT_LE(objects(), before);
+  const DWORD before = objects_after_use();  // with what the system keeps after a first window
+  for (int round = 0; round < 3; ++round) EXPECT_LE(objects_after_use(), before);
 }
 
 TEST(MessagePump, PutsQuitAsideUntilTheWindowIsGone) {
