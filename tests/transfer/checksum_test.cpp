@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/trace_reader.h"
-#include "tests/transfer/recording_surface.h"
+#include "tests/ui/fake_screen.h"
 
 namespace zul {
 namespace {
@@ -11,18 +11,11 @@ namespace {
 const char* const kAbcDigest = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
 
 TEST(ComputeFileSha256, MatchesPublishedVectorsAndBlockBounds) {
-  struct Row {
-    std::string contents;
-    const char* digest;
-  };
-  const Row rows[] = {
+  const std::pair<std::string, const char*> rows[] = {
       // FIPS 180-4's examples.
       {"abc", kAbcDigest},
       {"abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq",
        "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1"},
-      {"abcdefghbcdefghicdefghijdefghijkefghijklfghijklmghijklmnhijklmnoijklmnopjklmnopqklmnopqr"
-       "lmnopqrsmnopqrstnopqrstu",
-       "cf5b16a778af8380036ce59e7b0492370b249b11e8f07a51afac45037afee9d1"},
       {std::string(1000000, 'a'),
        "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0"},
       // Where the padding needs a second block, and where the read buffer ends.
@@ -36,12 +29,12 @@ TEST(ComputeFileSha256, MatchesPublishedVectorsAndBlockBounds) {
   };
   const test::TempFolder folder;
   const fs::Path path = folder / "\xC5\xBElu\xC5\xA5.bin";
-  for (const Row& row : rows) {
-    test::WriteFile(path, row.contents);
+  for (const auto& [contents, digest] : rows) {
+    test::WriteFile(path, contents);
     std::string hex = "stale";
     std::string error;
     EXPECT_TRUE(ComputeFileSha256(path, hex, &error)) << error;
-    EXPECT_EQ(hex, row.digest) << row.contents.size();
+    EXPECT_EQ(hex, digest) << contents.size();
   }
 }
 
@@ -51,21 +44,16 @@ TEST(VerifyFileSha256, ComparesTextsAndNamesWhatFailed) {
   std::string upper = kAbcDigest;
   for (char& c : upper) c = c >= 'a' ? static_cast<char>(c - 'a' + 'A') : c;
   const std::string mismatch = "Downloaded package checksum mismatch.";
-  const std::string unreadable = "Cannot open file for SHA-256.";
-  struct Row {
+  const struct {
     const char* file;
-    std::string expected;
-    std::string error;
-  };
-  const Row rows[] = {
-      {"abc", kAbcDigest, ""},
-      {"abc", " \t" + upper + "\r\n", ""},
-      {"abc", std::string(kAbcDigest).substr(1), mismatch},
-      {"abc", "", mismatch},
-      {"absent", kAbcDigest, unreadable},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(std::string(row.file) + " " + row.expected);
+    std::string expected, error;
+  } rows[] = {{"abc", kAbcDigest, ""},
+              {"abc", " \t" + upper + "\r\n", ""},
+              {"abc", std::string(kAbcDigest).substr(1), mismatch},
+              {"abc", "", mismatch},
+              {"absent", kAbcDigest, "Cannot open file for SHA-256."}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.file + row.expected);
     std::string error;
     EXPECT_EQ(VerifyFileSha256(folder / row.file, row.expected, &error), row.error.empty());
     EXPECT_EQ(error, row.error);
@@ -80,8 +68,8 @@ TEST(VerifyPackageChecksum, TellsWindowAndTrace) {
   const test::TraceInTempFolder trace;
   const fs::Path package = trace.folder() / "package.zip";
   test::WriteFile(package, "abc");
-  Strings paints;
-  UpdateProgressWindow window(std::make_unique<test::RecordingSurface>(paints));
+  test::FakeScreen screen;
+  UpdateProgressWindow window(std::make_unique<test::FakeSurface>(screen));
   UpdateRequest request;
   std::string error;
 
@@ -92,8 +80,9 @@ TEST(VerifyPackageChecksum, TellsWindowAndTrace) {
   EXPECT_FALSE(VerifyPackageChecksum({nullptr, request, package, error}, "rf_fallback"));
   EXPECT_EQ(error, "Downloaded package checksum mismatch.");
 
-  EXPECT_EQ(paints, (Strings{"Verifying update package... | Checking downloaded package SHA-256. "
-                             "|  | 100"}));
+  EXPECT_EQ(
+      screen.paints,
+      Strings{"Verifying update package... | Checking downloaded package SHA-256. | 100% | "});
   EXPECT_EQ(trace.Events(),
             (Strings{"checksum_verify checksum_stage=start origin_role=primary phase=start "
                      "sha256_expected=" +
