@@ -13,12 +13,11 @@ TEST(ApplicationOwner, NeedsTheNameAndWhereKnownTheFolder) {
   test::WriteFile(folder / "app/qorva.exe", "");
   test::WriteFile(folder / "copy/qorva.exe", "");
   const fs::Path target = folder / "app";
-  struct Case {
+  const struct {
     std::optional<fs::Path> image;
     const char* name;
     bool expected;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {target / "Qorva_GUI.exe", "", true},
       {folder / "copy/../app/qorva.exe", "", true},
       {folder / "copy/qorva.exe", "qorva.exe", false},
@@ -28,7 +27,7 @@ TEST(ApplicationOwner, NeedsTheNameAndWhereKnownTheFolder) {
       {std::nullopt, "qorva", false},
       {std::nullopt, "", false},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     EXPECT_EQ(IsApplicationOwner({1, c.image, c.name}, target), c.expected)
         << c.image.value_or(c.name);
   }

@@ -7,7 +7,7 @@
 #include <cstdint>
 
 #include "core/text.h"
-#include "tests/request/sample_requests.h"
+#include "request/update_request.h"
 #include "tests/support/split_command_line.h"
 
 namespace zul {
@@ -22,17 +22,24 @@ std::vector<std::wstring> SystemSplit(const std::wstring& line) {
 }
 
 TEST(HelperCommandLineOnWindows, TheSystemGivesTheRequestBack) {
-  for (const UpdateRequest& request : test::SampleRequests()) {
-    const std::wstring line = RenderHelperCommandLine(L"C:\\temp dir\\zul_updater.exe", request);
-    int count = 0;
-    wchar_t** arguments = ::CommandLineToArgvW(line.c_str(), &count);
-    EXPECT_EQ(ParseUpdateRequest(count, arguments), request);
-    ::LocalFree(arguments);
-    EXPECT_EQ(SystemSplit(line), test::SplitCommandLine(line));
-  }
-  for (const wchar_t* line : {L"a  \"b c\"d\te", L"\"a b\"c d", L"a \\\\\\\"b \\\\\"c d\"",
-                              L"a \"\"", L"a b\\\\ \"c\\\\\"", L"a \"b\\\"\\\\c\" \\d\\"}) {
-    EXPECT_EQ(SystemSplit(line), test::SplitCommandLine(line));
+  UpdateRequest request;
+  request.pid = 4294967295;
+  request.download_url = "https://dist.qorva.example/p.zip?a=b&c=%20";
+  request.fallback_download_url = "https://mirror1.qorva.example/a b";
+  request.sha256 = " " + std::string(64, 'F') + "\t";
+  request.target_dir = "C:\\Program Files\\Žluť \xF0\x9F\x96\xA8\\";
+  request.restart_exe = "\\\\server\\share name\\\\";
+  request.restart_args = "a \"b\" \\\"c\\\\\" d\\\\\\";
+  request.headless_restart_version_proof = true;
+  request.required_payload_files = {"qorva.exe", "data/ä b.bin", "qorva.exe",
+                                    "\"",        "\\\\\"",       "a\\"};
+  request.require_signed_payload_binaries = true;
+  for (const UpdateRequest& sample : {UpdateRequest{}, request}) {
+    std::vector<const wchar_t*> argv;
+    const std::vector<std::wstring> arguments =
+        SystemSplit(RenderHelperCommandLine(L"C:\\temp dir\\zul_updater.exe", sample));
+    for (const std::wstring& argument : arguments) argv.push_back(argument.c_str());
+    EXPECT_EQ(ParseUpdateRequest(static_cast<int>(argv.size()), argv.data()), sample);
   }
 }
 

@@ -2,37 +2,25 @@
 
 #include <gtest/gtest.h>
 
+#include <vector>
+
 namespace zul {
 namespace {
 
 TEST(PathText, TellsAbsolutePathsAndRoots) {
-  struct Case {
-    const char* text;
+  const struct {
     bool absolute, root_only;
-  };
-  const Case cases[] = {
-      {"C:\\Qorva", true, false},
-      {"z:/x", true, false},
-      {"C:\\", true, true},
-      {"C:\\/\\", true, true},
-      {"C:\\.", true, false},
-      {"C:", false, true},
-      {"C:foo", false, false},
-      {"1:\\x", false, false},
-      {"\xC5\xBD:\\x", false, false},
-      {"\\\\server\\share\\app", true, false},
-      {"//server/share", true, false},
-      {"\\\\server\\", true, true},
-      {"\\\\server", true, true},
-      {"\\\\", false, false},
-      {"\\\\\\x", false, false},
-      {"\\x", false, false},
-      {"x\\y", false, false},
-      {"", false, false},
-  };
-  for (const Case& c : cases) {
-    EXPECT_EQ(PathStartOf(c.text).absolute, c.absolute) << c.text;
-    EXPECT_EQ(PathStartOf(c.text).root_only, c.root_only) << c.text;
+    std::vector<const char*> texts;
+  } cases[] = {
+      {true, false, {"C:\\Qorva", "z:/x", "C:\\.", "\\\\server\\share\\app", "//srv/share"}},
+      {true, true, {"C:\\", "C:\\/\\", "\\\\server\\", "\\\\server"}},
+      {false, true, {"C:"}},
+      {false, false, {"C:foo", "1:\\x", "\xC5\xBD:\\x", "\\\\", "\\\\\\x", "\\x", "x\\y", ""}}};
+  for (const auto& c : cases) {
+    for (const char* text : c.texts) {
+      EXPECT_EQ(PathStartOf(text).absolute, c.absolute) << text;
+      EXPECT_EQ(PathStartOf(text).root_only, c.root_only) << text;
+    }
   }
 }
 

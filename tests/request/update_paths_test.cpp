@@ -23,110 +23,94 @@ std::string Validate(const std::string& target, const std::string& restart) {
   return error;
 }
 
+/// A target and a restart executable that get one message; empty for a pair that may be used.
+struct Case {
+  std::string error;
+  std::vector<std::pair<std::string, std::string>> pairs;
+};
+
 // Texts decide alone, on any system.
 TEST(UpdatePaths, RefusesByTextInAFixedOrder) {
-  const std::string not_absolute = "Update target directory must be an absolute path.";
-  const std::string wrong_name =
-      "Restart executable must be qorva_gui.exe, qorva.exe, zul_rip_gui.exe, or zul_rip.exe.";
-  struct Case {
-    std::string target, restart, error;
-  };
   const Case cases[] = {
-      {"", "", "Update target directory path is not valid UTF-8."},
-      {"C:\\\xff", "\xff", "Update target directory path is not valid UTF-8."},
-      {"x", "C:\\\xed\xa0\x80", "Restart executable path is not valid UTF-8."},
-      {"x", "", "Restart executable path is not valid UTF-8."},
-      {"x", "x", not_absolute},
-      {"C:", "x", not_absolute},
-      {"C:foo", "x", not_absolute},
-      {"C:\\", "x", "Restart executable path must be absolute."},
-      {"C:\\", "C:\\x.exe", "Update target directory cannot be a filesystem root."},
-      {"\\\\server", "C:\\x.exe", "Update target directory cannot be a filesystem root."},
-      {"\\\\server\\share\\app", "C:\\x.exe", wrong_name},
-      {"C:\\app", "C:\\qorva.exe\\", wrong_name},
-      {"C:\\app", "C:\\app\\qorva.exe.", wrong_name},
-      {"C:\\app", "C:\\app\\myqorva.exe", wrong_name},
+      {"Update target directory path is not valid UTF-8.", {{"", ""}, {"C:\\\xff", "\xff"}}},
+      {"Restart executable path is not valid UTF-8.", {{"x", "C:\\\xed\xa0\x80"}, {"x", ""}}},
+      {"Update target directory must be an absolute path.",
+       {{"x", "x"}, {"C:", "x"}, {"C:foo", "x"}}},
+      {"Restart executable path must be absolute.", {{"C:\\", "x"}}},
+      {"Update target directory cannot be a filesystem root.",
+       {{"C:\\", "C:\\x.exe"}, {"\\\\server", "C:\\x.exe"}}},
+      {"Restart executable must be qorva_gui.exe, qorva.exe, zul_rip_gui.exe, or zul_rip.exe.",
+       {{"\\\\server\\share\\app", "C:\\x.exe"},
+        {"C:\\app", "C:\\qorva.exe\\"},
+        {"C:\\app", "C:\\app\\qorva.exe."},
+        {"C:\\app", "C:\\app\\myqorva.exe"}}},
   };
   for (const Case& c : cases) {
-    EXPECT_EQ(Validate(c.target, c.restart), c.error) << c.target << " | " << c.restart;
+    for (const auto& [target, restart] : c.pairs) {
+      EXPECT_EQ(Validate(target, restart), c.error) << target << " | " << restart;
+    }
   }
 }
 
 TEST(UpdatePaths, AsksTheDiskInAFixedOrder) {
   const TempFolder folder;
-  WriteFile(folder / "app/QORVA_gui.exe", "");
-  WriteFile(folder / "app/sub/qorva.exe", "");
-  WriteFile(folder / "plain", "");
-  std::error_code ec;
-  ASSERT_TRUE(fs::CreateDirectories(folder / "app" / "qorva.exe", ec));
-  const std::string root = PathToGenericUtf8(folder.path());
-  struct Case {
-    std::string target, restart, error;
-  };
+  for (const char* file : {"app/QORVA_gui.exe", "app/sub/qorva.exe", "app/qorva.exe/x", "plain"}) {
+    WriteFile(folder / file, "");
+  }
   const Case cases[] = {
-      {"/app", "/app/QORVA_gui.exe", ""},
-      {"/app/", "/app/QORVA_gui.exe", ""},
-      {"/app/sub/..", "/./app/sub/../QORVA_gui.exe", ""},
-      {"/none", "/none/qorva.exe", "Update target directory must exist and be a directory."},
-      {"/plain", "/app/qorva.exe", "Update target directory must exist and be a directory."},
-      {"/app", "/app/zul_rip.exe", "Restart executable must exist and be a regular file."},
-      {"/app", "/app/qorva.exe", "Restart executable must exist and be a regular file."},
-      {"/app", "/app/sub/qorva.exe",
-       "Restart executable must be directly inside the update target directory."},
-      {"/app/sub", "/app/QORVA_gui.exe",
-       "Restart executable must be directly inside the update target directory."},
+      {"",
+       {{"/app", "/app/QORVA_gui.exe"},
+        {"/app/", "/app/QORVA_gui.exe"},
+        {"/app/sub/..", "/./app/sub/../QORVA_gui.exe"}}},
+      {"Update target directory must exist and be a directory.",
+       {{"/none", "/none/qorva.exe"}, {"/plain", "/app/qorva.exe"}}},
+      {"Restart executable must exist and be a regular file.",
+       {{"/app", "/app/zul_rip.exe"}, {"/app", "/app/qorva.exe"}}},
+      {"Restart executable must be directly inside the update target directory.",
+       {{"/app", "/app/sub/qorva.exe"}, {"/app/sub", "/app/QORVA_gui.exe"}}},
   };
+  const std::string root = PathToGenericUtf8(folder.path());
   for (const Case& c : cases) {
-    EXPECT_EQ(Validate(root + c.target, root + c.restart), c.error) << c.target << c.restart;
+    for (const auto& [target, restart] : c.pairs) {
+      EXPECT_EQ(Validate(root + target, root + restart), c.error) << target << " | " << restart;
+    }
   }
 }
 
 TEST(RestartTarget, MapsLegacyNamesToAnExistingCurrentName) {
   const TempFolder folder;
-  const std::string target = PathToUtf8(folder.path());
   WriteFile(folder / "qorva_gui.exe", "");
-  std::error_code ec;
-  ASSERT_TRUE(fs::CreateDirectories(folder / "qorva.exe", ec));
-  struct Case {
-    std::string restart, expected;
-  };
-  const Case cases[] = {
-      {"X:\\old\\ZUL_Rip_GUI.exe", PathToUtf8(folder / "qorva_gui.exe")},
-      {"X:\\old\\zul_rip.exe", "X:\\old\\zul_rip.exe"},  // the current name is a folder
-      {"X:\\old\\qorva_gui.exe", "X:\\old\\qorva_gui.exe"},
-      {"X:\\old\\other.exe", "X:\\old\\other.exe"},
-  };
-  for (const Case& c : cases) EXPECT_EQ(ResolveRestartTarget(c.restart, target), c.expected);
+  WriteFile(folder / "qorva.exe/a folder", "");
+  const std::string target = PathToUtf8(folder.path());
+  EXPECT_EQ(ResolveRestartTarget("X:\\old\\ZUL_Rip_GUI.exe", target),
+            PathToUtf8(folder / "qorva_gui.exe"));
+  for (const char* kept : {"X:\\old\\zul_rip.exe", "X:\\old\\qorva_gui.exe", "X:\\other.exe"}) {
+    EXPECT_EQ(ResolveRestartTarget(kept, target), kept);
+  }
   EXPECT_EQ(ResolveRestartTarget("zul_rip_gui.exe", target + "/none"), "zul_rip_gui.exe");
 }
 
 TEST(UpdaterHelper, PrefersTheCurrentNameSpelledExactly) {
-  const TempFolder folder;
-  WriteFile(folder / "qorva.exe", "");
-  const std::string restart = PathToUtf8(folder / "qorva.exe");
+  const std::string missing = "Updater helper must be named qorva_updater.exe or zul_updater.exe.";
+  const struct {
+    std::vector<const char*> files;
+    std::string found;  ///< the helper's name or the message
+  } cases[] = {{{}, missing},
+               {{"Zul_updater.exe"}, missing},
+               {{"zul_updater.exe"}, "zul_updater.exe"},
+               {{"zul_updater.exe", "qorva_updater.exe"}, "qorva_updater.exe"},
+               {{"zul_updater.exe", "qorva_updater.exe/a folder"},
+                "Updater helper must exist and be a regular file."}};
   fs::Path helper;
   std::string error;
-  const auto resolve = [&] {
-    helper.clear();
-    error.clear();
-    static_cast<void>(ResolveUpdaterHelper(restart, helper, &error));
-    return error.empty() ? PathToUtf8(helper.filename()) : error;
-  };
-  const std::string missing = "Updater helper must be named qorva_updater.exe or zul_updater.exe.";
-  EXPECT_EQ(resolve(), missing);
-  WriteFile(folder / "Zul_updater.exe", "");
-  EXPECT_EQ(resolve(), missing);
-  std::error_code ec;
-  fs::Remove(folder / "Zul_updater.exe", ec);
-  WriteFile(folder / "zul_updater.exe", "");
-  EXPECT_EQ(resolve(), "zul_updater.exe");
-  ASSERT_TRUE(fs::CreateDirectories(folder / "qorva_updater.exe", ec));
-  EXPECT_EQ(resolve(), "Updater helper must exist and be a regular file.");
-  fs::Remove(folder / "qorva_updater.exe", ec);
-  WriteFile(folder / "qorva_updater.exe", "");
-  EXPECT_EQ(resolve(), "qorva_updater.exe");
-  EXPECT_EQ(helper, folder / "qorva_updater.exe");
-
+  for (const auto& c : cases) {
+    const TempFolder folder;
+    WriteFile(folder / "qorva.exe", "");
+    for (const char* file : c.files) WriteFile(folder / file, "");
+    const bool found = ResolveUpdaterHelper(PathToUtf8(folder / "qorva.exe"), helper, &error);
+    EXPECT_EQ(found ? PathToUtf8(helper.lexically_relative(folder.path())) : error, c.found);
+  }
+  const TempFolder folder;
   EXPECT_FALSE(ResolveUpdaterHelper(PathToUtf8(folder / "other.exe"), helper, &error));
   EXPECT_EQ(error, "Restart executable path is invalid.");
   EXPECT_THROW(static_cast<void>(
