@@ -8,66 +8,49 @@
 namespace zul {
 namespace {
 
-struct Case {
-  const char* name;
-  InstallSignals signals;
-  InstallMode mode;
-  const char* reason;
-};
-
-InstallSignals At(std::string_view path, std::string_view developer_root = "") {
-  InstallSignals signals;
-  signals.executable_path = path;
-  signals.local_app_data = "C:/Users/Ann/AppData/Local";
-  signals.developer_root = developer_root;
-  return signals;
-}
-
-InstallSignals With(InstallSignals signals, bool InstallSignals::*marker) {
-  signals.*marker = true;
-  return signals;
-}
-
 TEST(InstallClassification, TheFirstSignalThatSpeaksDecides) {
   const InstallMode installed = InstallMode::kInstalled;
   const InstallMode archive = InstallMode::kArchive;
   const InstallMode unknown = InstallMode::kUnknown;
-  const Case cases[] = {
-      {"a marker beats everything",
-       With(With(At("D:/odd/zul_rip.exe"), &InstallSignals::install_marker_present),
-            &InstallSignals::archive_marker_present),
-       installed, "install marker present"},
-      {"an uninstaller makes an odd folder an installation",
-       With(At("D:/odd/zul_rip.exe"), &InstallSignals::uninstaller_present), installed,
-       "installer uninstaller present"},
-      {"the standard folder alone is enough, in any case",
-       At("c:/users/ANN/appdata/local/programs/qorva/qorva_gui.exe"), installed,
+  const struct {
+    const char *path, *markers;  ///< i installation, u uninstaller, a archive
+    InstallMode mode;
+    const char* reason;
+    const char* developer_root = "";
+  } cases[] = {
+      {"D:/odd/zul_rip.exe", "ia", installed, "install marker present"},
+      {"D:/odd/zul_rip.exe", "u", installed, "installer uninstaller present"},
+      {"c:/users/ANN/appdata/local/programs/qorva/qorva_gui.exe", "", installed,
        "standard per-user installer directory"},
-      {"an archive marker counts in a source tree",
-       With(At("D:/src/build/qorva_gui.exe", "D:/src"), &InstallSignals::archive_marker_present),
-       archive, "archive migration marker present"},
-      {"a build output may update", At("D:/src/Build/qorva_gui.exe", "d:/SRC"), unknown,
-       "developer tree or local build output"},
-      {"a name that begins alike is not inside", At("D:/src2/qorva_gui.exe", "D:/src"), archive,
-       "product executable outside installer directory"},
-      {"a legacy name", At("E:/stick/ZUL_RIP_GUI.exe"), archive, "legacy archive executable name"},
-      {"a current name on a stick", At("E:/stick/qorva_updater.exe"), archive,
-       "product executable outside installer directory"},
-      {"somebody else's program", At("E:/stick/other.exe"), unknown,
-       "path does not match installer or archive signals"},
-      {"no path at all", At(""), unknown, "path does not match installer or archive signals"},
+      {"D:/src/build/qorva_gui.exe", "a", archive, "archive migration marker present", "D:/src"},
+      {"D:/src/Build/qorva_gui.exe", "", unknown, "developer tree or local build output", "d:/SRC"},
+      // A name that begins alike is not inside.
+      {"D:/src2/qorva_gui.exe", "", archive, "product executable outside installer directory",
+       "D:/src"},
+      {"E:/stick/ZUL_RIP_GUI.exe", "", archive, "legacy archive executable name"},
+      {"E:/stick/qorva_updater.exe", "", archive, "product executable outside installer directory"},
+      {"E:/stick/other.exe", "", unknown, "path does not match installer or archive signals"},
+      {"", "", unknown, "path does not match installer or archive signals"},
   };
-  for (const Case& c : cases) {
-    const InstallClassification result = ClassifyInstallSignals(c.signals);
-    EXPECT_EQ(result.mode, c.mode) << c.name;
-    EXPECT_EQ(result.reason, c.reason) << c.name;
-    EXPECT_EQ(result.is_archive, c.mode == archive) << c.name;
-    EXPECT_EQ(result.is_updatable, c.mode != archive) << c.name;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.path);
+    const std::string_view markers = c.markers;
+    InstallSignals signals;
+    signals.executable_path = c.path;
+    signals.local_app_data = "C:/Users/Ann/AppData/Local";
+    signals.developer_root = c.developer_root;
+    signals.install_marker_present = markers.find('i') != markers.npos;
+    signals.uninstaller_present = markers.find('u') != markers.npos;
+    signals.archive_marker_present = markers.find('a') != markers.npos;
+    const InstallClassification result = ClassifyInstallSignals(signals);
+    EXPECT_EQ(result.mode, c.mode);
+    EXPECT_EQ(result.reason, c.reason);
+    EXPECT_EQ(result.is_archive, c.mode == archive);
+    EXPECT_EQ(result.is_updatable, c.mode != archive);
   }
-
-  InstallSignals unset = At("C:/Users/Ann/AppData/Local/Programs/QORVA/qorva.exe");
-  unset.local_app_data.clear();
-  EXPECT_EQ(ClassifyInstallSignals(unset).mode, archive) << "without LOCALAPPDATA";
+  InstallSignals unset;  // without LOCALAPPDATA
+  unset.executable_path = "C:/Users/Ann/AppData/Local/Programs/QORVA/qorva.exe";
+  EXPECT_EQ(ClassifyInstallSignals(unset).mode, archive);
 }
 
 TEST(InstallClassification, SignalsComeFromTheDisk) {

@@ -11,12 +11,7 @@
 namespace zul {
 namespace {
 
-struct Case {
-  const char* name;
-  std::function<void(UpdateRequest&)> change;
-  std::string message;  ///< empty for a request that may run
-};
-
+// What else is refused, and each message as the user sees it, the end-to-end runs show.
 TEST(ValidateUpdateRequest, TheFirstFailingCheckGivesTheMessage) {
   const test::TempFolder folder;
   test::WriteFile(folder / "app/qorva_gui.exe", "MZ");
@@ -30,54 +25,49 @@ TEST(ValidateUpdateRequest, TheFirstFailingCheckGivesTheMessage) {
 
   const std::string incomplete = "Update payload is incomplete.";
   const std::string bad_digest = "Update SHA-256 must be a 64-character hex string.";
-  const Case cases[] = {
-      {"a sound request", [](auto&) {}, ""},
-      {"a mirror and a contract",
-       [&](auto& r) {
+  const struct {
+    std::function<void(UpdateRequest&)> change;
+    std::string message;  ///< empty for a request that may run
+  } cases[] = {
+      {[](auto&) {}, ""},
+      {[](auto& r) {
          r.fallback_download_url = "https://" + DefaultUpdateDownloadHosts().back() + "/q.zip?t=1";
          r.required_payload_files = {"qorva_gui.exe"};
        },
        ""},
-      {"a digest with blanks around it and upper case",
-       [](auto& r) { r.sha256 = " \t" + std::string(64, 'F') + "\n"; }, ""},
-      {"no url", [](auto& r) { r.download_url.clear(); }, incomplete},
-      {"no digest", [](auto& r) { r.sha256.clear(); }, incomplete},
-      {"no target", [](auto& r) { r.target_dir.clear(); }, incomplete},
-      {"no executable", [](auto& r) { r.restart_exe.clear(); }, incomplete},
-      {"restart arguments", [](auto& r) { r.restart_args = "x"; },
-       "Updater restart arguments are not supported."},
-      {"a proof that would wait for a process",
-       [](auto& r) {
+      {[](auto& r) { r.sha256 = " \t" + std::string(64, 'F') + "\n"; }, ""},
+      {[](auto& r) { r.download_url.clear(); }, incomplete},
+      {[](auto& r) { r.sha256.clear(); }, incomplete},
+      {[](auto& r) { r.target_dir.clear(); }, incomplete},
+      {[](auto& r) { r.restart_exe.clear(); }, incomplete},
+      {[](auto& r) { r.restart_args = "x"; }, "Updater restart arguments are not supported."},
+      // A proof that would wait for a process is refused before any path is looked at.
+      {[](auto& r) {
          r.headless_restart_version_proof = true;
          r.pid = 7;
-         r.target_dir = "no path is looked at";
+         r.target_dir = "x";
        },
        "Headless installed-update proof requires an isolated updater request."},
-      {"a proof without signatures", [](auto& r) { r.headless_restart_version_proof = true; },
+      {[](auto& r) { r.headless_restart_version_proof = true; },
        "Headless installed-update proof requires signed payload verification."},
-      {"a target that is not there", [](auto& r) { r.target_dir += "x"; },
+      {[](auto& r) { r.target_dir += "x"; },
        "Update target directory must exist and be a directory."},
-      {"a plain http origin", [&](auto& r) { r.download_url = "http://" + host + "/q.zip"; },
-       "Update URL must use HTTPS"},
-      {"an origin off the list", [](auto& r) { r.download_url = "https://other.example/q.zip"; },
+      {[&](auto& r) { r.download_url = "http://" + host + "/"; }, "Update URL must use HTTPS"},
+      {[](auto& r) { r.fallback_download_url = "https://other.example/q.zip"; },
        "Update download host is not allowed: other.example"},
-      {"an origin with user info", [&](auto& r) { r.download_url = "https://a@" + host + "/"; },
-       "Invalid HTTPS URL in download_url: URL host is empty or contains user info"},
-      {"a mirror off the list",
-       [](auto& r) { r.fallback_download_url = "https://mirror.other.example/q.zip"; },
-       "Update download host is not allowed: mirror.other.example"},
-      {"a short digest", [](auto& r) { r.sha256.pop_back(); }, bad_digest},
-      {"a digest with a letter too far", [](auto& r) { r.sha256.back() = 'g'; }, bad_digest},
-      {"a required path", [](auto& r) { r.required_payload_files = {"bin/qorva.exe"}; },
+      {[](auto& r) { r.sha256.pop_back(); }, bad_digest},
+      {[](auto& r) { r.sha256.back() = 'g'; }, bad_digest},
+      {[](auto& r) { r.required_payload_files = {"bin/qorva.exe"}; },
        "Update package required file name is unsafe: bin/qorva.exe"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
+    SCOPED_TRACE(&c - cases);
     UpdateRequest request = sound;
     c.change(request);
     std::string error;
-    EXPECT_EQ(ValidateUpdateRequest(request, &error), c.message.empty()) << c.name;
-    EXPECT_EQ(error, c.message) << c.name;
-    EXPECT_EQ(ValidateUpdateRequest(request, nullptr), c.message.empty()) << c.name;
+    EXPECT_EQ(ValidateUpdateRequest(request, &error), c.message.empty());
+    EXPECT_EQ(error, c.message);
+    EXPECT_EQ(ValidateUpdateRequest(request, nullptr), c.message.empty());
   }
 }
 
