@@ -32,7 +32,7 @@ TEST(ErrorCatalogue, FindsFlowsAndRefusesUnknownOnes) {
   EXPECT_EQ(RecoveryFlowErrorId(kRecoveryFlowUpdate), "QORVA-UPDATE-CHECK-FAILED");
   EXPECT_EQ(RecoveryFlowErrorId(7), "QORVA-HOTFOLDER-UNAVAILABLE");
   for (const std::uint32_t unknown : {0U, 8U}) {
-    EXPECT_THROW(static_cast<void>(RecoveryFlowErrorId(unknown)), std::logic_error) << unknown;
+    EXPECT_THROW((void)RecoveryFlowErrorId(unknown), std::logic_error) << unknown;
   }
 }
 

@@ -20,53 +20,56 @@ using test::RunsUnderWine;
 using test::TempFolder;
 using test::WriteFile;
 
-#define REQUIRE_LINK(target, link) \
-  if (!MakeLink(target, link)) GTEST_SKIP() << "this user may not make links"
+/// A fresh folder for each test, and another one that links lead to.
+class FileLayer : public testing::Test {
+ protected:
+  void Write(std::initializer_list<const char*> files) {
+    for (const char* file : files) WriteFile(folder / file, "x");
+  }
+  bool Link(const Path& target, const char* link) { return MakeLink(target, folder / link); }
+
+  const TempFolder folder;
+  const TempFolder outside;
+  std::error_code ec;
+};
+
+#define REQUIRE_LINKS(...) \
+  if (!(__VA_ARGS__)) GTEST_SKIP() << "this user may not make links"
 
 // ---------------------------------------------------------------------------------------------
 // Open files
 
-TEST(FileLayer, OpenersDifferInWhatTheyDoToWhatIsThere) {
-  const TempFolder folder;
-  const auto open = [](int opener, const Path& path, std::error_code& ec) {
-    switch (opener) {
-      case 0:
-        return CreateNewFile(path, NewFileAccess::kWrite, ec);
-      case 1:
-        return CreateTruncatedFile(path, ec);
-      default:
-        return OpenForAppend(path, ec);
-    }
-  };
+TEST_F(FileLayer, OpenersDifferInWhatTheyDoToWhatIsThere) {
   const struct {
-    int opener;
-    const char* over_existing;  ///< contents of "old" after writing "new"; null when refused
-  } cases[] = {{0, nullptr}, {1, "new"}, {2, "oldnew"}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.opener);
+    const char* name;
+    File (*open)(const Path&, std::error_code&);
+    std::string over_existing;  ///< contents of "old" after writing "new"
+  } openers[] = {
+      {"create",
+       [](const Path& p, std::error_code& e) { return CreateNewFile(p, NewFileAccess::kWrite, e); },
+       "old"},
+      {"truncate", CreateTruncatedFile, "new"},
+      {"append", OpenForAppend, "oldnew"}};
+  for (const auto& o : openers) {
     for (const bool existing : {false, true}) {
-      const Path path = folder / (std::to_string(c.opener) + (existing ? "old" : "new"));
-      if (existing) WriteFile(path, "old");
-      std::error_code ec;
-      File file = open(c.opener, path, ec);
-      if (existing && c.over_existing == nullptr) {
-        EXPECT_FALSE(file.is_open());
-        EXPECT_TRUE(IsExistsError(ec)) << ec;
-        EXPECT_EQ(ReadFile(path), "old");
-        continue;
+      SCOPED_TRACE(o.name);
+      const Path path = folder / o.name;
+      WriteFile(path, "old");
+      if (!existing) Remove(path, ec);
+      File file = o.open(path, ec);
+      const bool refused = existing && o.over_existing == "old";
+      EXPECT_EQ(IsExistsError(ec), refused) << ec;
+      ASSERT_EQ(file.is_open(), !refused) << ec;
+      if (!refused) {
+        EXPECT_TRUE(WriteAll(file, "new", 3, ec) && file.Flush(ec) && file.Close(ec)) << ec;
       }
-      ASSERT_TRUE(file.is_open()) << ec;
-      EXPECT_FALSE(ec);
-      EXPECT_TRUE(WriteAll(file, "new", 3, ec) && file.Flush(ec) && file.Close(ec)) << ec;
       EXPECT_TRUE(file.Close(ec));  // closed already: nothing to do
-      EXPECT_EQ(ReadFile(path), existing ? c.over_existing : "new");
+      EXPECT_EQ(ReadFile(path), existing ? o.over_existing : "new");
     }
   }
 }
 
-TEST(FileLayer, AppendersShareAFileAndItsEnd) {
-  const TempFolder folder;
-  std::error_code ec;
+TEST_F(FileLayer, AppendersShareAFileAndItsEnd) {
   File first = OpenForAppend(folder / "log", ec);
   File second = OpenForAppend(folder / "log", ec);
   ASSERT_TRUE(first.is_open() && second.is_open()) << ec;
@@ -77,9 +80,7 @@ TEST(FileLayer, AppendersShareAFileAndItsEnd) {
   EXPECT_EQ(size, 6u);
 }
 
-TEST(FileLayer, NewFileIsHeldExclusivelyOnWindows) {
-  const TempFolder folder;
-  std::error_code ec;
+TEST_F(FileLayer, NewFileIsHeldExclusivelyOnWindows) {
   File held = CreateNewFile(folder / "f", NewFileAccess::kReadWrite, ec);
   ASSERT_TRUE(held.is_open());
   EXPECT_EQ(OpenForRead(folder / "f", ec).is_open(), !kOnWindows);
@@ -98,13 +99,9 @@ TEST(FileLayer, NewFileIsHeldExclusivelyOnWindows) {
 // ---------------------------------------------------------------------------------------------
 // What is there and where
 
-TEST(FileLayer, TellsKindsAndWhatAPathMeans) {
-  const TempFolder folder;
-  WriteFile(folder / "file", "x");
-  WriteFile(folder / "dir/inner", "x");
-  REQUIRE_LINK("file", folder / "to_file");
-  REQUIRE_LINK("dir", folder / "to_dir");
-  REQUIRE_LINK("nowhere", folder / "dangling");
+TEST_F(FileLayer, TellsKindsAndWhatAPathMeans) {
+  Write({"file", "dir/inner"});
+  REQUIRE_LINKS(Link("file", "to_file") && Link("dir", "to_dir") && Link("nowhere", "dangling"));
   const bool wine = RunsUnderWine();
   using enum EntryKind;
   const struct {
@@ -130,12 +127,12 @@ TEST(FileLayer, TellsKindsAndWhatAPathMeans) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.path);
-    std::error_code ec = SystemError(1);
-    EXPECT_EQ(KindOf(folder / c.path, Links::kFollow, ec), c.followed);
-    EXPECT_FALSE(ec) << ec;
-    ec = SystemError(1);
-    EXPECT_EQ(KindOf(folder / c.path, Links::kDoNotFollow, ec), c.itself);
-    EXPECT_FALSE(ec) << ec;
+    for (const Links links : {Links::kFollow, Links::kDoNotFollow}) {
+      ec = SystemError(1);
+      EXPECT_EQ(KindOf(folder / c.path, links, ec),
+                links == Links::kFollow ? c.followed : c.itself);
+      EXPECT_FALSE(ec) << ec;
+    }
     const PathProbe probe = ProbePath(folder / c.path);
     EXPECT_EQ(probe.kind, c.probe);
     EXPECT_EQ(probe.is_directory, c.probe == PathProbe::kExists && c.followed == kDirectory);
@@ -143,20 +140,14 @@ TEST(FileLayer, TellsKindsAndWhatAPathMeans) {
   }
 }
 
-TEST(FileLayer, WeaklyCanonicalResolvesWhatExistsAndAppendsTheRest) {
-  const TempFolder folder;
-  const TempFolder outside;
-  WriteFile(folder / "dir/file", "x");
+TEST_F(FileLayer, WeaklyCanonicalResolvesWhatExistsAndAppendsTheRest) {
+  Write({"dir/file"});
   WriteFile(outside / "secret", "x");
-  REQUIRE_LINK(outside.path(), folder / "dir/out");
-  REQUIRE_LINK("dir", folder / "to_dir");
-  REQUIRE_LINK("nowhere", folder / "dangling");
+  REQUIRE_LINKS(Link(outside.path(), "dir/out") && Link("dir", "to_dir") &&
+                Link("nowhere", "dangling"));
   const Path& inside = folder.path();
   const Path& out = outside.path();
-  const struct {
-    std::string path;
-    Path expected;
-  } cases[] = {
+  const std::pair<const char*, Path> cases[] = {
       {"dir/file", inside / "dir" / "file"},
       {"dir/", inside / "dir"},
       {"./dir/.//../dir/file", inside / "dir" / "file"},
@@ -174,13 +165,11 @@ TEST(FileLayer, WeaklyCanonicalResolvesWhatExistsAndAppendsTheRest) {
       {"missing/../to_dir/out", out},
       {"dangling/x", inside / "dangling" / "x"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.path);
-    std::error_code ec = SystemError(1);
-    EXPECT_EQ(WeaklyCanonical(folder / c.path, ec), c.expected);
-    EXPECT_FALSE(ec) << ec;
+  for (const auto& [path, expected] : cases) {
+    ec = SystemError(1);
+    EXPECT_EQ(WeaklyCanonical(folder / path, ec), expected) << path;
+    EXPECT_FALSE(ec) << path << ec;
   }
-  std::error_code ec;
   EXPECT_EQ(WeaklyCanonical("no-such-name/x", ec), CurrentDirectory(ec) / "no-such-name" / "x");
   EXPECT_TRUE(WeaklyCanonical("", ec).empty());
   EXPECT_TRUE(ec);
@@ -192,12 +181,10 @@ TEST(FileLayer, WeaklyCanonicalResolvesWhatExistsAndAppendsTheRest) {
   }
 }
 
-TEST(FileLayer, MeasuresAndComparesEntries) {
-  const TempFolder folder;
+TEST_F(FileLayer, MeasuresAndComparesEntries) {
   WriteFile(folder / "a", "12345");
   WriteFile(folder / "b", "12345");
-  REQUIRE_LINK(folder.path(), folder / "self");
-  std::error_code ec;
+  REQUIRE_LINKS(Link(folder.path(), "self"));
   EXPECT_EQ(SizeOf(folder / "self/a", ec), 5u);
   EXPECT_FALSE(ec);
   EXPECT_EQ(SizeOf(folder.path(), ec), 0u);
@@ -217,20 +204,15 @@ TEST(FileLayer, MeasuresAndComparesEntries) {
 // ---------------------------------------------------------------------------------------------
 // Listing
 
-TEST(FileLayer, WalksInPreOrderAndNeverEntersALink) {
-  const TempFolder folder;
-  const TempFolder outside;
+TEST_F(FileLayer, WalksInPreOrderAndNeverEntersALink) {
   WriteFile(outside / "secret", "x");
-  for (const char* file : {"t/a/1", "t/a/b/2", "t/c/3", "t/4"}) WriteFile(folder / file, "x");
-  REQUIRE_LINK(outside.path(), folder / "t/a/out");
-  REQUIRE_LINK("..", folder / "t/c/up");
-  REQUIRE_LINK("t", folder / "to_t");
+  Write({"t/a/1", "t/a/b/2", "t/c/3", "t/4"});
+  REQUIRE_LINKS(Link(outside.path(), "t/a/out") && Link("..", "t/c/up") && Link("t", "to_t"));
   EXPECT_EQ(ListTree(folder / "t"), "4\na/\na/1\na/b/\na/b/2\na/out\nc/\nc/3\nc/up\n");
   EXPECT_EQ(ListTree(folder / "to_t"), ListTree(folder / "t"));  // a root may be a link
 
   TreeWalker walker(folder / "t");
   DirectoryEntry entry;
-  std::error_code ec;
   Path last_folder = folder / "t";
   while (walker.Next(&entry, ec)) {
     // Pre-order: the entry's folder is the last one entered or one above it.
@@ -245,10 +227,9 @@ TEST(FileLayer, WalksInPreOrderAndNeverEntersALink) {
   EXPECT_EQ(ListDirectory(folder / "t", ec).size(), 3u);
 
   for (const Path& bad : {folder / "missing", folder / "t/4", Path()}) {
-    SCOPED_TRACE(PathToUtf8(bad));
     TreeWalker none(bad);
     EXPECT_FALSE(none.Next(&entry, ec));
-    EXPECT_TRUE(ec);
+    EXPECT_TRUE(ec) << bad;
     EXPECT_FALSE(none.Next(&entry, ec));
     EXPECT_TRUE(ListDirectory(bad, ec).empty());
     EXPECT_TRUE(ec);
@@ -258,10 +239,8 @@ TEST(FileLayer, WalksInPreOrderAndNeverEntersALink) {
 // ---------------------------------------------------------------------------------------------
 // Changes
 
-TEST(FileLayer, CreatesFoldersAndTellsItsOwnFromOthers) {
-  const TempFolder folder;
+TEST_F(FileLayer, CreatesFoldersAndTellsItsOwnFromOthers) {
   WriteFile(folder / "file", "x");
-  std::error_code ec;
   EXPECT_EQ(CreateDirectoryOnce(folder / "new", ec), CreateResult::kCreated);
   for (const char* existing : {"new", "file"}) {
     EXPECT_EQ(CreateDirectoryOnce(folder / existing, ec), CreateResult::kExisted);
@@ -282,21 +261,19 @@ TEST(FileLayer, CreatesFoldersAndTellsItsOwnFromOthers) {
   EXPECT_TRUE(ec);
 }
 
-TEST(FileLayer, ManyMayCreateOneFolderAtOnce) {
-  const TempFolder folder;
-  std::vector<std::jthread> threads;
-  threads.reserve(8);
-  for (int i = 0; i < 8; ++i) {
-    threads.emplace_back([&] {
+TEST_F(FileLayer, ManyMayCreateOneFolderAtOnce) {
+  std::vector<std::jthread> threads(8);
+  for (std::jthread& thread : threads) {
+    thread = std::jthread([&] {
       for (int n = 0; n < 20; ++n) {
-        std::error_code ec;
-        EXPECT_TRUE(CreateDirectories(folder / (std::to_string(n) + "/x/y"), ec)) << ec;
+        std::error_code own;
+        EXPECT_TRUE(CreateDirectories(folder / (std::to_string(n) + "/x/y"), own)) << own;
       }
     });
   }
 }
 
-TEST(FileLayer, MovesDifferInWhatTheyDoToAnExistingTarget) {
+TEST_F(FileLayer, MovesDifferInWhatTheyDoToAnExistingTarget) {
   const struct {
     const char* name;
     bool (*move)(const Path&, const Path&, std::error_code&);
@@ -306,41 +283,36 @@ TEST(FileLayer, MovesDifferInWhatTheyDoToAnExistingTarget) {
                {"MoveReplacing", MoveReplacing, true}};
   for (const auto& m : moves) {
     SCOPED_TRACE(m.name);
-    const TempFolder folder;
-    std::error_code ec;
-    WriteFile(folder / "from", "from");
-    WriteFile(folder / "to", "to");
-    WriteFile(folder / "dir/kept", "x");
-    EXPECT_TRUE(m.move(folder / "from", folder / "moved", ec)) << ec;
+    const Path base = folder / m.name;
+    WriteFile(base / "from", "from");
+    WriteFile(base / "to", "to");
+    WriteFile(base / "dir/kept", "x");
+    EXPECT_TRUE(m.move(base / "from", base / "moved", ec)) << ec;
     EXPECT_FALSE(ec);
-    EXPECT_FALSE(m.move(folder / "from", folder / "again", ec));
+    EXPECT_FALSE(m.move(base / "from", base / "again", ec));
     EXPECT_TRUE(IsNotFoundError(ec)) << ec;
-    EXPECT_FALSE(m.move(folder / "moved", folder / "missing/x", ec));
+    EXPECT_FALSE(m.move(base / "moved", base / "missing/x", ec));
     EXPECT_TRUE(IsNotFoundError(ec)) << ec;
-    EXPECT_FALSE(m.move(folder / "moved", folder / "dir", ec));
-    EXPECT_EQ(m.move(folder / "moved", folder / "to", ec), m.replaces);
+    EXPECT_FALSE(m.move(base / "moved", base / "dir", ec));
+    EXPECT_EQ(m.move(base / "moved", base / "to", ec), m.replaces);
     if (!m.replaces) {
       EXPECT_TRUE(IsExistsError(ec)) << ec;
-      EXPECT_EQ(ReadFile(folder / "moved"), "from");
+      EXPECT_EQ(ReadFile(base / "moved"), "from");
     }
-    EXPECT_EQ(ReadFile(folder / "to"), m.replaces ? "from" : "to");
-    EXPECT_EQ(ReadFile(folder / "dir/kept"), "x");
+    EXPECT_EQ(ReadFile(base / "to"), m.replaces ? "from" : "to");
+    EXPECT_EQ(ReadFile(base / "dir/kept"), "x");
   }
-  const TempFolder folder;
-  std::error_code ec;
-  WriteFile(folder / "a/file", "x");
-  EXPECT_TRUE(CreateDirectories(folder / "empty", ec));
-  EXPECT_FALSE(Rename(folder / "a", folder / "empty", ec));
+  Write({"tree/a/file"});
+  EXPECT_TRUE(CreateDirectories(folder / "tree/empty", ec));
+  EXPECT_FALSE(Rename(folder / "tree/a", folder / "tree/empty", ec));
   EXPECT_TRUE(ec);
-  EXPECT_TRUE(Rename(folder / "a", folder / "b", ec)) << ec;
-  EXPECT_EQ(ListTree(folder.path()), "b/\nb/file\nempty/\n");
+  EXPECT_TRUE(Rename(folder / "tree/a", folder / "tree/b", ec)) << ec;
+  EXPECT_EQ(ListTree(folder / "tree"), "b/\nb/file\nempty/\n");
 }
 
-TEST(FileLayer, KeepsItsCallerAliveThroughLongWork) {
-  const TempFolder folder;
+TEST_F(FileLayer, KeepsItsCallerAliveThroughLongWork) {
   int calls = 0;
   const KeepAlive count = [&calls] { ++calls; };
-  std::error_code ec;
   for (const auto& [size, expected] : {std::pair{1000, 0}, {1 << 20, 1}, {(5 << 20) / 2, 2}}) {
     const std::string name = std::to_string(size);
     WriteFile(folder / ("tree/" + name), std::string(static_cast<std::size_t>(size), 'x'));
@@ -354,68 +326,42 @@ TEST(FileLayer, KeepsItsCallerAliveThroughLongWork) {
   EXPECT_EQ(calls, 3);
 }
 
-TEST(FileLayer, CopiesContentsTimeAndAttributes) {
-  const TempFolder folder;
+TEST_F(FileLayer, CopiesContentsTimeAndAttributes) {
   std::string large((std::size_t{5} << 20) / 2, '\0');
   for (std::size_t i = 0; i < large.size(); ++i) large[i] = static_cast<char>(i * 7 + i / 4096);
-  const struct {
-    const char* name;
-    bool (*copy)(const Path&, const Path&, std::error_code&);
-    bool overwrites;
-  } copies[] = {
-      {"durable",
-       [](const Path& a, const Path& b, std::error_code& ec) { return CopyFileDurably(a, b, ec); },
-       false},
-      {"new",
-       [](const Path& a, const Path& b, std::error_code& ec) {
-         return CopyFileTo(a, b, Overwrite::kNo, ec);
-       },
-       false},
-      {"over",
-       [](const Path& a, const Path& b, std::error_code& ec) {
-         return CopyFileTo(a, b, Overwrite::kYes, ec);
-       },
-       true},
-  };
-  for (const auto& c : copies) {
-    SCOPED_TRACE(c.name);
-    const Path base = folder / c.name;
+  for (const std::string name : {"durable", "new", "over"}) {
+    SCOPED_TRACE(name);
+    const bool overwrites = name == "over";
+    const auto copy = [&](const Path& from, const Path& to) {
+      if (name == "durable") return CopyFileDurably(from, to, ec);
+      return CopyFileTo(from, to, overwrites ? Overwrite::kYes : Overwrite::kNo, ec);
+    };
+    const Path base = folder / name;
     for (const std::string& contents : {std::string(), std::string("abc"), large}) {
       const Path from = base / ("from" + std::to_string(contents.size()));
-      const Path to = base / ("to" + std::to_string(contents.size()));
       WriteFile(from, contents);
-      std::error_code ec;
-      EXPECT_TRUE(c.copy(from, to, ec)) << ec;
+      const Path to = base / ("to" + std::to_string(contents.size()));
+      EXPECT_TRUE(copy(from, to)) << ec;
       EXPECT_TRUE(ReadFile(to) == contents);
     }
     WriteFile(base / "other", "other");
-    std::error_code ec;
-    EXPECT_EQ(c.copy(base / "from3", base / "other", ec), c.overwrites);
-    EXPECT_EQ(IsExistsError(ec), !c.overwrites) << ec;
-    EXPECT_EQ(ReadFile(base / "other"), c.overwrites ? "abc" : "other");
+    EXPECT_EQ(copy(base / "from3", base / "other"), overwrites);
+    EXPECT_EQ(IsExistsError(ec), !overwrites) << ec;
+    EXPECT_EQ(ReadFile(base / "other"), overwrites ? "abc" : "other");
     for (const char* bad : {"missing", "."}) {
-      EXPECT_FALSE(c.copy(base / bad, base / "none", ec)) << bad;
+      EXPECT_FALSE(copy(base / bad, base / "none")) << bad;
       EXPECT_TRUE(ec);
     }
-    if (!c.overwrites) {
-      test::MakeReadOnly(base / "from3");
-      EXPECT_TRUE(c.copy(base / "from3", base / "read-only", ec)) << ec;
-      EXPECT_TRUE(test::IsReadOnly(base / "read-only"));
-    }
+    if (overwrites) continue;
+    test::MakeOlder(base / "from3", std::chrono::hours(50));
+    test::MakeReadOnly(base / "from3");
+    EXPECT_TRUE(copy(base / "from3", base / "alike")) << ec;
+    EXPECT_TRUE(test::IsReadOnly(base / "alike"));
+    EXPECT_NEAR(static_cast<double>(AgeOf(base / "alike", ec).count()), 50 * 3600.0, 10);
   }
-  // The copy is as old as its source.
-  std::error_code ec;
-  const Path old = folder / "old";
-  WriteFile(old, "x");
-  std::filesystem::last_write_time(
-      old, std::filesystem::file_time_type::clock::now() - std::chrono::hours(50));
-  ASSERT_TRUE(CopyFileDurably(old, folder / "old-copy", ec)) << ec;
-  EXPECT_NEAR(static_cast<double>(AgeOf(folder / "old-copy", ec).count()), 50 * 3600.0, 10);
 }
 
-TEST(FileLayer, RemovesOneEntryOrAWholeTree) {
-  const TempFolder folder;
-  std::error_code ec;
+TEST_F(FileLayer, RemovesOneEntryOrAWholeTree) {
   WriteFile(folder / "file", "x");
   WriteFile(folder / "tree/a/b/file", "x");
   test::MakeReadOnly(folder / "tree/a/b/file");
@@ -433,15 +379,11 @@ TEST(FileLayer, RemovesOneEntryOrAWholeTree) {
   EXPECT_EQ(ListTree(folder.path()), "");
 }
 
-TEST(FileLayer, RemovesNoTreeThroughALink) {
-  const TempFolder folder;
-  const TempFolder outside;
+TEST_F(FileLayer, RemovesNoTreeThroughALink) {
   WriteFile(outside / "kept/deep/file", "x");
-  for (const char* tree : {"a", "b"}) WriteFile(folder / tree / "sub/file", "x");
-  REQUIRE_LINK(outside.path(), folder / "a/sub/out");
-  REQUIRE_LINK("../../b", folder / "a/sub/sibling");
-  REQUIRE_LINK(outside.path(), folder / "direct");
-  std::error_code ec;
+  Write({"a/sub/file", "b/sub/file"});
+  REQUIRE_LINKS(Link(outside.path(), "a/sub/out") && Link("../../b", "a/sub/sibling") &&
+                Link(outside.path(), "direct"));
   // A link under Wine cannot be removed at all, so there the folders above it stay as well.
   EXPECT_EQ(RemoveTree(folder / "a", ec), !RunsUnderWine()) << ec;
   EXPECT_EQ(RemoveTree(folder / "direct/", ec), !RunsUnderWine()) << ec;
@@ -449,20 +391,18 @@ TEST(FileLayer, RemovesNoTreeThroughALink) {
   EXPECT_EQ(ListTree(folder / "b"), "sub/\nsub/file\n");
   if (RunsUnderWine()) {
     EXPECT_EQ(ListTree(folder / "a"), "sub/\nsub/out\nsub/sibling\n");
-  } else {
-    EXPECT_EQ(ListTree(folder.path()), "b/\nb/sub/\nb/sub/file\n");
-    // What points at a file goes alone, too (under Wine it is taken for the file).
-    REQUIRE_LINK(outside.path() / "kept/deep/file", folder / "to_file");
-    EXPECT_TRUE(Remove(folder / "to_file", ec)) << ec;
-    EXPECT_TRUE(test::Exists(outside / "kept/deep/file"));
+    return;
   }
+  EXPECT_EQ(ListTree(folder.path()), "b/\nb/sub/\nb/sub/file\n");
+  // What points at a file goes alone, too (under Wine it is taken for the file).
+  ASSERT_TRUE(Link(outside / "kept/deep/file", "to_file"));
+  EXPECT_TRUE(Remove(folder / "to_file", ec)) << ec;
+  EXPECT_TRUE(test::Exists(outside / "kept/deep/file"));
 }
 
-TEST(FileLayer, GoesOnPastWhatItCannotRemove) {
+TEST_F(FileLayer, GoesOnPastWhatItCannotRemove) {
   if (!kOnWindows) GTEST_SKIP() << "no file can be held here";
-  const TempFolder folder;
-  for (const char* file : {"t/a/1", "t/b/2", "t/c/3"}) WriteFile(folder / file, "x");
-  std::error_code ec;
+  Write({"t/a/1", "t/b/2", "t/c/3"});
   File held = CreateNewFile(folder / "t/b/held", NewFileAccess::kWrite, ec);
   ASSERT_TRUE(held.is_open());
   EXPECT_FALSE(RemoveTree(folder / "t", ec));
@@ -470,13 +410,11 @@ TEST(FileLayer, GoesOnPastWhatItCannotRemove) {
   EXPECT_EQ(ListTree(folder / "t"), "b/\nb/held\n");
 }
 
-TEST(FileLayer, PathsMayBeLongAndNotAscii) {
-  const TempFolder folder;
+TEST_F(FileLayer, PathsMayBeLongAndNotAscii) {
   Path deep = folder / "příliš žluťoučký 印刷";
   for (int i = 0; i < 20; ++i) deep /= "a-folder-name-of-some-length-" + std::to_string(i);
   ASSERT_GT(deep.native().size(), 500u);
   WriteFile(deep / "file", "contents");
-  std::error_code ec;
   EXPECT_TRUE(CopyFileDurably(deep / "file", deep / "copy", ec)) << ec;
   EXPECT_TRUE(MoveReplacing(deep / "copy", deep / "file", ec)) << ec;
   EXPECT_EQ(ReadFile(deep / "file"), "contents");
@@ -490,12 +428,10 @@ TEST(FileLayer, PathsMayBeLongAndNotAscii) {
   EXPECT_EQ(ListTree(folder.path()), "");
 }
 
-TEST(FileLayer, AFullVolumeIsAnErrorAndNotAShortFile) {
+TEST_F(FileLayer, AFullVolumeIsAnErrorAndNotAShortFile) {
   const test::SmallVolume volume;
   if (volume.path().empty()) GTEST_SKIP() << volume.why_not();
-  const TempFolder folder;
   WriteFile(folder / "large", std::string(std::size_t{8} << 20, 'x'));
-  std::error_code ec;
   EXPECT_LT(AvailableSpace(volume.path(), ec), std::uint64_t{8} << 20);
   EXPECT_FALSE(CopyFileDurably(folder / "large", volume.path() / "a", ec));
   EXPECT_EQ(ec, std::errc::no_space_on_device);
@@ -504,11 +440,9 @@ TEST(FileLayer, AFullVolumeIsAnErrorAndNotAShortFile) {
   EXPECT_EQ(ec, std::errc::no_space_on_device);
 }
 
-TEST(FileLayer, AFullDeviceFailsTheWrite) {
+TEST_F(FileLayer, AFullDeviceFailsTheWrite) {
   if (kOnWindows && !RunsUnderWine()) GTEST_SKIP() << "no such device here";
-  const TempFolder folder;
-  REQUIRE_LINK("/dev/full", folder / "full");
-  std::error_code ec;
+  REQUIRE_LINKS(Link("/dev/full", "full"));
   File file = CreateTruncatedFile(folder / "full", ec);
   ASSERT_TRUE(file.is_open()) << ec;
   EXPECT_FALSE(WriteAll(file, "x", 1, ec));

@@ -37,24 +37,29 @@ std::string Header(std::time_t time, const std::string& path) {
   return Local(time, "%Y-%m-%d %H:%M:%S") + " [INFO ] ===== logging started: " + path + " =====\n";
 }
 
-/// A logger whose time stands still until the test moves it.
-struct FixedLogger {
+/// A logger whose time stands still until the test moves it, and a folder that it may write to.
+class LoggerTest : public testing::Test {
+ protected:
+  bool Configure() { return logger.Configure(PathToUtf8(folder.path()), "app"); }
+  void Write(std::string line) {
+    logger.Write(LogCategory::kGeneral, LogLevel::kInfo, std::move(line));
+  }
+
+  const TempFolder folder;
   std::time_t now = kNoon;
   Logger logger{[this] { return now; }};
 };
 
-TEST(Logger, FormatsLinesAndDropsThoseBelowTheFloor) {
-  FixedLogger fixed;
-  Logger& logger = fixed.logger;
+TEST_F(LoggerTest, FormatsLinesAndDropsThoseBelowTheFloor) {
   const std::string clock = Local(kNoon, "%H:%M:%S");
   logger.Log(LogLevel::kDebug, "never");
   logger.Log(LogCategory::kUpdater, LogLevel::kDebug, "never");
   logger.Log(LogLevel::kInfo, "one", std::string(" two"), std::string_view(" three"), " four");
   logger.Log(LogCategory::kUpdater, LogLevel::kWarn, "text");
-  fixed.now += 61;
+  now += 61;
   logger.Log(LogCategory::kGeneral, LogLevel::kError, "");
   logger.Log(LogCategory{9}, LogLevel{9}, "odd");
-  logger.Write(LogCategory::kGeneral, LogLevel::kInfo, "");
+  Write("");
   const std::string later = Local(kNoon + 61, "%H:%M:%S");
   const std::vector<std::string> expected = {
       clock + " [INFO ] one two three four", clock + " [WARN ] [updater] text",
@@ -65,72 +70,60 @@ TEST(Logger, FormatsLinesAndDropsThoseBelowTheFloor) {
   EXPECT_EQ(logger.CurrentPath(), "");
 }
 
-TEST(Logger, CutsLongLinesInMemoryAndFile) {
-  const TempFolder folder;
-  FixedLogger fixed;
-  ASSERT_TRUE(fixed.logger.Configure(PathToUtf8(folder.path()), "app"));
+TEST_F(LoggerTest, CutsLongLinesInMemoryAndFile) {
+  ASSERT_TRUE(Configure());
   const std::string longest(Logger::kMaxLineBytes, 'x');
-  fixed.logger.Write(LogCategory::kGeneral, LogLevel::kInfo, longest);
-  fixed.logger.Write(LogCategory::kGeneral, LogLevel::kInfo, longest + "y");
-  EXPECT_EQ(fixed.logger.RecentLines(0),
+  Write(longest);
+  Write(longest + "y");
+  EXPECT_EQ(logger.RecentLines(0),
             (std::vector<std::string>{longest, longest + "... [truncated]"}));
-  const std::string path = PathToUtf8(folder / LogName(kNoon));
   EXPECT_EQ(ReadFile(folder / LogName(kNoon)),
-            Header(kNoon, path) + longest + "\n" + longest + "... [truncated]\n");
+            Header(kNoon, logger.CurrentPath()) + longest + "\n" + longest + "... [truncated]\n");
 }
 
-TEST(Logger, ForgetsTheOldestLinesByCountAndBytes) {
-  Logger by_count;
-  for (std::size_t i = 0; i <= Logger::kMaxRecentLines; ++i) {
-    by_count.Write(LogCategory::kGeneral, LogLevel::kInfo, std::to_string(i));
-  }
-  EXPECT_EQ(by_count.RecentLines(0).size(), Logger::kMaxRecentLines);
-  EXPECT_EQ(by_count.RecentLines(0).front(), "1");
+TEST_F(LoggerTest, ForgetsTheOldestLinesByCountAndBytes) {
+  for (std::size_t i = 0; i <= Logger::kMaxRecentLines; ++i) Write(std::to_string(i));
+  EXPECT_EQ(logger.RecentLines(0).size(), Logger::kMaxRecentLines);
+  EXPECT_EQ(logger.RecentLines(0).front(), "1");
 
-  Logger by_bytes;
-  const std::string line(65535, 'x');  // 65536 bytes as it is counted, 64 to the limit
-  for (int i = 0; i < 64; ++i) by_bytes.Write(LogCategory::kGeneral, LogLevel::kInfo, line);
-  EXPECT_EQ(by_bytes.RecentLines(0).size(), 64U);
-  by_bytes.Write(LogCategory::kGeneral, LogLevel::kInfo, "x");
-  EXPECT_EQ(by_bytes.RecentLines(0).size(), 64U);
-  EXPECT_EQ(by_bytes.RecentLines(0).back(), "x");
+  // 65536 bytes each as they are counted, 64 to the limit.
+  for (int i = 0; i < 64; ++i) Write(std::string(65535, 'x'));
+  EXPECT_EQ(logger.RecentLines(0).size(), 64U);
+  Write("x");
+  EXPECT_EQ(logger.RecentLines(0).size(), 64U);
+  EXPECT_EQ(logger.RecentLines(0).back(), "x");
 }
 
-TEST(Logger, OpensANewFileWithAHeaderEachDayAndAppendsOnRestart) {
-  const TempFolder folder;
-  const std::string directory = PathToUtf8(folder / "a/žluť");
-  FixedLogger fixed;
-  ASSERT_TRUE(fixed.logger.Configure(directory, "app"));
-  const std::string first = fixed.logger.CurrentPath();
-  EXPECT_EQ(first, PathToUtf8(folder / "a/žluť" / LogName(kNoon)));
-  fixed.logger.Write(LogCategory::kGeneral, LogLevel::kInfo, "one");
-  fixed.now += kDay;
-  fixed.logger.Write(LogCategory::kGeneral, LogLevel::kInfo, "two");
-  EXPECT_EQ(ReadFile(folder / "a/žluť" / LogName(kNoon)), Header(kNoon, first) + "one\n");
-  const std::string second = fixed.logger.CurrentPath();
-  EXPECT_EQ(ReadFile(folder / "a/žluť" / LogName(kNoon + kDay)),
-            Header(kNoon + kDay, second) + "two\n");
+TEST_F(LoggerTest, OpensANewFileWithAHeaderEachDayAndAppendsOnRestart) {
+  const fs::Path directory = folder / "a/žluť";
+  ASSERT_TRUE(logger.Configure(PathToUtf8(directory), "app"));
+  const std::string first = logger.CurrentPath();
+  EXPECT_EQ(first, PathToUtf8(directory / LogName(kNoon)));
+  Write("one");
+  now += kDay;
+  Write("two");
+  EXPECT_EQ(ReadFile(directory / LogName(kNoon)), Header(kNoon, first) + "one\n");
+  EXPECT_EQ(ReadFile(directory / LogName(now)), Header(now, logger.CurrentPath()) + "two\n");
 
-  FixedLogger again;
-  ASSERT_TRUE(again.logger.Configure(directory, "app"));
-  EXPECT_EQ(ReadFile(folder / "a/žluť" / LogName(kNoon)),
+  now = kNoon;
+  ASSERT_TRUE(logger.Configure(PathToUtf8(directory), "app"));
+  EXPECT_EQ(ReadFile(directory / LogName(kNoon)),
             Header(kNoon, first) + "one\n" + Header(kNoon, first));
-  EXPECT_FALSE(again.logger.Configure("", "app"));
-  EXPECT_EQ(again.logger.CurrentPath(), "");
+  EXPECT_FALSE(logger.Configure("", "app"));
+  EXPECT_EQ(logger.CurrentPath(), "");
 }
 
-TEST(Logger, RotatesAtTheLimitOnlyWhenOpening) {
-  const TempFolder folder;
+TEST_F(LoggerTest, RotatesAtTheLimitOnlyWhenOpening) {
   const auto name = [&](const char* suffix) { return folder / (LogName(kNoon) + suffix); };
   WriteFile(name(""), "old");
   std::filesystem::resize_file(name(""), Logger::kRotationBytes - 1);  // sparse
-  Logger{[] { return kNoon; }}.Configure(PathToUtf8(folder.path()), "app");
+  ASSERT_TRUE(Configure());
   EXPECT_FALSE(test::Exists(name(".1")));
 
+  EXPECT_FALSE(logger.Configure("", "app"));
   std::filesystem::resize_file(name(""), Logger::kRotationBytes);
   for (const char* suffix : {".1", ".2", ".4", ".5"}) WriteFile(name(suffix), suffix);
-  Logger logger{[] { return kNoon; }};
-  ASSERT_TRUE(logger.Configure(PathToUtf8(folder.path()), "app"));
+  ASSERT_TRUE(Configure());
   std::error_code ec;
   EXPECT_EQ(fs::SizeOf(name(".1"), ec), Logger::kRotationBytes);
   EXPECT_EQ(ReadFile(name(".2")), ".1");
@@ -140,70 +133,61 @@ TEST(Logger, RotatesAtTheLimitOnlyWhenOpening) {
   EXPECT_EQ(ReadFile(name("")), Header(kNoon, logger.CurrentPath()));
 }
 
-TEST(Logger, KeepsLoggingToMemoryWithoutAFileAndTriesAgainEachLine) {
-  const TempFolder folder;
+TEST_F(LoggerTest, KeepsLoggingToMemoryWithoutAFileAndTriesAgainEachLine) {
   WriteFile(folder / "logs", "a file in the way");
-  FixedLogger fixed;
-  EXPECT_FALSE(fixed.logger.Configure(PathToUtf8(folder / "logs"), "app"));
-  fixed.logger.Write(LogCategory::kGeneral, LogLevel::kError, "lost to the file");
+  EXPECT_FALSE(logger.Configure(PathToUtf8(folder / "logs"), "app"));
+  Write("lost to the file");
   std::error_code ec;
   fs::Remove(folder / "logs", ec);
-  fixed.logger.Write(LogCategory::kGeneral, LogLevel::kError, "written");
-  EXPECT_EQ(fixed.logger.RecentLines(0).size(), 2U);
+  Write("written");
+  EXPECT_EQ(logger.RecentLines(0).size(), 2U);
   EXPECT_EQ(ReadFile(folder / "logs" / LogName(kNoon)),
-            Header(kNoon, fixed.logger.CurrentPath()) + "written\n");
+            Header(kNoon, logger.CurrentPath()) + "written\n");
 }
 
-TEST(Logger, CountsFlushes) {
-  const TempFolder folder;
-  Logger logger;
+TEST_F(LoggerTest, CountsFlushes) {
   logger.Log(LogLevel::kError, "no file, no flush");
   EXPECT_EQ(logger.flush_count(), 0U);
-  ASSERT_TRUE(logger.Configure(PathToUtf8(folder.path()), "app"));
-  const std::uint64_t opened = logger.flush_count();
-  EXPECT_EQ(opened, 1U);
+  ASSERT_TRUE(Configure());
+  EXPECT_EQ(logger.flush_count(), 1U);
   logger.Log(LogCategory::kUpdater, LogLevel::kInfo, "not flushed");
-  EXPECT_EQ(logger.flush_count(), opened);
+  EXPECT_EQ(logger.flush_count(), 1U);
   logger.Log(LogLevel::kWarn, "flushed");
   logger.Log(LogCategory::kDiagnostics, LogLevel::kInfo, "flushed");
   logger.set_always_flush(true);
   logger.Log(LogLevel::kInfo, "flushed");
-  EXPECT_EQ(logger.flush_count(), opened + 3);
+  EXPECT_EQ(logger.flush_count(), 4U);
 }
 
-TEST(Logger, SinksMayLogAddSinksAndThrow) {
-  Logger logger;
+TEST_F(LoggerTest, SinksMayLogAddSinksAndThrow) {
   std::vector<std::string> order;
-  logger.AddSink([&](LogCategory category, LogLevel level, const std::string& line) {
+  logger.AddSink([&](LogCategory, LogLevel, const std::string& line) {
     order.push_back("first " + line);
-    if (line == "outer") logger.Write(category, level, "inner");
+    if (line == "outer") Write("inner");
   });
   logger.AddSink([&](LogCategory, LogLevel, const std::string&) {
     logger.AddSink(
         [&](LogCategory, LogLevel, const std::string& line) { order.push_back("late " + line); });
     throw std::runtime_error("a sink's own trouble");
   });
-  logger.Write(LogCategory::kGeneral, LogLevel::kInfo, "outer");
+  Write("outer");
   EXPECT_EQ(order, (std::vector<std::string>{"first outer", "first inner"}));
   EXPECT_EQ(logger.RecentLines(0), (std::vector<std::string>{"inner", "outer"}));
-  logger.Write(LogCategory::kGeneral, LogLevel::kInfo, "next");
+  Write("next");
   EXPECT_EQ(std::count(order.begin(), order.end(), "late next"), 2);
 }
 
-TEST(Logger, ThreadsWriteWholeLines) {
-  const TempFolder folder;
-  Logger logger;
-  ASSERT_TRUE(logger.Configure(PathToUtf8(folder.path()), "app"));
-  std::vector<std::thread> threads;
-  for (const char letter : {'a', 'b', 'c', 'd'}) {
-    threads.emplace_back([&logger, letter] {
-      for (int i = 0; i < 500; ++i) {
-        logger.Write(LogCategory::kGeneral, LogLevel::kInfo, std::string(200, letter));
-      }
-    });
+TEST_F(LoggerTest, ThreadsWriteWholeLines) {
+  ASSERT_TRUE(Configure());
+  {
+    std::vector<std::jthread> threads;
+    for (const char letter : {'a', 'b', 'c', 'd'}) {
+      threads.emplace_back([this, letter] {
+        for (int i = 0; i < 500; ++i) Write(std::string(200, letter));
+      });
+    }
   }
-  for (std::thread& thread : threads) thread.join();
-  std::string text = ReadFile(*PathFromUtf8(logger.CurrentPath()));
+  std::string text = ReadFile(folder / LogName(kNoon));
   text.erase(0, text.find('\n') + 1);
   ASSERT_EQ(text.size(), 2000U * 201);
   for (std::size_t at = 0; at < text.size(); at += 201) {

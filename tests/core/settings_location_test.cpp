@@ -22,13 +22,18 @@ class SettingsLocation : public ::testing::Test {
     EXPECT_EQ(ResolveSettingsPath(), PathToUtf8(target_));
     std::vector<std::string> lines;
     for (const std::string& line : GetLogger().RecentLines(0)) {
-      if (line.ends_with("mark")) {
-        lines.clear();
-      } else {
-        lines.push_back(line.substr(9));
-      }
+      lines.push_back(line.substr(9));
+      if (line.ends_with("mark")) lines.clear();
     }
     return lines;
+  }
+
+  /// The call logs one line that begins with `start` and has `part` in it.
+  void ExpectOneLine(const std::string& start, const char* part = "") {
+    const std::vector<std::string> lines = Resolve();
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_TRUE(lines[0].starts_with(start)) << lines[0];
+    EXPECT_NE(lines[0].find(part), std::string::npos) << lines[0];
   }
 
   const test::TempFolder folder_;
@@ -59,17 +64,11 @@ TEST_F(SettingsLocation, LegacySettingsThatCannotBeReadCostAWarningOnly) {
                               "': Cannot migrate legacy settings from '" + PathToUtf8(legacy_) +
                               "': cannot read a bounded source";
   test::WriteFile(legacy_, std::string(1048577, 'x'));
-  std::vector<std::string> lines = Resolve();
-  ASSERT_EQ(lines.size(), 1U);
-  EXPECT_TRUE(lines[0].starts_with(warning)) << lines[0];
-  EXPECT_NE(lines[0].find("1048577"), std::string::npos) << lines[0];
-
+  ExpectOneLine(warning, "1048577");
   std::error_code ec;
   fs::Remove(legacy_, ec);
-  ASSERT_EQ(fs::CreateDirectoryOnce(legacy_, ec), fs::CreateResult::kCreated);
-  lines = Resolve();
-  ASSERT_EQ(lines.size(), 1U);
-  EXPECT_TRUE(lines[0].starts_with(warning)) << lines[0];
+  test::WriteFile(legacy_ / "a folder in the way", "");
+  ExpectOneLine(warning);
   EXPECT_FALSE(test::Exists(target_));
 }
 
@@ -83,11 +82,10 @@ TEST_F(SettingsLocation, ALostRaceIsASuccess) {
   std::error_code ec;
   fs::Remove(target_, ec);
   GetLogger().Log(LogLevel::kError, "mark");
-  std::vector<std::thread> processes;
-  processes.reserve(4);
-  for (int i = 0; i < 4; ++i)
-    processes.emplace_back([] { static_cast<void>(ResolveSettingsPath()); });
-  for (std::thread& process : processes) process.join();
+  {
+    std::vector<std::jthread> processes(4);
+    for (auto& p : processes) p = std::jthread([] { static_cast<void>(ResolveSettingsPath()); });
+  }
   EXPECT_TRUE(GetLogger().RecentLines(1).front().ends_with("mark"));
   EXPECT_EQ(test::ReadFile(target_), "mine");
 }
@@ -95,12 +93,9 @@ TEST_F(SettingsLocation, ALostRaceIsASuccess) {
 TEST_F(SettingsLocation, APathThatCannotBePreparedIsReportedAndReturned) {
   test::WriteFile(folder_ / "QORVA", "a file in the way");
   test::WriteFile(legacy_, "old");
-  const std::vector<std::string> lines = Resolve();
-  ASSERT_EQ(lines.size(), 1U);
-  EXPECT_TRUE(lines[0].starts_with("[ERROR] RipSettings: cannot prepare settings path '" +
-                                   PathToUtf8(target_) + "' (cannot create directory '"))
-      << lines[0];
-  EXPECT_TRUE(lines[0].ends_with(").")) << lines[0];
+  ExpectOneLine("[ERROR] RipSettings: cannot prepare settings path '" + PathToUtf8(target_) +
+                    "' (cannot create directory '",
+                ").");
 
   std::string error;
   EXPECT_FALSE(MigrateLegacySettings(PathToUtf8(legacy_), PathToUtf8(target_), &error));
