@@ -34,6 +34,10 @@ void MakeOlder(const fs::Path& path, std::chrono::seconds age);
 /// The path of the null device.
 [[nodiscard]] std::string NullDevice();
 
+/// Mounts a volume of 1 MiB at a folder, for this process alone; why not, where it cannot.
+[[nodiscard]] std::string MountSmallVolume(const fs::Path& where);
+void Unmount(const fs::Path& where);
+
 /// A volume of 1 to 4 MiB, to be filled. Natively one is mounted for this process alone, which
 /// needs the administrator; QORVA_TEST_SMALL_DRIVE may name one that is there already (under Wine
 /// the only way, such as "T:\").

@@ -5,23 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
-
-#include "core/process_environment.h"
 #include "core/system_error.h"
 
 namespace zul::test {
-
-namespace {
-
-/// Mounts a small volume at `where`, seen by this process only, so that none is left behind.
-bool MountForThisProcess(const fs::Path& where) {
-  return ::unshare(CLONE_NEWNS) == 0 &&
-         ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-         ::mount("tmpfs", where.c_str(), "tmpfs", 0, "size=1m") == 0;
-}
-
-}  // namespace
 
 bool RunsUnderWine() {
   return false;
@@ -50,32 +36,18 @@ std::string NullDevice() {
   return "/dev/null";
 }
 
-SmallVolume::SmallVolume() {
-  std::error_code ec;
-  fs::Path place = GetEnvironmentPath("QORVA_TEST_SMALL_DRIVE");
-  if (place.empty()) {
-    place = TempDirectory() / ("qorva-small-" + std::to_string(CurrentProcessId()));
-    if (!fs::CreateDirectories(place, ec) || !MountForThisProcess(place)) {
-      why_not_ = "cannot mount a small volume: " + SystemErrorText(LastSystemError());
-      fs::Remove(place, ec);
-      return;
-    }
-    mount_point_ = place;
+std::string MountSmallVolume(const fs::Path& where) {
+  // Seen by this process only, so that none is left behind.
+  if (::unshare(CLONE_NEWNS) == 0 &&
+      ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+      ::mount("tmpfs", where.c_str(), "tmpfs", 0, "size=1m") == 0) {
+    return "";
   }
-  path_ = place / "work";
-  fs::RemoveTree(path_, ec);
-  if (!fs::CreateDirectories(path_, ec)) {
-    why_not_ = "cannot use the small volume: " + SystemErrorText(ec);
-    path_.clear();
-  }
+  return "cannot mount a small volume: " + SystemErrorText(LastSystemError());
 }
 
-SmallVolume::~SmallVolume() {
-  std::error_code ignored;
-  if (!path_.empty()) fs::RemoveTree(path_, ignored);
-  if (mount_point_.empty()) return;
-  (void)::umount(mount_point_.c_str());
-  fs::Remove(mount_point_, ignored);
+void Unmount(const fs::Path& where) {
+  (void)::umount(where.c_str());
 }
 
 }  // namespace zul::test

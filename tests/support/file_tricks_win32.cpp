@@ -6,7 +6,6 @@
 
 #include "core/api_path_win32.h"
 #include "core/handle_win32.h"
-#include "core/process_environment.h"
 #include "core/system_error.h"
 #include "core/text.h"
 
@@ -118,24 +117,10 @@ std::string NullDevice() {
   return "nul";
 }
 
-SmallVolume::SmallVolume() {
-  const std::string place = GetEnvironmentPath("QORVA_TEST_SMALL_DRIVE");
-  if (place.empty()) {
-    why_not_ = "QORVA_TEST_SMALL_DRIVE names no small volume";
-    return;
-  }
-  std::error_code ec;
-  path_ = PathFromUtf8(place + "\\work").value();
-  fs::RemoveTree(path_, ec);
-  if (!fs::CreateDirectories(path_, ec)) {
-    why_not_ = "cannot use the small volume: " + SystemErrorText(ec);
-    path_.clear();
-  }
+std::string MountSmallVolume(const fs::Path&) {
+  return "QORVA_TEST_SMALL_DRIVE names no small volume";
 }
 
-SmallVolume::~SmallVolume() {
-  std::error_code ignored;
-  if (!path_.empty()) fs::RemoveTree(path_, ignored);
-}
+void Unmount(const fs::Path&) {}
 
 }  // namespace zul::test

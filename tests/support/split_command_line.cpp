@@ -9,15 +9,10 @@ namespace {
 
 constexpr std::wstring_view kBlanks = L" \t";
 
-bool IsBlank(wchar_t c) {
-  return kBlanks.find(c) != std::wstring_view::npos;
-}
-
 std::wstring TakeProgram(std::wstring_view& line) {
   const bool quoted = line.starts_with(L'"');
   if (quoted) line.remove_prefix(1);
-  const std::size_t end =
-      std::min(quoted ? line.find(L'"') : line.find_first_of(kBlanks), line.size());
+  const std::size_t end = std::min(line.find_first_of(quoted ? L"\"" : kBlanks), line.size());
   std::wstring program(line.substr(0, end));
   line.remove_prefix(std::min(end + 1, line.size()));
   return program;
@@ -26,29 +21,22 @@ std::wstring TakeProgram(std::wstring_view& line) {
 std::wstring TakeArgument(std::wstring_view& line) {
   std::wstring argument;
   bool in_quotes = false;
-  std::size_t at = 0;
-  while (at < line.size() && (in_quotes || !IsBlank(line[at]))) {
-    std::size_t backslashes = 0;
-    while (at < line.size() && line[at] == L'\\') ++at, ++backslashes;
-    if (at == line.size() || line[at] != L'"') {
-      argument.append(backslashes, L'\\');
-      if (at < line.size() && (in_quotes || !IsBlank(line[at]))) argument.push_back(line[at++]);
+  std::size_t backslashes = 0;  // the run that ends just before the current character
+  while (!line.empty() && (in_quotes || kBlanks.find(line.front()) == kBlanks.npos)) {
+    const wchar_t c = line.front();
+    line.remove_prefix(1);
+    if (c != L'"') {
+      argument.push_back(c);
+      backslashes = c == L'\\' ? backslashes + 1 : 0;
       continue;
     }
-    argument.append(backslashes / 2, L'\\');
-    const bool doubled = in_quotes && at + 1 < line.size() && line[at + 1] == L'"';
-    if (backslashes % 2 == 1) {
-      argument.push_back(L'"');
-    } else if (doubled) {
-      argument.push_back(L'"');
-      in_quotes = false;
-      ++at;
-    } else {
-      in_quotes = !in_quotes;
-    }
-    ++at;
+    argument.resize(argument.size() - (backslashes + 1) / 2);
+    const bool doubled = in_quotes && line.starts_with(L'"');
+    if (backslashes % 2 == 1 || doubled) argument.push_back(c);
+    if (backslashes % 2 == 0) in_quotes = !in_quotes;
+    if (backslashes % 2 == 0 && doubled) line.remove_prefix(1);
+    backslashes = 0;
   }
-  line.remove_prefix(at);
   return argument;
 }
 

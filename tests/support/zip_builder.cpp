@@ -3,7 +3,6 @@
 #include <zlib.h>
 
 #include <stdexcept>
-#include <utility>
 
 namespace zul::test {
 
@@ -14,7 +13,6 @@ constexpr std::uint64_t kAllOnes16 = 0xFFFF;
 constexpr std::uint64_t kAllOnes32 = 0xFFFFFFFF;
 constexpr std::uint16_t kStreamedFlag = 8;
 constexpr std::uint16_t kUnixMadeBy = 3 << 8 | 20;
-constexpr std::uint64_t kUnixSymlinkMode = 0xA1FF0000;
 
 // Little-endian fields in the order in which they are put.
 class Bytes {
@@ -56,6 +54,32 @@ std::string Deflate(std::string_view data) {
   return out;
 }
 
+using Fields = std::map<ZipField, std::uint64_t>;
+
+/// The sizes of a Zip64 record, which leave all ones behind.
+Bytes TakeSizes(Fields& fields) {
+  Bytes record;
+  record.U64(std::exchange(fields[ZipField::kUncompressedSize], kAllOnes32));
+  record.U64(std::exchange(fields[ZipField::kCompressedSize], kAllOnes32));
+  return record;
+}
+
+/// What stands alike in a local header and in a record of the central directory.
+std::string SharedFields(Fields& fields, bool zip64, std::string_view name,
+                         std::string_view extra) {
+  return Bytes()
+      .U16(zip64 ? kZip64Version : 20)
+      .U16(fields[ZipField::kFlags])
+      .U16(fields[ZipField::kMethod])
+      .U32(0)  // time and date
+      .U32(fields[ZipField::kCrc])
+      .U32(fields[ZipField::kCompressedSize])
+      .U32(fields[ZipField::kUncompressedSize])
+      .U16(fields.try_emplace(ZipField::kNameLength, name.size()).first->second)
+      .U16(fields.try_emplace(ZipField::kExtraLength, extra.size()).first->second)
+      .text();
+}
+
 template <typename Map>
 void Override(Map& fields, const Map& wrong) {
   for (const auto& [field, value] : wrong) fields[field] = value;
@@ -75,66 +99,6 @@ std::string ZipExtra(std::uint16_t id, std::string_view data) {
 
 std::string UnicodePathExtra(std::string_view raw_name, std::string_view utf8_name) {
   return ZipExtra(0x7075, Bytes().Raw("\x01").U32(CrcOf(raw_name)).Raw(utf8_name).text());
-}
-
-ZipEntryBuilder::ZipEntryBuilder(std::string name, std::string data)
-    : name_(std::move(name)), data_(std::move(data)) {}
-
-ZipEntryBuilder& ZipEntryBuilder::Deflated() {
-  deflated_ = true;
-  return *this;
-}
-
-ZipEntryBuilder& ZipEntryBuilder::Streamed() {
-  streamed_ = true;
-  return *this;
-}
-
-ZipEntryBuilder& ZipEntryBuilder::Zip64() {
-  zip64_ = true;
-  return *this;
-}
-
-ZipEntryBuilder& ZipEntryBuilder::Symlink() {
-  return Central(ZipField::kExternalAttributes, kUnixSymlinkMode);
-}
-
-ZipEntryBuilder& ZipEntryBuilder::StoredBytes(std::string bytes) {
-  stored_bytes_ = std::move(bytes);
-  return *this;
-}
-
-ZipEntryBuilder& ZipEntryBuilder::LocalName(std::string name) {
-  local_name_ = std::move(name);
-  return *this;
-}
-
-ZipEntryBuilder& ZipEntryBuilder::LocalExtra(std::string_view record) {
-  local_extra_ += record;
-  return *this;
-}
-
-ZipEntryBuilder& ZipEntryBuilder::CentralExtra(std::string_view record) {
-  central_extra_ += record;
-  return *this;
-}
-
-ZipEntryBuilder& ZipEntryBuilder::Extra(std::string_view record) {
-  return LocalExtra(record).CentralExtra(record);
-}
-
-ZipEntryBuilder& ZipEntryBuilder::Local(ZipField field, std::uint64_t value) {
-  local_fields_[field] = value;
-  return *this;
-}
-
-ZipEntryBuilder& ZipEntryBuilder::Central(ZipField field, std::uint64_t value) {
-  central_fields_[field] = value;
-  return *this;
-}
-
-ZipEntryBuilder& ZipEntryBuilder::Both(ZipField field, std::uint64_t value) {
-  return Local(field, value).Central(field, value);
 }
 
 std::string ZipEntryBuilder::Compressed() const {
@@ -164,27 +128,11 @@ std::string ZipEntryBuilder::LocalHeaderAndData(std::uint64_t offset) const {
   }
   Override(fields, local_fields_);
   std::string extra = local_extra_;
-  if (zip64_) {
-    extra += ZipExtra(1, Bytes()
-                             .U64(std::exchange(fields[ZipField::kUncompressedSize], kAllOnes32))
-                             .U64(std::exchange(fields[ZipField::kCompressedSize], kAllOnes32))
-                             .text());
-  }
+  if (zip64_) extra += ZipExtra(1, TakeSizes(fields).text());
   const std::string& name = local_name_.value_or(name_);
-  fields.emplace(ZipField::kSignature, 0x04034B50);
-  fields.emplace(ZipField::kNameLength, name.size());
-  fields.emplace(ZipField::kExtraLength, extra.size());
   Bytes bytes;
-  bytes.U32(fields[ZipField::kSignature])
-      .U16(zip64_ ? kZip64Version : 20)
-      .U16(fields[ZipField::kFlags])
-      .U16(fields[ZipField::kMethod])
-      .U32(0)  // time and date
-      .U32(fields[ZipField::kCrc])
-      .U32(fields[ZipField::kCompressedSize])
-      .U32(fields[ZipField::kUncompressedSize])
-      .U16(fields[ZipField::kNameLength])
-      .U16(fields[ZipField::kExtraLength])
+  bytes.U32(fields.try_emplace(ZipField::kSignature, 0x04034B50).first->second)
+      .Raw(SharedFields(fields, zip64_, name, extra))
       .Raw(name)
       .Raw(extra)
       .Raw(Compressed());
@@ -203,27 +151,14 @@ std::string ZipEntryBuilder::CentralRecord(std::uint64_t offset) const {
   Override(fields, central_fields_);
   std::string extra = central_extra_;
   if (zip64_) {
-    extra += ZipExtra(1, Bytes()
-                             .U64(std::exchange(fields[ZipField::kUncompressedSize], kAllOnes32))
-                             .U64(std::exchange(fields[ZipField::kCompressedSize], kAllOnes32))
-                             .U64(std::exchange(fields[ZipField::kLocalOffset], kAllOnes32))
-                             .text());
+    Bytes record = TakeSizes(fields);
+    extra +=
+        ZipExtra(1, record.U64(std::exchange(fields[ZipField::kLocalOffset], kAllOnes32)).text());
   }
-  fields.emplace(ZipField::kSignature, 0x02014B50);
-  fields.emplace(ZipField::kNameLength, name_.size());
-  fields.emplace(ZipField::kExtraLength, extra.size());
   return Bytes()
-      .U32(fields[ZipField::kSignature])
+      .U32(fields.try_emplace(ZipField::kSignature, 0x02014B50).first->second)
       .U16(kUnixMadeBy)
-      .U16(zip64_ ? kZip64Version : 20)
-      .U16(fields[ZipField::kFlags])
-      .U16(fields[ZipField::kMethod])
-      .U32(0)  // time and date
-      .U32(fields[ZipField::kCrc])
-      .U32(fields[ZipField::kCompressedSize])
-      .U32(fields[ZipField::kUncompressedSize])
-      .U16(fields[ZipField::kNameLength])
-      .U16(fields[ZipField::kExtraLength])
+      .Raw(SharedFields(fields, zip64_, name_, extra))
       .U16(0)  // comment length
       .U16(fields[ZipField::kDiskNumber])
       .U16(0)  // internal attributes
@@ -232,39 +167,6 @@ std::string ZipEntryBuilder::CentralRecord(std::uint64_t offset) const {
       .Raw(name_)
       .Raw(extra)
       .text();
-}
-
-ZipEntryBuilder& ZipBuilder::File(std::string name, std::string data) {
-  return entries_.emplace_back(std::move(name), std::move(data));
-}
-
-ZipEntryBuilder& ZipBuilder::Directory(std::string name) {
-  return File(std::move(name), "");
-}
-
-ZipBuilder& ZipBuilder::Comment(std::string comment) {
-  comment_ = std::move(comment);
-  return *this;
-}
-
-ZipBuilder& ZipBuilder::Prefix(std::string bytes) {
-  prefix_ = std::move(bytes);
-  return *this;
-}
-
-ZipBuilder& ZipBuilder::Suffix(std::string bytes) {
-  suffix_ = std::move(bytes);
-  return *this;
-}
-
-ZipBuilder& ZipBuilder::Zip64End() {
-  zip64_end_ = true;
-  return *this;
-}
-
-ZipBuilder& ZipBuilder::End(ZipEndField field, std::uint64_t value) {
-  end_fields_[field] = value;
-  return *this;
 }
 
 std::string ZipBuilder::EndRecords(EndFields fields) const {

@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace zul::test {
 
@@ -43,26 +44,48 @@ enum class ZipEndField {
   kCommentLength,
 };
 
+/// Gives a builder's member a value, and the builder back.
+template <typename Builder, typename Member, typename Value>
+Builder& With(Builder& builder, Member& member, Value&& value) {
+  member = std::forward<Value>(value);
+  return builder;
+}
+
 class ZipEntryBuilder {
  public:
-  ZipEntryBuilder(std::string name, std::string data);
+  ZipEntryBuilder(std::string name, std::string data)
+      : name_(std::move(name)), data_(std::move(data)) {}
 
-  ZipEntryBuilder& Deflated();
+  ZipEntryBuilder& Deflated() { return With(*this, deflated_, true); }
   /// Bit 3: a data descriptor behind the data, and zeros in the local header.
-  ZipEntryBuilder& Streamed();
+  ZipEntryBuilder& Streamed() { return With(*this, streamed_, true); }
   /// Sizes and offset in Zip64 extra records, all ones in the fields themselves.
-  ZipEntryBuilder& Zip64();
+  ZipEntryBuilder& Zip64() { return With(*this, zip64_, true); }
   /// The Unix attributes of a symbolic link, whose data is its target.
-  ZipEntryBuilder& Symlink();
+  ZipEntryBuilder& Symlink() { return Central(ZipField::kExternalAttributes, 0xA1FF0000); }
   /// These bytes in place of the compressed data; the sizes and the CRC stay those of the contents.
-  ZipEntryBuilder& StoredBytes(std::string bytes);
-  ZipEntryBuilder& LocalName(std::string name);
-  ZipEntryBuilder& LocalExtra(std::string_view record);
-  ZipEntryBuilder& CentralExtra(std::string_view record);
-  ZipEntryBuilder& Extra(std::string_view record);
-  ZipEntryBuilder& Local(ZipField field, std::uint64_t value);
-  ZipEntryBuilder& Central(ZipField field, std::uint64_t value);
-  ZipEntryBuilder& Both(ZipField field, std::uint64_t value);
+  ZipEntryBuilder& StoredBytes(std::string bytes) {
+    return With(*this, stored_bytes_, std::move(bytes));
+  }
+  ZipEntryBuilder& LocalName(std::string name) { return With(*this, local_name_, std::move(name)); }
+  ZipEntryBuilder& LocalExtra(std::string_view record) {
+    return With(*this, local_extra_, local_extra_ + std::string(record));
+  }
+  ZipEntryBuilder& CentralExtra(std::string_view record) {
+    return With(*this, central_extra_, central_extra_ + std::string(record));
+  }
+  ZipEntryBuilder& Extra(std::string_view record) {
+    return LocalExtra(record).CentralExtra(record);
+  }
+  ZipEntryBuilder& Local(ZipField field, std::uint64_t value) {
+    return With(*this, local_fields_[field], value);
+  }
+  ZipEntryBuilder& Central(ZipField field, std::uint64_t value) {
+    return With(*this, central_fields_[field], value);
+  }
+  ZipEntryBuilder& Both(ZipField field, std::uint64_t value) {
+    return Local(field, value).Central(field, value);
+  }
 
  private:
   friend class ZipBuilder;
@@ -89,18 +112,22 @@ class ZipEntryBuilder {
 class ZipBuilder {
  public:
   /// The entry stays valid as long as the builder.
-  ZipEntryBuilder& File(std::string name, std::string data);
+  ZipEntryBuilder& File(std::string name, std::string data) {
+    return entries_.emplace_back(std::move(name), std::move(data));
+  }
   /// An entry whose name ends in `/`; the caller writes it.
-  ZipEntryBuilder& Directory(std::string name);
+  ZipEntryBuilder& Directory(std::string name) { return File(std::move(name), ""); }
 
-  ZipBuilder& Comment(std::string comment);
+  ZipBuilder& Comment(std::string comment) { return With(*this, comment_, std::move(comment)); }
   /// Bytes before the first entry that the offsets do not count, as in a self-extracting archive.
-  ZipBuilder& Prefix(std::string bytes);
+  ZipBuilder& Prefix(std::string bytes) { return With(*this, prefix_, std::move(bytes)); }
   /// Bytes behind the end record.
-  ZipBuilder& Suffix(std::string bytes);
+  ZipBuilder& Suffix(std::string bytes) { return With(*this, suffix_, std::move(bytes)); }
   /// A Zip64 end record and its locator before the end record, which is then all ones.
-  ZipBuilder& Zip64End();
-  ZipBuilder& End(ZipEndField field, std::uint64_t value);
+  ZipBuilder& Zip64End() { return With(*this, zip64_end_, true); }
+  ZipBuilder& End(ZipEndField field, std::uint64_t value) {
+    return With(*this, end_fields_[field], value);
+  }
 
   [[nodiscard]] std::string Build() const;
 
