@@ -1,7 +1,5 @@
 #include "core/file_layer.h"
 
-#include <algorithm>
-
 #include "core/system_error.h"
 
 namespace zul::fs {
@@ -13,16 +11,12 @@ constexpr std::size_t kCopyBufferBytes = std::size_t{1} << 20;
 /// As CopyContents; `copied` counts the bytes.
 bool CopyCounted(File& from, File& to, std::uint64_t& copied, std::error_code& ec,
                  const KeepAlive& keep_alive) {
-  std::uint64_t size = 0;
-  if (!from.Size(&size, ec)) return false;
-  // As large as the file, within limits, and a byte more: a small file takes one read and one that
-  // tells the end.
-  const auto buffer_size =
-      static_cast<std::size_t>(std::clamp<std::uint64_t>(size + 1, 4096, kCopyBufferBytes));
-  const auto buffer = std::make_unique_for_overwrite<char[]>(buffer_size);
+  // One for all copies of a thread: small files come by the thousand, and fresh memory would cost
+  // more than they do.
+  thread_local const auto buffer = std::make_unique_for_overwrite<char[]>(kCopyBufferBytes);
   for (;;) {
     std::size_t read = 0;
-    if (!from.Read(buffer.get(), buffer_size, &read, ec)) return false;
+    if (!from.Read(buffer.get(), kCopyBufferBytes, &read, ec)) return false;
     if (read == 0) return true;
     if (!WriteAll(to, buffer.get(), read, ec)) return false;
     copied += read;

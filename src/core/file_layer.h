@@ -76,6 +76,10 @@ class File {
   [[nodiscard]] bool Facts(FileFacts* facts, std::error_code& ec) const;
   [[nodiscard]] bool Size(std::uint64_t* size_bytes, std::error_code& ec) const;
 
+  /// Where the open file or folder is now, with every link resolved, whatever its old path has come
+  /// to mean. Costs no open. Empty only together with an error.
+  [[nodiscard]] Path Whereabouts(std::error_code& ec) const;
+
   /// Gives this file the last-write time of `source` and its attributes (elsewhere than on Windows
   /// its permission bits).
   [[nodiscard]] bool TakeTimeAndAttributes(const File& source, std::error_code& ec);
@@ -87,6 +91,9 @@ class File {
 /// Opens an existing file for sequential reading; others may read, write and delete it meanwhile.
 /// Windows refuses a folder here; elsewhere it opens and only `Facts` tells.
 [[nodiscard]] File OpenForRead(const Path& path, std::error_code& ec);
+
+/// Opens an existing folder for `Whereabouts`; others may do with it what they like.
+[[nodiscard]] File OpenFolder(const Path& path, std::error_code& ec);
 
 enum class NewFileAccess { kWrite, kReadWrite };
 

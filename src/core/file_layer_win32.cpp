@@ -63,23 +63,27 @@ EntryKind KindOfFailure(std::error_code& ec) {
   return EntryKind::kNotFound;
 }
 
-/// Where an existing entry really is.
-Path FinalPath(const wchar_t* api_path, std::error_code& ec) {
-  const UniqueFileHandle handle = OpenForQuery(api_path, 0, ec);
-  if (!handle) return {};
+Path FinalPathOf(HANDLE handle, std::error_code& ec) {
   wchar_t buffer[512];
-  DWORD length = ::GetFinalPathNameByHandleW(handle.get(), buffer, std::size(buffer), 0);
+  ec.clear();
+  DWORD length = ::GetFinalPathNameByHandleW(handle, buffer, std::size(buffer), 0);
   if (length > 0 && length < std::size(buffer)) return PathFromApi({buffer, length});
   std::wstring large;
   while (length > large.size()) {
     large.resize(length);
-    length = ::GetFinalPathNameByHandleW(handle.get(), large.data(), length, 0);
+    length = ::GetFinalPathNameByHandleW(handle, large.data(), length, 0);
   }
   if (length == 0) {
     ec = LastSystemError();
     return {};
   }
   return PathFromApi({large.data(), length});
+}
+
+/// Where an existing entry really is.
+Path FinalPath(const wchar_t* api_path, std::error_code& ec) {
+  const UniqueFileHandle handle = OpenForQuery(api_path, 0, ec);
+  return handle ? FinalPathOf(handle.get(), ec) : Path();
 }
 
 std::uint64_t Join(DWORD high, DWORD low) {
@@ -187,6 +191,15 @@ std::uint64_t AvailableSpace(const Path& path, std::error_code& ec) {
 
 // ---------------------------------------------------------------------------------------------
 // Where it really is
+
+Path File::Whereabouts(std::error_code& ec) const {
+  return FinalPathOf(reinterpret_cast<HANDLE>(handle_), ec);  // NOLINT(performance-no-int-to-ptr)
+}
+
+File OpenFolder(const Path& path, std::error_code& ec) {
+  return File(
+      reinterpret_cast<File::NativeHandle>(OpenForQuery(ApiPath(path).c_str(), 0, ec).Release()));
+}
 
 Path Canonical(const Path& path, std::error_code& ec) {
   return FinalPath(ApiPath(path).c_str(), ec);

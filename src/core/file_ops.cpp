@@ -253,6 +253,12 @@ bool ExclusiveFile::close(std::string* error) {
   return !state_ || state_->file.Close(ec) || Fail(error, SystemErrorText(ec));
 }
 
+std::filesystem::path ExclusiveFile::whereabouts(std::error_code& ec) const {
+  if (state_ && state_->file.is_open()) return state_->file.Whereabouts(ec);
+  ec = std::make_error_code(std::errc::bad_file_descriptor);
+  return {};
+}
+
 void ExclusiveFile::release() {
   if (state_) state_->created = false;
 }

@@ -82,6 +82,8 @@ class ExclusiveFile {
   [[nodiscard]] bool write(const void* data, std::size_t size, std::string* error);
   [[nodiscard]] bool flush(std::string* error);
   [[nodiscard]] bool close(std::string* error);
+  /// Where the open file is, links resolved; empty together with an error.
+  [[nodiscard]] std::filesystem::path whereabouts(std::error_code& ec) const;
   /// Lets the file outlive this object.
   void release();
 

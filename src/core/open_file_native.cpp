@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <string>
 
 #include "core/file_layer.h"
 #include "core/system_error.h"
@@ -40,6 +42,18 @@ bool Status(File::NativeHandle handle, struct stat* status, std::error_code& ec)
 }
 
 }  // namespace
+
+Path File::Whereabouts(std::error_code& ec) const {
+  Path link = "/proc/self/fd/" + std::to_string(handle_);
+  char path[PATH_MAX];
+  const ssize_t length = ::readlink(link.c_str(), path, sizeof path);
+  ec = length == -1 ? LastSystemError() : std::error_code();
+  return ec ? Path() : Path(std::string(path, static_cast<std::size_t>(length)));
+}
+
+File OpenFolder(const Path& path, std::error_code& ec) {
+  return Open(path, O_RDONLY | O_DIRECTORY, ec);
+}
 
 bool File::Read(void* buffer, std::size_t size, std::size_t* read, std::error_code& ec) {
   const ssize_t result = Uninterrupted([&] { return ::read(Descriptor(handle_), buffer, size); });

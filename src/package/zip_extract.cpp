@@ -115,21 +115,27 @@ bool CloseAndVerify(OpenedEntry& entry, std::string* error) {
 }
 
 bool FlushAndClose(ExclusiveFile& file, const ZipEntryRecord& record, const ExtractionPass& pass,
-                   std::string* error) {
+                   const std::filesystem::path& root, std::string* error) {
   const bool is_long = static_cast<std::uint64_t>(record.uncompressed_size) >= fs::kLongFlushBytes;
   std::string detail;
   bool flushed = false;
   RunKeepingAlive([&] { flushed = file.flush(&detail); },
                   is_long ? pass.keep_alive : fs::KeepAlive());
   if (!flushed) return Fail(error, "cannot flush extracted file: ", detail);
+  // The file itself is asked, while it is open: what its path has come to mean says nothing of
+  // where the data went.
+  std::error_code code;
+  const std::filesystem::path resolved = file.whereabouts(code);
   if (!file.close(&detail)) return Fail(error, "cannot close extracted file: ", detail);
-  return true;
+  return (!code && IsPathInsideRootFolded(root, resolved)) ||
+         Fail(error, "extracted file resolved outside extraction root");
 }
 
-bool ResolvesInside(const std::filesystem::path& root, const std::filesystem::path& target) {
-  std::error_code code;
-  const std::filesystem::path resolved = fs::WeaklyCanonical(target, code);
-  return !code && IsPathInsideRootFolded(root, resolved);
+/// Where the stage is at this moment. It stays open for the pass, so that this costs no open.
+std::filesystem::path ResolveStage(const std::filesystem::path& stage_dir, ExtractionPass& pass,
+                                   std::error_code& code) {
+  if (!pass.stage.is_open()) pass.stage = fs::OpenFolder(stage_dir, code);
+  return pass.stage.is_open() ? pass.stage.Whereabouts(code) : std::filesystem::path();
 }
 
 }  // namespace
@@ -146,7 +152,7 @@ bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record,
   if (!CheckLocalHeader(reader, checked, error)) return false;
 
   std::error_code code;
-  const std::filesystem::path root = fs::WeaklyCanonical(stage_dir, code);
+  const std::filesystem::path root = ResolveStage(stage_dir, pass, code);
   if (code) return Fail(error, "cannot resolve extraction root");
   const auto relative_path = PathFromUtf8(record.path);
   const std::filesystem::path target =
@@ -166,11 +172,8 @@ bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record,
 
   ExclusiveFile file(PathToUtf8(target));
   if (!CreateExclusively(file, error) || !CopyData(reader, record, pass, file, error) ||
-      !CloseAndVerify(entry, error) || !FlushAndClose(file, record, pass, error)) {
+      !CloseAndVerify(entry, error) || !FlushAndClose(file, record, pass, root, error)) {
     return false;
-  }
-  if (!ResolvesInside(root, target)) {
-    return Fail(error, "extracted file resolved outside extraction root");
   }
   file.release();
   return true;

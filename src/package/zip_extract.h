@@ -22,6 +22,8 @@ struct ExtractionPass {
 
   /// Directories that this pass created, relative to the stage, UTF-8, `/` separators.
   std::unordered_set<std::string> created_dirs;
+  /// The stage, from the first entry on.
+  fs::File stage;
   std::unique_ptr<std::byte[]> buffer = std::make_unique<std::byte[]>(kBufferBytes);
   /// Called for each piece of an entry's data and while a large entry is flushed.
   fs::KeepAlive keep_alive;

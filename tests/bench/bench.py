@@ -111,7 +111,7 @@ class Bench:
         assert_same_files(work, scene.install, tools.install)
         native["floor"] = self.apply_floor(work, tools)
         native["probe"], _ = self.run_windows("stage_times.exe", "probe",
-                                              self.sandbox.windows_path(scene.install))
+                                              self.sandbox.windows_path(tools.install))
         if work is APPLICATION:
             self.note_diagnostics(work, url, number)
         self.peaks[work.name] = max(self.peaks.get(work.name, 0), run.peak_kib)

@@ -47,7 +47,7 @@ const std::vector<Wording> kExtractionWords = {
     {"Rename",
      {"Cannot finalize extraction directory: {code}",
       "Cannot stage previous extraction directory: {code}"}},
-    {"WeaklyCanonical",
+    {"Whereabouts",
      {"cannot resolve extraction root", "extracted file resolved outside extraction root"}},
     {"WriteSome", {"cannot write extracted file: {message}"}},
 };

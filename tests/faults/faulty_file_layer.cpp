@@ -203,6 +203,11 @@ QORVA_PRIMITIVE(fs::EntryKind, KindOf, const fs::Path& path, fs::Links links, st
               [&] { return QORVA_REAL(KindOf)(path, links, ec); });
 }
 
+QORVA_PRIMITIVE(fs::Path, Whereabouts, const File* file, std::error_code& ec) {
+  return Pass("Whereabouts", PathOf(file), ec, fs::Path(),
+              [&] { return QORVA_REAL(Whereabouts)(file, ec); });
+}
+
 QORVA_PRIMITIVE(fs::Path, Canonical, const fs::Path& path, std::error_code& ec) {
   return Pass("Canonical", path, ec, fs::Path(), [&] { return QORVA_REAL(Canonical)(path, ec); });
 }
