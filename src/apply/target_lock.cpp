@@ -22,6 +22,7 @@ bool MayPass(std::uint32_t system_error) {
 
 std::string JoinPids(const std::vector<std::uint32_t>& pids) {
   std::vector<std::string> texts;
+  texts.reserve(pids.size());
   for (const std::uint32_t pid : pids) texts.push_back(std::to_string(pid));
   return JoinText(texts, ",");
 }

@@ -22,6 +22,7 @@ struct CloseRequest {
 };
 
 BOOL CALLBACK SendClose(HWND window, LPARAM parameter) {
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): the platform hands it back as it took it
   auto* const request = reinterpret_cast<CloseRequest*>(parameter);
   DWORD pid = 0;
   ::GetWindowThreadProcessId(window, &pid);

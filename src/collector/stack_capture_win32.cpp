@@ -107,9 +107,9 @@ class SymbolHandler {
 MemoryReader ReaderOf(HANDLE process) {
   return [process](std::uint64_t address, void* to, std::size_t size) {
     SIZE_T had = 0;
-    return ::ReadProcessMemory(process, reinterpret_cast<const void*>(address), to, size, &had) !=
-               FALSE &&
-           had == size;
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): an address in another process
+    const auto* const from = reinterpret_cast<const void*>(address);
+    return ::ReadProcessMemory(process, from, to, size, &had) != FALSE && had == size;
   };
 }
 

@@ -218,7 +218,7 @@ std::string PercentDecode(std::string_view text) {
 }
 
 std::string ReportUrl(std::string_view value) {
-  const std::string url = StripUrlQuery(TrimWhitespace(value));
+  std::string url = StripUrlQuery(TrimWhitespace(value));
   if (!NormalizeUrl(url, false).ok) return std::string(kRedactedPath);
   const std::string decoded = PercentDecode(url);
   const bool has_blank = kWhitespace.Find(decoded, 0) != decoded.size();

@@ -16,10 +16,12 @@ namespace zul {
 struct WinHttpApi {
   static constexpr const wchar_t* kLibrary = L"winhttp.dll";
 
+// NOLINTBEGIN(bugprone-macro-parentheses): the argument is a name
 #define ZUL_WINHTTP_CALL(name)            \
   SystemFunction<decltype(::name)> name { \
     kLibrary, #name                       \
   }
+  // NOLINTEND(bugprone-macro-parentheses)
   ZUL_WINHTTP_CALL(WinHttpCloseHandle);
   ZUL_WINHTTP_CALL(WinHttpConnect);
   ZUL_WINHTTP_CALL(WinHttpCrackUrl);

@@ -29,6 +29,7 @@ void CALLBACK RedirectLog::OnStatus(HINTERNET, DWORD_PTR context, DWORD status, 
                                     DWORD) noexcept {
   if (status != WINHTTP_CALLBACK_STATUS_REDIRECT || context == 0 || information == nullptr) return;
   // The platform hands the context back as the integer that it took.
+  // NOLINTNEXTLINE(performance-no-int-to-ptr)
   auto* const log = reinterpret_cast<RedirectLog*>(context);
   log->Follow(static_cast<const wchar_t*>(information));
 }

@@ -32,7 +32,7 @@ bool HandOverToRunningApplication() {
 /// The application beside the updater; empty when there is none.
 fs::Path FindApplicationBeside(const fs::Path& updater) {
   for (const char* name : {"qorva_gui.exe", "zul_rip_gui.exe"}) {
-    const fs::Path candidate = updater.parent_path() / name;
+    fs::Path candidate = updater.parent_path() / name;
     std::error_code ec;
     if (fs::KindOf(candidate, fs::Links::kFollow, ec) == fs::EntryKind::kRegular) {
       return candidate;
