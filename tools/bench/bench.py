@@ -26,7 +26,7 @@ from sandbox import Sandbox
 from updater_run import Scene
 from workloads import APPLICATION, BIG_FILE, SMALL_FILES, Workload
 
-PROGRAMS = places.BUILD / "tests" / "bench"
+PROGRAMS = places.BUILD / "tools" / "bench"
 SIDES = ("updater", "tools")
 
 
