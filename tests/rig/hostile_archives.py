@@ -5,6 +5,7 @@ executable, tests/package/agreement.py to the package room alone and to other re
 A row is a name, the archive, and either the reason of the refusal or the files that come out.
 """
 
+import random
 import re
 import struct
 from dataclasses import dataclass
@@ -49,6 +50,7 @@ X = b"x"
 HELLO = b"hello, print world"
 LEGACY = "Отчёт.txt".encode("cp866")
 ZEROS = bytes(3_000_000)
+NOISE = random.Random(1).randbytes(2_500_017)
 HUGE = 1 << 62
 EMPTY_ARCHIVE = archive()
 OTHER = archive(Entry("other.txt", b"other"))
@@ -63,8 +65,8 @@ UNSAFE_NAMES: tuple[str | bytes, ...] = (
     f"Z:/tmp/{ESCAPED}", f"//server/share/{ESCAPED}", f"\\\\server\\share\\{ESCAPED}", f"\\\\?\\C:\\{ESCAPED}",
     f"//./C:/{ESCAPED}", f"\\??\\C:\\{ESCAPED}", f"file:///C:/{ESCAPED}", "", "/", "a//",
     # devices, streams and names that Windows reads as other names
-    "NUL", "con.txt", "a/Aux", "PRN/a", "COM1.tar.gz", "lpt\u00b9", "com\u00b3.log", "nul .txt", "CONOUT$:",
-    f"a.txt:{ESCAPED}", "a.txt::$DATA", "qorva_gui.exe:Zone.Identifier", "a.txt.", "a.txt ", "a /b", "a./b",
+    "NUL", "con.txt", "a/Aux", "PRN/a", "COM1.tar.gz", "lpt\u00b9", "com\u00b2", "com\u00b3.log", "nul .txt",
+    "CONOUT$:", f"a.txt:{ESCAPED}", "a.txt::$DATA", "qorva_gui.exe:Zone.Identifier", "a.txt.", "a.txt ", "a /b", "a./b",
     "a. . .", "a\u00a0 ", "a*b", "a?b", "a<b", "a|b", 'a"b',
     # control characters
     "a\0b", "a.exe\0.txt", "a\nb", "a\x1b[2Jb", "a\x7fb", "\b\b\b",
@@ -73,7 +75,8 @@ UNSAFE_NAMES: tuple[str | bytes, ...] = (
 # Odd and still one plain name: nothing on Windows reads these as another one.
 SAFE_NAMES = (
     "a\u202egpj.exe", "\u2066a\u2069.txt", "a\u0085b", "\ufeffa", "\u200b", "\uff0e\uff0e\uff0fa", "\u2025\u2215a",
-    "conx", "com0", "com\u2074", ".hidden", "...a", "LONGNA~1.TXT", "a" * 100, "-rf", "$(id)", "%TEMP%",
+    "conx", "xcon", "com0", "com10", "com\u2074", "x__MACOSX", "__MACOSX.txt", "a.DS_Store", "a._b", ".hidden", "...a",
+    "LONGNA~1.TXT", "a" * 100, "-rf", "$(id)", "%TEMP%",
     "d/" * 30 + "a", "A\u030a.txt", "\u00c5.txt", "имя/жук.icc", "dir\\sub\\a",
 )
 
@@ -271,6 +274,8 @@ def content() -> list[Case]:
         ("a bomb that declares nothing", {"data": ZEROS, "deflate": True, "both": {"size": 0}}, TOO_LONG),
         ("a bomb that tells its size", {"data": X, "zip64": True, "both": {"size": 1 << 50}},
          re.compile(r"not enough disk space for ZIP extraction: required 1125899906842624 bytes, available \d+ bytes")),
+        ("as much as is read at once", {"data": NOISE[:1 << 20], "deflate": True}, {"a": NOISE[:1 << 20]}),
+        ("more than is read at once", {"data": NOISE}, {"a": NOISE}),
         ("zeros, a thousand to one", {"data": ZEROS, "deflate": True}, {"a": ZEROS}),
         ("more stored bytes than declared", {"both": {"size": 4}}, TOO_LONG),
         ("fewer bytes than declared", {"deflate": True, "both": {"size": 19}}, TOO_SHORT),
@@ -279,6 +284,9 @@ def content() -> list[Case]:
         ("a wrong CRC", {"both": {"crc": 1}}, WRONG_CRC),
         ("a wrong CRC of nothing", {"data": b"", "both": {"crc": 1}}, WRONG_CRC),
         ("a wrong CRC in a descriptor", {"streamed": True, "central": {"crc": 1}}, WRONG_CRC),
+        ("a wrong CRC, and a size that keeps libraries from looking",
+         {"data": b"a" * 100, "deflate": True, "streamed": True, "both": {"crc": 1, "packed": 8, "size": 100}},
+         WRONG_CRC),
         ("one bit changed", {"packed": bytes([HELLO[0] ^ 1]) + HELLO[1:]}, WRONG_CRC),
         ("no deflate data", {"deflate": True, "packed": b"\xff" * 9}, "ZIP inflate failed: compressed data error"),
         ("half of the deflate data", {"data": bytes(range(256)), "deflate": True,
@@ -306,7 +314,8 @@ def collisions() -> list[Case]:
     refused = (
         (("a.txt", "A.TXT"), COLLISION), (("a", "a"), COLLISION), (("d/", "d/"), COLLISION), (("d", "D/"), COLLISION),
         (("d\\a", "d/a"), COLLISION), (("Dir/a", "dir/b"), TWO_SPELLINGS), (("x/Dir/a", "X/y/q"), TWO_SPELLINGS),
-        (("Dir/", "dir/b"), TWO_SPELLINGS), (("a", "A/b"), FILE_ABOVE), (("a/b/c", "a/b"), FILE_ABOVE),
+        (("Dir/", "dir/b"), TWO_SPELLINGS), (("a/b/c/d", "a/b/e/", "a/b/E/f"), TWO_SPELLINGS),
+        (("a", "A/b"), FILE_ABOVE), (("a/b/c/d", "a/b/c/e", "a/b"), FILE_ABOVE),
         (("qorva_gui.exe", "QORVA_GUI.EXE"), COLLISION))
     cases = [Case(f"collision of {' and '.join(names)}", archive(*map(Entry, names)), text) for names, text in refused]
     for names, text in ((("А.txt", "а.txt"), "cannot create extracted file exclusively: path already exists"),
@@ -316,6 +325,8 @@ def collisions() -> list[Case]:
     clutter = ("__MACOSX/a", "__macosx/A", "b/._b/c", "a", ".DS_Store", "x/.ds_store/y")
     return [*cases, Case("clutter collides with nothing", archive(*map(Entry, clutter)), {"a": X}),
             Case("clutter that climbs", archive(Entry("__MACOSX/../../" + ESCAPED)), UNSAFE),
+            Case("folders that only look alike", archive(*map(Entry, ("a/b/c", "a/bb", "ab", "a/b/d", "a/b/"))),
+                 dict.fromkeys(("a/b/c", "a/bb", "ab", "a/b/d"), X)),
             Case("two normal forms", archive(Entry("\u00c5"), Entry("A\u030a")), {"\u00c5": X, "A\u030a": X})]
 
 
