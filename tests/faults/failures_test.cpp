@@ -127,7 +127,10 @@ class FaultyRun {
     EXPECT_EQ(update_.Damage(), "");
     EXPECT_EQ(update_.Installed(), SampleUpdate::Old());
     const std::vector<std::string> leftovers = update_.ExtractionLeftovers();
-    if (error_.find("; previous destination preserved at ") != std::string::npos) {
+    constexpr std::string_view kPreserved = "; previous destination preserved at ";
+    if (const std::size_t at = error_.find(kPreserved); at != std::string::npos) {
+      EXPECT_EQ(FilesBelow(*PathFromUtf8(error_.substr(at + kPreserved.size()))),
+                update_.FoundAtDestination());
       ASSERT_EQ(leftovers.size(), 1u);
       EXPECT_TRUE(leftovers[0].starts_with(".qorva-zip-backup."));
     } else {
@@ -135,6 +138,9 @@ class FaultyRun {
       EXPECT_TRUE(leftovers.empty() || IsOneOf(call().name, {"KindOf", "RemoveTree"}));
       EXPECT_EQ(FilesBelow(update_.folder() / "work" / "payload"),
                 ok_ ? SampleUpdate::Package() : update_.FoundAtDestination());
+    }
+    if (call().name == "Rename") {
+      EXPECT_EQ(ok_, passes_);
     }
     EXPECT_TRUE(ok_ || IsWorded(kExtractionWords, call().name, error_, plan_.error)) << error_;
   }
