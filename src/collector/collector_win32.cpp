@@ -14,6 +14,7 @@
 #include "collector/retention.h"
 #include "collector/session_directory.h"
 #include "collector/shared_block_win32.h"
+#include "core/process_environment.h"
 #include "core/text.h"
 
 namespace zul {
@@ -84,9 +85,10 @@ CrashChannel* PublishChannel(Beginnings& beginnings, fs::File emergency_file) {
 }
 
 bool CommitFirstRecords(const fs::Path& session, const ProcessKey& self) {
-  return CommitEvidenceRecord(session / kMetadataFile, BuildBaseRecord(self, NowUnixMs()),
+  return CommitEvidenceRecord(session / kMetadataFile, BuildBaseRecord(self, UnixTimeMs()),
                               nullptr) &&
-         CommitEvidenceRecord(session / kIncidentFile, BuildBaseRecord(self, NowUnixMs()), nullptr);
+         CommitEvidenceRecord(session / kIncidentFile, BuildBaseRecord(self, UnixTimeMs()),
+                              nullptr);
 }
 
 /// Throws when it cannot be told whether the executable is there.
@@ -154,10 +156,10 @@ CollectorStartResult StartCompactCollector(const fs::Path& crash_directory,
   const std::scoped_lock lock(g_start_mutex);
   if (const CrashChannel* channel = g_channel.load()) return StateOf(*channel);
   CollectorStartResult result;
-  EnforceCompactRetention(crash_directory, NowUnixMs());
+  EnforceCompactRetention(crash_directory, UnixTimeMs());
   const std::uint64_t creation_time = CreationTimeOf(::GetCurrentProcess()).value_or(0);
   fs::Path session;
-  if (!CreateCompactSession(crash_directory, NowUnixMs(), ::GetCurrentProcessId(), creation_time,
+  if (!CreateCompactSession(crash_directory, UnixTimeMs(), ::GetCurrentProcessId(), creation_time,
                             &session, &result.failure_reason)) {
     return result;
   }

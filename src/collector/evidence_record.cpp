@@ -1,8 +1,5 @@
 #include "collector/evidence_record.h"
 
-#include <algorithm>
-#include <chrono>
-
 #include "collector/safe_path.h"
 #include "collector/session_directory.h"
 #include "core/build_identity.h"
@@ -36,14 +33,6 @@ bool WriteWhole(fs::File file, std::string_view text) {
 }
 
 }  // namespace
-
-std::uint64_t NowUnixMs() {
-  using std::chrono::milliseconds;
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  // A clock before 1970 is wrong anyway.
-  return static_cast<std::uint64_t>(
-      std::max<milliseconds::rep>(0, std::chrono::duration_cast<milliseconds>(now).count()));
-}
 
 json BuildBaseRecord(const ProcessKey& observed, std::uint64_t now_unix_ms) {
   const BuildIdentity build = GetBuildIdentity();

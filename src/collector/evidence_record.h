@@ -28,9 +28,6 @@ inline constexpr std::size_t kEvidenceBytesMax = 131072;
 /// file of nothing but brackets must not be able to exhaust a reader's stack.
 inline constexpr int kEvidenceDepthMax = 32;
 
-/// The wall clock as records have it: milliseconds since 1970.
-[[nodiscard]] std::uint64_t NowUnixMs();
-
 /// What a session's first records say: this build, the observed process, the time (milliseconds
 /// since 1970), and that nothing has happened yet.
 [[nodiscard]] nlohmann::json BuildBaseRecord(const ProcessKey& observed, std::uint64_t now_unix_ms);

@@ -15,6 +15,7 @@
 #include "collector/session_directory.h"
 #include "collector/shared_block_win32.h"
 #include "collector/stack_capture_win32.h"
+#include "core/process_environment.h"
 
 namespace zul {
 
@@ -77,7 +78,7 @@ class Observation {
   [[nodiscard]] bool Commit(std::string_view name) const {
     return CommitEvidenceRecord(session_ / name, record_, nullptr);
   }
-  [[nodiscard]] json FreshRecord() const { return BuildBaseRecord(observed_, NowUnixMs()); }
+  [[nodiscard]] json FreshRecord() const { return BuildBaseRecord(observed_, UnixTimeMs()); }
   [[nodiscard]] IncidentMoment MomentAt(std::uint64_t tick);
 
   [[nodiscard]] bool Answer(ObserverRequest request, bool* captured);
@@ -158,7 +159,7 @@ bool Observation::Answer(ObserverRequest request, bool* captured) {
 }
 
 IncidentMoment Observation::MomentAt(std::uint64_t tick) {
-  return {.observed_at_unix_ms = NowUnixMs(),
+  return {.observed_at_unix_ms = UnixTimeMs(),
           .process_uptime_ms = Elapsed(block_.get()->start_tick, tick),
           .declared_exit_code = DeclaredExit(*block_.get())};
 }

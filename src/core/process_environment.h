@@ -29,6 +29,9 @@ namespace zul {
 /// Milliseconds since the system was started.
 [[nodiscard]] std::uint64_t TickCountMs();
 
+/// The wall clock in milliseconds since 1970; 0 for a clock that stands before that.
+[[nodiscard]] std::uint64_t UnixTimeMs();
+
 /// A high-resolution counter without a fixed unit: only for making names unique.
 [[nodiscard]] std::uint64_t PerformanceCounter();
 

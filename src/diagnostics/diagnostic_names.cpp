@@ -3,6 +3,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <ctime>
 #include <exception>
 #include <nlohmann/json.hpp>
@@ -74,12 +75,6 @@ std::string LocalTimeText() {
 
 std::string LocalTimeForNames() {
   return LocalNow("%Y%m%d_%H%M%S");
-}
-
-std::uint64_t UnixTimeMs() {
-  const auto since_1970 = system_clock::now().time_since_epoch();
-  const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(since_1970).count();
-  return ms > 0 ? static_cast<std::uint64_t>(ms) : 0;
 }
 
 std::string_view CutText(std::string_view text, std::size_t max_bytes) {

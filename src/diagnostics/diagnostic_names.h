@@ -4,7 +4,6 @@
 // metadata, the failure line.
 
 #include <cstddef>
-#include <cstdint>
 #include <functional>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
@@ -27,9 +26,6 @@ namespace zul {
 
 /// Now in local time, "YYYYMMDD_HHMMSS", for file names.
 [[nodiscard]] std::string LocalTimeForNames();
-
-/// Now by the wall clock, in milliseconds since 1970.
-[[nodiscard]] std::uint64_t UnixTimeMs();
 
 /// The start of the text, `max_bytes` at most, cut between two characters of UTF-8. A view into it.
 [[nodiscard]] std::string_view CutText(std::string_view text, std::size_t max_bytes);

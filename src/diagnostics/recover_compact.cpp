@@ -9,6 +9,7 @@
 #include "collector/orphan_sessions.h"
 #include "collector/retention.h"
 #include "collector/session_directory.h"
+#include "core/process_environment.h"
 #include "core/system_error.h"
 #include "diagnostics/compact_checkpoint.h"
 #include "diagnostics/diagnostic_names.h"
