@@ -79,7 +79,7 @@ bool ReadEvidenceRecord(const fs::Path& path, json* record, std::string* error) 
   return true;
 }
 
-std::optional<json> ParseEvidenceRecord(std::string_view bytes) {
+std::optional<json> ParseBoundedObject(std::string_view bytes) {
   // The parser takes a NUL for the end and would pass over whatever stands behind it.
   if (bytes.find('\0') != std::string_view::npos) return std::nullopt;
   bool too_deep = false;
@@ -87,10 +87,16 @@ std::optional<json> ParseEvidenceRecord(std::string_view bytes) {
     too_deep = too_deep || depth > kEvidenceDepthMax;
     return !too_deep;
   };
-  json record = json::parse(bytes, within_depth, false);
-  if (too_deep || !record.is_object()) return std::nullopt;
-  const auto schema = record.find("schema");
-  if (schema == record.end() || *schema != kEvidenceSchema) return std::nullopt;
+  json object = json::parse(bytes, within_depth, false);
+  if (too_deep || !object.is_object()) return std::nullopt;
+  return object;
+}
+
+std::optional<json> ParseEvidenceRecord(std::string_view bytes) {
+  std::optional<json> record = ParseBoundedObject(bytes);
+  if (!record) return std::nullopt;
+  const auto schema = record->find("schema");
+  if (schema == record->end() || *schema != kEvidenceSchema) return std::nullopt;
   return record;
 }
 

@@ -46,8 +46,11 @@ inline constexpr int kEvidenceDepthMax = 32;
 [[nodiscard]] bool ReadEvidenceRecord(const fs::Path& path, nlohmann::json* record,
                                       std::string* error);
 
-/// The judgement of `ReadEvidenceRecord` on a file's bytes: a JSON object of this schema, not
-/// nested too deep. Of a key that stands there twice the last one counts.
+/// The JSON object that a file's bytes are, from first to last, nested at most `kEvidenceDepthMax`
+/// deep; nothing for any other bytes. Of a key that stands there twice the last one counts.
+[[nodiscard]] std::optional<nlohmann::json> ParseBoundedObject(std::string_view bytes);
+
+/// The judgement of `ReadEvidenceRecord` on a file's bytes: such an object of this schema.
 [[nodiscard]] std::optional<nlohmann::json> ParseEvidenceRecord(std::string_view bytes);
 
 /// The process that a record names with `pid` and `process_identity`; nothing when either is

@@ -1,5 +1,7 @@
 #include "diagnostics/hostile_json.h"
 
+#include <optional>
+
 #include "collector/evidence_record.h"
 #include "core/bounded_read.h"
 #include "core/text.h"
@@ -13,14 +15,9 @@ JsonFileState ReadJsonObject(const fs::Path& path, std::size_t max_bytes, json* 
   const BoundedReadResult read = ReadBounded(PathToUtf8(path), max_bytes, bytes);
   if (read.status == kBoundedReadTooLarge) return JsonFileState::kNotAnObject;
   if (read.status != kBoundedReadOk) return JsonFileState::kUnreadable;
-  bool too_deep = false;
-  const auto within_depth = [&](int depth, json::parse_event_t /*event*/, json& /*value*/) {
-    too_deep = too_deep || depth > kEvidenceDepthMax;
-    return !too_deep;
-  };
-  json parsed = json::parse(bytes, within_depth, false);
-  if (too_deep || !parsed.is_object()) return JsonFileState::kNotAnObject;
-  *object = std::move(parsed);
+  std::optional<json> parsed = ParseBoundedObject(bytes);
+  if (!parsed) return JsonFileState::kNotAnObject;
+  *object = std::move(*parsed);
   return JsonFileState::kObject;
 }
 

@@ -14,7 +14,7 @@ namespace zul {
 
 enum class JsonFileState {
   kObject,
-  kNotAnObject,  ///< larger than allowed, no JSON, no object, or nested more than 32 deep
+  kNotAnObject,  ///< larger than allowed, or no object as `ParseBoundedObject` takes it
   kUnreadable,   ///< absent, or the system refuses it
 };
 

@@ -153,6 +153,7 @@ TEST_F(Recovery, TouchesOnlySessionFilesThatAreOver) {
   WriteFile(Session("active_5_list.json"), "[]");
   WriteFile(Session("active_6_deep.json"), "{\"a\":" + std::string(100000, '['));
   WriteFile(Session("active_7_large.json"), "{\"a\":\"" + std::string(524288, 'x') + "\"}");
+  WriteFile(Session("active_7_nul.json"), test::LeftSession().dump() + '\0' + "behind it");
   WriteFile(Session("active_8_old.json.recovering.77"), test::LeftSession().dump());
   WriteFile(Session("active_9.json/inner"), "x");
   WriteFile(Session("notes.txt"), "x");
@@ -161,6 +162,7 @@ TEST_F(Recovery, TouchesOnlySessionFilesThatAreOver) {
   EXPECT_EQ(test::ListTree(SessionStateDirectory(crash_)),
             "active_1_living.json\nactive_4_broken.json.invalid\nactive_5_list.json.invalid\n"
             "active_6_deep.json.invalid\nactive_7_large.json.invalid\n"
+            "active_7_nul.json.invalid\n"
             "active_8_old.json.recovering.77\nactive_9.json/\nactive_9.json/inner\nnotes.txt\n");
   EXPECT_EQ(test::ReadFile(Session("active_1_living.json")), living.dump());
 }
