@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <set>
-#include <sstream>
 
 #include "core/text.h"
 #include "package/extract.h"
@@ -143,16 +142,6 @@ bool SampleUpdate::Run(Scenario scenario, const fs::Path& folder, std::string* e
   ApplyFaultInjection faults;
   if (scenario == Scenario::kRollback) faults.fail_after_replacements = kChanges;
   return ApplyStagedUpdate(destination, folder / "app", 0, nullptr, false, error, outcome, &faults);
-}
-
-Files FilesBelow(const fs::Path& root) {
-  Files files;
-  if (!Exists(root)) return files;
-  std::istringstream lines(ListTree(root));
-  for (std::string line; std::getline(lines, line);) {
-    if (!line.ends_with('/')) files[line] = ReadFile(root / *PathFromUtf8(line));
-  }
-  return files;
 }
 
 Files SampleUpdate::Installed() const {

@@ -3,7 +3,6 @@
 // A small update with one of everything: files that are replaced, added, left alone and retired, in
 // folders that are there and in new ones. And what it must look like, whatever happened to it.
 
-#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,9 +12,6 @@
 #include "tests/support/temp_folder.h"
 
 namespace zul::test {
-
-/// Relative path with "/" to contents.
-using Files = std::map<std::string, std::string>;
 
 enum class Scenario {
   kUpdate,        ///< extraction and apply
@@ -74,8 +70,5 @@ class SampleUpdate {
   const fs::Path folder_;
   const ScopedEnvironment config_home_;
 };
-
-/// What lies below a folder, without the folders themselves; nothing when there is none.
-[[nodiscard]] Files FilesBelow(const fs::Path& root);
 
 }  // namespace zul::test

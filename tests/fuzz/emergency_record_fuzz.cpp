@@ -18,14 +18,6 @@ using nlohmann::json;
 constexpr std::string_view kHead("EDVQ\xF0\x04\0\0", 8);
 constexpr std::size_t kSize = 1264;
 
-/// The little-endian number at `at`.
-std::uint32_t NumberAt(std::string_view bytes, std::size_t at) {
-  std::uint32_t number = 0;
-  for (std::size_t i = 4; i-- > 0;)
-    number = number << 8 | static_cast<unsigned char>(bytes[at + i]);
-  return number;
-}
-
 void RequireOutcome(std::string_view bytes) {
   const bool sound = bytes.size() == kSize && bytes.starts_with(kHead);
   json expected = {{"event", "observer_started"}, {"finalized", false}};
@@ -34,10 +26,10 @@ void RequireOutcome(std::string_view bytes) {
   Require(parsed.has_value() == sound, "a record has its magic and its size, twice");
   if (parsed) {
     Require(std::memcmp(&*parsed, bytes.data(), kSize) == 0, "a record is the bytes of its file");
-    expected["event"] = NumberAt(bytes, 16) == 2 ? "std_terminate" : "native_exception";
+    expected["event"] = parsed->kind == 2 ? "std_terminate" : "native_exception";
     expected["exception_observed"] = true;
-    expected["exception_code"] = NumberAt(bytes, 8);
-    expected["thread_id"] = NumberAt(bytes, 12);
+    expected["exception_code"] = parsed->exception_code;
+    expected["thread_id"] = parsed->thread_id;
   }
   static const test::TempFolder session;
   test::WriteFile(session / "emergency.bin", bytes);

@@ -2,7 +2,8 @@
 // Input: the text of a record.
 
 #include <algorithm>
-#include <cctype>
+#include <set>
+#include <string>
 
 #include "collector/evidence_record.h"
 #include "collector/evidence_sanitizer.h"
@@ -20,18 +21,13 @@ int DepthOf(std::string_view text) {
   int deepest = 0;
   bool quoted = false;
   for (std::size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    if (c == '"') quoted = !quoted;
-    if (quoted && c == '\\') ++i;
+    if (text[i] == '"') quoted = !quoted;
+    if (quoted && text[i] == '\\') ++i;
     if (quoted) continue;
-    if (c == '[' || c == '{') deepest = std::max(deepest, ++depth);
-    if (c == ']' || c == '}') --depth;
+    if (text[i] == '[' || text[i] == '{') deepest = std::max(deepest, ++depth);
+    if (text[i] == ']' || text[i] == '}') --depth;
   }
   return deepest;
-}
-
-bool IsPrivate(char c) {
-  return std::isalnum(static_cast<unsigned char>(c)) == 0 && c != '-' && c != '.' && c != '_';
 }
 
 /// Not by comparing it with 0: the library compares as signed, and takes counts above 2^63 for
@@ -43,15 +39,16 @@ bool IsNegative(const json& number) {
 /// Nothing in `value` can carry a path, a name of a person or a sentence.
 void RequireNothingPrivate(const json& value, int depth) {
   Require(depth <= 3, "a sanitised record is a record, its frames, and their fields");
-  if (value.is_string()) {
+  if (value.is_structured()) {
+    for (const json& element : value) RequireNothingPrivate(element, depth + 1);
+  } else if (value.is_string()) {
+    constexpr auto kWordBytes = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._";
     const std::string& text = value.get_ref<const std::string&>();
     Require(!text.empty() && text.size() <= 128, "a word is bounded");
-    Require(std::none_of(text.begin(), text.end(), IsPrivate), "a word is made of word bytes");
-  } else if (value.is_structured()) {
-    for (const json& element : value) RequireNothingPrivate(element, depth + 1);
+    Require(text.find_first_not_of(kWordBytes) == text.npos, "a word is made of word bytes");
   } else {
-    Require(value.is_boolean() || (value.is_number_integer() && !IsNegative(value)),
-            "a value is a word, a flag or a count");
+    const bool is_count = value.is_number_integer() && !IsNegative(value);
+    Require(value.is_boolean() || is_count, "a value is a word, a flag or a count");
   }
 }
 
@@ -61,13 +58,11 @@ void RequireSanitised(const json& record) {
   Require(SanitizeEvidenceRecord(sanitised) == sanitised, "what was let out is let out again");
   Require(sanitised.at("memory_contents_uploaded") == false, "no memory leaves the machine");
   Require(sanitised.dump(2).size() < kEvidenceBytesMax, "a sanitised record is a record");
-  Require(ParseEvidenceRecord(sanitised.dump()) == sanitised,
-          "a sanitised record is read as it is");
+  Require(ParseEvidenceRecord(sanitised.dump()) == sanitised, "and is read as it is");
+  const std::set<std::string> made = {"schema", "external_terminator_identified",
+                                      "memory_contents_uploaded", "frames", "frames_limited"};
   for (const auto& [key, value] : sanitised.items()) {
-    const bool made = key == "schema" || key == "external_terminator_identified" ||
-                      key == "memory_contents_uploaded" || key == "frames" ||
-                      key == "frames_limited";
-    Require(made || record.value(key, json()) == value, "what is let out is what was there");
+    Require(made.contains(key) || record.value(key, json()) == value, "what is let out was there");
   }
 }
 
@@ -76,19 +71,19 @@ void RequireSanitised(const json& record) {
 void Run(std::string_view input) {
   const std::optional<json> record = ParseEvidenceRecord(input);
   // No JSON has a NUL, and the library stops at one.
-  const bool text = std::count(input.begin(), input.end(), '\0') == 0;
+  const bool text = input.find('\0') == input.npos;
   const json whole = text ? json::parse(input, nullptr, false) : json(json::value_t::discarded);
-  const bool sound = whole.is_object() && whole.contains("schema") &&
-                     whole["schema"] == kEvidenceSchema && DepthOf(input) <= kEvidenceDepthMax;
+  const bool shallow = !whole.is_discarded() && DepthOf(input) <= kEvidenceDepthMax;
+  const bool sound =
+      shallow && whole.is_object() && whole.value("schema", json()) == kEvidenceSchema;
   Require(record.has_value() == sound, "a record is an object of the schema, not too deep");
-  if (!whole.is_discarded() && DepthOf(input) <= kEvidenceDepthMax) RequireSanitised(whole);
+  if (shallow) RequireSanitised(whole);
   if (!record) return;
   Require(*record == whole, "a record is read as it stands");
   Require(ParseEvidenceRecord(record->dump(2) + "\n") == *record, "a record survives a commit");
   if (const std::optional<ProcessKey> key = ProcessKeyOf(*record)) {
     const json& pid = record->at("pid");
-    Require(IsNegative(pid) ? key->pid == 0 : pid == key->pid,
-            "a process has the id of the record");
+    Require(IsNegative(pid) ? key->pid == 0 : pid == key->pid, "a process has its record's id");
     Require(record->at("process_identity") == key->identity, "and its identity");
   }
 }

@@ -13,12 +13,12 @@ void Require(bool holds, std::string_view promise) {
   std::abort();
 }
 
-std::vector<std::string_view> SplitAt(std::string_view text, char separator) {
+std::vector<std::string_view> SplitAt(std::string_view text, std::string_view separators) {
   std::vector<std::string_view> pieces;
   for (;;) {
-    const std::size_t end = text.find(separator);
+    const std::size_t end = text.find_first_of(separators);
     pieces.push_back(text.substr(0, end));
-    if (end == std::string_view::npos) return pieces;
+    if (end == text.npos) return pieces;
     text.remove_prefix(end + 1);
   }
 }

@@ -14,7 +14,8 @@ void Run(std::string_view input);
 /// Ends the process when a promise does not hold, with the sentence that was broken on stderr.
 void Require(bool holds, std::string_view promise);
 
-/// The pieces of `text` between separators, empty ones included. Views into `text`.
-[[nodiscard]] std::vector<std::string_view> SplitAt(std::string_view text, char separator);
+/// The pieces of `text` between any of the separators, empty ones included. Views into `text`.
+[[nodiscard]] std::vector<std::string_view> SplitAt(std::string_view text,
+                                                    std::string_view separators);
 
 }  // namespace zul::fuzz

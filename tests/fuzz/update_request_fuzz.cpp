@@ -18,8 +18,7 @@ std::wstring Argument(std::string_view bytes) {
   if (std::optional<std::wstring> wide = Utf8ToWide(bytes)) return *std::move(wide);
   std::wstring argument;
   for (const char c : bytes) {
-    const auto byte = static_cast<unsigned char>(c);
-    argument.push_back(static_cast<wchar_t>(byte < 0x80 ? byte : 0xDC00 + byte));
+    argument += static_cast<wchar_t>(c >= 0 ? c : 0xDC00 + static_cast<unsigned char>(c));
   }
   return argument;
 }
@@ -37,7 +36,7 @@ void Run(std::string_view input) {
   const std::wstring program = L"C:\\temp dir\\zul_updater.exe";
   std::vector<std::wstring> arguments = {program};
   std::wstring line = QuoteCommandArgument(program);
-  for (const std::string_view bytes : SplitAt(input, '\0')) {
+  for (const std::string_view bytes : SplitAt(input, std::string_view("\0", 1))) {
     arguments.push_back(Argument(bytes));
     line += L' ' + QuoteCommandArgument(arguments.back());
   }

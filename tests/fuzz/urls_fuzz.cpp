@@ -1,7 +1,9 @@
 // The URL parsers, the allow-list and redirects.
 // Input: a URL; behind a line feed where it redirects to, and what else could be seen in it.
 
+#include <algorithm>
 #include <string>
+#include <tuple>
 
 #include "core/text.h"
 #include "tests/fuzz/fuzz_target.h"
@@ -20,29 +22,29 @@ std::string BareHost(std::string_view host) {
 }
 
 // True when the text says by its first letters that it leads to `host`.
-bool PlainlyLeadsTo(std::string_view text, std::string_view host) {
-  const std::string url = AsciiLower(TrimWhitespace(text));
-  const std::string start = "https://" + std::string(host);
-  return url.starts_with(start) &&
-         (url.size() == start.size() ||
-          std::string_view("/?#:").find(url[start.size()]) != std::string_view::npos);
+bool PlainlyLeadsTo(std::string_view text, const std::string& host) {
+  const std::string url = AsciiLower(TrimWhitespace(text)) + "/";
+  const std::string start = "https://" + host;
+  return url.starts_with(start) && url.find_first_of("/?#:", start.size()) == start.size();
+}
+
+bool SameServer(const UpdateUrlParts& update, const NormalizedUrl& url) {
+  return BareHost(WideToUtf8Lossy(update.host)) == BareHost(url.host) && update.port == url.port;
 }
 
 void RequireSoundUrl(std::string_view text) {
   const NormalizedUrl url = NormalizeUrl(text, false);
   const NormalizedUrl secure = NormalizeUrl(text, true);
   const UpdateUrlParts update = ParseUpdateUrl(text);
-  Require(url.ok == url.error.empty() && update.ok == update.error.empty(),
-          "a failure has a reason and a success has none");
+  Require(url.ok == url.error.empty(), "a failure has a reason and a success has none");
+  Require(update.ok == update.error.empty(), "and so has an update's");
   Require(secure.ok == (url.ok && url.scheme == "https"), "only https is secure");
   Require(!update.ok || (update.secure && !update.host.empty()), "an update comes over https");
   if (!url.ok) return;
   Require(!url.host.empty() && url.port > 0 && url.port < 65536, "a URL has a host and a port");
   Require(url.path_and_query.starts_with('/') && url.path_and_query.find('#') == std::string::npos,
           "a request path is absolute and without a fragment");
-  Require(!update.ok || (BareHost(WideToUtf8Lossy(update.host)) == BareHost(url.host) &&
-                         update.port == url.port),
-          "both parsers see the same host and port");
+  Require(!update.ok || SameServer(update, url), "both parsers see the same host and port");
 }
 
 // A cracker that sees something else in `text`, as the platform's may: what our own sees in
@@ -52,9 +54,7 @@ void RequireJudgement(std::string_view text, std::string_view other) {
   if (!CrackUrl(Utf8ToWide(other).value_or(std::wstring()), cracked)) return;
   const NormalizedUrl url = NormalizeUrl(text, true);
   const UpdateUrlParts update = JudgeCrackedUrl(text, cracked);
-  Require(!update.ok || !url.ok ||
-              (BareHost(WideToUtf8Lossy(update.host)) == BareHost(url.host) &&
-               update.port == url.port && cracked.scheme == UrlScheme::kHttps),
+  Require(!update.ok || !url.ok || (SameServer(update, url) && cracked.scheme == UrlScheme::kHttps),
           "a cracker that sees another host or port is not believed");
 }
 
@@ -62,13 +62,11 @@ void RequireListedHost(std::string_view text) {
   const std::vector<std::string> listed = DefaultUpdateDownloadHosts();
   if (!IsAllowedDownloadUrl(text, listed, nullptr)) return;
   const UpdateUrlParts update = ParseUpdateUrl(text);
-  bool plain = false;
-  bool connected = !update.ok;
-  for (const std::string& host : listed) {
-    plain = plain || PlainlyLeadsTo(text, host) || PlainlyLeadsTo(text, "[" + host + "]");
-    connected = connected || BareHost(WideToUtf8Lossy(update.host)) == host;
-  }
-  Require(plain && connected, "an allowed URL leads to a listed host");
+  const auto leads_to = [&](const std::string& host) {
+    return (PlainlyLeadsTo(text, host) || PlainlyLeadsTo(text, "[" + host + "]")) &&
+           (!update.ok || BareHost(WideToUtf8Lossy(update.host)) == host);
+  };
+  Require(std::any_of(listed.begin(), listed.end(), leads_to), "only listed hosts are allowed");
 }
 
 void RequireSameOrigin(std::string_view base, std::string_view location) {
@@ -76,8 +74,8 @@ void RequireSameOrigin(std::string_view base, std::string_view location) {
   const NormalizedUrl to = NormalizeUrl(ResolveRedirect(base, location), false);
   const bool relative =
       location.find_first_of(":/\\") != 0 && location.find_first_of("/\\?#") <= location.find(':');
-  Require(!from.ok || !to.ok || !relative ||
-              (to.scheme == from.scheme && to.host == from.host && to.port == from.port),
+  const auto origin = [](const NormalizedUrl& u) { return std::tie(u.scheme, u.host, u.port); };
+  Require(!from.ok || !to.ok || !relative || origin(to) == origin(from),
           "a relative redirect stays where it was");
 }
 
@@ -88,15 +86,11 @@ void Run(std::string_view input) {
   const std::string_view text = input.substr(0, end);
   RequireSoundUrl(text);
   RequireListedHost(text);
-  if (end != std::string_view::npos) {
-    RequireSoundUrl(ResolveRedirect(text, input.substr(end + 1)));
-    RequireJudgement(text, input.substr(end + 1));
-    RequireSameOrigin(text, input.substr(end + 1));
-  }
-  const std::string stripped = StripUrlQuery(input);
-  Require(stripped.find_first_of("?#") == std::string::npos && input.starts_with(stripped) &&
-              (stripped.size() == input.size() || input[stripped.size()] == '?' ||
-               input[stripped.size()] == '#'),
+  const std::string_view other = end == input.npos ? std::string_view() : input.substr(end + 1);
+  RequireSoundUrl(ResolveRedirect(text, other));
+  RequireJudgement(text, other);
+  RequireSameOrigin(text, other);
+  Require(StripUrlQuery(input) == input.substr(0, input.find_first_of("?#")),
           "a stripped URL ends before its query and nowhere else");
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <sstream>
 #include <stdexcept>
 #include <vector>
 
@@ -87,6 +88,15 @@ std::string ListTree(const fs::Path& root) {
   std::string text;
   for (const std::string& line : lines) text += line + "\n";
   return text;
+}
+
+Files FilesBelow(const fs::Path& root) {
+  Files files;
+  std::istringstream lines(Exists(root) ? ListTree(root) : std::string());
+  for (std::string line; std::getline(lines, line);) {
+    if (!line.ends_with('/')) files[line] = ReadFile(root / FromUtf8(line));
+  }
+  return files;
 }
 
 }  // namespace zul::test

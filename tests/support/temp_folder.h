@@ -2,6 +2,7 @@
 
 // A fresh folder for one test, removed with it.
 
+#include <map>
 #include <string>
 #include <string_view>
 
@@ -34,5 +35,11 @@ void WriteFile(const fs::Path& path, std::string_view contents);
 
 /// The folder below `root` as "relative/path" lines with "/" behind folders, sorted.
 [[nodiscard]] std::string ListTree(const fs::Path& root);
+
+/// Relative path with "/" to contents.
+using Files = std::map<std::string, std::string>;
+
+/// What lies below a folder, without the folders themselves; nothing when there is none.
+[[nodiscard]] Files FilesBelow(const fs::Path& root);
 
 }  // namespace zul::test
