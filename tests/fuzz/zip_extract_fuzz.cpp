@@ -2,7 +2,6 @@
 // Input: an archive, taken as it stands and once more mended.
 
 #include <sys/resource.h>
-#include <zlib.h>
 
 #include <cstring>
 #include <string>
@@ -14,17 +13,13 @@
 #include "package/zip_scan.h"
 #include "tests/fuzz/fuzz_target.h"
 #include "tests/support/temp_folder.h"
+#include "tests/support/zip_builder.h"
 
 namespace zul::fuzz {
 
 namespace {
 
 constexpr std::uint64_t kDeclaredBytesMax = std::uint64_t{16} << 20;
-
-std::uint32_t CrcOf(const std::string& data) {
-  const auto* bytes = reinterpret_cast<const Bytef*>(data.data());
-  return static_cast<std::uint32_t>(crc32(0, bytes, static_cast<uInt>(data.size())));
-}
 
 // ---------------------------------------------------------------------------------------------
 // Mending
@@ -58,7 +53,7 @@ void MendEntry(std::string& bytes, std::size_t central) {
   if (data > central || central - data < fields.compressed_size) return;
   if (fields.method == 0) {
     fields.uncompressed_size = fields.compressed_size;
-    fields.crc = CrcOf(bytes.substr(data, fields.compressed_size));
+    fields.crc = test::Crc32(bytes.substr(data, fields.compressed_size));
   }
   std::memcpy(&bytes[central + kCentralShared], &fields, kUpToSizes);
   std::memcpy(&bytes[local + kLocalShared], &fields, kUpToSizes);
@@ -105,7 +100,7 @@ void RequireFiles(test::Files files, const ZipScanResult& scan) {
     Require(!file.empty(), "each judged file is extracted");
     const std::uint64_t size = file.mapped().size();
     Require(std::cmp_equal(size, entry.uncompressed_size), "each file has its declared size");
-    Require(CrcOf(file.mapped()) == entry.crc32, "each file has its declared CRC");
+    Require(test::Crc32(file.mapped()) == entry.crc32, "each file has its declared CRC");
     total_bytes += size;
   }
   Require(files.size() == 1 && files.contains("a/b/package.zip"), "no other file is extracted");
