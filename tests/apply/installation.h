@@ -2,12 +2,12 @@
 
 // An installation, a staged update beside it, and one apply of the one to the other.
 
-#include <functional>
+#include <gtest/gtest.h>
+
 #include <map>
-#include <memory>
+#include <sstream>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "apply/apply.h"
 #include "core/text.h"
@@ -16,32 +16,43 @@
 
 namespace zul::test {
 
-/// Relative path (a folder with "/" behind it) to contents, which folders and links have none of.
+/// Relative path (a folder with "/" behind it) to contents, which folders have none of.
 using Snapshot = std::map<std::string, std::string>;
 
-[[nodiscard]] Snapshot TakeSnapshot(const fs::Path& root);
+inline Snapshot TakeSnapshot(const fs::Path& root) {
+  Snapshot snapshot;
+  std::istringstream lines(ListTree(root));
+  for (std::string line; std::getline(lines, line);) {
+    snapshot[line] = line.ends_with('/') ? "" : ReadFile(root / PathFromUtf8(line).value());
+  }
+  return snapshot;
+}
 
+/// The trace of this process goes into a folder of its own.
 class Installation {
  public:
-  /// Sends the trace of this process into a folder of its own.
-  Installation();
+  Installation() {
+    std::error_code ec;
+    EXPECT_TRUE(fs::CreateDirectories(staged_root, ec) && fs::CreateDirectories(target_root, ec));
+  }
 
   // Names are UTF-8, relative to the two roots, with "/" between their parts.
-  void Install(std::string_view name, std::string_view contents);
-  void Stage(std::string_view name, std::string_view contents);
+  void Install(std::string_view name, std::string_view contents) const {
+    WriteFile(target_root / PathFromUtf8(name).value(), contents);
+  }
+  void Stage(std::string_view name, std::string_view contents) const {
+    WriteFile(staged_root / PathFromUtf8(name).value(), contents);
+  }
 
-  /// Runs one apply. `on_pump`, if set, is called whenever the apply lets the window live once
-  /// it changes things: before each change and before each record that is undone.
-  bool Apply(const ApplyFaultInjection& faults = {}, std::function<void()> on_pump = {});
+  bool Apply(const ApplyFaultInjection& faults = {}, UpdateProgressWindow* window = nullptr) {
+    ApplyCloseContext context{window, false};
+    error = "left over from an earlier stage";
+    return ApplyStagedUpdate(staged_root, target_root, 0, &context, false, &error, &outcome,
+                             &faults);
+  }
 
-  /// The traced events since the start, as TraceInTempFolder has them.
-  [[nodiscard]] std::vector<std::string> Events() const { return trace_.Events(); }
-
- private:
-  const TraceInTempFolder trace_;
-
- public:
-  const TempFolder& folder = trace_.folder();
+  const TraceInTempFolder trace;
+  const TempFolder& folder = trace.folder();
   const fs::Path staged_root = folder.path() / "work" / "payload";
   const fs::Path target_root = folder / "app";
   const fs::Path backup_root = folder.path() / "work" / "rollback_backup";
