@@ -46,7 +46,8 @@ std::string Extract(const fs::Path& archive, const fs::Path& destination) {
 
 std::string Scan(const fs::Path& archive, ZipScanResult& result) {
   std::string error;
-  EXPECT_EQ(ScanZipArchive(PathToUtf8(archive), result, &error), error.empty());
+  const bool accepted = ScanZipArchive(PathToUtf8(archive), result, &error);
+  EXPECT_EQ(accepted, error.empty());
   return error;
 }
 
