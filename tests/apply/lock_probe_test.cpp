@@ -18,10 +18,10 @@ TEST(LockProbeTest, ClassifiesByErrorAndOwners) {
     const std::vector<LockOwner>& owners;
     const char* reason;
   } cases[] = {
-      {2, nobody, "missing_path"},           {3, both, "missing_path"},
-      {5, nobody, "permission_issue"},       {1314, nobody, "permission_issue"},
-      {32, nobody, "unknown_lock_owner"},    {1224, nobody, "filesystem_error"},
-      {5, foreign, "external_process_lock"}, {32, both, "main_process_tree_still_alive"},
+      {2, nobody, "missing_path"},        {3, both, "missing_path"},
+      {5, nobody, "permission_issue"},    {1314, nobody, "permission_issue"},
+      {32, nobody, "unknown_lock_owner"}, {33, nobody, "unknown_lock_owner"},
+      {1224, nobody, "filesystem_error"}, {5, foreign, "external_process_lock"},
   };
   for (const auto& c : cases) {
     LockProbeResult result;
