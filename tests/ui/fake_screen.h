@@ -14,7 +14,6 @@ namespace zul::test {
 struct FakeScreen {
   std::string calls;                ///< C create, R repaint, B button, P pump, D destroy
   std::vector<std::string> paints;  ///< "title | detail | percent | figures"
-  std::string button;               ///< its text, with " shown" and " enabled" behind it
 
   std::string TakeCalls() { return std::exchange(calls, std::string()); }
 };
@@ -32,12 +31,7 @@ class FakeSurface final : public ProgressSurface {
                                              state_->detail() + L" | " + state_->percent_text() +
                                              L" | " + state_->figures()));
   }
-  void RefreshButton() override {
-    screen_.calls += 'B';
-    screen_.button = WideToUtf8Lossy(state_->force_button_text()) +
-                     (state_->force_visible() ? " shown" : "") +
-                     (state_->force_enabled() ? " enabled" : "");
-  }
+  void RefreshButton() override { screen_.calls += 'B'; }
   void PumpMessages() override { screen_.calls += 'P'; }
   void DestroyWindow() override { screen_.calls += 'D'; }
 
