@@ -18,27 +18,28 @@ namespace zul::test {
 
 class StartedDiagnostics : public testing::Test {
  protected:
-  StartedDiagnostics() { StartIn(folder_.path()); }
+  StartedDiagnostics() {
+    DiagnosticsConfig config;
+    config.data_root_override = folder_.path();
+    config.upload_enabled = false;
+    const auto no_collector = [](const auto&, const auto&) {
+      return CollectorStartResult{false, {}, "collector_launch_failed"};
+    };
+    const DiagnosticsState state = InitDiagnosticsIn(
+        {folder_ / "app/qorva_updater.exe", folder_ / "data", no_collector}, config);
+    crash_ = PathFromUtf8(state.crash_directory).value();
+  }
   ~StartedDiagnostics() override {
     FinishDiagnosticsSession("test_over");
     GetLogger().Configure("", "");  // the folder must not go while the log is open in it
   }
 
-  void StartIn(const fs::Path& data_root) {
-    DiagnosticsConfig config;
-    config.data_root_override = data_root;
-    config.upload_enabled = false;
-    const DiagnosticsSurroundings surroundings = {
-        .executable = data_root / "app/qorva_updater.exe",
-        .application_data = {},
-        .start_collector = [](const auto&, const auto&) {
-          return CollectorStartResult{false, {}, "collector_launch_failed"};
-        }};
-    crash_ = PathFromUtf8(InitDiagnosticsIn(surroundings, config).crash_directory).value();
-  }
-
-  [[nodiscard]] static nlohmann::json ReadJson(const fs::Path& path) {
+  fs::Path queue() const { return PendingReportsDirectory(crash_); }
+  static nlohmann::json ReadJson(const fs::Path& path) {
     return nlohmann::json::parse(ReadFile(path));
+  }
+  static bool LogHas(std::string_view text) {
+    return JoinText(GetLogger().RecentLines(50), "\n").find(text) != std::string::npos;
   }
 
   const TempFolder folder_;
