@@ -20,7 +20,6 @@ TEST(ApiPath, IsVerbatimAndNormalForAbsolutePathsOnly) {
       {L"\\\\.\\pipe\\x", L"\\\\.\\pipe\\x", 0},
       {L"a\\..\\b", L"a\\..\\b", 0},
       {L"C:a", L"C:a", 0},
-      {L"", L"", 0},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::filesystem::path(c.path));
