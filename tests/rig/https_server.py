@@ -9,21 +9,23 @@ port unless one is asked for. Each connection has its own thread, and a stalled 
 client leaves or the server closes.
 """
 
+import io
+import os
 import select
 import socket
-import socketserver
 import ssl
 import struct
 import threading
 import time
+from collections.abc import Mapping
 from dataclasses import dataclass
+from http.server import BaseHTTPRequestHandler
 from pathlib import Path
+from socketserver import ThreadingTCPServer
 from typing import NamedTuple
 
 import places
 from certificates import Authority
-
-BLOCK = 64 * 1024
 
 
 @dataclass(frozen=True)
@@ -43,7 +45,7 @@ class Reply:
     reset: bool = False  # closes it with a reset
     endless: bool = False  # sends the body again and again
     bytes_per_second: int | None = None
-    block: int = BLOCK  # bytes handed to the network at a time
+    block: int = 64 * 1024  # bytes handed to the network at a time
 
     def size(self) -> int:
         return len(self.body) if isinstance(self.body, bytes) else self.body.stat().st_size
@@ -56,137 +58,125 @@ def redirect(url: str, status: int = 302) -> Reply:
 class Request(NamedTuple):
     host: str
     path: str  # with its query
-    headers: dict[str, str]  # names in lower case
+    headers: Mapping[str, str]  # in any case
     secure: bool
     method: str = "GET"
     body: bytes = b""
 
 
-class Connection(socketserver.StreamRequestHandler):
+class Connection(BaseHTTPRequestHandler):
     """Serves the requests of one client connection."""
 
+    protocol_version = "HTTP/1.1"
     server: "Listener"
 
     def handle(self) -> None:
-        try:
-            if self.server.secure:
-                self.handshake()
-            while self.serve_one():
-                pass
-        except (OSError, ValueError):
-            pass  # the client left, or would not have our certificate
+        if self.server.secure:
+            self.connection.do_handshake()
+        super().handle()
 
-    def handshake(self) -> None:
-        self.request = self.server.owner.tls.wrap_socket(self.request, server_side=True)
-        self.rfile = self.request.makefile("rb")
+    def do_GET(self) -> None:
+        host = self.headers.get("Host", "")
+        body = self.rfile.read(int(self.headers.get("Content-Length", 0)))
+        request = Request(host.rpartition(":")[0] or host, self.path, self.headers, self.server.secure,
+                          self.command, body)
+        self.close_connection = not self.answer(self.server.owner.take(request))
 
-    def finish(self) -> None:
-        try:
-            self.request.close()
-        except OSError:
-            pass
-        super().finish()
+    do_POST = do_GET
 
-    def serve_one(self) -> bool:
-        line = self.rfile.readline(BLOCK).decode("latin-1").split()
-        if len(line) != 3:
-            return False
-        headers = {}
-        while header := self.rfile.readline(BLOCK).decode("latin-1").rstrip("\r\n"):
-            name, _, value = header.partition(":")
-            headers[name.strip().lower()] = value.strip()
-        host = headers.get("host", "").rpartition(":")[0] or headers.get("host", "")
-        body = self.rfile.read(int(headers.get("content-length", "0")))
-        request = Request(host, line[1], headers, self.server.secure, line[0], body)
-        return self.answer(self.server.owner.take(request))
+    def log_message(self, *_: object) -> None:
+        pass
 
     def answer(self, reply: Reply) -> bool:
+        """Whether the connection may serve another request."""
         if reply.silent:
-            self.wait_for_the_end()
-            return False
+            return self.wait_for_the_end()
         time.sleep(reply.late_by)
         length = reply.size() if reply.declared_length == -1 else reply.declared_length
-        lines = [f"HTTP/1.1 {reply.status} Rehearsed", *(f"{n}: {v}" for n, v in reply.headers)]
+        self.send_response(reply.status, "Rehearsed")
+        for name, value in reply.headers:
+            self.send_header(name, value)
         if reply.chunked:
-            lines.append("Transfer-Encoding: chunked")
+            self.send_header("Transfer-Encoding", "chunked")
         elif length is not None:
-            lines.append(f"Content-Length: {length}")
+            self.send_header("Content-Length", str(length))
         complete = reply.chunked or length == reply.size()
-        lines.append(f"Connection: {'keep-alive' if complete else 'close'}")
-        self.request.sendall(("\r\n".join(lines) + "\r\n\r\n").encode())
+        self.send_header("Connection", "keep-alive" if complete else "close")
+        self.end_headers()
         return self.send_body(reply) and complete
 
     def send_body(self, reply: Reply) -> bool:
-        limit = min(n for n in (reply.size(), reply.stall_after, reply.cut_after) if n is not None)
         sent, started = 0, time.monotonic()
-        for block in self.blocks(reply, limit):
-            self.request.sendall(b"%x\r\n%b\r\n" % (len(block), block) if reply.chunked else block)
+        for block in self.blocks(reply):
+            self.connection.sendall(b"%x\r\n%b\r\n" % (len(block), block) if reply.chunked else block)
             sent += len(block)
             if reply.pause and sent - len(block) < reply.pause[0] <= sent:
                 time.sleep(reply.pause[1])
             if reply.bytes_per_second:
                 time.sleep(max(0.0, started + sent / reply.bytes_per_second - time.monotonic()))
         if reply.stall_after is not None:
-            self.wait_for_the_end()
-            return False
-        if reply.cut_after is not None:
-            if reply.reset:
-                self.request.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-            return False
-        if reply.chunked:
-            self.request.sendall(b"0\r\n\r\n")
-        return True
+            return self.wait_for_the_end()
+        if reply.reset:
+            time.sleep(1)  # what the client has not read by then would be lost
+            self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+            os.close(self.connection.detach())
+        if reply.chunked and reply.cut_after is None:
+            self.connection.sendall(b"0\r\n\r\n")
+        return reply.cut_after is None
 
     @staticmethod
-    def blocks(reply: Reply, limit: int):
+    def blocks(reply: Reply):
         while reply.endless:
             yield reply.body
-        if isinstance(reply.body, bytes):
-            for start in range(0, limit, reply.block):
-                yield reply.body[start:min(start + reply.block, limit)]
-            return
-        with reply.body.open("rb") as file:
-            while limit > 0 and (block := file.read(min(reply.block, limit))):
-                limit -= len(block)
+        left = min(n for n in (reply.size(), reply.stall_after, reply.cut_after) if n is not None)
+        with io.BytesIO(reply.body) if isinstance(reply.body, bytes) else reply.body.open("rb") as source:
+            while block := source.read(min(reply.block, left)):
+                left -= len(block)
                 yield block
 
-    def wait_for_the_end(self) -> None:
+    def wait_for_the_end(self) -> bool:
         while not self.server.owner.closing.wait(0.2):
-            if select.select([self.request], [], [], 0)[0]:
-                return
+            if select.select([self.connection], [], [], 0)[0]:
+                break
+        return False
 
 
-class Listener(socketserver.ThreadingTCPServer):
+class Listener(ThreadingTCPServer):
     allow_reuse_address = True
     daemon_threads = True
     block_on_close = False
 
-    def __init__(self, owner: "HttpsServer", secure: bool, address: str, port: int):
+    def __init__(self, owner: "HttpsServer", context: ssl.SSLContext | None, address: str, port: int):
         super().__init__((address, port), Connection)
         self.owner = owner
-        self.secure = secure
+        self.secure = context is not None
+        if context:
+            self.socket = context.wrap_socket(self.socket, server_side=True, do_handshake_on_connect=False)
         threading.Thread(target=self.serve_forever, args=(0.05,), daemon=True).start()
+
+    def handle_error(self, *_: object) -> None:
+        pass  # the client left, or would not have our certificate
 
 
 class HttpsServer:
     """The server, and a second listener in plain text that only notes who comes by."""
 
-    def __init__(self, trusted: Authority, stranger: Authority, address: str = "127.0.0.1",
-                 port: int = 0):
+    def __init__(self, trusted: Authority, stranger: Authority, address: str = "127.0.0.1", port: int = 0):
         self.lock = threading.Lock()
         self.replies: dict[tuple[str, str], Reply] = {}
         self.seen: list[Request] = []
         self.closing = threading.Event()
-        self.tls = server_context(trusted)
-        untrusted = server_context(stranger)
+        tls, untrusted = (ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER) for _ in range(2))
+        tls.load_cert_chain(*trusted.server)
+        untrusted.load_cert_chain(*stranger.server)
 
         def choose(connection: ssl.SSLSocket, name: str | None, _context: ssl.SSLContext) -> None:
             if name == places.UNTRUSTED_HOST:
                 connection.context = untrusted
 
-        self.tls.sni_callback = choose
-        self.listener = Listener(self, True, address, port)
-        self.plain = Listener(self, False, address, 0)
+        tls.sni_callback = choose
+        self.listener = Listener(self, tls, address, port)
+        self.plain = Listener(self, None, address, 0)
 
     def __enter__(self) -> "HttpsServer":
         return self
@@ -217,9 +207,3 @@ class HttpsServer:
     def requests(self, path_start: str = "/") -> list[Request]:
         with self.lock:
             return [request for request in self.seen if request.path.startswith(path_start)]
-
-
-def server_context(authority: Authority) -> ssl.SSLContext:
-    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-    context.load_cert_chain(authority.server, authority.server_key)
-    return context

@@ -137,12 +137,3 @@ def zip_of(tree: Tree, *more: tuple[str, bytes], wrapper: str = "", level: int =
     buffer = io.BytesIO()
     write_zip(buffer, [*tree.items(), *more], wrapper=wrapper, level=level)
     return buffer.getvalue()
-
-
-def with_damaged_entry(tree: Tree, name: str) -> bytes:
-    """A package in which one byte of one entry differs from what its CRC-32 says."""
-    package = bytearray(zip_of(tree, level=0))
-    at = package.find(tree[name])
-    assert at > 0
-    package[at + len(tree[name]) // 2] ^= 0x01
-    return bytes(package)

@@ -11,8 +11,8 @@ RIG_HOME = Path(os.environ.get("QORVA_RIG_HOME", ROOT / "build" / "rig"))
 WINE_HOME = RIG_HOME / "wine"
 
 UPDATER = BUILD / "src" / "app" / "qorva_updater.exe"
-LAUNCHER = BUILD / "tests" / "rig" / "launcher.exe"
 PROGRAMS = BUILD / "tests" / "rig" / "programs"
+TOOL = PROGRAMS / "rig_tool.exe"
 RESTART_MANAGER = PROGRAMS / "rstrtmgr.dll"
 
 

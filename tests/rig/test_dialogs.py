@@ -1,71 +1,60 @@
 """The message boxes that offer the installer, and what their buttons do."""
 
 import unittest
-from dataclasses import replace
 from itertools import product
 
 import end_to_end as e2e
 import packages
-import places
-from desktop import Browser, Clipboard
+import programs
+from end_to_end import PAGE, Run
 from https_server import Reply
-from test_apply import BOX_END, BOX_START, BUTTONS, PAGE
 from test_launch import MIGRATION
-from updater_run import Outcome, Scene
 
 BEFORE = "what the user had copied before: žluť"
-NO_BROWSER = "Cannot open browser automatically.\n\n" + PAGE
-NO_CLIPBOARD = "Cannot copy download link to clipboard.\n\n" + PAGE
+UNSIGNED = ("Staged update binary is not signed by a trusted publisher: "
+            f"'{packages.APPLICATION}' (unsigned: unsigned)")
 
 
 class Dialogs(e2e.EndToEnd):
-    def fail_to_apply(self, scene: Scene, button: str) -> Outcome:
-        package = packages.zip_of({packages.APPLICATION: b"MZ, but nobody signed it"})
-        url = self.serve(scene, places.PRIMARY_HOST, Reply(body=package))
-        return scene.run([*scene.arguments(url=url, sha256=packages.sha256_of(package)),
-                          "--require-signed-payload-binaries=1"], button=button)
-
-    def refuse_archive_copy(self, scene: Scene, button: str) -> Outcome:
-        (scene.install / packages.INSTALLER_MARKER).unlink()
-        url = self.server.url(places.PRIMARY_HOST, "/archive/package.zip")
-        return scene.run(scene.arguments(url=url, sha256="0" * 64), button=button)
-
     def test_each_button_does_what_the_box_says(self) -> None:
-        unsigned = ("Staged update binary is not signed by a trusted publisher: "
-                    f"'{packages.APPLICATION}' (unsigned: unsigned)")
-        boxes = [(self.fail_to_apply, 2, BOX_START + unsigned + BOX_END, "error"),
-                 (self.refuse_archive_copy, 18, MIGRATION, "information")]
-        in_reach = [("yes", True, [PAGE], BEFORE, None), ("no", True, [], PAGE, None),
-                    ("cancel", True, [], BEFORE, None)]  # browser and clipboard
-        out_of_reach = [("yes", False, [], BEFORE, NO_BROWSER), ("no", False, [], BEFORE, NO_CLIPBOARD)]
-        browser = Browser(self.sandbox, self.scene("browser").notes, self.addCleanup)
-        for box, case in [*product(boxes, in_reach), *zip(boxes, out_of_reach)]:
-            (fail, code, text, icon), (button, reach, opened, copied, warning) = box, case
-            name = f"{fail.__name__}-{button}-{reach}"
+        package = packages.zip_of({packages.APPLICATION: b"MZ, but nobody signed it"})
+        boxes = [
+            Run("apply", 2, e2e.apply_box(UNSIGNED), package=package, more=("--require-signed-payload-binaries=1",)),
+            Run("archive copy", 18, MIGRATION, icon="information", primary=Reply(status=404))]
+        buttons = [  # within reach of browser and clipboard, opened, copied, warning
+            ("yes", True, [PAGE], BEFORE, ""), ("no", True, [], PAGE, ""), ("cancel", True, [], BEFORE, "")]
+        out_of_reach = [("yes", False, [], BEFORE, "Cannot open browser automatically.\n\n" + PAGE),
+                        ("no", False, [], BEFORE, "Cannot copy download link to clipboard.\n\n" + PAGE)]
+        browser = programs.Browser(self.sandbox, self.scene("browser").notes, self.addCleanup)
+        for case, (button, reach, opened, copied, warning) in [*product(boxes, buttons), *zip(boxes, out_of_reach)]:
             browser.set_up(reach)
-            with self.subTest(name), Clipboard(self.sandbox, BEFORE, reach) as clipboard:
+            name = f"{case.name}-{button}-{reach}"
+            with self.subTest(name), programs.Clipboard(self.sandbox, BEFORE, reach) as clipboard:
                 scene = self.scene(name)
-                outcome = fail(scene, button)
-                self.assertEqual(code, outcome.exit_code, outcome.dialogs)
-                self.assert_dialog(replace(outcome, dialogs=outcome.dialogs[:1]), text, icon, BUTTONS)
-                if warning:
-                    self.assert_dialog(replace(outcome, dialogs=outcome.dialogs[1:]), warning, "warning")
-                else:
-                    self.assertEqual(1, len(outcome.dialogs), outcome.dialogs)
+                if case.code == 18:
+                    (scene.install / packages.INSTALLER_MARKER).unlink()
+                before = packages.snapshot(scene.install)
+                case.button = button
+                outcome = self.begin(scene, case).finish()
+                self.assertEqual(case.code, outcome.exit_code, outcome.dialogs)
+                self.assert_boxes(scene, outcome, (case.message, case.icon, e2e.BUTTONS),
+                                  *([(warning, "warning", ("ok",))] if warning else []))
                 self.assertEqual((opened, copied), (browser.opened(len(opened)), clipboard.read()))
+                self.assertEqual((before, case.code == 2), (packages.snapshot(scene.install), scene.trace_path.exists()))
+                self.assertEqual(case.code == 2, bool(scene.workspaces()))
                 self.assert_nothing_outside(scene)
+        self.assertEqual([], self.server.requests("/Dialogs-archive"), "asked for a package of an archive copy")
 
     def test_says_that_there_is_no_room_for_temporary_files(self) -> None:
         scene = self.scene("no temp")
         scene.temp.rmdir()
         scene.temp.write_bytes(b"not a folder")
-        outcome = scene.run(scene.arguments(
-            url=self.server.url(places.PRIMARY_HOST, "/none/package.zip"), sha256="0" * 64))
+        outcome = self.begin(scene, Run("")).finish()
         self.assertEqual(2, outcome.exit_code)
-        self.assert_dialog(outcome, "Cannot create updater temp directory.")
+        self.assert_boxes(scene, outcome, ("Cannot create updater temp directory.", "error", ("ok",)))
         self.assert_trace(scene, outcome, e2e.PREPARED)
         self.assert_installed(scene, self.installed)
-        self.assertEqual([], self.server.requests("/none/"))
+        self.assertEqual([], self.server.requests("/Dialogs-no-temp"))
 
 
 if __name__ == "__main__":

@@ -12,12 +12,12 @@ import time
 import unittest
 from pathlib import Path
 
+import end_to_end as e2e
 import packages
 import places
 import programs
 import test_self_replace
-from desktop import Browser
-from https_server import Reply
+from end_to_end import Run
 from updater_run import Scene
 
 # Known to every Windows that is supported: taken from the system folder whoever asks for them.
@@ -28,9 +28,8 @@ KNOWN = {f"{name}.dll" for name in (
 # Wine's message boxes load these late, and its late loading does not keep to a folder once chosen.
 LATE_UNDER_WINE = {"msimg32.dll"}
 LOOKED_UP = ("winhttp.dll", "wintrust.dll", "crypt32.dll", "dbghelp.dll", "rstrtmgr.dll")
-PLANT = places.PROGRAMS / "planted_library.dll"
-LOADER = places.PROGRAMS / "library_loader.exe"
-HELD = "qorva.exe"
+PLANT = (places.PROGRAMS / "planted_library.dll").read_bytes()
+SIGNED = "--require-signed-payload-binaries=1"
 
 
 def headers(binary: Path) -> str:
@@ -54,12 +53,10 @@ class ImportTable(unittest.TestCase):
 class PlantedLibraries(test_self_replace.FromInside):
     def setUp(self) -> None:
         """One file for each name, to be linked: a library that is loaded is known by its file."""
-        self.scene_under_test = self.scene("planted")
-        self.pool = self.scene_under_test.notes / "pool"
-        self.pool.mkdir()
+        self.planted = self.scene("planted")
+        self.pool = self.planted.notes / "pool"
         self.names = [*LOOKED_UP, *sorted(self.names_in_system_folder() - set(LOOKED_UP))]
-        for name in self.names:
-            (self.pool / name).write_bytes(PLANT.read_bytes())
+        packages.write_tree(self.pool, dict.fromkeys(self.names, PLANT))
         # Like Windows, and other than by itself, Wine then takes the first file that it comes to.
         stems = ",".join(name.removesuffix(".dll") for name in self.names)
         self.sandbox.environment["WINEDLLOVERRIDES"] += f";{stems}=native,builtin"
@@ -75,6 +72,7 @@ class PlantedLibraries(test_self_replace.FromInside):
         return {path.name.lower() for path in system.glob("*.dll")} - early - KNOWN - LATE_UNDER_WINE
 
     def plant(self, folder: Path) -> None:
+        folder.mkdir(exist_ok=True)
         for name in self.names:
             if not (folder / name).exists():
                 (folder / name).hardlink_to(self.pool / name)
@@ -84,55 +82,53 @@ class PlantedLibraries(test_self_replace.FromInside):
         while not (folders := list(scene.temp.glob("zul_updater_launch_*"))):
             time.sleep(0.0005)
         self.plant(folders[0])
-        if "updater_run_start" not in scene.trace_path.read_text("utf-8"):
+        if not scene.traced("updater_run_start"):
             planted += folders
 
     def loaded_by(self, scene: Scene, program: str) -> list[Path]:
         return [path for path in scene.folder.rglob("*.loaded")
-                if program.lower() in path.read_text("utf-8").lower()]
+                if program.lower() in path.read_text("utf-16-le").lower()]
 
     def test_a_whole_update_loads_none_of_them(self) -> None:
-        scene = self.scene_under_test
+        scene, planted = self.planted, []
         current = scene.notes / "current"
-        current.mkdir()
         for folder in (scene.install, current):
             self.plant(folder)
-        planted: list[Path] = []
         planter = threading.Thread(target=self.plant_in_helper_folder, args=(scene, planted), daemon=True)
         planter.start()
-        # A file is held until it has asked who holds it, and signatures have to be verified.
-        asked = scene.holders.with_name("holders.calls")
-        with programs.Hold(self.sandbox, scene.install / HELD, "--stop-file",
-                           scene.windows(asked)) as hold:
-            hold.expect_held()
-            outcome = self.hand_over(scene, self.arguments(
-                scene, "--require-signed-payload-binaries=1"), folder=current)
+        # A file is held until the updater has asked who holds it, and signatures have to be verified.
+        with programs.Hold(self.sandbox, scene.install / "qorva.exe") as hold:
+            outcome = self.hand_over(scene, Run("", more=(SIGNED,)), folder=current,
+                                     meanwhile=lambda: self.release(hold, scene.holder_calls))
         planter.join()
         self.assertEqual("restart_ok", outcome.trace[-1]["stage"], outcome.trace[-1])
-        self.assertTrue(asked.exists())
         self.assertEqual([self.helper_folder(scene, outcome)], planted)
         self.assertEqual([], self.loaded_by(scene, "updater.exe"))
-        self.check_that_the_plants_work(scene, [scene.install, *planted])
+        self.check_that_the_plants_work(scene, scene.install, *planted)
+
+    def release(self, hold: programs.Hold, when_there_is: Path) -> None:
+        end = time.monotonic() + 60
+        while not when_there_is.exists():
+            self.assertLess(time.monotonic(), end)
+            time.sleep(0.01)
+        hold.output()
 
     def test_a_failed_update_and_a_started_browser_load_none_of_them(self) -> None:
-        scene = self.scene_under_test
+        scene = self.planted
         self.plant(scene.updater.parent)
-        browser = Browser(self.sandbox, scene.notes, self.addCleanup)
+        browser = programs.Browser(self.sandbox, scene.notes, self.addCleanup)
         browser.set_up(in_reach=True)
         package = packages.zip_of({packages.APPLICATION: b"MZ, but nobody signed it"})
-        url = self.serve(scene, places.PRIMARY_HOST, Reply(body=package))
-        outcome = scene.run([*scene.arguments(url=url, sha256=packages.sha256_of(package)),
-                             "--require-signed-payload-binaries=1"], button="yes")
+        outcome = self.begin(scene, Run("", package=package, more=(SIGNED,), button="yes")).finish()
         self.assertEqual([], self.loaded_by(scene, "updater.exe"))
-        self.assertEqual((2, [places.deployment("QORVA_PAGE_URL")]),
-                         (outcome.exit_code, browser.opened(1)), outcome.dialogs)
-        self.check_that_the_plants_work(scene, [scene.updater.parent])
+        self.assertEqual((2, [e2e.PAGE]), (outcome.exit_code, browser.opened(1)), outcome.dialogs)
+        self.check_that_the_plants_work(scene, scene.updater.parent)
 
-    def check_that_the_plants_work(self, scene: Scene, folders: list[Path]) -> None:
+    def check_that_the_plants_work(self, scene: Scene, *folders: Path) -> None:
         for folder in folders:
-            loader = folder / "library_loader.exe"
-            loader.write_bytes(LOADER.read_bytes())
-            paths = self.sandbox.run(scene.windows(loader), *LOOKED_UP).splitlines()
+            loader = folder / "loader.exe"
+            loader.write_bytes(places.TOOL.read_bytes())
+            paths = self.sandbox.run(scene.windows(loader), "load", *LOOKED_UP).splitlines()
             self.assertEqual([scene.windows(folder / name).lower() for name in LOOKED_UP],
                              [path.lower() for path in paths])
             self.assertEqual(sorted(folder / f"{name}.loaded" for name in LOOKED_UP),

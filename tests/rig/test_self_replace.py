@@ -15,6 +15,7 @@ import packages
 import places
 import programs
 import trace_log
+from end_to_end import Run
 from https_server import Reply
 from updater_run import Outcome, Scene
 
@@ -32,19 +33,16 @@ class FromInside(e2e.EndToEnd):
         super().setUpClass()
         cls.installed = {**cls.installed, UPDATER: places.UPDATER.read_bytes()}
         cls.payload.pop("color_engine.dll")
-        sign = certificates.make_code_authority("trusted").sign
+        sign = certificates.make_authority("trusted").sign
         cls.payload[UPDATER] = sign(cls.installed[UPDATER])
         cls.payload[packages.APPLICATION] = sign(cls.payload[packages.APPLICATION])
-        cls.package = packages.zip_of(cls.payload)
+        cls.good_package = packages.zip_of(cls.payload)
 
-    def arguments(self, scene: Scene, *more: str) -> list[str]:
-        url = self.serve(scene, places.PRIMARY_HOST, Reply(body=self.package))
-        return [*scene.arguments(url=url, sha256=packages.sha256_of(self.package),
-                                 required=(packages.APPLICATION, UPDATER)), *more]
-
-    def hand_over(self, scene: Scene, arguments: list[str], **options) -> Outcome:
+    def hand_over(self, scene: Scene, case: Run, meanwhile=lambda: None, **options) -> Outcome:
         """The installed updater's own outcome, with the trace of both processes."""
-        outcome = scene.run(arguments, program=scene.install / UPDATER, **options)
+        run = self.begin(scene, case, program=scene.install / UPDATER, **options)
+        meanwhile()
+        outcome = run.finish()
         self.assertEqual((0, []), (outcome.exit_code, outcome.dialogs))
         end = time.monotonic() + 60
         while any(re.search(r"zul_updater\.exe|--observe", program.command) for program in scene.running()):
@@ -52,16 +50,6 @@ class FromInside(e2e.EndToEnd):
             time.sleep(0.02)
         outcome.trace = trace_log.read(scene.trace_path)
         return outcome
-
-    def assert_left(self, scene: Scene, unobserved: int) -> None:
-        """Nothing, except by processes that found no observer, which is looked for beside them under
-        the updater's usual name: what they wrote down at their start stays."""
-        sessions = scene.crashes / "compact_process"
-        left = [json.loads(path.read_bytes())["event"] for path in sessions.glob("*/incident.json")]
-        self.assertEqual(["observer_started"] * unobserved, left)
-        if unobserved:
-            shutil.rmtree(sessions)
-        self.assert_nothing_outside(scene)
 
     def helper_folder(self, scene: Scene, outcome: Outcome) -> Path:
         (event,) = (event for event in outcome.trace if event["stage"] == HANDOVER[1])
@@ -80,15 +68,15 @@ class SelfReplace(FromInside):
             packages.write_tree(scene.temp, {f"{name}/zul_updater.exe" if is_folder else name: b"old"})
             os.utime(scene.temp / name, (time.time() - days * DAY,) * 2)
 
-        outcome = self.hand_over(scene, self.arguments(scene))
+        outcome = self.hand_over(scene, Run("", arguments={"required": (packages.APPLICATION, UPDATER)}))
         self.assert_trace(scene, outcome, [*HANDOVER, *e2e.SUCCESS])
         helper = self.helper_folder(scene, outcome)
-        installed = {"installed_helper": scene.windows(scene.install / UPDATER)}
-        self.assert_details(outcome, {
-            HANDOVER[0]: {**installed, "target_dir": scene.windows(scene.install),
-                          "restart_exe": scene.windows(scene.install / packages.APPLICATION)},
+        installed = {"installed_helper": f"<install>\\{UPDATER}"}
+        self.assert_details(scene, outcome, {
+            HANDOVER[0]: {**installed, "target_dir": "<install>",
+                          "restart_exe": f"<install>\\{packages.APPLICATION}"},
             HANDOVER[1]: {**installed, "copied_runtime_dlls": "2",
-                          "isolated_helper": scene.windows(helper / "zul_updater.exe")}})
+                          "isolated_helper": f"<temp>\\{helper.name}\\zul_updater.exe"}})
         self.assert_marks(scene, *programs.marks_of_start(2))
         self.assert_installed(scene, packages.updated_tree({**self.installed, **libraries}, self.payload))
         self.assertRegex(helper.name, r"^zul_updater_launch_\d+_\d+$")
@@ -98,24 +86,21 @@ class SelfReplace(FromInside):
                           if not path.startswith("logs/")})
         self.assertEqual(sorted([helper.name, *(name for name, _, _, stays in week if stays)]),
                          sorted(os.listdir(scene.temp)))
-        self.assert_left(scene, unobserved=0)
+        self.assert_nothing_outside(scene)
 
     def test_the_copy_gets_the_whole_request(self) -> None:
         # The target is spelled in another way, and is the updater's own folder all the same.
         scene = self.scene("headless")
-        arguments = [argument for argument in self.arguments(
-            scene, "--headless-restart-version-proof=1", "--require-signed-payload-binaries=1",
-            "--target-dir=" + scene.windows(scene.install).upper() + "\\.",
-            "--fallback-download-url=" + self.serve(scene, places.MIRROR_HOST, Reply(body=self.package)))
-            if not argument.startswith("--target-dir=" + scene.windows(scene.install))]
-        self.serve(scene, places.PRIMARY_HOST, Reply(status=503))
-        outcome = self.hand_over(scene, arguments)
+        outcome = self.hand_over(scene, Run(
+            "", primary=Reply(status=503), mirror=Reply(body=self.good_package),
+            arguments={"target": scene.windows(scene.install).upper() + "\\."},
+            more=("--headless-restart-version-proof=1", "--require-signed-payload-binaries=1")))
         names = trace_log.names(outcome.trace)
         self.assertEqual(HANDOVER, names[:2])
         self.assertIn("download_fallback_ok", names)
-        self.assert_details(outcome, {
+        self.assert_details(scene, outcome, {
             "payload_binary_signature_validate": {"checked_pe_files": "2"},
-            "restart_ok": {"restart_exe": scene.windows(scene.install / packages.APPLICATION)},
+            "restart_ok": {"restart_exe": f"<install>\\{packages.APPLICATION}"},
             "restart_start": {"restart_mode": "headless_version_proof"}})
         self.assert_marks(scene, "start 2.0.0 qorva_gui.exe ", "proof ")
         self.assertEqual("2.0.0", json.loads((scene.install / PROOF).read_bytes())["version"])
@@ -125,15 +110,14 @@ class SelfReplace(FromInside):
 
     def test_says_why_no_copy_takes_over(self) -> None:
         no_program = packages.noise(5_000, "no program")
-        launch_failed = re.compile(
-            r"Cannot launch isolated updater helper process: helper='(.*\\zul_updater_launch_\d+_\d+)"
-            r"\\zul_updater\.exe', runtime_dir='\1'\.")
-        for name, program, changes, message, events in [
+        for name, program, changes, message, events in (
             ("no helper", "setup.exe", {}, "Updater helper must be named qorva_updater.exe or "
              "zul_updater.exe.", []),
             ("no folder", UPDATER, {}, "Cannot create temporary updater helper directory.", HANDOVER[:1]),
-            ("no program", "zul_updater.exe", {UPDATER: no_program}, launch_failed, HANDOVER),
-        ]:
+            ("no program", "zul_updater.exe", {UPDATER: no_program},
+             "Cannot launch isolated updater helper process: helper='<folder>\\zul_updater.exe', "
+             "runtime_dir='<folder>'.", HANDOVER),
+        ):
             with self.subTest(name):
                 scene = self.scene(name)
                 tree = {**self.installed, program: self.installed[UPDATER], **changes}
@@ -144,12 +128,20 @@ class SelfReplace(FromInside):
                 if name == "no folder":
                     scene.temp.rmdir()
                     scene.temp.write_bytes(b"")
-                outcome = scene.run(self.arguments(scene), program=scene.install / program)
+                outcome = self.begin(scene, Run(""), program=scene.install / program).finish()
                 self.assertEqual(2, outcome.exit_code, outcome.dialogs)
-                self.assert_dialog(outcome, message)
+                (dialog,) = outcome.dialogs
+                seen = re.sub(r"<temp>\\zul_updater_launch_\d+_\d+", "<folder>", self.plain(scene, dialog.text))
+                self.assertEqual(message, seen)
                 self.assert_trace(scene, outcome, events)
                 self.assert_installed(scene, tree)
-                self.assert_left(scene, unobserved=int(program != UPDATER or UPDATER in changes))
+                # Processes that find no observer, which is looked for beside them under the updater's usual
+                # name, leave what they wrote down at their start.
+                sessions = scene.crashes / "compact_process"
+                left = [json.loads(path.read_bytes())["event"] for path in sessions.glob("*/incident.json")]
+                self.assertEqual([] if program == UPDATER else ["observer_started"], left)
+                shutil.rmtree(sessions, ignore_errors=True)
+                self.assert_nothing_outside(scene)
                 self.assertEqual([], scene.running())
 
 

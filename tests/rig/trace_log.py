@@ -4,56 +4,29 @@ vocabulary of each event."""
 import json
 import re
 from pathlib import Path
-from typing import NamedTuple
 
 
-class Derived(NamedTuple):
-    action_id: str | None
-    chain_event: str | None = None
-    result: str | None = None
-    user_error_id: str | None = None
-
-
-def failure(action_id: str, what: str) -> Derived:
-    return Derived(action_id, "failure", "failed", f"QORVA-UPDATE-{what}-FAILED")
-
-
-DOWNLOAD, VERIFY, APPLY = "update.download", "update.verify", "update.apply"
+KEYS = ("action_id", "chain_event", "result", "user_error_id")
 
 # What each event of a run carries beside the fields of its stage.
-DERIVED = {
-    "relaunch_installed_helper_from_target_root": Derived(None),
-    "launch_isolated_updater_helper": Derived(None),
-    "updater_run_start": Derived(APPLY, "start"),
-    "download_start": Derived(DOWNLOAD, "start"),
-    "download_redirect_resolution": Derived(DOWNLOAD),
-    "download_progress": Derived(DOWNLOAD),
-    "download_complete": Derived(DOWNLOAD, "end", "success"),
-    "download_fail": failure(DOWNLOAD, "DOWNLOAD"),
-    "download_primary_fail": failure(DOWNLOAD, "DOWNLOAD"),
-    "download_fallback_fail": failure(DOWNLOAD, "DOWNLOAD"),
-    "download_fallback_ok": Derived(DOWNLOAD, "end", "success"),
-    "download_selected": Derived(DOWNLOAD, "end", "success"),
-    "checksum_verify": Derived(VERIFY),
-    "checksum_primary_fail": failure(VERIFY, "VERIFY"),
-    "extract_start": Derived(APPLY, "start"),
-    "extract_ok": Derived(APPLY, "end", "success"),
-    "extract_fail": failure(APPLY, "APPLY"),
-    "apply_start": Derived(APPLY, "start"),
-    "payload_binary_signature_validate": Derived(VERIFY),
-    "apply_request_close_locking_zul_process": Derived(APPLY),
-    "apply_force_close_locking_zul_process": Derived(APPLY),
-    "apply_ok": Derived(APPLY, "end", "success"),
-    "apply_fail": failure(APPLY, "APPLY"),
-    "apply_recovery_required": Derived(APPLY),
-    "retired_install_executable_removed": Derived(None),
-    "rollback_start": Derived(None, "start"),
-    "rollback_ok": Derived(None, "end", "success"),
-    "rollback_recovery_required": Derived(None),
-    "restart_start": Derived(APPLY, "start"),
-    "restart_ok": Derived(APPLY, "end", "success"),
-    "restart_fail": failure(APPLY, "APPLY"),
-}
+DERIVED = {name: dict(zip(KEYS, values)) for names, *values in (
+    ("relaunch_installed_helper_from_target_root launch_isolated_updater_helper "
+     "retired_install_executable_removed rollback_recovery_required",),
+    ("rollback_start", None, "start"),
+    ("rollback_ok", None, "end", "success"),
+    ("download_redirect_resolution download_progress", "update.download"),
+    ("download_start", "update.download", "start"),
+    ("download_complete download_fallback_ok download_selected", "update.download", "end", "success"),
+    ("download_fail download_primary_fail download_fallback_fail", "update.download", "failure", "failed",
+     "QORVA-UPDATE-DOWNLOAD-FAILED"),
+    ("checksum_verify payload_binary_signature_validate", "update.verify"),
+    ("checksum_primary_fail", "update.verify", "failure", "failed", "QORVA-UPDATE-VERIFY-FAILED"),
+    ("apply_request_close_locking_zul_process apply_force_close_locking_zul_process "
+     "apply_recovery_required", "update.apply"),
+    ("updater_run_start extract_start apply_start restart_start", "update.apply", "start"),
+    ("extract_ok apply_ok restart_ok", "update.apply", "end", "success"),
+    ("extract_fail apply_fail restart_fail", "update.apply", "failure", "failed", "QORVA-UPDATE-APPLY-FAILED"),
+) for name in names.split()}
 
 # The events of a run without fault, in their order; the download's progress comes between.
 CHAIN_BEFORE_REMOVALS = [
@@ -93,10 +66,10 @@ def faults(path: Path) -> list[str]:
         if (derived := DERIVED.get(name)) is None:
             found.append(f"{where}: no such event is known")
             continue
-        for key, value in derived._asdict().items():
-            if event.get(key) != value:
-                found.append(f"{where}: {key} is {event.get(key)!r}, expected {value!r}")
-        if ("correlation_id" in event) != (derived.action_id is not None):
+        for key in KEYS:
+            if event.get(key) != derived.get(key):
+                found.append(f"{where}: {key} is {event.get(key)!r}, expected {derived.get(key)!r}")
+        if ("correlation_id" in event) != bool(derived.get("action_id")):
             found.append(f"{where}: correlation_id goes with action_id only")
         correlations.add(event.get("correlation_id"))
         if any("?" in event.get(key, "") for key in event if key.endswith("url")):

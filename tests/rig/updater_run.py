@@ -1,6 +1,7 @@
 """One run of the real updater in a scene of its own: an installation, a configuration folder and a
 temporary folder below C:\\rig\\<name>."""
 
+import json
 import os
 import shutil
 import subprocess
@@ -8,17 +9,25 @@ import tempfile
 import time
 import zlib
 from collections.abc import Callable
-from dataclasses import dataclass, field
+from dataclasses import dataclass
 from pathlib import Path
 
 import packages
 import places
 import trace_log
-from programs import Dialog, DialogReader
 from sandbox import Running, Sandbox, programs_from
 
 # With a blank and letters beyond ASCII, as folders of users have them.
 INSTALL_FOLDER = "QORVA RIP žluť"
+
+
+@dataclass(frozen=True)
+class Dialog:
+    """A message box that was read and dismissed."""
+
+    text: str
+    icon: str
+    buttons: tuple[str, ...]
 
 
 @dataclass
@@ -27,7 +36,7 @@ class Outcome:
     output: bytes
     dialogs: list[Dialog]
     seconds: float
-    trace: list[trace_log.Event] = field(default_factory=list)
+    trace: list[trace_log.Event]
 
 
 class Scene:
@@ -48,30 +57,25 @@ class Scene:
         self.temp = self.folder / "temp"
         self.notes = self.folder / "notes"  # the rig's own
         self.holders = self.notes / "holders"  # what the Restart Manager is to say
+        self.holder_calls = self.notes / "holders.calls"  # what it was asked
         self.roaming = self.profile / "AppData" / "Roaming"
-        for made in (self.install, self.config, self.temp, self.notes, self.folder / "updater",
-                     self.roaming):
-            made.mkdir(parents=True)
+        self.crashes = self.roaming / "QORVA" / "crashes"
+        self.reports = self.crashes / "pending_reports"
+        self.trace_path = self.config / "QORVA" / "logs" / "update_trace.log"
         self.updater = self.folder / "updater" / "qorva_updater.exe"
+        for made in (self.install, self.config, self.temp, self.notes, self.updater.parent, self.roaming):
+            made.mkdir(parents=True)
         shutil.copyfile(places.UPDATER, self.updater)
-
-    @property
-    def trace_path(self) -> Path:
-        return self.config / "QORVA" / "logs" / "update_trace.log"
-
-    @property
-    def crashes(self) -> Path:
-        return self.roaming / "QORVA" / "crashes"
-
-    @property
-    def reports(self) -> Path:
-        return self.crashes / "pending_reports"
 
     def windows(self, path: Path) -> str:
         return self.sandbox.windows_path(path)
 
     def running(self) -> list[Running]:
         return programs_from(self.windows(self.folder))
+
+    def traced(self, event: str) -> bool:
+        """Whether the trace holds the event by now."""
+        return self.trace_path.exists() and f'"{event}"' in self.trace_path.read_text("utf-8")
 
     def end(self) -> None:
         """Ends whatever still runs of it."""
@@ -86,13 +90,12 @@ class Scene:
         shutil.rmtree(self.profile, ignore_errors=True)
 
     def arguments(self, *, url: str, sha256: str, fallback: str = "", pid: int = 0,
-                  required: tuple[str, ...] = (packages.APPLICATION,),
+                  required: tuple[str, ...] = (packages.APPLICATION,), target: str = "",
                   restart: str = packages.APPLICATION) -> list[str]:
         """The switches as the application writes them."""
-        switches = [f"--pid={pid}", f"--download-url={url}"]
-        if fallback:
-            switches.append(f"--fallback-download-url={fallback}")
-        return [*switches, f"--sha256={sha256}", f"--target-dir={self.windows(self.install)}",
+        mirror = [f"--fallback-download-url={fallback}"] if fallback else []
+        return [f"--pid={pid}", f"--download-url={url}", *mirror, f"--sha256={sha256}",
+                f"--target-dir={target or self.windows(self.install)}",
                 f"--restart-exe={self.windows(self.install / restart)}",
                 *(f"--required-payload-file={name}" for name in required)]
 
@@ -110,67 +113,65 @@ class Scene:
 
 
 class UpdaterRun:
-    """The updater at work. `finish` waits for it, reading and dismissing every box that it shows;
-    without `dialogs` nobody looks for one, and a run that shows one lasts until its time-out."""
+    """The updater at work. `finish` waits for it; every box that it shows is read and dismissed, after
+    `on_box` was called. Without `dialogs` nobody looks for one, and a run that shows one lasts until
+    its time-out."""
 
     def __init__(self, scene: Scene, program: Path, arguments: list[str], *, button: str = "ok",
                  output: str = "pipe", timeout: float = 90, on_box: Callable[[], None] | None = None,
                  dialogs: bool = True, folder: Path | None = None):
         self.scene = scene
         self.timeout = timeout
+        self.on_box = on_box
         self.started = time.monotonic()
         self.notes = Path(tempfile.mkdtemp(prefix="run.", dir=scene.notes))
-        command = subprocess.list2cmdline([scene.windows(program), *arguments])
-        current = scene.windows(folder or program.parent)
-        lines = [f"command={command}", f"folder={current}", f"timeout_ms={int(timeout * 1000)}",
-                 f"env=TEMP={scene.windows(scene.temp)}", f"env=TMP={scene.windows(scene.temp)}",
-                 f"env=QORVA_CONFIG_HOME={scene.windows(scene.config)}",
-                 f"env=QORVA_RIG_HOLDERS={scene.windows(scene.holders)}"]
-        if output == "none":
-            lines.append("output=none")
-        (self.notes / "job").write_text("\n".join(lines) + "\n", "utf-8")
+        windows = scene.windows
+        switches = [f"--report={windows(self.notes / 'report')}", f"--folder={windows(folder or program.parent)}",
+                    f"--timeout-ms={int(timeout * 1000)}", *([f"--press={button}"] if dialogs else []),
+                    *(["--wait-at-boxes"] if on_box else []), *(["--no-output"] if output == "none" else [])]
         self.output_file = (self.notes / "output").open("w+b")
-        windows = scene.sandbox.windows_path
         self.launcher = subprocess.Popen(
-            ["wine", windows(places.LAUNCHER), windows(self.notes / "job"), windows(self.notes / "report")],
-            env={**scene.sandbox.environment_with_hosts(), "USER": scene.user},
-            stdin=subprocess.DEVNULL,
-            stdout=subprocess.PIPE if output == "pipe" else self.output_file,
+            ["wine", windows(places.TOOL), "run", *switches, "--", windows(program), *arguments],
+            env={**scene.sandbox.environment_with_hosts(), "USER": scene.user, "RIG_TEMP": windows(scene.temp),
+                 "QORVA_CONFIG_HOME": windows(scene.config), "QORVA_RIG_HOLDERS": windows(scene.holders)},
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE if output == "pipe" else self.output_file,
             stderr=subprocess.DEVNULL)
-        self.pid = int(self.report("pid"))
         self.asked_for_update = any(argument.startswith("--target-dir=") for argument in arguments)
-        self.reader = DialogReader(scene.sandbox, self.pid, button, timeout, on_box) if dialogs else None
+        end = self.started + 30
+        while not (begun := self.told("pid")):
+            if failed := self.told("failed"):
+                raise RuntimeError(f"the updater could not be started: error {failed[0]}")
+            if time.monotonic() > end:
+                raise TimeoutError("the launcher noted no process")
+            time.sleep(0.005)
+        self.pid: int = begun[0]
 
-    def report(self, key: str) -> str:
-        """What the launcher noted under a key, once it is there."""
-        end = time.monotonic() + self.timeout + 20
-        while time.monotonic() < end:
-            path = self.notes / "report"
-            for line in path.read_text().splitlines() if path.exists() else []:
-                name, _, value = line.partition("=")
-                if name == key:
-                    return value
-                if name == "failed":
-                    raise RuntimeError(f"the updater could not be started: error {value}")
-            time.sleep(0.02)
-        raise TimeoutError(f"the launcher noted no {key}")
+    def told(self, key: str) -> list:
+        """What the launcher noted under a key so far."""
+        path = self.notes / "report"
+        lines = path.read_text("utf-8").split("\n")[:-1] if path.exists() else []
+        return [event[key] for event in map(json.loads, lines) if key in event]
 
     def running(self) -> bool:
         return self.launcher.poll() is None
 
     def finish(self) -> Outcome:
         self.scene.runs.remove(self)
+        if self.on_box:
+            while self.running() and not self.told("box"):
+                time.sleep(0.02)
+            if self.running():
+                self.on_box()
+            (self.notes / "report.go").touch()
         self.launcher.wait(self.timeout + 20)
         seconds = time.monotonic() - self.started
         output = self.take_output()
-        code = self.report("exit")
-        dialogs = self.reader.finish() if self.reader else []
+        (code,) = self.told("exit")
+        dialogs = [Dialog(box["text"], box["icon"], tuple(box["buttons"])) for box in self.told("box")]
         self.await_observer()
-        if self.asked_for_update and code in ("2", "18"):
-            self.scene.failures += 1
+        self.scene.failures += self.asked_for_update and code in (2, 18)
         shutil.rmtree(self.notes)
-        return Outcome(int(code) if code.isdigit() else code, output, dialogs, seconds,
-                       trace_log.read(self.scene.trace_path))
+        return Outcome(code, output, dialogs, seconds, trace_log.read(self.scene.trace_path))
 
     def await_observer(self) -> None:
         """An observer outlives its run by the moment that it takes to write down how it ended."""

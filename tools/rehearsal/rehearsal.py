@@ -9,6 +9,7 @@ carried out.
 import shutil
 import re
 import signal
+import subprocess
 import sys
 import textwrap
 import threading
@@ -80,7 +81,7 @@ class Watcher(threading.Thread):
     def picture(self, name: str) -> None:
         with self.camera:
             path = self.folder / f"{len(self.shots) + 1}-{name}.png"
-            self.scene.sandbox.screenshot(path)
+            screen(self.scene.sandbox, "import", "-window", "root", str(path))
             self.shots.append(path)
 
     def message(self) -> None:
@@ -93,13 +94,20 @@ class Watcher(threading.Thread):
         self.photographer.join()
 
 
+def screen(sandbox: Sandbox, *command: str) -> None:
+    """Paints the prefix's screen, or takes a picture of it. The painter says that it failed when it
+    did not."""
+    subprocess.run(command, env=sandbox.environment, check=command[0] == "import", timeout=30,
+                   capture_output=True)
+
+
 def rehearse(package: Path | None) -> bool:
     folder = places.ROOT / "build" / "rehearsal" / time.strftime("%Y-%m-%d_%H.%M.%S")
     folder.mkdir(parents=True)
     release = rehearsal_release.from_package(package) if package else rehearsal_release.sample()
     print_beginning(release)
     sandbox = Sandbox().start()
-    sandbox.paint_desktop()
+    screen(sandbox, "display", "-size", "1280x800", "-window", "root", "gradient:#34495e-#22303f")
     scene = Scene(sandbox, "rehearsal")
     try:
         packages.write_tree(scene.install, release.installed)

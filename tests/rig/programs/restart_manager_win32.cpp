@@ -16,8 +16,10 @@
 #include <restartmanager.h>
 
 #include <algorithm>
-#include <cstdio>
+#include <cstdlib>
 #include <cwchar>
+#include <filesystem>
+#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -27,41 +29,25 @@
 
 namespace {
 
-using zul::Utf8ToWide;
-
-struct Line {
-  std::vector<std::string> fields;
-};
+using Line = std::vector<std::string>;  // always five fields
 
 std::wstring registered;  // one session at a time is all that is asked of us
 
-std::wstring HoldersPath() {
+std::filesystem::path Holders(const wchar_t* extension = L"") {
   std::wstring path(32768, L'\0');
   path.resize(
       GetEnvironmentVariableW(L"QORVA_RIG_HOLDERS", path.data(), static_cast<DWORD>(path.size())));
-  return path;
-}
-
-std::FILE* Open(const std::wstring& path, const wchar_t* mode) {
-  return path.empty() ? nullptr : _wfopen(path.c_str(), mode);
+  return path + extension;
 }
 
 std::vector<Line> ReadLines() {
-  std::FILE* const file = Open(HoldersPath(), L"rb");
-  if (file == nullptr) return {};
-  std::string text;
-  char block[4096];
-  for (std::size_t n = 0; (n = std::fread(block, 1, sizeof block, file)) > 0;)
-    text.append(block, n);
-  std::fclose(file);
   std::vector<Line> lines;
-  std::istringstream stream(text);
-  for (std::string row; std::getline(stream, row);) {
-    Line line;
+  std::ifstream file(Holders(), std::ios::binary);
+  for (std::string row; std::getline(file, row);) {
+    Line& line = lines.emplace_back();
     std::istringstream fields(row);
-    for (std::string field; std::getline(fields, field, '\t');) line.fields.push_back(field);
-    line.fields.resize(5);
-    lines.push_back(std::move(line));
+    for (std::string field; std::getline(fields, field, '\t');) line.push_back(field);
+    line.resize(5);
   }
   return lines;
 }
@@ -72,13 +58,9 @@ DWORD Number(const std::string& text) {
 
 /// Notes the call, and says how it ends when that was laid down.
 DWORD Answer(const std::string& call) {
-  const std::wstring holders = HoldersPath();
-  if (std::FILE* const file = Open(holders.empty() ? holders : holders + L".calls", L"ab")) {
-    std::fputs((call + "\n").c_str(), file);
-    std::fclose(file);
-  }
+  std::ofstream(Holders(L".calls"), std::ios::binary | std::ios::app) << call + "\n";
   for (const Line& line : ReadLines()) {
-    if (line.fields[0] == "!" + call) return Number(line.fields[1]);
+    if (line[0] == "!" + call) return Number(line[1]);
   }
   return ERROR_SUCCESS;
 }
@@ -88,24 +70,22 @@ bool Runs(DWORD pid) {
   return process && WaitForSingleObject(process.get(), 0) == WAIT_TIMEOUT;
 }
 
-template <std::size_t size>
-void Copy(const std::string& text, WCHAR (&out)[size]) {
-  const std::wstring wide = Utf8ToWide(text).value_or(L"");
+void Copy(const std::string& text, WCHAR* out, std::size_t size) {
+  const std::wstring wide = zul::Utf8ToWide(text).value_or(L"");
   std::copy_n(wide.data(), std::min(wide.size(), size - 1), out);
 }
 
-std::vector<RM_PROCESS_INFO> Holders() {
+std::vector<RM_PROCESS_INFO> HoldersOfRegistered() {
   std::vector<RM_PROCESS_INFO> holders;
   for (const Line& line : ReadLines()) {
-    const std::wstring path = Utf8ToWide(line.fields[0]).value_or(L"");
-    const DWORD pid = Number(line.fields[1]);
+    const std::wstring path = zul::Utf8ToWide(line[0]).value_or(L"");
+    const DWORD pid = Number(line[1]);
     if (_wcsicmp(path.c_str(), registered.c_str()) != 0 || !Runs(pid)) continue;
-    RM_PROCESS_INFO holder{};
+    RM_PROCESS_INFO& holder = holders.emplace_back();
     holder.Process.dwProcessId = pid;
-    Copy(line.fields[2], holder.strAppName);
-    holder.ApplicationType = static_cast<RM_APP_TYPE>(Number(line.fields[3]));
-    Copy(line.fields[4], holder.strServiceShortName);
-    holders.push_back(holder);
+    Copy(line[2], holder.strAppName, CCH_RM_MAX_APP_NAME + 1);
+    holder.ApplicationType = static_cast<RM_APP_TYPE>(Number(line[3]));
+    Copy(line[4], holder.strServiceShortName, CCH_RM_MAX_SVC_NAME + 1);
   }
   return holders;
 }
@@ -131,7 +111,7 @@ DWORD WINAPI RmRegisterResources(DWORD, UINT count, LPCWSTR* files, UINT, RM_UNI
 
 DWORD WINAPI RmGetList(DWORD, UINT* needed, UINT* count, RM_PROCESS_INFO* room, DWORD* reasons) {
   if (const DWORD code = Answer(*count == 0 ? "RmGetList" : "RmGetList(read)")) return code;
-  const std::vector<RM_PROCESS_INFO> holders = Holders();
+  const std::vector<RM_PROCESS_INFO> holders = HoldersOfRegistered();
   *needed = static_cast<UINT>(holders.size());
   *reasons = 0;
   if (*needed > *count) return ERROR_MORE_DATA;

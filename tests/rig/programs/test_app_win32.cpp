@@ -1,17 +1,15 @@
 // The stand-in for the application: test_app_v1.exe is version 1.0.0, test_app_v2.exe is 2.0.0. The
 // rig copies them under the product's names.
 //
-//   test_app [--show-update-status] [--title=TEXT] [--exit-after=MS] [--ignore-close]
-//            [--close-after=N] [--close-delay=MS] [--close-hang=MS] [--hold=PATH]
+//   test_app [--ignore-close] [--close-after=N] [--close-delay=MS] [--close-hang=MS] [--hold=PATH]
 //   test_app --write-app-version-json PATH
 //
-// The first form shows a window of class ZUL_RIP_Main, titled "QORVA 2.0.0" unless told otherwise,
-// with the version in large letters, until WM_CLOSE or --exit-after ends it with exit code 0.
-// --close-after lets only the N-th WM_CLOSE end it, --ignore-close none; --close-delay lets MS pass
-// between WM_CLOSE and the end while the window stays responsive, --close-hang while it answers
-// nobody. --hold keeps a file open for reading all the while. The second form writes the version as
-// JSON into PATH and exits with 0, or with 1 when PATH cannot be written. Wrong arguments: usage,
-// exit code 64.
+// The first form shows a window of class ZUL_RIP_Main, titled "QORVA 2.0.0", with the version in
+// large letters, until WM_CLOSE ends it with exit code 0. --close-after lets only the N-th WM_CLOSE
+// end it, --ignore-close none; --close-delay lets MS pass between WM_CLOSE and the end while the
+// window stays responsive, --close-hang while it answers nobody. --hold keeps a file open for
+// reading all the while. Other arguments are taken and ignored. The second form writes the version
+// as JSON into PATH and exits with 0, or with 1 when PATH cannot be written.
 //
 // Every start and what follows is told by UTF-8 lines appended to app_mark.log beside the
 // executable:
@@ -25,8 +23,6 @@
 
 #include <windows.h>
 
-#include <bit>
-#include <cstdint>
 #include <string>
 
 #include "core/handle_win32.h"
@@ -36,22 +32,14 @@
 namespace zul::rig {
 namespace {
 
-constexpr char kUsage[] =
-    "usage: test_app [--show-update-status] [--title=TEXT] [--exit-after=MS] [--ignore-close]\n"
-    "                [--close-after=N] [--close-delay=MS] [--close-hang=MS] [--hold=PATH]\n"
-    "       test_app --write-app-version-json PATH";
-constexpr UINT_PTR kExitTimer = 1;
-constexpr UINT_PTR kCloseTimer = 2;
+constexpr UINT_PTR kCloseTimer = 1;
 constexpr COLORREF kBackground = TEST_APP_MAJOR == 1 ? RGB(70, 78, 92) : RGB(18, 110, 76);
 
 struct App {
-  std::wstring title;
-  std::wstring subtitle;
-  bool ignore_close = false;
-  UINT close_delay_ms = 0;
-  DWORD close_hang_ms = 0;
-  std::uint64_t closes_left = 1;
-};
+  Arguments arguments;
+  HBRUSH background = CreateSolidBrush(kBackground);
+  unsigned closes = 0;
+} app;
 
 std::wstring OwnPath() {
   std::wstring path(32768, L'\0');
@@ -59,86 +47,49 @@ std::wstring OwnPath() {
   return path;
 }
 
-bool WriteWhole(const std::wstring& path, DWORD access, DWORD disposition, std::string_view text) {
+bool Write(const std::wstring& path, DWORD access, DWORD disposition, std::string_view text) {
   const UniqueFileHandle file(CreateFileW(path.c_str(), access,
                                           FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                          nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr));
+                                          nullptr, disposition, 0, nullptr));
   DWORD written = 0;
   return file &&
-         WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) &&
-         written == text.size();
+         WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
 }
 
 /// Appends one line in one write, so that several processes can share the log.
-void Mark(std::string line) {
-  for (char& c : line) {
-    if (c == '\r' || c == '\n') c = ' ';
-  }
+void Mark(const std::string& line) {
   const std::wstring own = OwnPath();
-  WriteWhole(own.substr(0, own.rfind(L'\\') + 1) + L"app_mark.log", FILE_APPEND_DATA, OPEN_ALWAYS,
-             line + "\n");
+  Write(own.substr(0, own.rfind(L'\\') + 1) + L"app_mark.log", FILE_APPEND_DATA, OPEN_ALWAYS,
+        line + "\n");
 }
 
 int WriteVersionProof(const std::string& path) {
   const std::string json = "{\"version\":\"" TEST_APP_VERSION "\",\"build_id\":\"" TEST_APP_BUILD_ID
                            "\",\"channel\":\"stable\",\"platform\":\"windows\",\"arch\":\"x64\"}";
-  if (!WriteWhole(Widen(path), GENERIC_WRITE, CREATE_ALWAYS, json)) return 1;
+  if (!Write(Widen(path), GENERIC_WRITE, CREATE_ALWAYS, json)) return 1;
   Mark("proof " + path);
   return 0;
 }
 
-void DrawLine(HDC dc, const std::wstring& text, int height, RECT area) {
-  const HFONT font = CreateFontW(-height, 0, 0, 0, FW_SEMIBOLD, FALSE, FALSE, FALSE,
-                                 DEFAULT_CHARSET, OUT_DEFAULT_PRECIS, CLIP_DEFAULT_PRECIS,
-                                 CLEARTYPE_QUALITY, DEFAULT_PITCH | FF_DONTCARE, L"Segoe UI");
-  const HGDIOBJ previous = SelectObject(dc, font);
-  DrawTextW(dc, text.c_str(), -1, &area,
-            DT_CENTER | DT_VCENTER | DT_SINGLELINE | DT_NOPREFIX | DT_END_ELLIPSIS);
-  SelectObject(dc, previous);
-  DeleteObject(font);
-}
-
-void Paint(HWND window, const App& app) {
-  PAINTSTRUCT paint{};
-  const HDC dc = BeginPaint(window, &paint);
-  RECT area{};
-  GetClientRect(window, &area);
-  SetDCBrushColor(dc, kBackground);
-  FillRect(dc, &area, static_cast<HBRUSH>(GetStockObject(DC_BRUSH)));
-  SetBkMode(dc, TRANSPARENT);
-  SetTextColor(dc, RGB(255, 255, 255));
-  DrawLine(dc, L"Version " TEXT(TEST_APP_VERSION), 64,
-           {area.left, area.top, area.right, area.bottom - 60});
-  DrawLine(dc, app.subtitle, 18, {area.left + 20, area.bottom - 90, area.right - 20, area.bottom});
-  EndPaint(window, &paint);
-}
-
-void AnswerClose(HWND window, App& app) {
+void AnswerClose(HWND window) {
   Mark("close");
-  Sleep(app.close_hang_ms);
-  if (app.ignore_close || app.closes_left == 0 || --app.closes_left > 0) return;
-  if (app.close_delay_ms == 0) {
-    DestroyWindow(window);
-  } else {
-    SetTimer(window, kCloseTimer, app.close_delay_ms, nullptr);
-  }
+  Sleep(OptionNumber(app.arguments, "--close-hang"));
+  const bool last = ++app.closes >= OptionNumber(app.arguments, "--close-after");
+  if (OptionValue(app.arguments, "--ignore-close") || !last) return;
+  SetTimer(window, kCloseTimer, OptionNumber(app.arguments, "--close-delay"), nullptr);
 }
 
 LRESULT CALLBACK WindowProcedure(HWND window, UINT message, WPARAM wparam, LPARAM lparam) {
-  if (message == WM_NCCREATE) {
-    const auto* create = std::bit_cast<const CREATESTRUCTW*>(lparam);
-    SetWindowLongPtrW(window, GWLP_USERDATA, std::bit_cast<LONG_PTR>(create->lpCreateParams));
-  }
-  auto* app = std::bit_cast<App*>(GetWindowLongPtrW(window, GWLP_USERDATA));
   switch (message) {
-    case WM_PAINT:
-      Paint(window, *app);
-      return 0;
+    case WM_CTLCOLORSTATIC:
+      SetTextColor(reinterpret_cast<HDC>(wparam), RGB(255, 255, 255));
+      SetBkColor(reinterpret_cast<HDC>(wparam), kBackground);
+      return reinterpret_cast<LRESULT>(app.background);
     case WM_COMMAND:
       Mark("command " + std::to_string(LOWORD(wparam)));
       return 0;
     case WM_CLOSE:
-      AnswerClose(window, *app);
+      AnswerClose(window);
       return 0;
     case WM_TIMER:
       DestroyWindow(window);
@@ -151,56 +102,47 @@ LRESULT CALLBACK WindowProcedure(HWND window, UINT message, WPARAM wparam, LPARA
   }
 }
 
-int ShowMainWindow(App& app, UINT exit_after_ms) {
-  WNDCLASSEXW window_class{};
-  window_class.cbSize = sizeof(window_class);
+int ShowMainWindow() {
+  constexpr wchar_t kClass[] = L"ZUL_RIP_Main";
+  constexpr wchar_t kTitle[] = L"QORVA " TEXT(TEST_APP_VERSION);
+  WNDCLASSW window_class{};
   window_class.lpfnWndProc = &WindowProcedure;
-  window_class.hInstance = GetModuleHandleW(nullptr);
   window_class.hCursor = LoadCursorW(nullptr, IDC_ARROW);
-  window_class.lpszClassName = L"ZUL_RIP_Main";
-  RegisterClassExW(&window_class);
-  const HWND window =
-      CreateWindowExW(0, L"ZUL_RIP_Main", app.title.c_str(), WS_OVERLAPPEDWINDOW, 120, 90, 720, 360,
-                      nullptr, nullptr, window_class.hInstance, &app);
-  if (window == nullptr) return 1;
-  if (exit_after_ms > 0) SetTimer(window, kExitTimer, exit_after_ms, nullptr);
+  window_class.hbrBackground = app.background;
+  window_class.lpszClassName = kClass;
+  RegisterClassW(&window_class);
+  const HWND window = CreateWindowExW(0, kClass, kTitle, WS_OVERLAPPEDWINDOW, 120, 90, 720, 360,
+                                      nullptr, nullptr, nullptr, nullptr);
+  const HWND text = CreateWindowExW(0, L"STATIC", L"Version " TEXT(TEST_APP_VERSION),
+                                    WS_CHILD | WS_VISIBLE | SS_CENTER, 0, 110, 712, 80, window,
+                                    nullptr, nullptr, nullptr);
+  const HFONT font = CreateFontW(-64, 0, 0, 0, FW_SEMIBOLD, FALSE, FALSE, FALSE, DEFAULT_CHARSET,
+                                 OUT_DEFAULT_PRECIS, CLIP_DEFAULT_PRECIS, CLEARTYPE_QUALITY,
+                                 DEFAULT_PITCH | FF_DONTCARE, L"Segoe UI");
+  SendMessageW(text, WM_SETFONT, reinterpret_cast<WPARAM>(font), FALSE);
   ShowWindow(window, SW_SHOWNORMAL);
   UpdateWindow(window);
-  Mark("window " + WideToUtf8Lossy(app.title));
+  Mark("window " + WideToUtf8Lossy(kTitle));
   MSG message{};
-  while (GetMessageW(&message, nullptr, 0, 0) > 0) {
-    TranslateMessage(&message);
-    DispatchMessageW(&message);
-  }
+  while (GetMessageW(&message, nullptr, 0, 0) > 0) DispatchMessageW(&message);
   Mark("exit");
   return 0;
 }
 
 int Run() {
   const std::wstring own = OwnPath();
-  const std::wstring file = own.substr(own.rfind(L'\\') + 1);
-  Mark("start " TEST_APP_VERSION " " + WideToUtf8Lossy(file) + " " +
+  Mark("start " TEST_APP_VERSION " " + WideToUtf8Lossy(own.substr(own.rfind(L'\\') + 1)) + " " +
        WideToUtf8Lossy(GetCommandLineW()));
-  Options options(CommandLineArguments());
-  const auto proof = options.TakeValue("--write-app-version-json");
-  const bool update_status = options.TakeFlag("--show-update-status");
-  const std::string title = options.TakeValue("--title").value_or("QORVA " TEST_APP_VERSION);
-  const auto exit_after_ms = static_cast<UINT>(options.TakeNumber("--exit-after").value_or(0));
-  App app;
-  app.title = Widen(title);
-  app.subtitle = file + (update_status ? L"  -  update status" : L"");
-  app.ignore_close = options.TakeFlag("--ignore-close");
-  app.closes_left = options.TakeNumber("--close-after").value_or(1);
-  app.close_delay_ms = static_cast<UINT>(options.TakeNumber("--close-delay").value_or(0));
-  app.close_hang_ms = static_cast<DWORD>(options.TakeNumber("--close-hang").value_or(0));
-  const auto held = options.TakeValue("--hold");
-  if (!options.empty()) return Usage(kUsage);
+  app.arguments = CommandLineArguments();
+  if (app.arguments.size() == 2 && app.arguments[0] == "--write-app-version-json") {
+    return WriteVersionProof(app.arguments[1]);
+  }
+  const auto held = OptionValue(app.arguments, "--hold");
   const UniqueFileHandle holder(held ? CreateFileW(Widen(*held).c_str(), GENERIC_READ,
-                                                   FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                                                   FILE_ATTRIBUTE_NORMAL, nullptr)
+                                                   FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0,
+                                                   nullptr)
                                      : INVALID_HANDLE_VALUE);
-  if (proof.has_value()) return WriteVersionProof(*proof);
-  return ShowMainWindow(app, exit_after_ms);
+  return ShowMainWindow();
 }
 
 }  // namespace

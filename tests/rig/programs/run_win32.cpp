@@ -1,0 +1,149 @@
+// The verb "run": one program, its message boxes and its end.
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "core/handle_win32.h"
+#include "tests/rig/programs/rig_tool_win32.h"
+
+namespace zul::rig {
+namespace {
+
+using Json = nlohmann::json;
+
+const std::map<int, std::string> kButtonNames = {
+    {IDOK, "ok"}, {IDCANCEL, "cancel"}, {IDYES, "yes"}, {IDNO, "no"}};
+
+class ReportFile {
+ public:
+  explicit ReportFile(const std::string& path) : path_(Widen(path)) {}
+
+  void Add(const Json& event) const {
+    const UniqueFileHandle file(CreateFileW(path_.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ,
+                                            nullptr, OPEN_ALWAYS, 0, nullptr));
+    const std::string line = event.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+    DWORD written = 0;
+    WriteFile(file.get(), line.data(), static_cast<DWORD>(line.size()), &written, nullptr);
+  }
+  [[nodiscard]] bool MayGo() const {
+    return GetFileAttributesW((path_ + L".go").c_str()) != INVALID_FILE_ATTRIBUTES;
+  }
+
+ private:
+  std::wstring path_;
+};
+
+/// Which icon a control of another process shows, by its colour on the screen, since the icon's
+/// handle means nothing outside its process. "unknown" when another window covers it.
+const char* IconName(HWND icon) {
+  RECT place{};
+  GetWindowRect(icon, &place);
+  const int width = place.right - place.left;
+  const int height = place.bottom - place.top;
+  const HWND on_top = WindowFromPoint({place.left + width / 2, place.top + height / 2});
+  if (GetAncestor(on_top, GA_ROOT) != GetAncestor(icon, GA_ROOT)) return "unknown";
+  const HDC screen = GetDC(nullptr);
+  const HDC copy = CreateCompatibleDC(screen);
+  const HBITMAP bitmap = CreateCompatibleBitmap(screen, width, height);
+  const HGDIOBJ previous = SelectObject(copy, bitmap);
+  BitBlt(copy, 0, 0, width, height, screen, place.left, place.top, SRCCOPY);
+  std::map<std::string, int> counts;
+  for (int at = 0; at < width * height; ++at) {
+    const COLORREF colour = GetPixel(copy, at % width, at / width);
+    const int red = GetRValue(colour);
+    const int blue = GetBValue(colour);
+    if (red > blue + 96) ++counts[red > GetGValue(colour) + 160 ? "error" : "warning"];
+    if (blue > red + 64) ++counts["information"];
+  }
+  SelectObject(copy, previous);
+  DeleteObject(bitmap);
+  DeleteDC(copy);
+  ReleaseDC(nullptr, screen);
+  const char* name = "unknown";
+  int most = width * height / 8;
+  for (const auto& [candidate, count] : counts) {
+    if (count > most) most = count, name = candidate.c_str();
+  }
+  return name;
+}
+
+struct Box {
+  HWND window = nullptr;
+  std::vector<HWND> buttons;  ///< a box that is about to be shown has its frame before these
+  Json seen;
+};
+
+Box FindBox(DWORD pid) {
+  const std::vector<HWND> windows = FindWindows(L"#32770", pid, L"QORVA Updater");
+  if (windows.empty()) return {};
+  Box box{windows.front(), {}, {{"icon", "none"}, {"text", ""}, {"buttons", Json::array()}}};
+  HWND child = nullptr;
+  while ((child = FindWindowExW(box.window, child, nullptr, nullptr)) != nullptr) {
+    wchar_t kind[16] = L"";
+    GetClassNameW(child, kind, 16);
+    const auto style = GetWindowLongW(child, GWL_STYLE);
+    if (kind == std::wstring(L"Button")) {
+      box.buttons.push_back(child);
+      box.seen["buttons"].push_back(kButtonNames.at(GetDlgCtrlID(child)));
+    } else if ((style & SS_TYPEMASK) != SS_ICON) {
+      box.seen["text"] = TextOf(child);
+    } else if ((style & WS_VISIBLE) != 0) {
+      box.seen["icon"] = IconName(child);
+    }
+  }
+  return box;
+}
+
+void Dismiss(const Box& box, const std::string& wanted) {
+  HWND button = box.buttons.front();
+  for (const HWND other : box.buttons) {
+    if (kButtonNames.at(GetDlgCtrlID(other)) == wanted) button = other;
+  }
+  PostMessageW(box.window, WM_COMMAND, MAKEWPARAM(GetDlgCtrlID(button), BN_CLICKED),
+               reinterpret_cast<LPARAM>(button));
+  WaitUntil(5000, [&box] { return !IsWindow(box.window); });
+}
+
+}  // namespace
+
+int RunProgram(const Arguments& arguments) {
+  const ReportFile report(OptionValue(arguments, "--report").value());
+  const std::wstring folder = Widen(OptionValue(arguments, "--folder").value());
+  const auto press = OptionValue(arguments, "--press");
+  const bool without_output = OptionValue(arguments, "--no-output").has_value();
+  const bool wait = OptionValue(arguments, "--wait-at-boxes").has_value();
+  std::wstring temp(32768, L'\0');
+  GetEnvironmentVariableW(L"RIG_TEMP", temp.data(), static_cast<DWORD>(temp.size()));
+  for (const wchar_t* name : {L"TEMP", L"TMP"}) SetEnvironmentVariableW(name, temp.c_str());
+
+  const std::wstring marker = L" -- ";
+  const std::wstring whole = GetCommandLineW();
+  std::wstring command = whole.substr(whole.find(marker) + marker.size());
+  STARTUPINFOW startup{};
+  startup.cb = sizeof startup;
+  if (without_output) startup.dwFlags = STARTF_USESTDHANDLES;  // all three stay null
+  PROCESS_INFORMATION process{};
+  if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, !without_output, 0, nullptr,
+                      folder.c_str(), &startup, &process)) {
+    report.Add({{"failed", GetLastError()}});
+    return 1;
+  }
+  report.Add({{"pid", process.dwProcessId}});
+  const bool ended = WaitUntil(OptionNumber(arguments, "--timeout-ms"), [&] {
+    if (WaitForSingleObject(process.hProcess, 0) == WAIT_OBJECT_0) return true;
+    if (!press) return false;
+    if (const Box box = FindBox(process.dwProcessId); !box.buttons.empty()) {
+      report.Add({{"box", box.seen}});
+      if (wait) WaitUntil(60000, [&report] { return report.MayGo(); });
+      Dismiss(box, *press);
+    }
+    return false;
+  });
+  DWORD code = 0;
+  GetExitCodeProcess(process.hProcess, &code);
+  if (!ended) TerminateProcess(process.hProcess, 1);
+  report.Add({{"exit", ended ? Json(code) : Json("timeout")}});
+  return 0;
+}
+
+}  // namespace zul::rig
