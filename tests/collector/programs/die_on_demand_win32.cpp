@@ -1,15 +1,16 @@
 // Dies as it is told, under the eyes of an observer. For the tests of the collector.
 //
-//   die_on_demand.exe CRASH_FOLDER INSTALL_FOLDER WAY [SECRET]
+//   die_on_demand.exe CRASH_FOLDER INSTALL_FOLDER WAY SECRET
 //
-// Starts the collector and prints one line of JSON: "ready", "reason", "session", and "rva" and
-// "thread" of what is going to crash. Then it waits for the end of its standard input and dies in
+// Starts the collector and prints one line of JSON: "reason", "session", and "rva" and "thread" of
+// what is going to crash. Then it waits for the end of its standard input and dies in
 // that way; the ways stand at the end of this file. SECRET is text that no evidence may hold: it is
 // in the command line, on the heap and on the stack.
 // Exit codes of its own: 64 wrong arguments, 99 it lived on.
 
 #include <windows.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -27,26 +28,17 @@ namespace {
 
 using namespace zul;
 
-constexpr DWORD kDeclaredCode = 7;
-constexpr DWORD kIllegalInstruction = 0xC000001D;
-
 [[noreturn]] void SleepForEver() {
   for (;;) ::Sleep(INFINITE);
 }
 
-void ExitDeclared() {
-  RecordProcessExitCode(1);  // the last one counts
-  RecordProcessExitCode(kDeclaredCode);
-  ::ExitProcess(kDeclaredCode);
-}
-
-void ExitOther() {
-  RecordProcessExitCode(kDeclaredCode);
-  ::ExitProcess(kDeclaredCode + 1);
-}
-
-void ExitUndeclared() {
-  ::ExitProcess(kDeclaredCode);
+template <bool kDeclared, UINT kCode>
+void Exit() {
+  if (kDeclared) {
+    RecordProcessExitCode(1);  // the last one counts
+    RecordProcessExitCode(7);
+  }
+  ::ExitProcess(kCode);
 }
 
 void WriteNull() {
@@ -85,7 +77,7 @@ void CrashTwice() {
     std::error_code ec;
     while (fs::SizeOf(emergency, ec) == 0) ::Sleep(10);
     ::Sleep(200);
-    ::RaiseException(kIllegalInstruction, 0, 0, nullptr);
+    ::RaiseException(EXCEPTION_ILLEGAL_INSTRUCTION, 0, 0, nullptr);
   }).detach();
   WriteNull();
 }
@@ -115,27 +107,17 @@ void TerminateInALoopOfUnwinding() {
   constexpr std::size_t kHeadSize = 4;
   auto* const info = reinterpret_cast<unsigned char*>(image + function->UnwindData);
   DWORD before = 0;
-  if (::VirtualProtect(info, kHeadSize + sizeof *function, PAGE_READWRITE, &before) == FALSE)
-    return;
+  ::VirtualProtect(info, kHeadSize + sizeof *function, PAGE_READWRITE, &before);
   std::memset(info, 0, kHeadSize);
   info[0] = 1 | UNW_FLAG_CHAININFO << 3;  // version 1, no codes
   std::memcpy(info + kHeadSize, function, sizeof *function);
   std::terminate();
 }
 
-/// The filter that is there before the collector's: as if somebody had handled everything, so that
-/// the system neither asks nor calls for a debugger.
-LONG WINAPI EndQuietly(EXCEPTION_POINTERS* /*exception*/) {
-  return EXCEPTION_EXECUTE_HANDLER;
-}
-
-struct Way {
-  std::string_view name;
-  void (*die)();
-};
-constexpr Way kWays[] = {{"exit-declared", ExitDeclared},
-                         {"exit-other", ExitOther},
-                         {"exit-undeclared", ExitUndeclared},
+using Way = std::pair<std::string_view, void (*)()>;
+constexpr Way kWays[] = {{"exit-declared", Exit<true, 7>},
+                         {"exit-other", Exit<true, 8>},
+                         {"exit-undeclared", Exit<false, 7>},
                          {"abort", std::abort},
                          {"wait", SleepForEver},
                          {"null-write", WriteNull},
@@ -146,33 +128,30 @@ constexpr Way kWays[] = {{"exit-declared", ExitDeclared},
                          {"heaps-locked", CrashWithHeapsLocked},
                          {"unwind-loop", TerminateInALoopOfUnwinding}};
 
-void PrintStart(const CollectorStartResult& start, void (*die)()) {
-  const auto base = reinterpret_cast<std::uintptr_t>(::GetModuleHandleW(nullptr));
-  const nlohmann::json line = {{"ready", start.ready},
-                               {"reason", start.failure_reason},
-                               {"session", start.session_directory},
-                               {"rva", reinterpret_cast<std::uintptr_t>(die) - base},
-                               {"thread", ::GetCurrentThreadId()}};
-  rig::PrintLine(line.dump());
-}
-
 }  // namespace
 
 int wmain() {
   const std::vector<std::string> arguments = rig::CommandLineArguments();
-  if (arguments.size() < 3) return rig::kUsageExit;
-  const auto crash_folder = PathFromUtf8(arguments[0]);
-  const auto install_folder = PathFromUtf8(arguments[1]);
-  for (const Way& way : kWays) {
-    if (way.name != arguments[2] || !crash_folder || !install_folder) continue;
-    ::SetUnhandledExceptionFilter(EndQuietly);
-    PrintStart(StartCompactCollector(*crash_folder, *install_folder), way.die);
-    std::array<char, 256> secret{};  // on the stack, beside what is walked
-    if (arguments.size() > 3) arguments[3].copy(secret.data(), secret.size() - 1);
-    while (std::fgets(secret.data() + 128, 64, stdin) != nullptr) {
-    }
-    way.die();
-    return secret[0] == '\0' ? 98 : 99;
+  const auto* const way = std::find_if(std::begin(kWays), std::end(kWays), [&](const Way& known) {
+    return arguments.size() == 4 && known.first == arguments[2];
+  });
+  if (way == std::end(kWays)) return rig::kUsageExit;
+  // The filter that is there before the collector's: as if somebody had handled everything, so that
+  // the system neither asks nor calls for a debugger.
+  ::SetUnhandledExceptionFilter(
+      [](EXCEPTION_POINTERS*) -> LONG { return EXCEPTION_EXECUTE_HANDLER; });
+  const CollectorStartResult start =
+      StartCompactCollector(*PathFromUtf8(arguments[0]), *PathFromUtf8(arguments[1]));
+  const auto base = reinterpret_cast<std::uintptr_t>(::GetModuleHandleW(nullptr));
+  const nlohmann::json line = {{"reason", start.failure_reason},
+                               {"session", start.session_directory},
+                               {"rva", reinterpret_cast<std::uintptr_t>(way->second) - base},
+                               {"thread", ::GetCurrentThreadId()}};
+  rig::PrintLine(line.dump());
+  std::array<char, 256> secret{};  // on the stack, beside what is walked
+  arguments[3].copy(secret.data(), secret.size() - 1);
+  while (std::fgets(secret.data() + 128, 64, stdin) != nullptr) {
   }
-  return rig::kUsageExit;
+  way->second();
+  return secret[0] == '\0' ? 98 : 99;
 }
