@@ -92,9 +92,8 @@ TEST_F(FileLayer, WeaklyCanonicalResolvesWhatExistsAndAppendsTheRest) {
     EXPECT_FALSE(ec) << path << ec;
   }
   EXPECT_EQ(WeaklyCanonical("no-such-name/x", ec), CurrentDirectory(ec) / "no-such-name" / "x");
-  EXPECT_TRUE(WeaklyCanonical("", ec).empty());
-  EXPECT_TRUE(ec);
-  if (kOnWindows) EXPECT_EQ(WeaklyCanonical(folder / "DIR/FILE", ec), inside / "dir" / "file");
+  EXPECT_TRUE(WeaklyCanonical("", ec).empty() && ec);
+  EXPECT_TRUE(!kOnWindows || WeaklyCanonical(folder / "DIR/FILE", ec) == inside / "dir" / "file");
 }
 
 TEST_F(FileLayer, WalksATreeAndNeverEntersALink) {

@@ -71,17 +71,18 @@ TEST_F(LoggerTest, CutsLongLinesAndForgetsTheOldestByCountAndBytes) {
   EXPECT_EQ(logger.RecentLines(0), (Strings{longest, longest + "... [truncated]"}));
   EXPECT_EQ(ReadFile(FilePath()), Header() + longest + "\n" + longest + "... [truncated]\n");
 
+  std::vector<std::jthread> threads(4);
+  for (std::jthread& thread : threads) {
+    thread = std::jthread([this] {
+      for (int i = 0; i < 2000; ++i) Write("from many threads at once");
+    });
+  }
+  threads.clear();
   for (std::size_t i = 0; i <= Logger::kMaxRecentLines; ++i) Write(std::to_string(i));
   EXPECT_EQ(logger.RecentLines(0).size(), Logger::kMaxRecentLines);
   EXPECT_EQ(logger.RecentLines(0).front(), "1");
   // 65536 bytes each as they are counted, 64 to the limit.
-  std::vector<std::jthread> threads(4);
-  for (std::jthread& thread : threads) {
-    thread = std::jthread([this] {
-      for (int i = 0; i < 16; ++i) Write(std::string(65535, 'x'));
-    });
-  }
-  threads.clear();
+  for (int i = 0; i < 64; ++i) Write(std::string(65535, 'x'));
   EXPECT_EQ(logger.RecentLines(0).size(), 64U);
   Write("x");
   EXPECT_EQ(logger.RecentLines(0).size(), 64U);
