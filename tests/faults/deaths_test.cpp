@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-
 #include "tests/faults/every_step.h"
 #include "tests/faults/other_process.h"
 
@@ -20,35 +18,26 @@ const DeathCase kDeathCases[] = {{"update", Scenario::kUpdate, 0},
                                  {"reextraction", Scenario::kReextraction, 0},
                                  {"rollback", Scenario::kRollback, 6}};
 
-/// What follows a step is what precedes the next: nothing else touches the disk.
-std::vector<Fault> DeathsAt(const std::vector<FileCall>& calls, unsigned at) {
-  std::vector<Fault> faults = {Fault::kDieBefore};
-  if (calls[at - 1].name == "WriteSome") faults.push_back(Fault::kDieHalfway);
-  if (at == calls.size()) faults.push_back(Fault::kDieAfter);
-  return faults;
-}
-
 TEST(Deaths, NoStepLosesAFileAndTheNextRunSucceeds) {
-  for (const DeathCase& row : kDeathCases) {
-    SCOPED_TRACE(row.name);
-    const std::vector<FileCall> calls = CallsOf(row.scenario);
-    const auto count = static_cast<unsigned>(calls.size());
-    unsigned deaths = 0;
-    for (unsigned at = StepBehind(calls, row.replaced_before); at <= count; at += StepWidth()) {
-      for (const Fault fault : DeathsAt(calls, at)) {
-        SCOPED_TRACE(Describe(calls, at) + " fault " + std::to_string(static_cast<int>(fault)));
-        const SampleUpdate update(row.scenario);
-        ASSERT_EQ(RunInOtherProcess(row.scenario, {fault, at}, update.folder()), kDied);
-        ++deaths;
-        ASSERT_EQ(update.Damage(), "");
+  for (const auto& [name, scenario, replaced_before] : kDeathCases) {
+    ForEachStep(
+        name, scenario, replaced_before, ~0u,
+        [scenario = scenario](const auto& calls, unsigned at) {
+          for (const Fault fault : {Fault::kDieBefore, Fault::kDieHalfway, Fault::kDieAfter}) {
+            if (fault == Fault::kDieHalfway && calls[at - 1].name != "WriteSome") continue;
+            // What follows a step is what precedes the next: nothing else touches the disk.
+            if (fault == Fault::kDieAfter && at != calls.size()) continue;
+            SCOPED_TRACE("fault " + std::to_string(static_cast<int>(fault)));
+            const SampleUpdate update(scenario);
+            ASSERT_EQ(RunInOtherProcess(scenario, {fault, at}, update.folder()), kDied);
+            ASSERT_EQ(update.Damage(), "");
 
-        std::string error;
-        ASSERT_TRUE(SampleUpdate::Run(Scenario::kUpdate, update.folder(), &error)) << error;
-        ASSERT_EQ(update.Installed(), SampleUpdate::New());
-        ASSERT_EQ(update.Damage(), "");
-      }
-    }
-    std::printf("%s: %u deaths in %u steps\n", row.name, deaths, count);
+            std::string error;
+            ASSERT_TRUE(SampleUpdate::Run(Scenario::kUpdate, update.folder(), &error)) << error;
+            ASSERT_EQ(update.Installed(), SampleUpdate::New());
+            ASSERT_EQ(update.Damage(), "");
+          }
+        });
   }
 }
 

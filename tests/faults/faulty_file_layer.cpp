@@ -2,280 +2,204 @@
 
 #include <mz.h>
 
+#include <cerrno>
 #include <ctime>
-#include <map>
 #include <string>
+#include <utility>
 
+#include "core/system_error.h"
 #include "core/text.h"
+#include "tests/faults/other_process.h"
 #include "tests/faults/wrapped_symbols.h"
+#include "tests/support/file_tricks.h"
+
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
+#define QORVA_JOINED(prefix, symbol) prefix##symbol
+#define QORVA_NAMED(prefix, symbol) QORVA_JOINED(prefix, symbol)
+#define QORVA_REAL(name) QORVA_NAMED(__real_, QORVA_##name)
+#define QORVA_WRAPPED(result, name, parameters)                    \
+  extern "C" result QORVA_REAL(name) parameters;                   \
+  extern "C" result QORVA_NAMED(__wrap_, QORVA_##name) parameters; \
+  extern "C" result QORVA_NAMED(__wrap_, QORVA_##name) parameters
+#define QORVA_PRIMITIVE(result, name, parameters, ...) \
+  QORVA_WRAPPED(result, name, parameters) {            \
+    return Pass(#name, QORVA_REAL(name), __VA_ARGS__); \
+  }
 
 namespace zul::test {
 
 namespace {
 
 using fs::File;
+using fs::Path;
+using Code = std::int32_t;
+using Error = std::error_code;
+using Size = std::size_t;
 
 struct State {
   bool armed = false;
+  bool in_a_call = false;
   FaultPlan plan;
   std::vector<FileCall> calls;
-  std::map<File::NativeHandle, fs::Path> open_files;
-};
+} state;
 
-State& Now() {
-  static State state;
-  return state;
+extern "C" Path QORVA_REAL(Whereabouts)(const File* file, Error& ec);
+
+// What a call is about, by its arguments: an open file, the target of a rename, the only path;
+// nothing where it is the archive, a walk or an open folder.
+template <typename... Rest>
+Path SubjectOf(const File* file, const Rest&...) {
+  Error ignored;
+  fs::FileFacts facts;
+  if (!file->Facts(&facts, ignored) || facts.is_directory) return {};
+  return QORVA_REAL(Whereabouts)(file, ignored);
 }
-
-/// The only member of a file.
-File::NativeHandle HandleOf(const File* file) {
-  static_assert(std::is_standard_layout_v<File> && sizeof(File) == sizeof(File::NativeHandle));
-  return *reinterpret_cast<const File::NativeHandle*>(file);
+template <typename... Rest>
+Path SubjectOf(const Path& /*from*/, const Path& to, const Rest&...) {
+  return to;
 }
-
-fs::Path PathOf(const File* file) {
-  const auto found = Now().open_files.find(HandleOf(file));
-  return found == Now().open_files.end() ? fs::Path() : found->second;
+template <typename... Rest>
+Path SubjectOf(const Path& path, const Rest&...) {
+  return path;
 }
-
-fs::Path WithoutTemporarySuffix(const fs::Path& path) {
-  const std::string text = PathToUtf8(path);
-  const std::size_t suffix = text.rfind(".zul_update_tmp_");
-  return suffix == std::string::npos ? path : PathFromUtf8(text.substr(0, suffix)).value();
+template <typename... Rest>
+Path SubjectOf(const void* /*stream*/, const Rest&...) {
+  return {};
 }
 
 /// One call on its way through.
 class Passage {
  public:
-  Passage(std::string_view name, const fs::Path& subject) {
-    State& state = Now();
+  Passage(std::string_view name, const Path& subject) {
     if (!state.armed) return;
-    state.calls.push_back({name, WithoutTemporarySuffix(subject)});
+    is_outermost_ = !std::exchange(state.in_a_call, true);
+    const std::string text = is_outermost_ ? PathToUtf8(subject) : std::string();
+    state.calls.push_back({name, *PathFromUtf8(text.substr(0, text.rfind(".zul_update_tmp_")))});
     number_ = state.calls.size();
-    if (is_at(Fault::kDieBefore)) EndThisProcess();
-    fails_ = is_at(Fault::kFail) || is_at(Fault::kFailForGood) || IsAsTheOneThatFailed();
+    if (Is(Fault::kDieBefore)) EndThisProcess();
+  }
+  ~Passage() {
+    if (Is(Fault::kDieAfter)) EndThisProcess();
+    if (is_outermost_) state.in_a_call = false;
+  }
+  Passage(const Passage&) = delete;
+  Passage& operator=(const Passage&) = delete;
+
+  [[nodiscard]] bool Is(Fault fault) const {
+    return number_ == state.plan.at && state.plan.fault == fault;
   }
 
-  [[nodiscard]] bool fails() const { return fails_; }
-  [[nodiscard]] bool dies_halfway() const { return is_at(Fault::kDieHalfway); }
-
-  /// The outcome of a call that fails by plan.
-  template <typename Result>
-  Result Failure(Result result, std::error_code& ec) const {
-    ec = Now().plan.error;
-    return result;
-  }
-
-  template <typename Result>
-  Result Done(Result result, bool ok) const {
-    if (is_at(Fault::kDieAfter)) EndThisProcess();
-    if (number_ != 0) Now().calls[number_ - 1].ok = ok;
-    return result;
-  }
-
- private:
-  [[nodiscard]] bool is_at(Fault fault) const {
-    return number_ != 0 && number_ == Now().plan.at && Now().plan.fault == fault;
-  }
-
-  [[nodiscard]] bool IsAsTheOneThatFailed() const {
-    const State& state = Now();
-    if (state.plan.fault != Fault::kFailForGood || number_ <= state.plan.at) return false;
+  [[nodiscard]] bool Fails() const {
+    if (Is(Fault::kFail)) return true;
+    if (state.plan.fault != Fault::kFailForGood || number_ < state.plan.at) return false;
     const FileCall& failed = state.calls[state.plan.at - 1];
     const FileCall& call = state.calls[number_ - 1];
     return call.name == failed.name && call.subject == failed.subject;
   }
 
-  std::size_t number_ = 0;  // 0 while nothing is armed
-  bool fails_ = false;
+ private:
+  std::size_t number_ = 0;  // while nothing is armed
+  bool is_outermost_ = false;
 };
 
-/// A call that reports through a code and returns `failure` when it fails.
-template <typename Result, typename Call>
-Result Pass(std::string_view name, const fs::Path& subject, std::error_code& ec, Result failure,
-            Call call) {
-  const Passage passage(name, subject);
-  if (passage.dies_halfway()) EndThisProcess();
-  if (passage.fails()) return passage.Failure(std::move(failure), ec);
-  Result result = call();
-  return passage.Done(std::move(result), !ec);
+void Explain(Error& ec) {
+  ec = state.plan.error;
+}
+template <typename Other>
+void Explain(const Other& /*argument*/) {}
+
+template <typename Result>
+Result Failure() {
+  if constexpr (std::is_same_v<Result, fs::CreateResult>) return fs::CreateResult::kFailed;
+  if constexpr (std::is_same_v<Result, Code>) return MZ_STREAM_ERROR;
+  return {};
 }
 
-template <typename Call>
-File PassOpening(std::string_view name, const fs::Path& path, std::error_code& ec, Call call) {
-  File file = Pass(name, path, ec, File(), call);
-  if (Now().armed && file.is_open()) Now().open_files[HandleOf(&file)] = path;
-  return file;
-}
-
-/// A call of the library's file stream, which has codes of its own.
-template <typename Call>
-std::int32_t PassArchive(std::string_view name, std::int32_t failure, Call call) {
-  std::error_code ec;
-  return Pass(name, {}, ec, failure, [&] {
-    const std::int32_t result = call();
-    if (result < 0) ec = std::make_error_code(std::errc::io_error);
-    return result;
-  });
+template <typename Result, typename... Arguments>
+Result Pass(std::string_view name, Result (*real)(Arguments...),
+            std::type_identity_t<Arguments>... arguments) {
+  const Passage passage(name, SubjectOf(arguments...));
+  if (!passage.Fails()) return real(arguments...);
+  (Explain(arguments), ...);
+  return Failure<Result>();
 }
 
 }  // namespace
 
 void ArmFaults(const FaultPlan& plan) {
-  Now() = {true, plan, {}, {}};
+  state = {true, false, plan, {}};
 }
 
 std::vector<FileCall> DisarmFaults() {
-  Now().armed = false;
-  return std::move(Now().calls);
+  return std::exchange(state, {}).calls;
 }
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
-#define QORVA_JOINED(prefix, symbol) prefix##symbol
-#define QORVA_NAMED(prefix, symbol) QORVA_JOINED(prefix, symbol)
-#define QORVA_REAL(name) QORVA_NAMED(__real_, QORVA_##name)
-#define QORVA_PRIMITIVE(result, name, ...)                           \
-  extern "C" result QORVA_NAMED(__real_, QORVA_##name)(__VA_ARGS__); \
-  extern "C" result QORVA_NAMED(__wrap_, QORVA_##name)(__VA_ARGS__); \
-  extern "C" result QORVA_NAMED(__wrap_, QORVA_##name)(__VA_ARGS__)
-
-QORVA_PRIMITIVE(File, OpenForRead, const fs::Path& path, std::error_code& ec) {
-  return PassOpening("OpenForRead", path, ec, [&] { return QORVA_REAL(OpenForRead)(path, ec); });
+std::array<std::error_code, 4> FaultErrors() {
+  // ERROR_ACCESS_DENIED, ERROR_SHARING_VIOLATION, ERROR_DISK_FULL and ERROR_IO_DEVICE
+  if (kOnWindows) return {SystemError(5), SystemError(32), SystemError(112), SystemError(1117)};
+  return {SystemError(EACCES), SystemError(EBUSY), SystemError(ENOSPC), SystemError(EIO)};
 }
 
-QORVA_PRIMITIVE(File, CreateNewFile, const fs::Path& path, fs::NewFileAccess access,
-                std::error_code& ec) {
-  return PassOpening("CreateNewFile", path, ec,
-                     [&] { return QORVA_REAL(CreateNewFile)(path, access, ec); });
+// clang-format off
+QORVA_PRIMITIVE(bool, OpensExclusively, (const Path& path, Error& ec), path, ec)
+QORVA_PRIMITIVE(File, OpenForRead, (const Path& path, Error& ec), path, ec)
+QORVA_PRIMITIVE(File, CreateNewFile, (const Path& path, fs::NewFileAccess access, Error& ec),
+                path, access, ec)
+QORVA_PRIMITIVE(bool, Read, (File* file, void* to, Size size, Size* read, Error& ec),
+                file, to, size, read, ec)
+QORVA_PRIMITIVE(bool, Flush, (File* file, Error& ec), file, ec)
+QORVA_PRIMITIVE(bool, Size, (const File* file, std::uint64_t* bytes, Error& ec), file, bytes, ec)
+QORVA_PRIMITIVE(bool, TakeTimeAndAttributes, (File* file, const File& source, Error& ec),
+                file, source, ec)
+QORVA_PRIMITIVE(Path, Whereabouts, (const File* file, Error& ec), file, ec)
+QORVA_PRIMITIVE(fs::EntryKind, KindOf, (const Path& path, fs::Links links, Error& ec),
+                path, links, ec)
+QORVA_PRIMITIVE(Path, Canonical, (const Path& path, Error& ec), path, ec)
+QORVA_PRIMITIVE(Path, WeaklyCanonical, (const Path& path, Error& ec), path, ec)
+QORVA_PRIMITIVE(std::uint64_t, AvailableSpace, (const Path& path, Error& ec), path, ec)
+QORVA_PRIMITIVE(bool, Next, (fs::TreeWalker* walker, fs::DirectoryEntry* entry, Error& ec),
+                walker, entry, ec)
+QORVA_PRIMITIVE(fs::CreateResult, CreateDirectoryOnce, (const Path& path, Error& ec), path, ec)
+QORVA_PRIMITIVE(bool, Rename, (const Path& from, const Path& to, Error& ec), from, to, ec)
+QORVA_PRIMITIVE(bool, MoveReplacing, (const Path& from, const Path& to, Error& ec), from, to, ec)
+QORVA_PRIMITIVE(bool, Remove, (const Path& path, Error& ec), path, ec)
+QORVA_PRIMITIVE(Code, ArchiveOpen, (void* stream, const char* path, Code mode), stream, path, mode)
+QORVA_PRIMITIVE(Code, ArchiveSeek, (void* stream, std::int64_t by, Code from), stream, by, from)
+QORVA_PRIMITIVE(Code, ArchiveRead, (void* stream, void* to, Code size), stream, to, size)
+// clang-format on
+
+QORVA_WRAPPED(bool, WriteSome,
+              (File * file, const void* data, Size size, Size* written, Error& ec)) {
+  const Passage passage("WriteSome", SubjectOf(file));
+  const bool dies = passage.Is(Fault::kDieHalfway);
+  if (!dies && !passage.Fails()) return QORVA_REAL(WriteSome)(file, data, size, written, ec);
+  (void)QORVA_REAL(WriteSome)(file, data, size / 2, written, ec);
+  if (dies) EndThisProcess();
+  *written = 0;
+  Explain(ec);
+  return false;
 }
 
-QORVA_PRIMITIVE(bool, OpensExclusively, const fs::Path& path, std::error_code& ec) {
-  return Pass("OpensExclusively", path, ec, false,
-              [&] { return QORVA_REAL(OpensExclusively)(path, ec); });
-}
-
-QORVA_PRIMITIVE(bool, Read, File* file, void* buffer, std::size_t size, std::size_t* read,
-                std::error_code& ec) {
-  *read = 0;
-  return Pass("Read", PathOf(file), ec, false,
-              [&] { return QORVA_REAL(Read)(file, buffer, size, read, ec); });
-}
-
-QORVA_PRIMITIVE(bool, WriteSome, File* file, const void* data, std::size_t size,
-                std::size_t* written, std::error_code& ec) {
-  const Passage passage("WriteSome", PathOf(file));
-  if (passage.fails() || passage.dies_halfway()) {
-    (void)QORVA_REAL(WriteSome)(file, data, size / 2, written, ec);
-    if (passage.dies_halfway()) EndThisProcess();
-    *written = 0;
-    return passage.Failure(false, ec);
-  }
-  const bool ok = QORVA_REAL(WriteSome)(file, data, size, written, ec);
-  return passage.Done(ok, ok);
-}
-
-QORVA_PRIMITIVE(bool, Flush, File* file, std::error_code& ec) {
-  return Pass("Flush", PathOf(file), ec, false, [&] { return QORVA_REAL(Flush)(file, ec); });
-}
-
-QORVA_PRIMITIVE(bool, Close, File* file, std::error_code& ec) {
+QORVA_WRAPPED(bool, Close, (File * file, Error& ec)) {
   if (!file->is_open()) return QORVA_REAL(Close)(file, ec);
-  const Passage passage("Close", PathOf(file));
-  if (passage.dies_halfway()) EndThisProcess();
-  Now().open_files.erase(HandleOf(file));
+  const Passage passage("Close", SubjectOf(file));
   const bool ok = QORVA_REAL(Close)(file, ec);
-  if (passage.fails()) return passage.Failure(false, ec);
-  return passage.Done(ok, ok);
+  if (passage.Fails()) Explain(ec);
+  return ok && !passage.Fails();
 }
 
-QORVA_PRIMITIVE(bool, Size, const File* file, std::uint64_t* size_bytes, std::error_code& ec) {
-  return Pass("Size", PathOf(file), ec, false,
-              [&] { return QORVA_REAL(Size)(file, size_bytes, ec); });
-}
-
-QORVA_PRIMITIVE(bool, TakeTimeAndAttributes, File* file, const File& source, std::error_code& ec) {
-  return Pass("TakeTimeAndAttributes", PathOf(file), ec, false,
-              [&] { return QORVA_REAL(TakeTimeAndAttributes)(file, source, ec); });
-}
-
-QORVA_PRIMITIVE(fs::EntryKind, KindOf, const fs::Path& path, fs::Links links, std::error_code& ec) {
-  return Pass("KindOf", path, ec, fs::EntryKind::kUnknown,
-              [&] { return QORVA_REAL(KindOf)(path, links, ec); });
-}
-
-QORVA_PRIMITIVE(fs::Path, Whereabouts, const File* file, std::error_code& ec) {
-  return Pass("Whereabouts", PathOf(file), ec, fs::Path(),
-              [&] { return QORVA_REAL(Whereabouts)(file, ec); });
-}
-
-QORVA_PRIMITIVE(fs::Path, Canonical, const fs::Path& path, std::error_code& ec) {
-  return Pass("Canonical", path, ec, fs::Path(), [&] { return QORVA_REAL(Canonical)(path, ec); });
-}
-
-QORVA_PRIMITIVE(fs::Path, WeaklyCanonical, const fs::Path& path, std::error_code& ec) {
-  return Pass("WeaklyCanonical", path, ec, fs::Path(),
-              [&] { return QORVA_REAL(WeaklyCanonical)(path, ec); });
-}
-
-QORVA_PRIMITIVE(std::uint64_t, AvailableSpace, const fs::Path& path, std::error_code& ec) {
-  return Pass("AvailableSpace", path, ec, std::uint64_t{0},
-              [&] { return QORVA_REAL(AvailableSpace)(path, ec); });
-}
-
-QORVA_PRIMITIVE(bool, Next, fs::TreeWalker* walker, fs::DirectoryEntry* entry,
-                std::error_code& ec) {
-  return Pass("Next", {}, ec, false, [&] { return QORVA_REAL(Next)(walker, entry, ec); });
-}
-
-QORVA_PRIMITIVE(fs::CreateResult, CreateDirectoryOnce, const fs::Path& path, std::error_code& ec) {
-  return Pass("CreateDirectoryOnce", path, ec, fs::CreateResult::kFailed,
-              [&] { return QORVA_REAL(CreateDirectoryOnce)(path, ec); });
-}
-
-QORVA_PRIMITIVE(bool, Rename, const fs::Path& from, const fs::Path& to, std::error_code& ec) {
-  return Pass("Rename", to, ec, false, [&] { return QORVA_REAL(Rename)(from, to, ec); });
-}
-
-QORVA_PRIMITIVE(bool, MoveReplacing, const fs::Path& from, const fs::Path& to,
-                std::error_code& ec) {
-  return Pass("MoveReplacing", to, ec, false,
-              [&] { return QORVA_REAL(MoveReplacing)(from, to, ec); });
-}
-
-QORVA_PRIMITIVE(bool, Remove, const fs::Path& path, std::error_code& ec) {
-  return Pass("Remove", path, ec, false, [&] { return QORVA_REAL(Remove)(path, ec); });
-}
-
-QORVA_PRIMITIVE(bool, RemoveTree, const fs::Path& path, std::error_code& ec,
-                const fs::KeepAlive& keep_alive) {
+QORVA_WRAPPED(bool, RemoveTree, (const Path& path, Error& ec, const fs::KeepAlive& keep_alive)) {
   // Between two entries of the tree is a place to die too.
   const fs::KeepAlive at_each_entry = [&] {
     if (keep_alive) keep_alive();
     const Passage entry("RemoveTree entry", path);
-    (void)entry.Done(true, true);
   };
-  return Pass("RemoveTree", path, ec, false,
-              [&] { return QORVA_REAL(RemoveTree)(path, ec, at_each_entry); });
+  return Pass("RemoveTree", QORVA_REAL(RemoveTree), path, ec, at_each_entry);
 }
 
-QORVA_PRIMITIVE(std::int32_t, ArchiveOpen, void* stream, const char* path, std::int32_t mode) {
-  return PassArchive("ArchiveOpen", MZ_OPEN_ERROR,
-                     [&] { return QORVA_REAL(ArchiveOpen)(stream, path, mode); });
+QORVA_WRAPPED(int, Sleep, (const timespec* duration, timespec* rest)) {
+  return state.armed ? 0 : QORVA_REAL(Sleep)(duration, rest);
 }
-
-QORVA_PRIMITIVE(std::int32_t, ArchiveSeek, void* stream, std::int64_t offset, std::int32_t origin) {
-  return PassArchive("ArchiveSeek", MZ_SEEK_ERROR,
-                     [&] { return QORVA_REAL(ArchiveSeek)(stream, offset, origin); });
-}
-
-QORVA_PRIMITIVE(std::int32_t, ArchiveRead, void* stream, void* buffer, std::int32_t size) {
-  return PassArchive("ArchiveRead", MZ_READ_ERROR,
-                     [&] { return QORVA_REAL(ArchiveRead)(stream, buffer, size); });
-}
-
-QORVA_PRIMITIVE(int, Sleep, const timespec* duration, timespec* rest) {
-  return Now().armed ? 0 : QORVA_REAL(Sleep)(duration, rest);
-}
-// NOLINTEND(bugprone-reserved-identifier)
 
 }  // namespace zul::test
+// NOLINTEND(bugprone-reserved-identifier)

@@ -15,7 +15,7 @@ namespace zul::test {
 enum class Fault {
   kNone,
   kDieBefore,   ///< the process ends in the place of the call
-  kDieHalfway,  ///< with the first half written; as kDieBefore where nothing is written
+  kDieHalfway,  ///< the same, with the first half of a WriteSome written
   kDieAfter,
   kFail,         ///< this call fails; a write has written half by then
   kFailForGood,  ///< so does every later one of the same kind on the same file
@@ -27,16 +27,12 @@ struct FaultPlan {
   std::error_code error{};
 };
 
-/// The exit code of a process that ended by plan.
-inline constexpr int kDied = 77;
-
 /// One call that was made.
 struct FileCall {
   std::string_view name;  ///< the function
   /// The file or folder; a temporary copy counts as the file that it is to replace. Empty for the
-  /// archive and for a walk.
+  /// archive, a walk, an open folder, and a call that another one makes.
   fs::Path subject;
-  bool ok = false;
 };
 
 /// Counts calls from here on, and does to one what the plan says. Sleeps end at once.
@@ -46,14 +42,7 @@ void ArmFaults(const FaultPlan& plan);
 std::vector<FileCall> DisarmFaults();
 
 /// What the system says of a denied access, a sharing violation, a full disk and a broken device.
-[[nodiscard]] const std::array<std::error_code, 4>& FaultErrors();
-
-/// Whether an operation that waits for locks waits for that one of FaultErrors.
-[[nodiscard]] inline bool MayPass(unsigned error_index) {
-  return error_index < 2;
-}
-
-/// Ends this process here and now: nothing is cleaned up, nothing is written.
-[[noreturn]] void EndThisProcess();
+/// An operation that waits for locks waits for the first two.
+[[nodiscard]] std::array<std::error_code, 4> FaultErrors();
 
 }  // namespace zul::test

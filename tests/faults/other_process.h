@@ -7,6 +7,12 @@
 
 namespace zul::test {
 
+/// The exit code of a process that ended by plan.
+inline constexpr int kDied = 77;
+
+/// Ends this process here and now: nothing is cleaned up, nothing is written.
+[[noreturn]] void EndThisProcess();
+
 /// Runs the update in `folder` with a fault planned and waits. Returns kDied, 0 when the update
 /// succeeded, 1 when it failed, and something else when the process went down by itself.
 [[nodiscard]] int RunInOtherProcess(Scenario scenario, const FaultPlan& plan,

@@ -3,20 +3,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-
-#include "core/system_error.h"
-
 namespace zul::test {
 
 void EndThisProcess() {
   ::_exit(kDied);
-}
-
-const std::array<std::error_code, 4>& FaultErrors() {
-  static const std::array<std::error_code, 4> errors = {SystemError(EACCES), SystemError(EBUSY),
-                                                        SystemError(ENOSPC), SystemError(EIO)};
-  return errors;
 }
 
 int RunInOtherProcess(Scenario scenario, const FaultPlan& plan, const fs::Path& folder) {

@@ -1,7 +1,6 @@
 #include "tests/faults/sample_update.h"
 
 #include <algorithm>
-#include <set>
 
 #include "core/text.h"
 #include "package/extract.h"
@@ -13,102 +12,51 @@ namespace {
 
 constexpr std::uint32_t kChanges = 8;  // 2 retired, 4 replaced, 2 added
 
-std::string Content(std::string_view age, std::string_view name, std::size_t size) {
-  std::string text = std::string(age) + " " + std::string(name) + "\n";
-  while (text.size() < size) text += text;
-  text.resize(std::max(size, text.size()));
-  return text;
+Files Made(const std::string& age, std::size_t size, std::initializer_list<const char*> names) {
+  Files files;
+  for (const std::string name : names) {
+    std::string& text = files[name];
+    while (text.size() < size) text += age + " " + name + "\n";
+  }
+  return files;
 }
 
-bool IsTemporary(const std::string& name) {
-  return name.find(".zul_update_tmp_") != std::string::npos;
+bool Has(const Files& files, const std::string& name, const std::string& contents) {
+  const auto file = files.find(name);
+  return file != files.end() && file->second == contents;
 }
 
 void Write(const fs::Path& root, const Files& files) {
   for (const auto& [name, contents] : files) WriteFile(root / *PathFromUtf8(name), contents);
 }
 
-const Files& Stale() {
-  static const Files files = {{"app.exe", "of an earlier run"}, {"data/x", "of an earlier run"}};
-  return files;
-}
-
+/// What an update has no business with.
 const Files& Elsewhere() {
-  static const Files files = {{"file.txt", "nobody's business"}};
-  return files;
-}
-
-const std::string& Archive() {
-  static const std::string archive = [] {
+  static const Files files = [] {
     ZipBuilder zip;
-    for (const auto& [name, contents] : SampleUpdate::Package())
-      zip.File(name, contents).Deflated();
-    return zip.Build();
+    for (const auto& [name, data] : SampleUpdate::Package()) zip.File(name, data).Deflated();
+    return Files{{"work/package.zip", zip.Build()}, {"elsewhere/file.txt", "nobody's business"}};
   }();
-  return archive;
-}
-
-std::vector<std::string> Names(const fs::Path& folder, std::string_view prefix = {}) {
-  std::vector<std::string> names;
-  std::error_code ec;
-  for (const fs::DirectoryEntry& entry : fs::ListDirectory(folder, ec)) {
-    std::string name = PathToUtf8(entry.path.filename());
-    if (name.starts_with(prefix)) names.push_back(std::move(name));
-  }
-  return names;
+  return files;
 }
 
 bool Extracts(Scenario scenario) {
   return scenario != Scenario::kApply && scenario != Scenario::kRollback;
 }
 
-fs::Path Destination(const fs::Path& folder) {
-  return folder / "work" / "payload";
-}
-
 }  // namespace
 
 const Files& SampleUpdate::Package() {
-  static const Files files = [] {
-    Files made;
-    for (const char* name : {"app.exe", "core.dll", "data/profile.icc", "data/deep/table.bin",
-                             "data/deep/er/new.bin", "fresh/added.dll"}) {
-      made[name] = Content("new", name, 3000);
-    }
-    return made;
-  }();
+  static const Files files = Made("new", 3000,
+                                  {"app.exe", "core.dll", "data/profile.icc", "data/deep/table.bin",
+                                   "data/deep/er/new.bin", "fresh/added.dll"});
   return files;
-}
-
-bool SampleUpdate::IsRetired(const fs::Path& name) {
-  return name == "qorva.exe" || name == "zul_rip.exe";
-}
-
-Files SampleUpdate::Replaced() {
-  Files files = Old();
-  files.erase("mine.txt");
-  return files;
-}
-
-Files SampleUpdate::FoundAtDestination() const {
-  return scenario_ == Scenario::kReextraction ? Stale() : Files();
-}
-
-std::size_t SampleUpdate::Temporaries() const {
-  const Files files = FilesBelow(folder_ / "app");
-  return static_cast<std::size_t>(std::count_if(
-      files.begin(), files.end(), [](const auto& file) { return IsTemporary(file.first); }));
 }
 
 const Files& SampleUpdate::Old() {
-  static const Files files = [] {
-    Files made = {{"mine.txt", "the user's own"}};
-    for (const char* name : {"app.exe", "core.dll", "data/profile.icc", "data/deep/table.bin",
-                             "qorva.exe", "zul_rip.exe"}) {
-      made[name] = Content("old", name, 2000);
-    }
-    return made;
-  }();
+  static const Files files = Made("old", 2000,
+                                  {"app.exe", "core.dll", "data/profile.icc", "data/deep/table.bin",
+                                   "qorva.exe", "zul_rip.exe", "mine.txt"});
   return files;
 }
 
@@ -121,20 +69,27 @@ const Files& SampleUpdate::New() {
   return files;
 }
 
+bool SampleUpdate::IsRetired(const fs::Path& name) {
+  return name == "qorva.exe" || name == "zul_rip.exe";
+}
+
+Files SampleUpdate::FoundAtDestination() const {
+  if (scenario_ != Scenario::kReextraction) return {};
+  return Made("of an earlier run", 1, {"app.exe", "data/x"});
+}
+
 SampleUpdate::SampleUpdate(Scenario scenario, const fs::Path& place)
     : scenario_(scenario),
       folder_(place.empty() ? fresh_.path() : place),
       config_home_("QORVA_CONFIG_HOME", PathToUtf8(fresh_ / "config")) {
-  WriteFile(folder_ / "work" / "package.zip", Archive());
-  Write(folder_ / "elsewhere", Elsewhere());
+  Write(folder_, Elsewhere());
   Write(folder_ / "app", Old());
-  if (scenario == Scenario::kReextraction) Write(Destination(folder()), Stale());
-  if (!Extracts(scenario)) Write(Destination(folder()), Package());
+  Write(folder_ / "work/payload", Extracts(scenario) ? FoundAtDestination() : Package());
 }
 
 bool SampleUpdate::Run(Scenario scenario, const fs::Path& folder, std::string* error,
                        ApplyOutcome* outcome) {
-  const fs::Path destination = Destination(folder);
+  const fs::Path destination = folder / "work" / "payload";
   if (Extracts(scenario) && !ExtractPackage(folder / "work" / "package.zip", destination, error)) {
     return false;
   }
@@ -146,67 +101,56 @@ bool SampleUpdate::Run(Scenario scenario, const fs::Path& folder, std::string* e
 
 Files SampleUpdate::Installed() const {
   Files files = FilesBelow(folder_ / "app");
-  std::erase_if(files, [](const auto& file) { return IsTemporary(file.first); });
+  std::erase_if(files, [](const auto& file) {
+    return file.first.find(".zul_update_tmp_") != std::string::npos;
+  });
   return files;
 }
 
-void SampleUpdate::CheckInstallation(std::string& damage) const {
-  const Files found = Installed();
-  const Files backups = FilesBelow(folder_ / "work" / "rollback_backup");
-  for (const auto& [name, contents] : found) {
-    const auto old_file = Old().find(name);
-    const auto new_file = New().find(name);
-    const bool is_old = old_file != Old().end() && contents == old_file->second;
-    const bool is_new = new_file != New().end() && contents == new_file->second;
-    if (!is_old && !is_new) damage += "neither old nor new: " + name + "\n";
-  }
-  if (found == New()) return;  // complete: the backups have served
-  for (const auto& [name, contents] : Old()) {
-    const auto file = found.find(name);
-    if (file == found.end() && !IsRetired(name)) damage += "gone: " + name + "\n";
-    if (file != found.end() && file->second == contents) continue;
-    const auto backup = backups.find(name);
-    if (backup == backups.end() || backup->second != contents) damage += "lost: " + name + "\n";
-  }
-}
-
-void SampleUpdate::CheckDestination(std::string& damage) const {
-  const bool displaces = scenario_ == Scenario::kReextraction;
-  const fs::Path destination = Destination(folder());
-  bool whole = !displaces;
-  if (Exists(destination)) {
-    const Files found = FilesBelow(destination);
-    whole = found == Package() || (displaces && found == Stale());
-  } else if (displaces) {  // between the two renames the old tree is in a backup, whole
-    for (const std::string& name : ExtractionLeftovers()) {
-      whole = whole || FilesBelow(folder_ / "work" / *PathFromUtf8(name) / "previous") == Stale();
-    }
-  }
-  if (!whole) damage += "no whole tree at the destination\n";
-}
-
-void SampleUpdate::CheckSurroundings(std::string& damage) const {
-  if (ReadFile(folder_ / "work" / "package.zip") != Archive()) damage += "another package\n";
-  if (FilesBelow(folder_ / "elsewhere") != Elsewhere()) damage += "changed elsewhere\n";
-  const std::set<std::string> ours = {"app",         "config",  "elsewhere",      "work",
-                                      "package.zip", "payload", "rollback_backup"};
-  for (const fs::Path& parent : {folder(), folder_ / "work"}) {
-    for (const std::string& name : Names(parent)) {
-      if (!ours.contains(name) && !name.starts_with(".qorva-zip-"))
-        damage += "made: " + name + "\n";
-    }
-  }
-}
-
 std::vector<std::string> SampleUpdate::ExtractionLeftovers() const {
-  return Names(folder_ / "work", ".qorva-zip-");
+  std::vector<std::string> names;
+  std::error_code ec;
+  for (const fs::DirectoryEntry& entry : fs::ListDirectory(folder_ / "work", ec)) {
+    const std::string name = PathToUtf8(entry.path.filename());
+    if (name.starts_with(".qorva-zip-")) names.push_back(name);
+  }
+  return names;
+}
+
+bool SampleUpdate::HasWholeDestination() const {
+  const Files before = FoundAtDestination();
+  if (Exists(folder_ / "work/payload")) {
+    const Files found = FilesBelow(folder_ / "work/payload");
+    return found == Package() || (!before.empty() && found == before);
+  }
+  // Between the two renames the old tree is in a backup, whole.
+  const std::vector<std::string> beside = ExtractionLeftovers();
+  return before.empty() || std::any_of(beside.begin(), beside.end(), [&](const std::string& name) {
+           return FilesBelow(folder_ / "work" / name / "previous") == before;
+         });
 }
 
 std::string SampleUpdate::Damage() const {
   std::string damage;
-  CheckInstallation(damage);
-  CheckDestination(damage);
-  CheckSurroundings(damage);
+  const Files found = Installed();
+  for (const auto& [name, contents] : found) {
+    if (!Has(Old(), name, contents) && !Has(New(), name, contents))
+      damage += "torn: " + name + "\n";
+  }
+  const Files backups = FilesBelow(folder_ / "work/rollback_backup");
+  for (const auto& [name, contents] : Old()) {
+    if (found == New()) break;  // complete: the backups have served
+    if (!found.contains(name) && !IsRetired(name)) damage += "gone: " + name + "\n";
+    if (!Has(found, name, contents) && !Has(backups, name, contents))
+      damage += "lost: " + name + "\n";
+  }
+  if (!HasWholeDestination()) damage += "no whole tree at the destination\n";
+  Files around = FilesBelow(folder_);
+  for (const char* ours :
+       {"app/", "config/", "work/payload/", "work/rollback_backup/", "work/.qorva-zip-"}) {
+    std::erase_if(around, [&](const auto& file) { return file.first.starts_with(ours); });
+  }
+  if (around != Elsewhere()) damage += "changed elsewhere\n";
   return damage;
 }
 

@@ -4,7 +4,6 @@
 // folders that are there and in new ones. And what it must look like, whatever happened to it.
 
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "apply/apply.h"
@@ -31,22 +30,13 @@ class SampleUpdate {
   static bool Run(Scenario scenario, const fs::Path& folder, std::string* error = nullptr,
                   ApplyOutcome* outcome = nullptr);
 
-  bool Run(std::string* error = nullptr, ApplyOutcome* outcome = nullptr) const {
-    return Run(scenario_, folder_, error, outcome);
-  }
-
   [[nodiscard]] static const Files& Old();
   [[nodiscard]] static const Files& New();
   [[nodiscard]] static const Files& Package();
-  /// The old files that an update replaces or retires.
-  [[nodiscard]] static Files Replaced();
   [[nodiscard]] static bool IsRetired(const fs::Path& name);
 
   /// What stood at the destination of the extraction before.
   [[nodiscard]] Files FoundAtDestination() const;
-
-  /// How many temporary copies lie in the installation.
-  [[nodiscard]] std::size_t Temporaries() const;
 
   /// What lies in the installation; temporary copies that a dead process left are not of it.
   [[nodiscard]] Files Installed() const;
@@ -61,9 +51,7 @@ class SampleUpdate {
   [[nodiscard]] const fs::Path& folder() const { return folder_; }
 
  private:
-  void CheckInstallation(std::string& damage) const;
-  void CheckDestination(std::string& damage) const;
-  void CheckSurroundings(std::string& damage) const;
+  [[nodiscard]] bool HasWholeDestination() const;
 
   const Scenario scenario_;
   const TempFolder fresh_;
