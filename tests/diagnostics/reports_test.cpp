@@ -109,11 +109,11 @@ TEST_F(Reports, AreGivenUpBetweenOriginsAndBetweenReports) {
   // What another process has delivered meanwhile is not brought back.
   on_request_ = [this] {
     std::error_code ec;
-    fs::Remove(Queued("b.json"), ec);
+    fs::Remove(Queued(urls_.size() == 4 ? "c.json" : "b.json"), ec);
   };
   Drain();  // the one that was tried waits for the next process
   EXPECT_EQ(urls_.size(), 1u + 1 + 2);
-  EXPECT_EQ(test::ListTree(queue()), "a.json\nc.json\n");
+  EXPECT_EQ(test::ListTree(queue()), "a.json\n");
 }
 
 TEST_F(Reports, OfOneProcessAreTwentyFive) {
