@@ -12,11 +12,12 @@ namespace {
 
 constexpr std::uint32_t kChanges = 8;  // 2 retired, 4 replaced, 2 added
 
+/// New files of two pages of a disk, and of one, beside old ones of one.
 Files Made(const std::string& age, std::size_t size, std::initializer_list<const char*> names) {
   Files files;
   for (const std::string name : names) {
-    std::string& text = files[name];
-    while (text.size() < size) text += age + " " + name + "\n";
+    std::string& text = files[name] = age + " " + name + "\n";
+    while (text.size() < size) text += text;
   }
   return files;
 }
