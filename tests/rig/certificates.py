@@ -91,7 +91,6 @@ def registry_text(root: Path) -> str:
     body = root.read_text().split("-----BEGIN CERTIFICATE-----")[1]
     der = base64.b64decode(body.split("-----END CERTIFICATE-----")[0])
     thumbprint = hashlib.sha1(der).digest()
-    blob = b"".join(struct.pack("<III", number, 1, len(data)) + data
-                    for number, data in ((3, thumbprint), (32, der)))
+    blob = b"".join(struct.pack("<III", number, 1, len(data)) + data for number, data in ((3, thumbprint), (32, der)))
     key = r"HKEY_CURRENT_USER\Software\Microsoft\SystemCertificates\Root\Certificates"
     return f'REGEDIT4\n\n[{key}\\{thumbprint.hex().upper()}]\n"Blob"=hex:{blob.hex(",")}\n'

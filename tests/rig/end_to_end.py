@@ -9,12 +9,10 @@ run, a record of what the run is and what it must leave, and the promises that h
 
 import os
 import re
-import subprocess
 import time
 import unittest
 from collections.abc import Callable
 from dataclasses import dataclass, field
-from pathlib import Path
 
 import certificates
 import packages
@@ -34,8 +32,6 @@ PREPARED = ["updater_run_start"]
 FETCHED = [*PREPARED, "download_start", "download_redirect_resolution", "download_complete",
            "checksum_verify", "checksum_verify"]
 NOT_FETCHED = [*PREPARED, "download_start", "download_fail", "download_primary_fail"]
-BROKEN_OFF = [*PREPARED, "download_start", "download_redirect_resolution", "download_fail",
-              "download_primary_fail"]
 SELECTED = [*FETCHED, "download_selected"]
 EXTRACTED = [*SELECTED, "extract_start", "extract_ok", "apply_start"]
 NOT_EXTRACTED = [*SELECTED, "extract_start", "extract_fail"]
@@ -57,8 +53,8 @@ def apply_box(error: str) -> str:
 
 @dataclass
 class Run:
-    """One run and what it must leave. In texts <install>, <temp> and <work> stand for the scene's
-    folders, and for the system's own words and WinHTTP's codes a letter."""
+    """One run and what it must leave. In texts <install>, <temp>, <work> and <helper> stand for the
+    scene's folders, and for the system's own words and WinHTTP's codes a letter."""
 
     name: str
     code: int = 0  # 0: version 2 is up and its files are there; else the installation is as it was
@@ -87,8 +83,7 @@ class EndToEnd(unittest.TestCase):
         cls.installed = packages.installed_tree(programs.TEST_APPLICATION_1.read_bytes())
         cls.payload = packages.package_tree(programs.TEST_APPLICATION_2.read_bytes())
         cls.good_package = packages.zip_of(cls.payload)
-        cls.server = HttpsServer(certificates.make_authority("trusted"),
-                                 certificates.make_authority("stranger"))
+        cls.server = HttpsServer(certificates.make_authority("trusted"), certificates.make_authority("stranger"))
         cls.addClassCleanup(cls.server.__exit__)
 
     def scene(self, name: str) -> Scene:
@@ -109,16 +104,6 @@ class EndToEnd(unittest.TestCase):
             if top.is_dir() and top.name not in ("windows", "rig", "users") and top.name[:4] != "rig-":
                 files |= {f"{top.name}/{path}": digest for path, digest in packages.snapshot(top).items()}
         return files
-
-    def mount_small_disk(self, folder: Path, room_kib: int) -> None:
-        """Puts a folder on a disk of its own, with so much room beside what stands in it."""
-        content = {path: path.read_bytes() for path in folder.rglob("*") if path.is_file()}
-        size_kib = room_kib + sum((len(data) + 4095) // 4096 * 4 for data in content.values())
-        if subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size_kib}k", "rig-small", folder],
-                          capture_output=True).returncode != 0:
-            self.skipTest("no small file system can be mounted here")
-        self.addCleanup(subprocess.run, ["umount", "-l", folder], capture_output=True)
-        packages.write_tree(folder, {str(path.relative_to(folder)): data for path, data in content.items()})
 
     def serve(self, scene: Scene, host: str, reply: Reply, path: str = "package.zip") -> str:
         return self.server.on(host, f"/{scene.folder.name}/{path}", reply)
@@ -167,15 +152,16 @@ class EndToEnd(unittest.TestCase):
         updated = packages.updated_tree(self.installed, case.payload or self.payload)
         self.assert_installed(scene, case.tree or (self.installed if case.code else updated))
         self.assertEqual([] if case.kept is None else [sorted(case.kept)],
-                         [sorted(os.listdir(workspace)) for workspace in scene.temp.iterdir()])
+                         [sorted(os.listdir(workspace)) for workspace in scene.temp.glob("*")])
         self.assert_nothing_outside(scene)
 
     def plain(self, scene: Scene, text: str) -> str:
         """A text without what differs from run to run."""
         for folder, name in ((scene.install, "<install>"), (scene.temp, "<temp>")):
             text = text.replace(scene.windows(folder), name)
-        text = re.sub(r"<temp>\\qorva_updater_\d+", "<work>", text)
-        return re.sub(r"(\(code=|available )\d+", r"\1N", re.sub(r"message='[^']+'", "message='M'", text))
+        text = re.sub(r"<temp>\\(qorva_updater|zul_updater_launch)_[\d_]+",
+                      lambda found: "<work>" if found[1] == "qorva_updater" else "<helper>", text)
+        return re.sub(r"\(code=\d+\)", "(code=N)", re.sub(r"message='[^']+'", "message='M'", text))
 
     def assert_boxes(self, scene: Scene, outcome: Outcome, *boxes: tuple[str, str, tuple[str, ...]]) -> None:
         """The text, icon and buttons of each; an icon may be covered by the box of another run."""

@@ -9,8 +9,7 @@ from pathlib import Path
 
 Tree = dict[str, bytes]
 
-RETIRED_NAMES = ("qorva.exe", "zul_rip_gui.exe", "zul_rip.exe", "zul_updater.exe",
-                 "qorva_nest_bench.exe")
+RETIRED_NAMES = ("qorva.exe", "zul_rip_gui.exe", "zul_rip.exe", "zul_updater.exe", "qorva_nest_bench.exe")
 APPLICATION = "qorva_gui.exe"
 INSTALLER_MARKER = "qorva_installation.json"
 
@@ -132,8 +131,7 @@ def write_zip(target: Path | io.BytesIO, entries: list[tuple[str, bytes]], *, wr
             archive.writestr(info, data)
 
 
-def zip_of(tree: Tree, *more: tuple[str, bytes], wrapper: str = "", level: int = 6) -> bytes:
-    """The tree as a package; `more` adds entries under any name, however hostile."""
+def zip_of(tree: Tree, wrapper: str = "", level: int = 6) -> bytes:
     buffer = io.BytesIO()
-    write_zip(buffer, [*tree.items(), *more], wrapper=wrapper, level=level)
+    write_zip(buffer, list(tree.items()), wrapper=wrapper, level=level)
     return buffer.getvalue()

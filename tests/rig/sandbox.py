@@ -67,10 +67,6 @@ class Sandbox:
             fcntl.flock(in_use, fcntl.LOCK_EX | fcntl.LOCK_NB)
             session("stop")
 
-    def user_folder(self, user: str) -> Path:
-        """The profile of a user; a program that runs with USER set to the name has it for its own."""
-        return self.drive_c / "users" / user
-
     def run(self, *command: str, timeout: float = 60) -> str:
         """Runs a Windows program to its end and gives what it printed."""
         done = subprocess.run(["wine", *command], env=self.environment, stdin=subprocess.DEVNULL,
@@ -85,14 +81,9 @@ class Sandbox:
             return "C:\\" + str(path.relative_to(self.drive_c)).replace("/", "\\")
         return "Z:" + str(path.resolve()).replace("/", "\\")
 
-    def unix_path(self, path: str) -> Path:
-        assert path.lower().startswith("c:\\"), path
-        return self.drive_c / path[3:].replace("\\", "/")
-
     def environment_with_hosts(self) -> dict[str, str]:
         """For programs that have to find the deployment's hosts, and for their children."""
-        return {**self.environment, "LD_PRELOAD": "libnss_wrapper.so",
-                "NSS_WRAPPER_HOSTS": str(self.hosts_file)}
+        return {**self.environment, "LD_PRELOAD": "libnss_wrapper.so", "NSS_WRAPPER_HOSTS": str(self.hosts_file)}
 
 
 def session(verb: str) -> str:

@@ -58,15 +58,6 @@ class Apply(e2e.EndToEnd):
         (workspace,) = scene.workspaces()
         self.assertEqual(self.installed[FIRST], (workspace / "rollback_backup" / FIRST).read_bytes())
 
-    def test_a_short_hold_is_outlasted(self) -> None:
-        scene = self.scene("short hold")
-        case = Run("short hold", events=e2e.SUCCESS)
-        with programs.Hold(self.sandbox, scene.install / HELD):
-            run = self.begin(scene, case)
-            self.wait_for(run, lambda: (scene.install / FIRST).read_bytes() == self.payload[FIRST])
-            time.sleep(0.3)
-        self.verify(scene, run.finish(), case)
-
     def test_refuses_a_folder_under_the_name_of_a_retired_executable(self) -> None:
         scene = self.scene("retired folder")
         (scene.install / "zul_rip.exe").mkdir()

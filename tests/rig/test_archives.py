@@ -4,9 +4,9 @@ at the layout contract and the files stay in the workspace to be looked at; noth
 
 import contextlib
 import shutil
-import threading
 import unittest
 from concurrent.futures import ThreadPoolExecutor
+from queue import SimpleQueue
 
 import end_to_end as e2e
 import hostile_archives
@@ -20,8 +20,7 @@ from updater_run import Scene
 REFUSED = "Cannot extract update package: "
 LAYOUT = ("Update package contract validation failed: Update package layout mismatch. "
           "Required files are missing: ")
-HINT = (" Supported layout is either flat ZIP root or a single top-level wrapper folder "
-        "containing those files.")
+HINT = (" Supported layout is either flat ZIP root or a single top-level wrapper folder " "containing those files.")
 AT_ONCE = 4
 INSTALLED = {"qorva_gui.exe": b"version 1", "qorva_installation.json": b"{}"}
 
@@ -49,24 +48,23 @@ class Packages(e2e.EndToEnd):
 class Archives(e2e.EndToEnd):
     def test_each_is_refused_or_read_as_expected(self) -> None:
         self.installed = INSTALLED
-        left = iter(hostile_archives.cases_for_the_executable())
         before = self.names_outside()
-        lock = threading.Lock()
-        faults: list[str] = []
+        scenes: SimpleQueue[Scene] = SimpleQueue()
+        for number in range(AT_ONCE):
+            scenes.put(self.scene(f"{number}"))
 
-        def work(scene: Scene) -> None:
-            while True:
-                with lock:
-                    case = next(left, None)
-                if case is None:
-                    return
-                try:
-                    self.check_archive(scene, case)
-                except (AssertionError, OSError, RuntimeError) as fault:
-                    faults.append(f"{case.name}: {fault}")
+        def fault_of(case: Case) -> str:
+            scene = scenes.get()
+            try:
+                self.check_archive(scene, case)
+            except (AssertionError, OSError, RuntimeError) as fault:
+                return f"{case.name}: {fault}"
+            finally:
+                scenes.put(scene)
+            return ""
 
         with ThreadPoolExecutor(AT_ONCE) as workers:
-            list(workers.map(work, [self.scene(f"{number}") for number in range(AT_ONCE)]))
+            faults = list(filter(None, workers.map(fault_of, hostile_archives.cases_for_the_executable())))
         self.assertEqual(([], before), (faults, self.names_outside()))
 
     def names_outside(self) -> set[str]:

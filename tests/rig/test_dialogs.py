@@ -49,11 +49,7 @@ class Dialogs(e2e.EndToEnd):
         scene = self.scene("no temp")
         scene.temp.rmdir()
         scene.temp.write_bytes(b"not a folder")
-        outcome = self.begin(scene, Run("")).finish()
-        self.assertEqual(2, outcome.exit_code)
-        self.assert_boxes(scene, outcome, ("Cannot create updater temp directory.", "error", ("ok",)))
-        self.assert_trace(scene, outcome, e2e.PREPARED)
-        self.assert_installed(scene, self.installed)
+        self.check(Run("", 2, "Cannot create updater temp directory.", e2e.PREPARED), scene)
         self.assertEqual([], self.server.requests("/Dialogs-no-temp"))
 
 

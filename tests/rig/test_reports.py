@@ -56,8 +56,8 @@ class ReportRuns(e2e.EndToEnd):
     def posts(self) -> list[Request]:
         return self.endpoint.requests()
 
-    def fail(self, scene: Scene, case: Run = Run("", query="?token=zzqtoken", primary=Reply(status=404)),
-             message: str = NOT_FOUND, **options) -> Outcome:
+    def run_failing(self, scene: Scene, case: Run = Run("", query="?token=zzqtoken", primary=Reply(status=404)),
+                    message: str = NOT_FOUND, **options) -> Outcome:
         """A run that ends with a message box, as it is unless told since its package is not there."""
         outcome = self.begin(scene, case, **options).finish()
         self.assertEqual(2, outcome.exit_code, (outcome.dialogs, self.log(scene)))
@@ -75,7 +75,7 @@ class ReportRuns(e2e.EndToEnd):
 class Delivery(ReportRuns):
     def test_a_failed_run_is_reported_once_and_leaves_nothing(self) -> None:
         scene = self.scene("delivered")
-        self.fail(scene)
+        self.run_failing(scene)
         (post,) = self.posts()
         self.assertEqual((places.REPORT_HOSTS[0], PATH, "POST"), (post.host, post.path, post.method))
         self.assertEqual("application/json", post.headers["content-type"])
@@ -105,7 +105,7 @@ class Delivery(ReportRuns):
             with self.subTest(name):
                 scene = self.scene(name)
                 self.answer(reply, OK)
-                self.fail(scene)
+                self.run_failing(scene)
                 self.assertEqual(list(places.REPORT_HOSTS), [post.host for post in self.posts()])
                 first, second = json.loads(self.posts()[1].body)["upload_attempts"]
                 self.assertEqual([("failed", "primary"), ("attempting", "rf")],
@@ -117,7 +117,7 @@ class Delivery(ReportRuns):
     def test_what_no_origin_takes_waits_for_the_next_process(self) -> None:
         scene = self.scene("kept")
         self.answer(Reply(status=500), Reply(status=502))
-        self.fail(scene)
+        self.run_failing(scene)
         (kept,) = self.queued(scene)
         self.assertEqual([("primary", 500, "failed", "failure"), ("rf", 502, "failed", "failure")],
                          [tuple(attempt[key] for key in ("origin_role", "http_status", "result", "chain_event"))
@@ -126,7 +126,7 @@ class Delivery(ReportRuns):
                                                  for key in ("status", "origin_role", "http_status")])
         self.assertEqual("failed", kept["upload_contract"]["result"])
         self.answer(OK, OK)
-        self.fail(scene)
+        self.run_failing(scene)
         self.assertEqual([3, 1], [len(json.loads(post.body)["upload_attempts"]) for post in self.posts()])
         self.assertEqual([], self.queued(scene))
 
@@ -138,7 +138,7 @@ class Delivery(ReportRuns):
                 packages.write_tree(scene.reports, {f"{number}.json": b'{"kind":"earlier"}' for number in range(3)})
                 self.answer(reply, reply)
                 boxes: list[float] = []
-                self.fail(scene, on_box=lambda: boxes.append(time.monotonic()))
+                self.run_failing(scene, on_box=lambda: boxes.append(time.monotonic()))
                 self.assertLess(time.monotonic() - boxes[0], DRAIN_SECONDS + REQUEST_SECONDS)
                 self.assertEqual(4, len(self.queued(scene)), "a report was lost")
                 self.assertIn("drain timed out after 15000 ms; requesting cancellation", self.log(scene))
@@ -223,14 +223,14 @@ class Privacy(ReportRuns):
                 self.answer(OK, OK)
                 case.query = URL_PRIVATE
                 scene = self.scene(case.name)
-                self.fail(scene, case, message)
+                self.run_failing(scene, case, message)
                 self.assert_nothing_private(scene)
 
     def test_of_an_apply_that_failed(self) -> None:
         scene = self.scene("apply")
         held = "zz_last.dat"
         with programs.Hold(self.sandbox, scene.install / held):
-            self.fail(scene, Run("", query=URL_PRIVATE), "Automatic update failed during apply stage.")
+            self.run_failing(scene, Run("", query=URL_PRIVATE), "Automatic update failed during apply stage.")
         (report,) = self.assert_nothing_private(scene, held)
         self.assertIn("target='[redacted-path]', reason=permission_or_lock", report["reason"])
         self.assertEqual("apply", report["details"]["stage"])
@@ -249,7 +249,7 @@ class Privacy(ReportRuns):
         packages.write_tree(scene.crashes, {
             "session_state/active_4294967280_s_1.json": json.dumps(session).encode(),
             "zzqapp_crash_1.dmp": b"zzqmemory"})
-        self.fail(scene)
+        self.run_failing(scene)
         kinds = sorted(report["kind"] for report in self.assert_nothing_private(scene))
         self.assertIn(kinds, (["crash", kind, "updater_error"] for kind in ("host_restart", "unexpected_exit")))
 

@@ -45,9 +45,9 @@ class Scene:
     def __init__(self, sandbox: Sandbox, name: str):
         self.sandbox = sandbox
         self.folder = sandbox.drive_c / "rig" / name
-        # A user of its own, since crash evidence and reports lie in the user's profile.
+        # A user of its own, since crash evidence and reports lie in the profile of whoever USER names.
         self.user = f"rig-{zlib.crc32(name.encode()):08x}"
-        self.profile = sandbox.user_folder(self.user)
+        self.profile = sandbox.drive_c / "users" / self.user
         self.runs: list[UpdaterRun] = []
         self.failures = 0  # runs that had to leave a report
         self.started_inside = False  # whether one was started from the installation

@@ -90,8 +90,7 @@ class Entry:
     def central_part(self, offset: int) -> bytes:
         fields = {"signature": b"PK\1\2", "made_by": 3 << 8 | 20, "offset": offset,
                   **self.right, **self.both, **self.central}
-        return self.header(CENTRAL, self.name, self.extra + self.central_extra, fields,
-                           ("size", "packed", "offset"))
+        return self.header(CENTRAL, self.name, self.extra + self.central_extra, fields, ("size", "packed", "offset"))
 
 
 def archive(*entries: Entry, prefix: bytes = b"", gap: bytes = b"", after_directory: bytes = b"",

@@ -14,8 +14,10 @@
 //   click CLASS PID ID        waits up to 20 s for a button of this id that can be pressed in such
 //   a
 //                             window, prints its text and clicks it
-//   watch CLASS PID           asks such a window for signs of life until the process has ended; see
-//                             watch_win32.cpp
+//   watch CLASS PID           asks such windows for a sign of life over and over until the process
+//                             has ended, and prints {"answers":1234,"slow":[[80100,80180]]}: each
+//                             answer of 50 ms or more by when it was asked for and when it came,
+//                             in ms of the system's clock; 5000 ms stand for none at all
 //   hold FILE [--when-told] [--from-child]
 //       Holds a file open, so that others can only read it, until standard input ends; with
 //       --when-told it opens it once a line comes. Prints "held" and its pid. With --from-child a

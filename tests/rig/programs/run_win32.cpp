@@ -1,9 +1,11 @@
 // The verb "run": one program, its message boxes and its end.
 
+#include <filesystem>
+#include <fstream>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "core/handle_win32.h"
 #include "tests/rig/programs/rig_tool_win32.h"
 
 namespace zul::rig {
@@ -14,24 +16,11 @@ using Json = nlohmann::json;
 const std::map<int, std::string> kButtonNames = {
     {IDOK, "ok"}, {IDCANCEL, "cancel"}, {IDYES, "yes"}, {IDNO, "no"}};
 
-class ReportFile {
- public:
-  explicit ReportFile(const std::string& path) : path_(Widen(path)) {}
-
-  void Add(const Json& event) const {
-    const UniqueFileHandle file(CreateFileW(path_.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ,
-                                            nullptr, OPEN_ALWAYS, 0, nullptr));
-    const std::string line = event.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
-    DWORD written = 0;
-    WriteFile(file.get(), line.data(), static_cast<DWORD>(line.size()), &written, nullptr);
-  }
-  [[nodiscard]] bool MayGo() const {
-    return GetFileAttributesW((path_ + L".go").c_str()) != INVALID_FILE_ATTRIBUTES;
-  }
-
- private:
-  std::wstring path_;
-};
+/// Appends a line to the report.
+void Note(const std::filesystem::path& report, const Json& event) {
+  std::ofstream(report, std::ios::binary | std::ios::app)
+      << event.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
 
 /// Which icon a control of another process shows, by its colour on the screen, since the icon's
 /// handle means nothing outside its process. "unknown" when another window covers it.
@@ -45,7 +34,7 @@ const char* IconName(HWND icon) {
   const HDC screen = GetDC(nullptr);
   const HDC copy = CreateCompatibleDC(screen);
   const HBITMAP bitmap = CreateCompatibleBitmap(screen, width, height);
-  const HGDIOBJ previous = SelectObject(copy, bitmap);
+  SelectObject(copy, bitmap);  // left to the end of the process, which is near
   BitBlt(copy, 0, 0, width, height, screen, place.left, place.top, SRCCOPY);
   std::map<std::string, int> counts;
   for (int at = 0; at < width * height; ++at) {
@@ -55,10 +44,6 @@ const char* IconName(HWND icon) {
     if (red > blue + 96) ++counts[red > GetGValue(colour) + 160 ? "error" : "warning"];
     if (blue > red + 64) ++counts["information"];
   }
-  SelectObject(copy, previous);
-  DeleteObject(bitmap);
-  DeleteDC(copy);
-  ReleaseDC(nullptr, screen);
   const char* name = "unknown";
   int most = width * height / 8;
   for (const auto& [candidate, count] : counts) {
@@ -107,7 +92,8 @@ void Dismiss(const Box& box, const std::string& wanted) {
 }  // namespace
 
 int RunProgram(const Arguments& arguments) {
-  const ReportFile report(OptionValue(arguments, "--report").value());
+  const std::filesystem::path report = Widen(OptionValue(arguments, "--report").value());
+  const std::filesystem::path go = report.native() + L".go";
   const std::wstring folder = Widen(OptionValue(arguments, "--folder").value());
   const auto press = OptionValue(arguments, "--press");
   const bool without_output = OptionValue(arguments, "--no-output").has_value();
@@ -125,16 +111,16 @@ int RunProgram(const Arguments& arguments) {
   PROCESS_INFORMATION process{};
   if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, !without_output, 0, nullptr,
                       folder.c_str(), &startup, &process)) {
-    report.Add({{"failed", GetLastError()}});
+    Note(report, {{"failed", GetLastError()}});
     return 1;
   }
-  report.Add({{"pid", process.dwProcessId}});
+  Note(report, {{"pid", process.dwProcessId}});
   const bool ended = WaitUntil(OptionNumber(arguments, "--timeout-ms"), [&] {
     if (WaitForSingleObject(process.hProcess, 0) == WAIT_OBJECT_0) return true;
     if (!press) return false;
     if (const Box box = FindBox(process.dwProcessId); !box.buttons.empty()) {
-      report.Add({{"box", box.seen}});
-      if (wait) WaitUntil(60000, [&report] { return report.MayGo(); });
+      Note(report, {{"box", box.seen}});
+      if (wait) WaitUntil(60000, [&go] { return std::filesystem::exists(go); });
       Dismiss(box, *press);
     }
     return false;
@@ -142,7 +128,7 @@ int RunProgram(const Arguments& arguments) {
   DWORD code = 0;
   GetExitCodeProcess(process.hProcess, &code);
   if (!ended) TerminateProcess(process.hProcess, 1);
-  report.Add({{"exit", ended ? Json(code) : Json("timeout")}});
+  Note(report, {{"exit", ended ? Json(code) : Json("timeout")}});
   return 0;
 }
 
