@@ -9,10 +9,12 @@ run, a record of what the run is and what it must leave, and the promises that h
 
 import os
 import re
+import subprocess
 import time
 import unittest
 from collections.abc import Callable
 from dataclasses import dataclass, field
+from pathlib import Path
 
 import certificates
 import packages
@@ -32,6 +34,8 @@ PREPARED = ["updater_run_start"]
 FETCHED = [*PREPARED, "download_start", "download_redirect_resolution", "download_complete",
            "checksum_verify", "checksum_verify"]
 NOT_FETCHED = [*PREPARED, "download_start", "download_fail", "download_primary_fail"]
+BROKEN_OFF = [*PREPARED, "download_start", "download_redirect_resolution", "download_fail",
+              "download_primary_fail"]
 SELECTED = [*FETCHED, "download_selected"]
 EXTRACTED = [*SELECTED, "extract_start", "extract_ok", "apply_start"]
 NOT_EXTRACTED = [*SELECTED, "extract_start", "extract_fail"]
@@ -105,6 +109,16 @@ class EndToEnd(unittest.TestCase):
                 files |= {f"{top.name}/{path}": digest for path, digest in packages.snapshot(top).items()}
         return files
 
+    def mount_small_disk(self, folder: Path, room_kib: int) -> None:
+        """Puts a folder on a disk of its own, with so much room beside what stands in it."""
+        content = {path: path.read_bytes() for path in folder.rglob("*") if path.is_file()}
+        size_kib = room_kib + sum((len(data) + 4095) // 4096 * 4 for data in content.values())
+        if subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size_kib}k", "rig-small", folder],
+                          capture_output=True).returncode != 0:
+            self.skipTest("no small file system can be mounted here")
+        self.addCleanup(subprocess.run, ["umount", "-l", folder], capture_output=True)
+        packages.write_tree(folder, {str(path.relative_to(folder)): data for path, data in content.items()})
+
     def serve(self, scene: Scene, host: str, reply: Reply, path: str = "package.zip") -> str:
         return self.server.on(host, f"/{scene.folder.name}/{path}", reply)
 
@@ -161,7 +175,7 @@ class EndToEnd(unittest.TestCase):
             text = text.replace(scene.windows(folder), name)
         text = re.sub(r"<temp>\\(qorva_updater|zul_updater_launch)_[\d_]+",
                       lambda found: "<work>" if found[1] == "qorva_updater" else "<helper>", text)
-        return re.sub(r"\(code=\d+\)", "(code=N)", re.sub(r"message='[^']+'", "message='M'", text))
+        return re.sub(r"(\(code=|available )\d+", r"\1N", re.sub(r"message='[^']+'", "message='M'", text))
 
     def assert_boxes(self, scene: Scene, outcome: Outcome, *boxes: tuple[str, str, tuple[str, ...]]) -> None:
         """The text, icon and buttons of each; an icon may be covered by the box of another run."""

@@ -13,7 +13,6 @@ from https_server import Reply, redirect
 
 NOT_FROM_MIRROR = ["download_start", "download_fail", "download_fallback_fail"]
 FROM_MIRROR = [*e2e.FETCHED[1:], "download_fallback_ok", "download_selected", *e2e.SUCCESS[len(e2e.SELECTED):]]
-BROKEN_OFF = [*e2e.PREPARED, "download_start", "download_redirect_resolution", "download_fail", "download_primary_fail"]
 FAILED = "Update download failed: "
 LOST = FAILED + "WinHTTP send/receive failed (code=N)"
 TRANSPORT = {"download_fail": {"reason": "winhttp_send_receive", "failure_kind": "transport"}}
@@ -75,7 +74,7 @@ class Origins(e2e.EndToEnd):
             ("after an untrusted redirect", redirect(self.server.url(places.UNTRUSTED_HOST, "/x.zip")), e2e.NOT_FETCHED),
             ("after a wrong checksum", Reply(body=packages.noise(300_000, "wrong")), unverified),
             ("after a cut transfer", Reply(body=self.good_package, cut_after=70_000), unverified),
-            ("after a reset", Reply(body=self.good_package, cut_after=70_000, reset=True), BROKEN_OFF))))
+            ("after a reset", Reply(body=self.good_package, cut_after=70_000, reset=True), e2e.BROKEN_OFF))))
 
     def test_refuses_transfers_that_are_not_the_package(self) -> None:
         good = self.good_package
@@ -141,7 +140,7 @@ class Endless(e2e.EndToEnd):
     """Takes a gigabyte before it gives up, so it runs beside everything else."""
 
     def test_stops_at_the_largest_size_of_a_package(self) -> None:
-        self.check(Run("endless", 2, TOO_LARGE, BROKEN_OFF, kept=(e2e.PACKAGE,),
+        self.check(Run("endless", 2, TOO_LARGE, e2e.BROKEN_OFF, kept=(e2e.PACKAGE,),
                        primary=Reply(body=bytes(1 << 18), declared_length=None, endless=True),
                        details={"download_fail": {"reason": "download_size_cap", "failure_kind": "file_io"}}))
 
@@ -153,7 +152,7 @@ class Stall(e2e.EndToEnd):
         payload = {**self.payload, "filler.bin": packages.noise(3 << 20, "filler")}
         package = packages.zip_of(payload)
         _, outcome = self.check(Run(
-            "stall", events=[*BROKEN_OFF, *FROM_MIRROR], package=package, payload=payload,
+            "stall", events=[*e2e.BROKEN_OFF, *FROM_MIRROR], package=package, payload=payload,
             primary=Reply(body=package, stall_after=2_200_000), mirror=Reply(body=package),
             details={"download_primary_fail": {"bytes_downloaded": "2200000"}}))
         self.assertGreater(outcome.seconds, 29)

@@ -78,10 +78,7 @@ class Recovery(e2e.EndToEnd):
         scene = self.scene("full")
         disk = scene.roaming / "QORVA"
         disk.mkdir()
-        if subprocess.run(["mount", "-t", "tmpfs", "-o", "size=4m", "rig-full", disk],
-                          capture_output=True).returncode != 0:
-            self.skipTest("no small file system can be mounted here")
-        self.addCleanup(subprocess.run, ["umount", "-l", disk], capture_output=True)
+        self.mount_small_disk(disk, 4096)
         application, run = self.begin_waiting(scene)
         subprocess.run(["sh", "-c", f"cat /dev/zero > '{disk}/filler'"], capture_output=True)
         programs.close_application(self.sandbox, application.pid)
