@@ -45,7 +45,6 @@ constexpr const char* kNothing = "observer_started ready - - -";
 constexpr const char* kCollecting = "std_terminate collecting_stack - false 0";
 const Ending kEndings[] = {
     {"exit-other", 8, "process_exit_cause_unclassified exit_status_only - true -"},
-    {"exit-undeclared", 7, kUnclassified},
     {"abort", 3, kUnclassified},
     {"wait", kTerminatedCode, kUnclassified},
     {"null-write", 0xC0000005, kCrash},
