@@ -40,7 +40,7 @@ class Sessions : public testing::Test {
   /// A session as its observed process and, if there is one, its observer leave it.
   fs::Path Add(const std::string& name, const ProcessKey& observed, const ProcessKey* observer,
                const json& changes = json::object()) const {
-    const fs::Path session = compact_ / name;
+    fs::Path session = compact_ / name;
     WriteFile(session / "emergency.bin", "");
     json record = BuildBaseRecord(observed, kNow);
     EXPECT_TRUE(CommitEvidenceRecord(session / "metadata.json", record, nullptr));
