@@ -39,7 +39,7 @@ TEST(BoundedRead, TellsAbsentFromBroken) {
       // Only Windows refuses to open a folder; elsewhere its kind is seen after the open.
       {at("dir"), (kOnWindows ? "Cannot open file: " : "Path is not a regular file: ") + at("dir")},
       {refused, "Cannot open file: " + refused + ": "},
-      {test::NullDevice(), "Path is not a regular disk file: " + test::NullDevice()},
+      {test::kNullDevice, std::string("Path is not a regular disk file: ") + test::kNullDevice},
       {"", "Cannot resolve file path root: "},
       {"\xff", "Cannot open file: "}};
   for (const auto& [path, message] : cases) {  // the message's beginning; empty when absent

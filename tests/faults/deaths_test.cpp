@@ -34,7 +34,7 @@ TEST(Deaths, NoStepLosesAFileAndTheNextRunSucceeds) {
 
             std::string error;
             ASSERT_TRUE(SampleUpdate::Run(Scenario::kUpdate, update.folder(), &error)) << error;
-            ASSERT_EQ(update.Installed(), SampleUpdate::New());
+            ASSERT_EQ(update.Installed(), SampleUpdate::kNew);
             ASSERT_EQ(update.Damage(), "");
           }
         });

@@ -48,10 +48,8 @@ const Wording kWordings[] = {
     {"Cannot finalize extraction directory: {code}", " Rename "},
 
     {"Staged update directory is missing: '", " KindOf "},
-    {"Cannot enumerate staged update tree for validation: '{code}", " Next "},
-    {"Cannot enumerate staged update tree: '{code}", " Next "},
-    {"Cannot resolve staged relative path during validation for '{code}", " WeaklyCanonical "},
-    {"Cannot resolve staged relative path for '{code}", " WeaklyCanonical "},
+    {"Cannot enumerate staged update tree{code}", " Next "},
+    {"Cannot resolve staged relative path {code}", " WeaklyCanonical "},
     {"Update payload target cannot be normalized: '", " WeaklyCanonical "},
     {"Update payload target escapes the update directory: '", " WeaklyCanonical "},
     {"Update target directory cannot be normalized: '", " WeaklyCanonical "},
@@ -97,7 +95,7 @@ class FaultyRun {
   }
 
   void ExpectExtractionKeepsItsPromises() const {
-    EXPECT_EQ(update_.Installed(), SampleUpdate::Old());
+    EXPECT_EQ(update_.Installed(), SampleUpdate::kOld);
     const std::vector<std::string> leftovers = update_.ExtractionLeftovers();
     constexpr std::string_view kPreserved = "; previous destination preserved at ";
     if (const std::size_t at = error_.find(kPreserved); at != std::string::npos) {
@@ -109,7 +107,7 @@ class FaultyRun {
       // What should be removed and cannot be stays, and the outcome stands.
       EXPECT_TRUE(leftovers.empty() || IsIn(" KindOf RemoveTree ", call_.name));
       EXPECT_EQ(FilesBelow(update_.folder() / "work/payload"),
-                ok_ ? SampleUpdate::Package() : update_.FoundAtDestination());
+                ok_ ? SampleUpdate::kPackage : update_.FoundAtDestination());
     }
     EXPECT_TRUE(call_.name != "Rename" || ok_ == passes_);
     EXPECT_TRUE(ok_ || IsWorded(call_.name, error_, plan_.error)) << error_;
@@ -120,8 +118,7 @@ class FaultyRun {
     EXPECT_EQ(outcome_.kind, ok_            ? ApplyOutcomeKind::kApplied
                              : HasChanged() ? ApplyOutcomeKind::kRolledBack
                                             : ApplyOutcomeKind::kFailedBeforeChange);
-    EXPECT_EQ(FilesBelow(update_.folder() / "app"),
-              ok_ ? SampleUpdate::New() : SampleUpdate::Old());
+    EXPECT_EQ(FilesBelow(update_.folder() / "app"), ok_ ? SampleUpdate::kNew : SampleUpdate::kOld);
     EXPECT_TRUE(ok_ || IsWorded(call_.name, error_, plan_.error)) << error_;
     constexpr std::string_view kUndone =
         " Rollback completed and every restored target was verified.";
@@ -133,12 +130,12 @@ class FaultyRun {
     EXPECT_TRUE(!ok_ && (incomplete || outcome_.kind == ApplyOutcomeKind::kRolledBack));
     EXPECT_TRUE(!IsRetried() || incomplete == !passes_);
     Files installed = update_.Installed();
-    Files old = SampleUpdate::Old();
+    Files old = SampleUpdate::kOld;
     if (incomplete) {
       constexpr std::string_view kStart =
           "RECOVERY_REQUIRED: update apply failed: fault injection: apply failed after 8 "
-          "successful "
-          "replacement(s). Rollback was incomplete; do not start QORVA from this folder. ";
+          "successful replacement(s). Rollback was incomplete; do not start QORVA from this "
+          "folder. ";
       EXPECT_TRUE(error_.starts_with(kStart)) << error_;
       EXPECT_EQ(outcome_.message, error_);
       // Every file but the one that is named is back, and all backups are there.
@@ -149,7 +146,7 @@ class FaultyRun {
       old.erase(name);
     }
     EXPECT_EQ(installed, old);
-    Files replaced = SampleUpdate::Old();
+    Files replaced = SampleUpdate::kOld;
     replaced.erase("mine.txt");
     EXPECT_EQ(FilesBelow(update_.folder() / "work/rollback_backup"), replaced);
   }
@@ -160,9 +157,9 @@ class FaultyRun {
     if (outcome_.kind == ApplyOutcomeKind::kRecoveryRequired) {
       EXPECT_EQ(plan_.fault, Fault::kFailForGood);
       EXPECT_NE(error_.find("' could not be inspected "), std::string::npos) << error_;
-      EXPECT_FALSE(SampleUpdate::Old().contains(NameBelow("app").value_or(""))) << error_;
+      EXPECT_FALSE(SampleUpdate::kOld.contains(NameBelow("app").value_or(""))) << error_;
     }
-    EXPECT_EQ(update_.Installed(), SampleUpdate::Old());
+    EXPECT_EQ(update_.Installed(), SampleUpdate::kOld);
   }
 
  private:

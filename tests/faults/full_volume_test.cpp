@@ -21,9 +21,7 @@ struct SpaceCase {
   Scenario scenario;
   /// What one amount of space or another must lead to.
   std::vector<std::string> failures;
-};
-
-const SpaceCase kSpaceCases[] = {
+} const kSpaceCases[] = {
     {"extraction",
      Scenario::kExtraction,
      {"not enough disk space for ZIP extraction", "cannot write extracted file"}},
@@ -54,11 +52,11 @@ TEST(FullVolume, LosesNothingAndIsToldAndTheNextRunSucceeds) {
       EXPECT_EQ(FilesBelow(place / "app"), update.Installed());  // no temporary copies
       met.insert(error.substr(0, error.find(':')));
       EXPECT_TRUE(ok || outcome.kind == ApplyOutcomeKind::kRecoveryRequired ||
-                  update.Installed() == SampleUpdate::Old());
+                  update.Installed() == SampleUpdate::kOld);
 
       fs::Remove(volume.path() / "filler", ec);
       EXPECT_TRUE(SampleUpdate::Run(Scenario::kUpdate, place, &error)) << error;
-      EXPECT_EQ(update.Installed(), SampleUpdate::New());
+      EXPECT_EQ(update.Installed(), SampleUpdate::kNew);
       ASSERT_TRUE(fs::RemoveTree(place, ec));
     }
     for (const std::string& failure : row.failures) EXPECT_TRUE(met.contains(failure)) << failure;

@@ -35,7 +35,7 @@ void Write(const fs::Path& root, const Files& files) {
 const Files& Elsewhere() {
   static const Files files = [] {
     ZipBuilder zip;
-    for (const auto& [name, data] : SampleUpdate::Package()) zip.File(name, data).Deflated();
+    for (const auto& [name, data] : SampleUpdate::kPackage) zip.File(name, data).Deflated();
     return Files{{"work/package.zip", zip.Build()}, {"elsewhere/file.txt", "nobody's business"}};
   }();
   return files;
@@ -47,28 +47,21 @@ bool Extracts(Scenario scenario) {
 
 }  // namespace
 
-const Files& SampleUpdate::Package() {
-  static const Files files = Made("new", 3000,
-                                  {"app.exe", "core.dll", "data/profile.icc", "data/deep/table.bin",
-                                   "data/deep/er/new.bin", "fresh/added.dll"});
-  return files;
-}
+const Files SampleUpdate::kOld =
+    Made("old", 2000,
+         {"app.exe", "core.dll", "data/profile.icc", "data/deep/table.bin", "qorva.exe",
+          "zul_rip.exe", "mine.txt"});
 
-const Files& SampleUpdate::Old() {
-  static const Files files = Made("old", 2000,
-                                  {"app.exe", "core.dll", "data/profile.icc", "data/deep/table.bin",
-                                   "qorva.exe", "zul_rip.exe", "mine.txt"});
-  return files;
-}
+const Files SampleUpdate::kPackage =
+    Made("new", 3000,
+         {"app.exe", "core.dll", "data/profile.icc", "data/deep/table.bin", "data/deep/er/new.bin",
+          "fresh/added.dll"});
 
-const Files& SampleUpdate::New() {
-  static const Files files = [] {
-    Files made = Package();
-    made["mine.txt"] = Old().at("mine.txt");
-    return made;
-  }();
+const Files SampleUpdate::kNew = [] {
+  Files files = kPackage;
+  files["mine.txt"] = kOld.at("mine.txt");
   return files;
-}
+}();
 
 bool SampleUpdate::IsRetired(const fs::Path& name) {
   return name == "qorva.exe" || name == "zul_rip.exe";
@@ -84,8 +77,8 @@ SampleUpdate::SampleUpdate(Scenario scenario, const fs::Path& place)
       folder_(place.empty() ? fresh_.path() : place),
       config_home_("QORVA_CONFIG_HOME", PathToUtf8(fresh_ / "config")) {
   Write(folder_, Elsewhere());
-  Write(folder_ / "app", Old());
-  Write(folder_ / "work/payload", Extracts(scenario) ? FoundAtDestination() : Package());
+  Write(folder_ / "app", kOld);
+  Write(folder_ / "work/payload", Extracts(scenario) ? FoundAtDestination() : kPackage);
 }
 
 bool SampleUpdate::Run(Scenario scenario, const fs::Path& folder, std::string* error,
@@ -122,7 +115,7 @@ bool SampleUpdate::HasWholeDestination() const {
   const Files before = FoundAtDestination();
   if (Exists(folder_ / "work/payload")) {
     const Files found = FilesBelow(folder_ / "work/payload");
-    return found == Package() || (!before.empty() && found == before);
+    return found == kPackage || (!before.empty() && found == before);
   }
   // Between the two renames the old tree is in a backup, whole.
   const std::vector<std::string> beside = ExtractionLeftovers();
@@ -135,12 +128,11 @@ std::string SampleUpdate::Damage() const {
   std::string damage;
   const Files found = Installed();
   for (const auto& [name, contents] : found) {
-    if (!Has(Old(), name, contents) && !Has(New(), name, contents))
-      damage += "torn: " + name + "\n";
+    if (!Has(kOld, name, contents) && !Has(kNew, name, contents)) damage += "torn: " + name + "\n";
   }
   const Files backups = FilesBelow(folder_ / "work/rollback_backup");
-  for (const auto& [name, contents] : Old()) {
-    if (found == New()) break;  // complete: the backups have served
+  for (const auto& [name, contents] : kOld) {
+    if (found == kNew) break;  // complete: the backups have served
     if (!found.contains(name) && !IsRetired(name)) damage += "gone: " + name + "\n";
     if (!Has(found, name, contents) && !Has(backups, name, contents))
       damage += "lost: " + name + "\n";

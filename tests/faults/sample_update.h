@@ -30,9 +30,9 @@ class SampleUpdate {
   static bool Run(Scenario scenario, const fs::Path& folder, std::string* error = nullptr,
                   ApplyOutcome* outcome = nullptr);
 
-  [[nodiscard]] static const Files& Old();
-  [[nodiscard]] static const Files& New();
-  [[nodiscard]] static const Files& Package();
+  static const Files kOld;
+  static const Files kPackage;
+  static const Files kNew;
   [[nodiscard]] static bool IsRetired(const fs::Path& name);
 
   /// What stood at the destination of the extraction before.

@@ -6,27 +6,30 @@
 #include <string>
 #include <utility>
 
+#include "core/process_environment.h"
+
 namespace zul::test {
 
-/// The raw calls of the system. Texts UTF-8.
-[[nodiscard]] std::optional<std::string> ReadVariable(const std::string& name);
+/// Sets a variable, or unsets it. Texts UTF-8.
 void WriteVariable(const std::string& name, const std::optional<std::string>& value);
 
-/// Sets `name` to `value`, or unsets it, and puts the old value back at the end of the scope.
-/// (An empty value is set as empty; Windows may then report it as unset.)
+/// Sets `name` to `value`, or unsets it, and puts the old value back at the end of the scope. One
+/// that was empty is unset then, which Windows does not tell apart.
 class ScopedEnvironment {
  public:
   ScopedEnvironment(std::string name, const std::optional<std::string>& value)
-      : name_(std::move(name)), before_(ReadVariable(name_)) {
+      : name_(std::move(name)), before_(GetEnvironmentPath(name_)) {
     WriteVariable(name_, value);
   }
-  ~ScopedEnvironment() { WriteVariable(name_, before_); }
+  ~ScopedEnvironment() {
+    WriteVariable(name_, before_.empty() ? std::nullopt : std::optional(before_));
+  }
   ScopedEnvironment(const ScopedEnvironment&) = delete;
   ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
 
  private:
   std::string name_;
-  std::optional<std::string> before_;
+  std::string before_;
 };
 
 }  // namespace zul::test

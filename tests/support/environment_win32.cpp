@@ -2,20 +2,9 @@
 
 #include <windows.h>
 
-#include <vector>
-
 #include "core/text.h"
 
 namespace zul::test {
-
-std::optional<std::string> ReadVariable(const std::string& name) {
-  std::vector<wchar_t> buffer(32768);  // the longest value that the system has
-  ::SetLastError(ERROR_SUCCESS);
-  const DWORD length =
-      ::GetEnvironmentVariableW(Utf8ToWide(name).value().c_str(), buffer.data(), 32768);
-  if (length == 0 && ::GetLastError() == ERROR_ENVVAR_NOT_FOUND) return std::nullopt;
-  return WideToUtf8({buffer.data(), length});
-}
 
 void WriteVariable(const std::string& name, const std::optional<std::string>& value) {
   const std::wstring wide_name = Utf8ToWide(name).value();

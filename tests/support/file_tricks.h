@@ -6,10 +6,12 @@
 #include <string>
 
 #include "core/file_layer.h"
+#include "tests/support/temp_folder.h"
 
 namespace zul::test {
 
 inline constexpr bool kOnWindows = fs::Path::preferred_separator == '\\';
+inline constexpr const char* kNullDevice = kOnWindows ? "nul" : "/dev/null";
 
 /// True under Wine. Its links are the host's: a link to a folder shows as a reparse point, one to a
 /// file looks like its target, a dangling one is not seen, and removing any of them removes the
@@ -31,16 +33,9 @@ void MakeReadOnly(const fs::Path& path);
 /// Sets the last-write time of a file or folder to `age` ago.
 void MakeOlder(const fs::Path& path, std::chrono::seconds age);
 
-/// The path of the null device.
-[[nodiscard]] std::string NullDevice();
-
-/// Mounts a volume of 1 MiB at a folder, for this process alone; why not, where it cannot.
-[[nodiscard]] std::string MountSmallVolume(const fs::Path& where);
-void Unmount(const fs::Path& where);
-
 /// A volume of 1 to 4 MiB, to be filled. Natively one is mounted for this process alone, which
-/// needs the administrator; QORVA_TEST_SMALL_DRIVE may name one that is there already (under Wine
-/// the only way, such as "T:\").
+/// needs the administrator; under Wine QORVA_TEST_SMALL_DRIVE names one that is there, such as
+/// "T:".
 class SmallVolume {
  public:
   SmallVolume();
@@ -53,8 +48,8 @@ class SmallVolume {
   [[nodiscard]] const std::string& why_not() const { return why_not_; }
 
  private:
+  TempFolder folder_;
   fs::Path path_;
-  fs::Path mount_point_;  ///< empty unless mounted here
   std::string why_not_;
 };
 

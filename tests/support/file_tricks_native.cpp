@@ -32,22 +32,19 @@ void MakeOlder(const fs::Path& path, std::chrono::seconds age) {
   std::filesystem::last_write_time(path, std::filesystem::file_time_type::clock::now() - age);
 }
 
-std::string NullDevice() {
-  return "/dev/null";
-}
-
-std::string MountSmallVolume(const fs::Path& where) {
+SmallVolume::SmallVolume() {
   // Seen by this process only, so that none is left behind.
   if (::unshare(CLONE_NEWNS) == 0 &&
       ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-      ::mount("tmpfs", where.c_str(), "tmpfs", 0, "size=1m") == 0) {
-    return "";
+      ::mount("tmpfs", folder_.path().c_str(), "tmpfs", 0, "size=1m") == 0) {
+    path_ = folder_.path();
+  } else {
+    why_not_ = "cannot mount a small volume: " + SystemErrorText(LastSystemError());
   }
-  return "cannot mount a small volume: " + SystemErrorText(LastSystemError());
 }
 
-void Unmount(const fs::Path& where) {
-  (void)::umount(where.c_str());
+SmallVolume::~SmallVolume() {
+  if (!path_.empty()) ::umount(path_.c_str());
 }
 
 }  // namespace zul::test

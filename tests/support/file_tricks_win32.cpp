@@ -6,7 +6,7 @@
 
 #include "core/api_path_win32.h"
 #include "core/handle_win32.h"
-#include "core/system_error.h"
+#include "core/process_environment.h"
 #include "core/text.h"
 
 namespace zul::test {
@@ -32,10 +32,6 @@ std::wstring HostPath(const fs::Path& path) {
   return host;
 }
 
-bool Exists(const std::wstring& path) {
-  return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
-}
-
 /// Starts a line of the host's shell with two words as its $0 and $1. It can be neither waited for
 /// nor asked for its result.
 bool StartHostShell(const wchar_t* script, const std::wstring& word0, const std::wstring& word1) {
@@ -56,17 +52,17 @@ bool StartHostShell(const wchar_t* script, const std::wstring& word0, const std:
 
 /// Makes the link with the host's own tools, which leave a file when it is there.
 bool MakeHostLink(const fs::Path& target, const fs::Path& link) {
-  // A target of the host's own ("/dev/full") stays as it is.
+  // A target of the host's own ("/dev/full") stays as it is. The link itself is not there yet, so
+  // its folder is converted and the name appended.
   const bool is_host_path = target.native().starts_with(L'/');
-  // The link itself is not there yet, so its folder is converted and the name appended.
   const std::wstring place = HostPath(link.parent_path()) + L"/" + link.filename().native();
-  if (!StartHostShell(L"ln -s $0 $1&&touch $1.made",
-                      is_host_path ? target.native() : HostPath(target), place)) {
-    return false;
-  }
   const std::wstring mark = fs::ApiPath(link) + L".made";
-  for (int waited_ms = 0; waited_ms < 10000 && !Exists(mark); ++waited_ms) ::Sleep(1);
-  return ::DeleteFileW(mark.c_str()) != 0;
+  bool made = StartHostShell(L"ln -s $0 $1&&touch $1.made",
+                             is_host_path ? target.native() : HostPath(target), place);
+  for (int waited_ms = 0; made && !::DeleteFileW(mark.c_str()); ::Sleep(1)) {
+    made = ++waited_ms < 10000;
+  }
+  return made;
 }
 
 }  // namespace
@@ -113,14 +109,20 @@ void MakeOlder(const fs::Path& path, std::chrono::seconds age) {
   }
 }
 
-std::string NullDevice() {
-  return "nul";
+SmallVolume::SmallVolume() {
+  std::error_code ec;
+  const std::string drive = GetEnvironmentPath("QORVA_TEST_SMALL_DRIVE");
+  path_ = drive.empty() ? fs::Path() : PathFromUtf8(drive + "\\work").value();
+  fs::RemoveTree(path_, ec);  // of a run that died
+  if (path_.empty() || !fs::CreateDirectories(path_, ec)) {
+    path_.clear();
+    why_not_ = "QORVA_TEST_SMALL_DRIVE names no small volume";
+  }
 }
 
-std::string MountSmallVolume(const fs::Path&) {
-  return "QORVA_TEST_SMALL_DRIVE names no small volume";
+SmallVolume::~SmallVolume() {
+  std::error_code ignored;
+  if (!path_.empty()) fs::RemoveTree(path_, ignored);
 }
-
-void Unmount(const fs::Path&) {}
 
 }  // namespace zul::test

@@ -1,10 +1,9 @@
 #include "tests/support/temp_folder.h"
 
-#include <algorithm>
 #include <atomic>
+#include <set>
 #include <sstream>
 #include <stdexcept>
-#include <vector>
 
 #include "core/process_environment.h"
 #include "core/system_error.h"
@@ -60,13 +59,11 @@ std::string ReadFile(const fs::Path& path) {
   fs::File file = fs::OpenForRead(path, ec);
   if (!file.is_open()) Fail("cannot open", path, ec);
   std::string contents;
-  std::vector<char> buffer(65536);
-  for (;;) {
-    std::size_t read = 0;
+  std::string buffer(65536, '\0');
+  for (std::size_t read = 1; read > 0; contents.append(buffer, 0, read)) {
     if (!file.Read(buffer.data(), buffer.size(), &read, ec)) Fail("cannot read", path, ec);
-    if (read == 0) return contents;
-    contents.append(buffer.data(), read);
   }
+  return contents;
 }
 
 bool Exists(const fs::Path& path) {
@@ -75,16 +72,15 @@ bool Exists(const fs::Path& path) {
 }
 
 std::string ListTree(const fs::Path& root) {
-  std::vector<std::string> lines;
+  std::set<std::string> lines;
   fs::TreeWalker walker(root);
   fs::DirectoryEntry entry;
   std::error_code ec;
   while (walker.Next(&entry, ec)) {
-    lines.push_back(PathToGenericUtf8(entry.path.lexically_relative(root)) +
-                    (entry.kind == fs::EntryKind::kDirectory ? "/" : ""));
+    lines.insert(PathToGenericUtf8(entry.path.lexically_relative(root)) +
+                 (entry.kind == fs::EntryKind::kDirectory ? "/" : ""));
   }
   if (ec) Fail("cannot list", root, ec);
-  std::sort(lines.begin(), lines.end());
   std::string text;
   for (const std::string& line : lines) text += line + "\n";
   return text;
