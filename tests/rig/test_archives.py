@@ -95,9 +95,10 @@ class Archives(e2e.EndToEnd):
             run.kept = e2e.STAGED
         else:
             seen = dialog.text.removeprefix(REFUSED)
-            run.message = REFUSED + seen
+            error = self.plain(scene, seen)
+            run.message = REFUSED + error
             run.kept = (e2e.PACKAGE,)
-            run.details = {"extract_fail": {"error": seen}}
+            run.details = {"extract_fail": {"error": error}}
         run.events = e2e.NOT_EXTRACTED
         try:
             self.assertTrue(hostile_archives.meets(case.expected, seen), f"{seen} instead of {case.expected}")
