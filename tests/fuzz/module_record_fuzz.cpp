@@ -22,8 +22,7 @@ void Run(std::string_view input) {
     return true;
   };
   ReadModuleIdentity(read, &module);
-  Require(!module.pdb_guid.empty() || module.pdb_age == 0, "an age comes with its guid");
-  if (module.pdb_guid.empty()) return;
+  if (module.pdb_guid.empty()) return Require(module.pdb_age == 0, "an age comes with its guid");
   Require(module.pdb_guid.size() == 32, "a guid has 32 digits");
   // "RSDS", the 16 bytes that the guid shows, and the age, little-endian as this machine has it.
   std::string code_view = "RSDS";

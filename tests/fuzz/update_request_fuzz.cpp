@@ -25,7 +25,6 @@ std::wstring Argument(std::string_view bytes) {
 
 UpdateRequest Parse(const std::vector<std::wstring>& arguments) {
   std::vector<const wchar_t*> argv;
-  argv.reserve(arguments.size());
   for (const std::wstring& argument : arguments) argv.push_back(argument.c_str());
   return ParseUpdateRequest(static_cast<int>(argv.size()), argv.data());
 }
