@@ -55,7 +55,6 @@ class Observer : public testing::Test {
       texts.push_back(std::to_wstring(reinterpret_cast<std::uintptr_t>(copy)));
     }
     std::vector<wchar_t*> argv;
-    argv.reserve(texts.size());
     for (std::wstring& text : texts) argv.push_back(text.data());
     return RunObserver(static_cast<int>(argv.size()), argv.data());
   }

@@ -109,9 +109,9 @@ TEST_F(Recovery, MakesOneReportOfASessionWhoseProcessIsGone) {
         "\nevidence_classification=abrupt_exit_same_host_boot\ncheckpoint_age_ms=",
         "\nhost_monotonic_reset=false\ncheckpoint_sequence=4\nprocess_uptime_ms=1500\n",
         "\n=== last known runtime state ===\njob_name=[redacted-name]\nstage=apply\n",
-        "\n=== recent structured steps ===\nstep=1 time=2026-01-01 00:00:00 "
-        "event=application_started\nstep=2 time=2026-01-01 00:00:01 event=failed "
-        "path=[redacted-path]\n"}) {
+        ("\n=== recent structured steps ===\nstep=1 time=2026-01-01 00:00:00 "
+         "event=application_started\nstep=2 time=2026-01-01 00:00:01 event=failed "
+         "path=[redacted-path]\n")}) {
     EXPECT_NE(text.find(line), std::string::npos) << line << "\n---\n" << text;
   }
   EXPECT_EQ(report.dump().find("Users"), std::string::npos);

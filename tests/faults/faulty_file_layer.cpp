@@ -13,7 +13,7 @@
 #include "tests/faults/wrapped_symbols.h"
 #include "tests/support/file_tricks.h"
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
+// NOLINTBEGIN(bugprone-reserved-identifier, bugprone-macro-parentheses): the linker's names
 #define QORVA_JOINED(prefix, symbol) prefix##symbol
 #define QORVA_NAMED(prefix, symbol) QORVA_JOINED(prefix, symbol)
 #define QORVA_REAL(name) QORVA_NAMED(__real_, QORVA_##name)
@@ -202,4 +202,4 @@ QORVA_WRAPPED(int, Sleep, (const timespec* duration, timespec* rest)) {
 }
 
 }  // namespace zul::test
-// NOLINTEND(bugprone-reserved-identifier)
+// NOLINTEND(bugprone-reserved-identifier, bugprone-macro-parentheses)

@@ -19,7 +19,7 @@ void LogLine(benchmark::State& state) {
     state.SkipWithError("no log file");
     return;
   }
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     logger.Log(zul::LogCategory::kUpdater, zul::LogLevel::kInfo, "replaced '", "color_engine.dll",
                "' after 1 attempt");
   }
@@ -30,7 +30,7 @@ BENCHMARK(LogLine);
 void TraceEvent(benchmark::State& state) {
   const zul::test::TempFolder folder;
   const zul::test::ScopedEnvironment home("QORVA_CONFIG_HOME", zul::PathToUtf8(folder.path()));
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     zul::EmitChainEvent("download_progress", {{"origin_role", "primary"},
                                               {"bytes_downloaded", "104857600"},
                                               {"elapsed_ms", "1000"},

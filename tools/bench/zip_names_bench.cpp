@@ -18,7 +18,7 @@ constexpr const char* kCp866 =
     "\xEF.icc";
 
 void DecodeName(benchmark::State& state, const char* raw) {
-  for (auto _ : state) benchmark::DoNotOptimize(zul::DecodeZipEntryName(raw, {}));
+  while (state.KeepRunning()) benchmark::DoNotOptimize(zul::DecodeZipEntryName(raw, {}));
   state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK_CAPTURE(DecodeName, ascii, kAscii);
@@ -27,7 +27,7 @@ BENCHMARK_CAPTURE(DecodeName, code_page, kCp866);
 
 void NormalizeName(benchmark::State& state, const char* name) {
   std::string path;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     benchmark::DoNotOptimize(zul::NormalizeZipEntryPath(name, false, path));
   }
   state.SetItemsProcessed(state.iterations());
@@ -42,7 +42,7 @@ void CheckCollisions(benchmark::State& state) {
     entries[i].path = "Resources/Swatches/Book " + std::to_string(i / 80) + "/Colour " +
                       std::to_string(i) + ".json";
   }
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     std::string error;
     if (!zul::CheckZipPathCollisions(entries, &error)) state.SkipWithError(error.c_str());
   }

@@ -108,8 +108,6 @@ void TerminateInALoopOfUnwinding() {
   DWORD64 image = 0;
   const RUNTIME_FUNCTION* const function = ::RtlLookupFunctionEntry(here.Rip, &image, nullptr);
   constexpr std::size_t kHeadSize = 4;
-  // The platform gives addresses of images as numbers.
-  // NOLINTNEXTLINE(performance-no-int-to-ptr)
   auto* const info = reinterpret_cast<unsigned char*>(image + function->UnwindData);
   DWORD before = 0;
   ::VirtualProtect(info, kHeadSize + sizeof *function, PAGE_READWRITE, &before);
