@@ -1,6 +1,6 @@
 """Holds what the package room extracts against what other readers make of the same archives.
 
-usage: agreement.py EXTRACT_PACKAGES
+usage: agreement.py EXTRACT_PACKAGES [FOLDER...]      with the archives of more folders
 
 Archives: the table of hostile ones, the seeds and findings of the fuzzer, and packages of up to a few
 thousand real files made by the writers that this machine has. Whatever we accept, at least two of
@@ -109,10 +109,11 @@ def made_by_hand(folder: Path) -> Iterator[Archive]:
         yield Archive(case.name, path, case.expected if case.native is None else case.native)
 
 
-def of_the_fuzzer(folder: Path) -> Iterator[Archive]:
+def of_the_fuzzer(folder: Path, *more: Path) -> Iterator[Archive]:
     folder.mkdir()
-    for kind in ("corpus", "findings"):
-        for seed in sorted((ROOT / "tests" / "fuzz" / kind / "zip_extract").glob("*")):
+    for place in (*((ROOT / "tests" / "fuzz" / kind / "zip_extract") for kind in ("corpus", "findings")), *more):
+        kind = place.parent.name
+        for seed in sorted(place.glob("*")):
             yield Archive(f"{kind} {seed.name}", Path(shutil.copyfile(seed, folder / f"{kind}-{seed.name}.zip")))
 
 
@@ -165,11 +166,11 @@ def extract(program: str, archives: list[Archive]) -> list[tuple[Archive, str, T
             for archive, said in zip(archives, done.stdout.splitlines(), strict=True)]
 
 
-def main(program: str) -> int:
+def main(program: str, *folders: str) -> int:
     faults = []
     with tempfile.TemporaryDirectory() as name:
         work = Path(name)
-        few = [*made_by_hand(work / "hand"), *of_the_fuzzer(work / "fuzzer"),
+        few = [*made_by_hand(work / "hand"), *of_the_fuzzer(work / "fuzzer", *map(Path, folders)),
                *made_by_writers(work / "few", 40, WRITERS)]
         accepted = 0
         for archive, said, tree in extract(program, few):
@@ -192,4 +193,4 @@ def main(program: str) -> int:
 
 
 if __name__ == "__main__":
-    sys.exit(main(sys.argv[1]))
+    sys.exit(main(*sys.argv[1:]))
