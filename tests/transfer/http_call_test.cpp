@@ -1,5 +1,5 @@
-// What an HTTP request is refused for before a session exists. What is sent otherwise, the
-// end-to-end runs of the report upload show.
+// What an HTTP request is refused for before a session exists, and how a failure is told. What is
+// sent otherwise, the end-to-end runs of the report upload show.
 
 #include "transfer/net/http_call.h"
 
@@ -34,6 +34,17 @@ TEST(PrepareHttpCall, LetsNothingThroughBetweenTheLinesOfTheHead) {
     request.user_agent = row.user_agent;
     EXPECT_EQ(PrepareHttpCall(request).error, row.error)
         << row.url << " " << row.header.first << ": " << row.header.second;
+  }
+}
+
+TEST(SetHttpFailure, ToldByThePlatformsNumber) {
+  for (const int code : {12002, 12029, 12037, 12038, 12045, 12057, 12157, 12175}) {
+    HttpResponse response;
+    SetHttpFailure(response, "message", static_cast<std::uint32_t>(code));
+    EXPECT_EQ(response.error, "message");
+    EXPECT_EQ(response.platform_error, code);
+    EXPECT_EQ(response.timed_out, code == 12002);
+    EXPECT_EQ(response.tls_error, code != 12002 && code != 12029 && code != 12157);
   }
 }
 
