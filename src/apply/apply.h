@@ -7,9 +7,9 @@
 // beside the staged tree.
 
 #include <cstdint>
-#include <filesystem>
 #include <string>
 
+#include "core/path.h"
 #include "ui/progress_window.h"
 
 namespace zul {
@@ -43,8 +43,7 @@ struct ApplyFaultInjection {
 
 /// Applies `staged_root` to `target_root`. True only for kApplied. `error`, `outcome` and `faults`
 /// may be null.
-[[nodiscard]] bool ApplyStagedUpdate(const std::filesystem::path& staged_root,
-                                     const std::filesystem::path& target_root,
+[[nodiscard]] bool ApplyStagedUpdate(const fs::Path& staged_root, const fs::Path& target_root,
                                      std::uint32_t main_pid, ApplyCloseContext* close_context,
                                      bool require_signatures, std::string* error,
                                      ApplyOutcome* outcome, const ApplyFaultInjection* faults);

@@ -1,6 +1,7 @@
 #include "apply/isolated_helper.h"
 
 #include "apply/retry_file_ops.h"
+#include "core/failure.h"
 #include "core/file_layer.h"
 #include "core/process_environment.h"
 #include "core/text.h"
@@ -14,16 +15,6 @@ constexpr std::string_view kHelperName = "zul_updater.exe";
 /// A crash observer is looked for beside the process that it observes, by the installed name.
 constexpr std::string_view kObserverName = "qorva_updater.exe";
 constexpr std::chrono::hours kStaleAge{7 * 24};
-
-bool Fail(std::string* error, std::string text) {
-  if (error != nullptr) *error = std::move(text);
-  return false;
-}
-
-bool IsRegularFile(const fs::Path& path) {
-  std::error_code ec;
-  return fs::KindOf(path, fs::Links::kFollow, ec) == fs::EntryKind::kRegular;
-}
 
 /// A new folder that nobody else has made; empty on any failure.
 fs::Path CreateHelperFolder() {
@@ -90,10 +81,10 @@ const std::array<std::string_view, 44>& HelperRuntimeLibraries() {
   return kNames;
 }
 
-bool PrepareIsolatedHelper(const std::filesystem::path& source_helper, IsolatedHelper& prepared,
+bool PrepareIsolatedHelper(const fs::Path& source_helper, IsolatedHelper& prepared,
                            std::string* error) {
   prepared = {};
-  if (!IsRegularFile(source_helper)) {
+  if (!fs::IsRegularFile(source_helper)) {
     return Fail(error, "Updater helper is missing: " + PathToUtf8(source_helper));
   }
   RemoveStaleHelperFolders();
@@ -108,7 +99,7 @@ bool PrepareIsolatedHelper(const std::filesystem::path& source_helper, IsolatedH
   }
   for (const std::string_view name : HelperRuntimeLibraries()) {
     const fs::Path library = source_helper.parent_path() / name;
-    if (!IsRegularFile(library)) continue;
+    if (!fs::IsRegularFile(library)) continue;
     if (!RetryCopyFile(library, made.runtime_dir / name, "helper runtime DLL staging copy failed",
                        error)) {
       return false;

@@ -7,11 +7,11 @@
 
 #include <array>
 #include <chrono>
-#include <filesystem>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "core/path.h"
 #include "request/update_request.h"
 
 namespace zul {
@@ -22,8 +22,8 @@ namespace zul {
 
 /// A helper that stands ready in its own folder.
 struct IsolatedHelper {
-  std::filesystem::path helper;
-  std::filesystem::path runtime_dir;
+  fs::Path helper;
+  fs::Path runtime_dir;
   std::vector<std::string> copied_libraries;  ///< in the table's order
 };
 
@@ -35,13 +35,13 @@ struct IsolatedHelper {
 
 /// Prepares a helper from `source_helper` and starts it with `request`; not waited for. Windows
 /// only.
-[[nodiscard]] bool LaunchIsolatedHelper(const std::filesystem::path& source_helper,
-                                        const UpdateRequest& request, std::string* error);
+[[nodiscard]] bool LaunchIsolatedHelper(const fs::Path& source_helper, const UpdateRequest& request,
+                                        std::string* error);
 
 /// Makes a new helper folder in the temporary folder and copies the helper and its libraries there.
 /// A failed copy fails the whole. `error` may be null.
-[[nodiscard]] bool PrepareIsolatedHelper(const std::filesystem::path& source_helper,
-                                         IsolatedHelper& prepared, std::string* error);
+[[nodiscard]] bool PrepareIsolatedHelper(const fs::Path& source_helper, IsolatedHelper& prepared,
+                                         std::string* error);
 
 /// Removes helper folders that are at least 7 days old from the temporary folder. Whatever cannot
 /// be removed stays until a later run.

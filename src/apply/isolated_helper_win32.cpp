@@ -13,10 +13,9 @@ namespace zul {
 namespace {
 
 // GetModuleFileNameW's longest answer.
-constexpr std::uint32_t kLongestPathUnits = 32768;
 
 bool RunsFrom(const fs::Path& folder) {
-  const fs::Path own = CurrentExecutablePath(kLongestPathUnits);
+  const fs::Path own = CurrentExecutablePath();
   if (own.empty()) return false;
   std::error_code own_error;
   std::error_code folder_error;
@@ -46,7 +45,7 @@ bool Start(const IsolatedHelper& prepared, const UpdateRequest& request) {
 bool RelaunchFromTargetIfNeeded(const UpdateRequest& request, bool& relaunched,
                                 std::string* error) {
   relaunched = false;
-  const fs::Path target = PathFromUtf8(request.target_dir).value_or(fs::Path());
+  const fs::Path target = PathOrEmpty(request.target_dir);
   if (target.empty() || !RunsFrom(target)) return true;
   fs::Path installed;
   if (!ResolveUpdaterHelper(request.restart_exe, installed, error)) return false;
@@ -58,7 +57,7 @@ bool RelaunchFromTargetIfNeeded(const UpdateRequest& request, bool& relaunched,
   return relaunched;
 }
 
-bool LaunchIsolatedHelper(const std::filesystem::path& source_helper, const UpdateRequest& request,
+bool LaunchIsolatedHelper(const fs::Path& source_helper, const UpdateRequest& request,
                           std::string* error) {
   IsolatedHelper prepared;
   if (!PrepareIsolatedHelper(source_helper, prepared, error)) return false;

@@ -21,12 +21,6 @@ constexpr std::uint32_t kRmService = 3;
 
 constexpr int kMaxTreeSteps = 128;
 
-bool IsThere(const fs::Path& target) {
-  std::error_code ec;
-  const fs::EntryKind kind = fs::KindOf(target, fs::Links::kFollow, ec);
-  return kind != fs::EntryKind::kNotFound && kind != fs::EntryKind::kUnknown;
-}
-
 }  // namespace
 
 bool ProbeTargetLock(const fs::Path& target, std::uint32_t main_pid, LockProbeResult& result,
@@ -34,7 +28,7 @@ bool ProbeTargetLock(const fs::Path& target, std::uint32_t main_pid, LockProbeRe
   result = {};
   std::error_code ec;
   // The open comes first: for a file that is free it is the only call.
-  if (fs::OpensExclusively(target, ec) || !IsThere(target)) return true;
+  if (fs::OpensExclusively(target, ec) || !fs::Exists(target)) return true;
 
   result.ok = false;
   result.system_error = static_cast<std::uint32_t>(ec.value());

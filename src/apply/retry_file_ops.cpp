@@ -3,6 +3,7 @@
 #include <optional>
 #include <thread>
 
+#include "core/failure.h"
 #include "core/process_environment.h"
 #include "core/system_error.h"
 #include "core/text.h"
@@ -25,10 +26,6 @@ struct Operation {
   const fs::Path& target;
 };
 
-void SetText(std::string* out, std::string text) {
-  if (out != nullptr) *out = std::move(text);
-}
-
 void Wait(const RetryPolicy& policy) {
   if (policy.sleep) return policy.sleep(policy.wait);
   const auto end = std::chrono::steady_clock::now() + policy.wait;
@@ -47,15 +44,13 @@ bool RetryWhileLocked(const Operation& operation, const RetryPolicy& policy, std
     const AttemptFailure failure = attempt(number);
     if (!failure) return true;
     if (!IsLockedOrDeniedError(*failure) || number == policy.attempts) {
-      SetText(error, FormatFileFailure(operation.context, operation.source, operation.target,
-                                       *failure, number));
-      return false;
+      return Fail(error, FormatFileFailure(operation.context, operation.source, operation.target,
+                                           *failure, number));
     }
     Wait(policy);
   }
-  SetText(error, std::string(operation.context) + ": unexpected " + std::string(operation.verb) +
-                     " retry failure.");
-  return false;
+  return Fail(error, std::string(operation.context) + ": unexpected " +
+                         std::string(operation.verb) + " retry failure.");
 }
 
 /// An existing target, such as what a failed attempt left behind, makes way for the copy.
@@ -172,13 +167,9 @@ std::string FormatFileFailure(std::string_view context, const fs::Path& source,
   return text;
 }
 
-std::string FormatCodeAndMessage(const std::error_code& code) {
-  return "(code=" + std::to_string(code.value()) + ", message='" + SystemErrorText(code) + "')";
-}
-
 std::string FormatSystemFailure(std::string_view prefix, const fs::Path& path,
                                 const std::error_code& code) {
-  return std::string(prefix) + PathToUtf8(path) + "' " + FormatCodeAndMessage(code) + ".";
+  return std::string(prefix) + PathToUtf8(path) + "' " + "(" + DescribeSystemError(code) + ").";
 }
 
 }  // namespace zul

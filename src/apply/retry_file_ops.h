@@ -49,9 +49,6 @@ struct RetryPolicy {
                                             const fs::Path& target, const std::error_code& code,
                                             unsigned attempts);
 
-/// "(code=5, message='Access denied.')", as the other failure texts of the apply stage have it.
-[[nodiscard]] std::string FormatCodeAndMessage(const std::error_code& code);
-
 /// `prefix`, which ends in an opening quote, the path, and the code with its message in brackets:
 ///   Cannot create target directory for update: 'C:\app\x' (code=5, message='Access denied.').
 [[nodiscard]] std::string FormatSystemFailure(std::string_view prefix, const fs::Path& path,

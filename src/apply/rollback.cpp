@@ -5,8 +5,9 @@
 #include <utility>
 
 #include "apply/retry_file_ops.h"
+#include "core/file_hash.h"
+#include "core/system_error.h"
 #include "core/text.h"
-#include "transfer/checksum.h"
 
 namespace zul {
 
@@ -40,9 +41,9 @@ class Rollback {
     if (kind == fs::EntryKind::kNotFound) return;
     const std::string subject =
         "rollback verification failed: newly installed target '" + PathToUtf8(target) + "' ";
-    failures_.push_back(kind == fs::EntryKind::kUnknown
-                            ? subject + "could not be inspected " + FormatCodeAndMessage(ec) + "."
-                            : subject + "still exists after removal.");
+    failures_.push_back(kind == fs::EntryKind::kUnknown ? subject + "could not be inspected " +
+                                                              "(" + DescribeSystemError(ec) + ")."
+                                                        : subject + "still exists after removal.");
   }
 
   /// True when the backup's content was put back, so that there is something to verify.
@@ -64,8 +65,8 @@ class Rollback {
   void VerifyRestored(const RollbackRecord& record) {
     std::string backup_digest;
     std::string target_digest;
-    if (!Digest("backup", record.backup, backup_digest) ||
-        !Digest("target", record.target, target_digest)) {
+    if (!Digest("backup", record.backup, &backup_digest) ||
+        !Digest("target", record.target, &target_digest)) {
       return;
     }
     if (backup_digest != target_digest) {
@@ -75,7 +76,7 @@ class Rollback {
     }
   }
 
-  bool Digest(std::string_view role, const fs::Path& path, std::string& digest) {
+  bool Digest(std::string_view role, const fs::Path& path, std::string* digest) {
     std::string error;
     if (ComputeFileSha256(path, digest, &error, retry_policy_.keep_alive)) return true;
     failures_.push_back("rollback verification failed for " + std::string(role) + " '" +
@@ -94,7 +95,7 @@ class Rollback {
     std::error_code ec;
     fs::File file = fs::CreateTruncatedFile(target, ec);
     // A fault that cannot be injected shows in the verification: it then finds nothing.
-    if (file.is_open()) (void)fs::WriteAll(file, kText.data(), kText.size(), ec);
+    if (file.is_open()) static_cast<void>(fs::WriteAll(file, kText.data(), kText.size(), ec));
   }
 
   ApplyFaultInjection faults_;  // each of the rollback's faults is switched off by its first use

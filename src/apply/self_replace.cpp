@@ -1,5 +1,6 @@
 #include "apply/self_replace.h"
 
+#include "core/failure.h"
 #include "core/system_error.h"
 #include "core/text.h"
 #include "trace/chain_events.h"
@@ -8,16 +9,10 @@ namespace zul {
 
 namespace {
 
-bool Fail(std::string* error, std::string text) {
-  if (error != nullptr) *error = std::move(text);
-  return false;
-}
-
 std::string DescribeMove(const char* what, const fs::Path& source, const fs::Path& target,
                          const std::error_code& ec) {
   return std::string(what) + ": source='" + PathToUtf8(source) + "', target='" +
-         PathToUtf8(target) + "', code=" + std::to_string(ec.value()) + ", message='" +
-         SystemErrorText(ec) + "'.";
+         PathToUtf8(target) + "', " + DescribeSystemError(ec) + ".";
 }
 
 }  // namespace
@@ -32,8 +27,7 @@ fs::Path NextCopyPath(const fs::Path& target) {
 bool ReplaceUpdaterDeferred(const fs::Path& source, const fs::Path& target, std::string* error,
                             const UpdaterMove& move_now, const UpdaterMove& move_later) {
   std::error_code ec;
-  const fs::EntryKind kind = fs::KindOf(source, fs::Links::kFollow, ec);
-  if (kind == fs::EntryKind::kNotFound || kind == fs::EntryKind::kUnknown) {
+  if (!fs::Exists(source)) {
     return Fail(error, "Deferred updater source file is missing.");
   }
   if (target.empty()) return Fail(error, "Deferred updater target path is empty.");

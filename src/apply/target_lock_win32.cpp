@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include "core/failure.h"
 #include "core/handle_win32.h"
 #include "core/keep_alive.h"
 #include "core/process_environment.h"
@@ -55,11 +56,6 @@ unsigned RequestClose(const std::vector<std::uint32_t>& pids) {
 
 std::string Describe(const char* what, std::uint32_t pid, DWORD code) {
   return std::string(what) + ", pid=" + std::to_string(pid) + ", code=" + std::to_string(code);
-}
-
-bool Fail(std::string* error, std::string text) {
-  if (error != nullptr) *error = std::move(text);
-  return false;
 }
 
 }  // namespace

@@ -48,7 +48,7 @@ void RecordCrash(EmergencyKind kind, const EXCEPTION_POINTERS* exception) noexce
   }
   FillEmergencyRecord(record, kind, exception);
   // Nobody is left to be told of a failure.
-  (void)WriteEmergencyRecord(channel->emergency_file, record);
+  static_cast<void>(WriteEmergencyRecord(channel->emergency_file, record));
   TellObserver(*channel, record);
 }
 

@@ -45,7 +45,8 @@ void Note(const fs::Path& crash_directory, std::string_view name, json record,
           std::uint64_t now_unix_ms) {
   record["schema"] = kEvidenceSchema;
   record["observed_at_unix_ms"] = now_unix_ms;
-  (void)CommitEvidenceRecord(CompactDirectory(crash_directory) / name, record, nullptr);
+  static_cast<void>(
+      CommitEvidenceRecord(CompactDirectory(crash_directory) / name, record, nullptr));
 }
 
 std::vector<std::string> FileNamesIn(const fs::Path& folder, std::error_code& ec) {

@@ -79,11 +79,11 @@ std::wstring ApiText(std::wstring_view text) {
 
 }  // namespace
 
-std::wstring ApiPath(const std::filesystem::path& path) {
+std::wstring ApiPath(const Path& path) {
   return ApiText(path.native());
 }
 
-std::wstring AbsoluteApiPath(const std::filesystem::path& path) {
+std::wstring AbsoluteApiPath(const Path& path) {
   const std::wstring& text = path.native();
   if (StartsWithDriveRoot(text) || StartsWithServer(text) || text.starts_with(kVerbatim)) {
     return ApiText(text);
@@ -122,7 +122,7 @@ std::size_t ApiRootLength(std::wstring_view api_path) {
   return api_path.size();
 }
 
-std::filesystem::path PathFromApi(std::wstring_view api_path) {
+Path PathFromApi(std::wstring_view api_path) {
   if (api_path.starts_with(kVerbatimUnc)) {
     return std::wstring(L"\\\\").append(api_path.substr(kVerbatimUnc.size()));
   }

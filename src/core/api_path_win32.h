@@ -2,9 +2,10 @@
 
 // Paths as Win32 calls take them, for _win32.cpp files only.
 
-#include <filesystem>
 #include <string>
 #include <string_view>
+
+#include "core/path.h"
 
 namespace zul::fs {
 
@@ -12,10 +13,10 @@ namespace zul::fs {
 /// normal, with backslashes, without a trailing separator unless it is a root, and behind "\\?\",
 /// so that it may be longer than 260 characters and names with a meaning of old ("nul") are plain
 /// names. Every other path is left alone: the system resolves it against the current directory.
-[[nodiscard]] std::wstring ApiPath(const std::filesystem::path& path);
+[[nodiscard]] std::wstring ApiPath(const Path& path);
 
 /// As `ApiPath`, with a relative path made absolute first. Empty when the system refuses that.
-[[nodiscard]] std::wstring AbsoluteApiPath(const std::filesystem::path& path);
+[[nodiscard]] std::wstring AbsoluteApiPath(const Path& path);
 
 /// True when `api_path` is a root ("\\?\C:\"), which has no name of its own.
 [[nodiscard]] bool IsApiRoot(std::wstring_view api_path);
@@ -24,6 +25,6 @@ namespace zul::fs {
 [[nodiscard]] std::size_t ApiRootLength(std::wstring_view api_path);
 
 /// The path without "\\?\", as the rest of the system knows it.
-[[nodiscard]] std::filesystem::path PathFromApi(std::wstring_view api_path);
+[[nodiscard]] Path PathFromApi(std::wstring_view api_path);
 
 }  // namespace zul::fs

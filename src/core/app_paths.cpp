@@ -14,10 +14,6 @@ void AppendReason(std::string& error, std::string_view reason) {
   error.append(reason);
 }
 
-fs::Path FromUtf8(std::string_view text) {
-  return PathFromUtf8(text).value_or(fs::Path());
-}
-
 /// The folder below the temporary one, or below the current one when there is no temporary folder.
 /// Joined as text: a temporary folder that is the root of a drive must keep its separator, or the
 /// result would be relative to that drive's current folder.
@@ -25,7 +21,7 @@ fs::Path FallbackDirectory(std::string_view app_dir_name) {
   std::string base = PathToGenericUtf8(TempDirectory());
   while (!base.empty() && base.back() == '/') base.pop_back();
   if (base.empty()) base = ".";
-  return FromUtf8(base + "/" + std::string(app_dir_name)).make_preferred();
+  return PathOrEmpty(base + "/" + std::string(app_dir_name)).make_preferred();
 }
 
 }  // namespace
@@ -39,9 +35,9 @@ AppPathResult ResolveAppDataDirectory(std::string_view app_dir_name) {
   fs::Path directory;
   std::uint32_t hresult = 0;
   if (const std::string home = GetEnvironmentPath("QORVA_CONFIG_HOME"); !home.empty()) {
-    directory = FromUtf8(home) / FromUtf8(app_dir_name);
+    directory = PathOrEmpty(home) / PathOrEmpty(app_dir_name);
   } else if (const auto roaming = RoamingAppDataDirectory(&hresult)) {
-    directory = *roaming / FromUtf8(app_dir_name);
+    directory = *roaming / PathOrEmpty(app_dir_name);
   } else {
     directory = FallbackDirectory(app_dir_name);
     result.used_fallback = true;
@@ -61,11 +57,11 @@ AppPathResult ResolveAppFile(std::string_view app_dir_name, std::string_view fil
     AppendReason(result.error, "filename is empty");
     return result;
   }
-  result.path = PathToUtf8(FromUtf8(result.path) / FromUtf8(filename));
+  result.path = PathToUtf8(PathOrEmpty(result.path) / PathOrEmpty(filename));
   return result;
 }
 
-bool EnsureDirectory(const std::filesystem::path& path, std::string* error) {
+bool EnsureDirectory(const fs::Path& path, std::string* error) {
   std::error_code ec;
   if (fs::KindOf(path, fs::Links::kFollow, ec) == fs::EntryKind::kDirectory) return true;
   if (fs::CreateDirectories(path, ec)) return true;

@@ -4,10 +4,10 @@
 // place is out of reach. QORVA_CONFIG_HOME overrides the place.
 
 #include <cstdint>
-#include <filesystem>
 #include <string>
 #include <string_view>
 
+#include "core/path.h"
 #include "core/process_environment.h"
 
 namespace zul {
@@ -30,7 +30,7 @@ struct AppPathResult {
 
 /// True when `path` is a directory or could be made one, parents included. On failure `error` (may
 /// be null) says why.
-[[nodiscard]] bool EnsureDirectory(const std::filesystem::path& path, std::string* error);
+[[nodiscard]] bool EnsureDirectory(const fs::Path& path, std::string* error);
 
 /// "0x" and eight hexadecimal digits.
 [[nodiscard]] std::string FormatHresult(std::uint32_t code);

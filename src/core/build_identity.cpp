@@ -46,37 +46,4 @@ std::string BuildAppVersionJson(const BuildIdentity& identity) {
   return json;
 }
 
-void AppendJsonEscaped(std::string& out, std::string_view text) {
-  constexpr std::string_view kDigits = "0123456789abcdef";
-  out.reserve(out.size() + text.size() + 8);
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      default:
-        if (byte >= 32) {
-          out.push_back(c);
-        } else {
-          out += "\\u00";
-          out.push_back(kDigits[byte >> 4]);
-          out.push_back(kDigits[byte & 0xF]);
-        }
-    }
-  }
-}
-
 }  // namespace zul

@@ -28,7 +28,4 @@ struct BuildIdentity {
 [[nodiscard]] std::string BuildAppVersionJson();
 [[nodiscard]] std::string BuildAppVersionJson(const BuildIdentity& identity);
 
-/// Appends `text` to `out` with the escapes of a JSON string; bytes from 32 on are copied.
-void AppendJsonEscaped(std::string& out, std::string_view text);
-
 }  // namespace zul

@@ -37,16 +37,27 @@ bool Finish(File& file, std::uint64_t size_bytes, std::error_code& ec,
 
 File::~File() {
   std::error_code ignored;
-  (void)Close(ignored);
+  static_cast<void>(Close(ignored));
 }
 
 File& File::operator=(File&& other) noexcept {
   if (this != &other) {
     std::error_code ignored;
-    (void)Close(ignored);
+    static_cast<void>(Close(ignored));
     handle_ = std::exchange(other.handle_, kNoHandle);
   }
   return *this;
+}
+
+bool IsRegularFile(const Path& path) {
+  std::error_code ec;
+  return KindOf(path, Links::kFollow, ec) == EntryKind::kRegular;
+}
+
+bool Exists(const Path& path) {
+  std::error_code ec;
+  const EntryKind kind = KindOf(path, Links::kFollow, ec);
+  return kind != EntryKind::kNotFound && kind != EntryKind::kUnknown;
 }
 
 bool WriteAll(File& file, const void* data, std::size_t size, std::error_code& ec) {

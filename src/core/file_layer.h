@@ -2,7 +2,7 @@
 
 // The file layer: every touch of the disk by the system goes through here. On Windows it stands on
 // Win32, since std::filesystem of MinGW does not see reparse points and loses error values;
-// elsewhere on POSIX and std::filesystem. std::filesystem::path is used as a lexical type only.
+// elsewhere on POSIX and std::filesystem.
 //
 // Paths never carry the \\?\ prefix: the layer adds it just before a Win32 call, so that long paths
 // work. Every function reports through a std::error_code of std::system_category() (see
@@ -11,7 +11,6 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <system_error>
@@ -19,10 +18,9 @@
 #include <vector>
 
 #include "core/keep_alive.h"
+#include "core/path.h"
 
 namespace zul::fs {
-
-using Path = std::filesystem::path;
 
 /// Operations on one file call it about once per MiB and while a large file is flushed (small files
 /// end without a call), operations on a tree for each entry.
@@ -61,6 +59,11 @@ class File {
 
   /// Reads at most `size` bytes; `*read` is 0 at the end of the file. False on an error.
   [[nodiscard]] bool Read(void* buffer, std::size_t size, std::size_t* read, std::error_code& ec);
+
+  /// Reads at most `size` bytes from `offset_bytes` on; `*read` is 0 at the end of the file. Where
+  /// the next `Read` goes on is undefined afterwards. False on an error.
+  [[nodiscard]] bool ReadAt(std::uint64_t offset_bytes, void* buffer, std::size_t size,
+                            std::size_t* read, std::error_code& ec);
 
   /// Writes with one system call, which may write less than `size`; `*written` says how much.
   [[nodiscard]] bool WriteSome(const void* data, std::size_t size, std::size_t* written,
@@ -141,6 +144,12 @@ enum class EntryKind {
 };
 
 enum class Links { kFollow, kDoNotFollow };
+
+/// True when `path` is a regular file, links followed. A query that fails counts as no.
+[[nodiscard]] bool IsRegularFile(const Path& path);
+
+/// True when a query that follows links finds something at `path`. A query that fails counts as no.
+[[nodiscard]] bool Exists(const Path& path);
 
 /// The kind of the entry at `path`. A dangling link is kNotFound when followed.
 [[nodiscard]] EntryKind KindOf(const Path& path, Links links, std::error_code& ec);

@@ -5,6 +5,7 @@
 #include <new>
 #include <utility>
 
+#include "core/failure.h"
 #include "core/file_layer.h"
 #include "core/logger.h"
 #include "core/process_environment.h"
@@ -26,7 +27,7 @@ struct UniqueTempFile {
   UniqueTempFile() = default;
   ~UniqueTempFile() {
     std::error_code ignored;
-    (void)file.Close(ignored);
+    static_cast<void>(file.Close(ignored));
     if (!name.empty()) fs::Remove(name, ignored);
   }
   UniqueTempFile(const UniqueTempFile&) = delete;
@@ -141,11 +142,6 @@ void LogEscaped(std::string_view text) {
 }
 
 /// Leaves `text` in `error`, which may be null, and is the failure of the caller.
-bool Fail(std::string* error, std::string_view text) {
-  if (error != nullptr) *error = text;
-  return false;
-}
-
 }  // namespace
 
 FileOpResult::FileOpResult(bool succeeded, FileOpStatus status_code, std::uint32_t error_number,
@@ -179,7 +175,7 @@ struct ExclusiveFile::State {
   State() = default;
   ~State() {
     std::error_code ignored;
-    (void)file.Close(ignored);
+    static_cast<void>(file.Close(ignored));
     if (created && !target.empty()) fs::Remove(target, ignored);
   }
   State(const State&) = delete;
@@ -194,7 +190,7 @@ struct ExclusiveFile::State {
 ExclusiveFile::ExclusiveFile(std::string_view utf8_path) {
   try {
     auto state = std::make_unique<State>();
-    state->target = PathFromUtf8(utf8_path).value_or(fs::Path());
+    state->target = PathOrEmpty(utf8_path);
     state_ = std::move(state);
   } catch (const std::bad_alloc&) {
     // Every operation says that there is no state.
@@ -253,7 +249,7 @@ bool ExclusiveFile::close(std::string* error) {
   return !state_ || state_->file.Close(ec) || Fail(error, SystemErrorText(ec));
 }
 
-std::filesystem::path ExclusiveFile::whereabouts(std::error_code& ec) const {
+fs::Path ExclusiveFile::whereabouts(std::error_code& ec) const {
   if (state_ && state_->file.is_open()) return state_->file.Whereabouts(ec);
   ec = std::make_error_code(std::errc::bad_file_descriptor);
   return {};

@@ -7,11 +7,12 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <system_error>
+
+#include "core/path.h"
 
 namespace zul {
 
@@ -37,8 +38,7 @@ enum FileOpStatus : std::uint32_t {
 struct FileOpResult {
   FileOpResult() = default;
   FileOpResult(bool succeeded, FileOpStatus status_code, std::uint32_t error_number,
-               std::string text, const std::filesystem::path& target,
-               const std::filesystem::path& temporary);
+               std::string text, const fs::Path& target, const fs::Path& temporary);
 
   bool ok = false;
   FileOpStatus status = kFileOpOk;  ///< 0 exactly when `ok`
@@ -56,8 +56,7 @@ struct AtomicPublishOptions {
 
 /// Publishes `contents` at `target` unless something is there already (status 8; the target is not
 /// touched). Blocks until the file is on the device. Throws nothing.
-[[nodiscard]] FileOpResult PublishNewFile(const std::filesystem::path& target,
-                                          std::string_view contents,
+[[nodiscard]] FileOpResult PublishNewFile(const fs::Path& target, std::string_view contents,
                                           const AtomicPublishOptions& options);
 
 /// The status that a system error stands for; codes of no special meaning give `default_status`.
@@ -83,7 +82,7 @@ class ExclusiveFile {
   [[nodiscard]] bool flush(std::string* error);
   [[nodiscard]] bool close(std::string* error);
   /// Where the open file is, links resolved; empty together with an error.
-  [[nodiscard]] std::filesystem::path whereabouts(std::error_code& ec) const;
+  [[nodiscard]] fs::Path whereabouts(std::error_code& ec) const;
   /// Lets the file outlive this object.
   void release();
 

@@ -80,7 +80,7 @@ Logger::Logger(Clock clock) : clock_(clock ? std::move(clock) : Clock(SystemCloc
 bool Logger::Configure(std::string_view directory, std::string_view file_stem) {
   const std::scoped_lock lock(mutex_);
   CloseStream();
-  directory_ = PathFromUtf8(directory).value_or(fs::Path());
+  directory_ = PathOrEmpty(directory);
   file_stem_ = file_stem;
   if (directory_.empty()) return false;
   const std::time_t now = clock_();
@@ -189,7 +189,7 @@ void Logger::OpenForDate(std::time_t now, std::string_view date) {
   std::error_code ec;
   if (!fs::CreateDirectories(directory_, ec)) return;
   const std::string name = file_stem_ + "_" + std::string(date) + ".log";
-  const fs::Path path = directory_ / PathFromUtf8(name).value_or(fs::Path());
+  const fs::Path path = directory_ / PathOrEmpty(name);
   RotateWhenFull(path);
   CloseStream();
   stream_ = fs::OpenForAppend(path, ec);

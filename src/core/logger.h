@@ -14,7 +14,6 @@
 #include <cstdint>
 #include <ctime>
 #include <deque>
-#include <filesystem>
 #include <functional>
 #include <initializer_list>
 #include <memory>
@@ -114,7 +113,7 @@ class Logger {
   mutable std::mutex mutex_;            ///< guards what follows
   std::shared_ptr<const Sinks> sinks_;  ///< replaced as a whole, so that a copy is a pointer
   fs::File stream_;
-  std::filesystem::path directory_;
+  fs::Path directory_;
   std::string file_stem_;
   std::string current_date_;
   std::string current_path_;

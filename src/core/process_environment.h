@@ -6,10 +6,11 @@
 #include <chrono>
 #include <cstdint>
 #include <ctime>
-#include <filesystem>
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include "core/path.h"
 
 namespace zul {
 
@@ -18,13 +19,16 @@ namespace zul {
 
 [[nodiscard]] std::uint32_t CurrentProcessId();
 
-/// Full path of the running executable; empty when it cannot be had or is longer than
-/// `max_units` wide characters including the terminator (GetModuleFileNameW's convention).
-[[nodiscard]] std::filesystem::path CurrentExecutablePath(std::uint32_t max_units);
+/// The longest path that Windows handles, in wide characters including the terminator.
+inline constexpr std::uint32_t kLongestPathUnits = 32768;
+
+/// Full path of the running executable; empty when the system does not report it or it is longer
+/// than `max_units` wide characters including the terminator (GetModuleFileNameW's convention).
+[[nodiscard]] fs::Path CurrentExecutablePath(std::uint32_t max_units = kLongestPathUnits);
 
 /// The system's folder for temporary files with its trailing separators, from a buffer of 260 wide
 /// characters; empty on failure.
-[[nodiscard]] std::filesystem::path TempDirectory();
+[[nodiscard]] fs::Path TempDirectory();
 
 /// Milliseconds since the system was started.
 [[nodiscard]] std::uint64_t TickCountMs();
@@ -43,6 +47,6 @@ namespace zul {
 
 /// The per-user folder for roaming application data. `*hresult` receives the platform's code when
 /// it cannot be determined (nothing is returned then).
-[[nodiscard]] std::optional<std::filesystem::path> RoamingAppDataDirectory(std::uint32_t* hresult);
+[[nodiscard]] std::optional<fs::Path> RoamingAppDataDirectory(std::uint32_t* hresult);
 
 }  // namespace zul

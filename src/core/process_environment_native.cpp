@@ -18,16 +18,16 @@ std::uint32_t CurrentProcessId() {
   return static_cast<std::uint32_t>(::getpid());
 }
 
-std::filesystem::path CurrentExecutablePath(std::uint32_t max_units) {
+fs::Path CurrentExecutablePath(std::uint32_t max_units) {
   char buffer[PATH_MAX];
   const ssize_t length = ::readlink("/proc/self/exe", buffer, sizeof buffer);
   if (length <= 0 || static_cast<std::size_t>(length) >= max_units) return {};
-  return std::filesystem::path(std::string(buffer, static_cast<std::size_t>(length)));
+  return fs::Path(std::string(buffer, static_cast<std::size_t>(length)));
 }
 
-std::filesystem::path TempDirectory() {
+fs::Path TempDirectory() {
   const std::string configured = GetEnvironmentPath("TMPDIR");
-  return std::filesystem::path((configured.empty() ? "/tmp" : configured) + "/");
+  return fs::Path((configured.empty() ? "/tmp" : configured) + "/");
 }
 
 std::uint64_t TickCountMs() {
@@ -52,13 +52,13 @@ std::tm UtcCalendarTime(std::time_t time) {
   return result;
 }
 
-std::optional<std::filesystem::path> RoamingAppDataDirectory(std::uint32_t* hresult) {
+std::optional<fs::Path> RoamingAppDataDirectory(std::uint32_t* hresult) {
   const std::string home = GetEnvironmentPath("HOME");
   if (home.empty()) {
     *hresult = 0x80004005;  // E_FAIL: there is no such code here
     return std::nullopt;
   }
-  return std::filesystem::path(home) / ".config";
+  return fs::Path(home) / ".config";
 }
 
 }  // namespace zul

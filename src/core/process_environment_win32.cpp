@@ -28,18 +28,18 @@ std::uint32_t CurrentProcessId() {
   return ::GetCurrentProcessId();
 }
 
-std::filesystem::path CurrentExecutablePath(std::uint32_t max_units) {
+fs::Path CurrentExecutablePath(std::uint32_t max_units) {
   std::vector<wchar_t> buffer(max_units);
   const DWORD length = ::GetModuleFileNameW(nullptr, buffer.data(), max_units);
   if (length == 0 || length >= max_units) return {};
-  return std::filesystem::path(std::wstring(buffer.data(), length));
+  return fs::Path(std::wstring(buffer.data(), length));
 }
 
-std::filesystem::path TempDirectory() {
+fs::Path TempDirectory() {
   wchar_t buffer[260];
   const DWORD length = ::GetTempPathW(static_cast<DWORD>(std::size(buffer)), buffer);
   if (length == 0 || length >= std::size(buffer)) return {};
-  return std::filesystem::path(std::wstring(buffer, length));
+  return fs::Path(std::wstring(buffer, length));
 }
 
 std::uint64_t TickCountMs() {
@@ -64,7 +64,7 @@ std::tm UtcCalendarTime(std::time_t time) {
   return result;
 }
 
-std::optional<std::filesystem::path> RoamingAppDataDirectory(std::uint32_t* hresult) {
+std::optional<fs::Path> RoamingAppDataDirectory(std::uint32_t* hresult) {
   wchar_t buffer[MAX_PATH] = {};
   const HRESULT result =
       ::SHGetFolderPathW(nullptr, CSIDL_APPDATA, nullptr, SHGFP_TYPE_CURRENT, buffer);
@@ -72,7 +72,7 @@ std::optional<std::filesystem::path> RoamingAppDataDirectory(std::uint32_t* hres
     *hresult = static_cast<std::uint32_t>(result);
     return std::nullopt;
   }
-  return std::filesystem::path(std::wstring(buffer));
+  return fs::Path(std::wstring(buffer));
 }
 
 }  // namespace zul

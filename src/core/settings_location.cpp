@@ -19,21 +19,9 @@ constexpr std::string_view kSettingsFile = "settings.json";
 constexpr std::string_view kLastResortFile = "qorva_settings.json";
 constexpr std::uint64_t kMaxLegacyBytes = 1048576;
 
-fs::Path FromUtf8(std::string_view text) {
-  return PathFromUtf8(text).value_or(fs::Path());
-}
-
-/// Whether a followed query finds something at `path`; an entry that cannot be inspected is not
-/// found.
-bool IsThere(const std::string& path) {
-  std::error_code ec;
-  const fs::EntryKind kind = fs::KindOf(FromUtf8(path), fs::Links::kFollow, ec);
-  return kind != fs::EntryKind::kNotFound && kind != fs::EntryKind::kUnknown;
-}
-
 void CarryLegacySettingsOver(const std::string& target) {
   const AppPathResult legacy = ResolveAppFile(kLegacyAppFolder, kSettingsFile);
-  if (legacy.path.empty() || !IsThere(legacy.path)) return;
+  if (legacy.path.empty() || !fs::Exists(PathOrEmpty(legacy.path))) return;
   std::string error;
   if (MigrateLegacySettings(legacy.path, target, &error)) return;
   GetLogger().Log(LogLevel::kWarn, "RipSettings: could not migrate legacy settings from '",
@@ -49,7 +37,8 @@ std::string ResolveSettingsPath() {
                     "RipSettings: cannot resolve settings path; using local fallback.");
     return std::string(kLastResortFile);
   }
-  if (settings.error.empty() && !IsThere(settings.path)) CarryLegacySettingsOver(settings.path);
+  if (settings.error.empty() && !fs::Exists(PathOrEmpty(settings.path)))
+    CarryLegacySettingsOver(settings.path);
   if (settings.used_fallback) {
     const std::string code = settings.error.substr(0, settings.error.find("; "));
     GetLogger().Log(LogLevel::kError,
@@ -76,7 +65,7 @@ bool MigrateLegacySettings(std::string_view source, std::string_view target, std
                 (read.message.empty() ? "" : ": " + read.message));
   }
   const FileOpResult published =
-      PublishNewFile(FromUtf8(target), contents, {.create_parent = true, .flush_parent = true});
+      PublishNewFile(PathOrEmpty(target), contents, {.create_parent = true, .flush_parent = true});
   // A target that is there already comes from another process that got there first: its file wins.
   if (published.ok || published.status == kFileOpTargetExists) return true;
   return fail("Cannot atomically migrate " + from + " to '" + std::string(target) +
@@ -84,7 +73,7 @@ bool MigrateLegacySettings(std::string_view source, std::string_view target, std
 }
 
 std::string ApplicationConfigDirectory() {
-  const fs::Path directory = FromUtf8(ResolveSettingsPath()).parent_path();
+  const fs::Path directory = PathOrEmpty(ResolveSettingsPath()).parent_path();
   if (directory.empty()) return {};
   static_cast<void>(EnsureDirectory(directory, nullptr));
   return PathToUtf8(directory);

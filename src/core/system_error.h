@@ -19,6 +19,9 @@ namespace zul {
 /// category its own message.
 [[nodiscard]] std::string SystemErrorText(const std::error_code& code);
 
+/// "code=5, message='Access denied.'": the number and the text of a code, as messages quote them.
+[[nodiscard]] std::string DescribeSystemError(const std::error_code& code);
+
 /// "file not found" or "path not found": 2 and 3 on Windows.
 [[nodiscard]] bool IsNotFoundError(const std::error_code& code);
 

@@ -22,10 +22,6 @@ std::error_code LastSystemError() {
   return {errno, std::system_category()};
 }
 
-std::error_code SystemError(unsigned long number) {
-  return {static_cast<int>(number), std::system_category()};
-}
-
 std::string SystemErrorText(const std::error_code& code) {
   return std::string(TrimWhitespace(code.message()));
 }

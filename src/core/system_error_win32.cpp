@@ -18,10 +18,6 @@ std::error_code LastSystemError() {
   return SystemError(::GetLastError());
 }
 
-std::error_code SystemError(unsigned long number) {
-  return {static_cast<int>(number), std::system_category()};
-}
-
 std::string SystemErrorText(const std::error_code& code) {
   if (!IsSystemCode(code)) return code.message();
   wchar_t buffer[1024];

@@ -171,29 +171,66 @@ std::string WideToUtf8Lossy(std::wstring_view text) {
   return out;
 }
 
-std::optional<std::filesystem::path> PathFromUtf8(std::string_view text) {
-  if constexpr (sizeof(std::filesystem::path::value_type) == 1) {
+std::optional<fs::Path> PathFromUtf8(std::string_view text) {
+  if constexpr (sizeof(fs::Path::value_type) == 1) {
     if (!IsValidUtf8(text)) return std::nullopt;
-    return std::filesystem::path(text.begin(), text.end());
+    return fs::Path(text.begin(), text.end());
   } else {
     std::optional<std::wstring> wide = Utf8ToWide(text);
     if (!wide) return std::nullopt;
-    return std::filesystem::path(*std::move(wide));
+    return fs::Path(*std::move(wide));
   }
 }
 
-std::string PathToUtf8(const std::filesystem::path& path) {
+std::string PathToUtf8(const fs::Path& path) {
   return NativeToUtf8(path.native());
 }
 
-std::string PathToGenericUtf8(const std::filesystem::path& path) {
+std::string PathToGenericUtf8(const fs::Path& path) {
   std::string text = PathToUtf8(path);
-  if constexpr (std::filesystem::path::preferred_separator != '/') {
+  if constexpr (fs::Path::preferred_separator != '/') {
     for (char& c : text) {
       if (c == '\\') c = '/';
     }
   }
   return text;
+}
+
+fs::Path PathOrEmpty(std::string_view text) {
+  return PathFromUtf8(text).value_or(fs::Path());
+}
+
+void AppendJsonEscaped(std::string& out, std::string_view text) {
+  constexpr std::string_view kDigits = "0123456789abcdef";
+  out.reserve(out.size() + text.size() + 8);
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    switch (c) {
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      default:
+        if (byte >= 32) {
+          out.push_back(c);
+        } else {
+          out += "\\u00";
+          out.push_back(kDigits[byte >> 4]);
+          out.push_back(kDigits[byte & 0xF]);
+        }
+    }
+  }
 }
 
 }  // namespace zul

@@ -4,10 +4,11 @@
 // or an interface asks for it. Every conversion of the system goes through this file.
 
 #include <cstdint>
-#include <filesystem>
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include "core/path.h"
 
 namespace zul {
 
@@ -47,13 +48,20 @@ void AppendUtf8(std::string& out, char32_t code_point);
 [[nodiscard]] std::string WideToUtf8Lossy(std::wstring_view text);
 
 /// The path that a UTF-8 text names; nothing when the text is not valid UTF-8.
-[[nodiscard]] std::optional<std::filesystem::path> PathFromUtf8(std::string_view text);
+[[nodiscard]] std::optional<fs::Path> PathFromUtf8(std::string_view text);
+
+/// As `PathFromUtf8`; the empty path when the text is not valid UTF-8.
+[[nodiscard]] fs::Path PathOrEmpty(std::string_view text);
 
 /// A path as UTF-8 text with its own separators, for messages and records. A unit that has no UTF-8
 /// form shows as U+FFFD.
-[[nodiscard]] std::string PathToUtf8(const std::filesystem::path& path);
+[[nodiscard]] std::string PathToUtf8(const fs::Path& path);
 
 /// As `PathToUtf8`, with `/` as the only separator.
-[[nodiscard]] std::string PathToGenericUtf8(const std::filesystem::path& path);
+[[nodiscard]] std::string PathToGenericUtf8(const fs::Path& path);
+
+/// Appends `text` to `out` with the escapes of a JSON string (RFC 8259); bytes from 32 on are
+/// copied.
+void AppendJsonEscaped(std::string& out, std::string_view text);
 
 }  // namespace zul

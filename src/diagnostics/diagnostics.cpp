@@ -17,7 +17,6 @@ namespace zul {
 
 namespace {
 
-constexpr std::uint32_t kLongestPathUnits = 32768;
 constexpr std::chrono::milliseconds kUploadDrain{15000};
 
 // Several processes may start at once and probe the same folder; one that removes its probe while
@@ -109,7 +108,7 @@ void OpenLog(const DiagnosticsConfig& config, DiagnosticsState* state) {
 
 void StartCollector(const DiagnosticsSurroundings& surroundings, const fs::Path& install_directory,
                     DiagnosticsState* state) {
-  const fs::Path crash_directory = PathFromUtf8(state->crash_directory).value_or(fs::Path());
+  const fs::Path crash_directory = PathOrEmpty(state->crash_directory);
   try {
     CollectorStartResult result = surroundings.start_collector(crash_directory, install_directory);
     state->compact_collector_ready = result.ready;
@@ -160,7 +159,7 @@ DiagnosticsState InitDiagnostics(const DiagnosticsConfig& config) {
   RunGuarded("start", [&] {
     std::uint32_t ignored_hresult = 0;
     surroundings = {
-        .executable = CurrentExecutablePath(kLongestPathUnits),
+        .executable = CurrentExecutablePath(),
         .application_data = RoamingAppDataDirectory(&ignored_hresult).value_or(fs::Path()),
         .start_collector = StartCompactCollector};
   });
@@ -173,8 +172,7 @@ DiagnosticsState GetDiagnosticsState() {
 }
 
 void StartDiagnosticsSession() {
-  const fs::Path crash_directory =
-      PathFromUtf8(GetDiagnosticsState().crash_directory).value_or(fs::Path());
+  const fs::Path crash_directory = PathOrEmpty(GetDiagnosticsState().crash_directory);
   // Recovery comes before this process has a session of its own, and the upload after it, so that
   // it sends what was recovered.
   if (!crash_directory.empty()) {

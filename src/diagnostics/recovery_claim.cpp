@@ -46,7 +46,7 @@ bool RenameFolder(const fs::Path& from, const fs::Path& to, std::error_code& ec)
 RecoveryClaim::RecoveryClaim(const fs::Path& path, ClaimKind kind) {
   const ClaimedNameParts parts = SplitName(PathToUtf8(path.filename()));
   const std::uint32_t own_pid = CurrentProcessId();
-  original_ = path.parent_path() / PathFromUtf8(parts.original).value_or(fs::Path());
+  original_ = path.parent_path() / PathOrEmpty(parts.original);
   claimed_ = original_;
   claimed_ += std::string(kClaimMark) + std::to_string(own_pid);
   if (parts.pid == own_pid) {

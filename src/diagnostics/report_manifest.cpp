@@ -116,7 +116,7 @@ json UploadedParts(const json& manifest) {
 
 json BuildReportManifest(const ReportRequest& request) {
   const bool approved = request.user_approved_redacted_log_tail;
-  const fs::Path log = PathFromUtf8(GetDiagnosticsState().log_file_path).value_or(fs::Path());
+  const fs::Path log = PathOrEmpty(GetDiagnosticsState().log_file_path);
   json manifest = {{"schema_name", "qorva.diagnostics.report"},
                    {"schema_version", 2},
                    {"payload_kind", "diagnostics_manifest"},
@@ -141,8 +141,7 @@ json BuildReportManifest(const ReportRequest& request) {
 }
 
 bool WriteManifestFile(const json& manifest, std::string* file_name) {
-  const fs::Path crash_directory =
-      PathFromUtf8(GetDiagnosticsState().crash_directory).value_or(fs::Path());
+  const fs::Path crash_directory = PathOrEmpty(GetDiagnosticsState().crash_directory);
   const fs::Path queue = PendingReportsDirectory(crash_directory);
   std::error_code ec;
   if (crash_directory.empty() || !fs::CreateDirectories(queue, ec)) {

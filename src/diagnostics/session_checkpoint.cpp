@@ -67,10 +67,6 @@ bool WriteCheckpoint(const SessionRecord& record, std::uint64_t now_ms) {
   return written;
 }
 
-fs::Path PathOf(const std::string& utf8) {
-  return PathFromUtf8(utf8).value_or(fs::Path());
-}
-
 }  // namespace
 
 fs::Path SessionStateDirectory(const fs::Path& crash_directory) {
@@ -79,7 +75,7 @@ fs::Path SessionStateDirectory(const fs::Path& crash_directory) {
 
 void StartSession() {
   RunGuarded("session start", [] {
-    const fs::Path crash_directory = PathOf(GetDiagnosticsState().crash_directory);
+    const fs::Path crash_directory = PathOrEmpty(GetDiagnosticsState().crash_directory);
     if (crash_directory.empty()) return;
     if (!Session().Start(NewSessionRecord(crash_directory), TickCountMs())) return;
     AddBreadcrumb("application_started", {});
@@ -129,8 +125,8 @@ json AppObject() {
           {"arch", build.arch},
           {"compact_collector_ready_at_start", state.compact_collector_ready},
           {"compact_collector_error", state.compact_collector_error},
-          {"exe", ArtifactMetadata(PathOf(state.executable_path))},
-          {"log", ArtifactMetadata(PathOf(GetLogger().CurrentPath()))}};
+          {"exe", ArtifactMetadata(PathOrEmpty(state.executable_path))},
+          {"log", ArtifactMetadata(PathOrEmpty(GetLogger().CurrentPath()))}};
 }
 
 }  // namespace zul

@@ -10,15 +10,14 @@ namespace zul {
 
 namespace {
 
-bool HasZipExtension(const std::filesystem::path& archive_path) {
+bool HasZipExtension(const fs::Path& archive_path) {
   const std::string name = PathToUtf8(archive_path.filename());
   const std::size_t dot = name.rfind('.');
   return dot != std::string::npos && AsciiLower(std::string_view(name).substr(dot + 1)) == "zip";
 }
 
-bool ExtractThroughStage(const std::filesystem::path& archive_path,
-                         const std::filesystem::path& destination, std::string& error,
-                         const fs::KeepAlive& keep_alive) {
+bool ExtractThroughStage(const fs::Path& archive_path, const fs::Path& destination,
+                         std::string& error, const fs::KeepAlive& keep_alive) {
   if (!HasZipExtension(archive_path)) {
     error = "Not a ZIP archive";
     return false;
@@ -30,7 +29,7 @@ bool ExtractThroughStage(const std::filesystem::path& archive_path,
   const std::string archive = PathToUtf8(archive_path);
   ZipScanResult scan;
   if (!ScanZipArchive(archive, scan, &error)) return false;
-  std::filesystem::path stage_dir;
+  fs::Path stage_dir;
   if (!CreateUniqueSiblingDirectory(destination, ".qorva-zip-stage", stage_dir, &error)) {
     return false;
   }
@@ -46,8 +45,7 @@ bool ExtractThroughStage(const std::filesystem::path& archive_path,
 
 }  // namespace
 
-bool ExtractPackage(const std::filesystem::path& archive_path,
-                    const std::filesystem::path& destination, std::string* error,
+bool ExtractPackage(const fs::Path& archive_path, const fs::Path& destination, std::string* error,
                     const fs::KeepAlive& keep_alive) {
   if (error) error->clear();
   std::string reason;

@@ -7,7 +7,6 @@
 // places. A process that dies half way leaves such a directory behind and never a half-filled
 // destination.
 
-#include <filesystem>
 #include <string>
 #include <string_view>
 
@@ -18,8 +17,7 @@ namespace zul {
 /// Extracts the ZIP at `archive_path` to `destination`. On failure nothing at the destination has
 /// changed (unless the text says where the previous tree was preserved) and `error` (may be null)
 /// has the reason. `keep_alive` is also called for each entry.
-[[nodiscard]] bool ExtractPackage(const std::filesystem::path& archive_path,
-                                  const std::filesystem::path& destination, std::string* error,
-                                  const fs::KeepAlive& keep_alive = {});
+[[nodiscard]] bool ExtractPackage(const fs::Path& archive_path, const fs::Path& destination,
+                                  std::string* error, const fs::KeepAlive& keep_alive = {});
 
 }  // namespace zul

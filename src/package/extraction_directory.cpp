@@ -5,10 +5,10 @@
 #include <iterator>
 #include <thread>
 
+#include "core/failure.h"
 #include "core/file_layer.h"
 #include "core/logger.h"
 #include "core/text.h"
-#include "package/failure.h"
 
 namespace zul {
 
@@ -23,16 +23,16 @@ bool MayPassSoon(const std::error_code& code) {
          code == std::errc::resource_unavailable_try_again || code == std::errc::text_file_busy;
 }
 
-bool IsSameFolded(const std::filesystem::path& a, const std::filesystem::path& b) {
+bool IsSameFolded(const fs::Path& a, const fs::Path& b) {
   return AsciiLower(PathToGenericUtf8(a)) == AsciiLower(PathToGenericUtf8(b));
 }
 
-void RemoveTreeIfPossible(const std::filesystem::path& path) {
+void RemoveTreeIfPossible(const fs::Path& path) {
   std::error_code ignored;
   fs::RemoveTree(path, ignored);
 }
 
-void RemoveOldBackup(const std::filesystem::path& backup_dir) {
+void RemoveOldBackup(const fs::Path& backup_dir) {
   std::error_code code;
   if (fs::RemoveTree(backup_dir, code)) return;
   GetLogger().Log(LogCategory::kUpdater, LogLevel::kWarn,
@@ -41,9 +41,8 @@ void RemoveOldBackup(const std::filesystem::path& backup_dir) {
 }
 
 // Moves the displaced tree back after a failed publish, and words the outcome.
-bool RollBack(const std::filesystem::path& backup_dir, const std::filesystem::path& previous,
-              const std::filesystem::path& destination, const std::error_code& publish_error,
-              std::string* error, const RetrySleep& sleep) {
+bool RollBack(const fs::Path& backup_dir, const fs::Path& previous, const fs::Path& destination,
+              const std::error_code& publish_error, std::string* error, const RetrySleep& sleep) {
   std::string message = "Cannot finalize extraction directory: " + FormatFileError(publish_error);
   std::error_code code;
   if (RenameWithRetry(previous, destination, code, sleep)) {
@@ -58,19 +57,17 @@ bool RollBack(const std::filesystem::path& backup_dir, const std::filesystem::pa
 }  // namespace
 
 std::string FormatFileError(const std::error_code& error_code) {
-  return "code=" + std::to_string(error_code.value()) + ", message='" +
-         SystemErrorText(error_code) + "'";
+  return DescribeSystemError(error_code);
 }
 
 void SleepBetweenRetries(std::chrono::milliseconds duration) {
   std::this_thread::sleep_for(duration);
 }
 
-bool CreateUniqueSiblingDirectory(const std::filesystem::path& base_path, std::string_view prefix,
-                                  std::filesystem::path& path, std::string* error) {
+bool CreateUniqueSiblingDirectory(const fs::Path& base_path, std::string_view prefix,
+                                  fs::Path& path, std::string* error) {
   static std::atomic<std::uint64_t> counter{0};
-  const std::filesystem::path parent =
-      base_path.has_parent_path() ? base_path.parent_path() : std::filesystem::path(".");
+  const fs::Path parent = base_path.has_parent_path() ? base_path.parent_path() : fs::Path(".");
   std::error_code code;
   if (!fs::CreateDirectories(parent, code)) {
     return Fail(error, "Cannot create extraction parent directory: ", code);
@@ -93,8 +90,8 @@ bool CreateUniqueSiblingDirectory(const std::filesystem::path& base_path, std::s
   return Fail(error, "Cannot allocate unique extraction directory");
 }
 
-bool CheckFreeSpaceForExtraction(const std::filesystem::path& stage_dir,
-                                 std::uint64_t required_bytes, std::string* error) {
+bool CheckFreeSpaceForExtraction(const fs::Path& stage_dir, std::uint64_t required_bytes,
+                                 std::string* error) {
   std::error_code code;
   const std::uint64_t available_bytes = fs::AvailableSpace(stage_dir, code);
   if (code) return Fail(error, "cannot determine free space for ZIP extraction: ", code);
@@ -104,15 +101,14 @@ bool CheckFreeSpaceForExtraction(const std::filesystem::path& stage_dir,
                          std::to_string(available_bytes) + " bytes");
 }
 
-bool IsPathInsideRootFolded(const std::filesystem::path& root,
-                            const std::filesystem::path& candidate) {
+bool IsPathInsideRootFolded(const fs::Path& root, const fs::Path& candidate) {
   const auto [root_rest, candidate_rest] =
       std::mismatch(root.begin(), root.end(), candidate.begin(), candidate.end(), IsSameFolded);
   return root_rest == root.end() && candidate_rest != candidate.end();
 }
 
-bool RenameWithRetry(const std::filesystem::path& from, const std::filesystem::path& to,
-                     std::error_code& error_code, const RetrySleep& sleep) {
+bool RenameWithRetry(const fs::Path& from, const fs::Path& to, std::error_code& error_code,
+                     const RetrySleep& sleep) {
   for (int retries = 0;; ++retries) {
     if (fs::Rename(from, to, error_code)) return true;
     if (retries == kRenameRetries || !MayPassSoon(error_code)) return false;
@@ -120,9 +116,8 @@ bool RenameWithRetry(const std::filesystem::path& from, const std::filesystem::p
   }
 }
 
-bool CommitExtractionDirectory(const std::filesystem::path& stage_dir,
-                               const std::filesystem::path& destination, std::string* error,
-                               const RetrySleep& sleep) {
+bool CommitExtractionDirectory(const fs::Path& stage_dir, const fs::Path& destination,
+                               std::string* error, const RetrySleep& sleep) {
   std::error_code code;
   const fs::EntryKind kind = fs::KindOf(destination, fs::Links::kDoNotFollow, code);
   if (kind == fs::EntryKind::kUnknown) {
@@ -132,11 +127,11 @@ bool CommitExtractionDirectory(const std::filesystem::path& stage_dir,
     return RenameWithRetry(stage_dir, destination, code, sleep) ||
            Fail(error, "Cannot finalize extraction directory: ", FormatFileError(code));
   }
-  std::filesystem::path backup_dir;
+  fs::Path backup_dir;
   if (!CreateUniqueSiblingDirectory(destination, ".qorva-zip-backup", backup_dir, error)) {
     return false;
   }
-  const std::filesystem::path previous = backup_dir / "previous";
+  const fs::Path previous = backup_dir / "previous";
   if (!RenameWithRetry(destination, previous, code, sleep)) {
     std::error_code ignored;
     fs::Remove(backup_dir, ignored);

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <unordered_set>
 
+#include "core/failure.h"
 #include "core/file_layer.h"
 #include "core/text.h"
-#include "package/failure.h"
 
 namespace zul {
 
@@ -24,8 +24,7 @@ bool IsSafeRequiredName(std::string_view name) {
          std::all_of(name.begin(), name.end(), IsNameCharacter);
 }
 
-bool ListSubdirectories(const std::filesystem::path& directory,
-                        std::vector<std::filesystem::path>& subdirectories) {
+bool ListSubdirectories(const fs::Path& directory, std::vector<fs::Path>& subdirectories) {
   std::error_code code;
   for (const fs::DirectoryEntry& entry : fs::ListDirectory(directory, code)) {
     if (entry.kind == fs::EntryKind::kDirectory) subdirectories.push_back(entry.path);
@@ -51,8 +50,7 @@ bool ValidateRequiredFileContract(const RequiredFileContract& contract, std::str
   return true;
 }
 
-bool FindMissingRequiredFiles(const std::filesystem::path& root,
-                              const RequiredFileContract& contract,
+bool FindMissingRequiredFiles(const fs::Path& root, const RequiredFileContract& contract,
                               std::vector<std::string>& missing) {
   missing.clear();
   std::error_code code;
@@ -70,16 +68,15 @@ bool FindMissingRequiredFiles(const std::filesystem::path& root,
   return missing.empty();
 }
 
-bool ResolvePayloadLayout(const std::filesystem::path& stage_dir,
-                          const RequiredFileContract& contract, std::filesystem::path& payload_root,
-                          std::string* error) {
+bool ResolvePayloadLayout(const fs::Path& stage_dir, const RequiredFileContract& contract,
+                          fs::Path& payload_root, std::string* error) {
   if (!ValidateRequiredFileContract(contract, error)) return false;
   std::vector<std::string> root_missing;
   if (FindMissingRequiredFiles(stage_dir, contract, root_missing)) {
     payload_root = stage_dir;
     return true;
   }
-  std::vector<std::filesystem::path> subdirectories;
+  std::vector<fs::Path> subdirectories;
   std::vector<std::string> wrapper_missing;
   if (ListSubdirectories(stage_dir, subdirectories) && subdirectories.size() == 1 &&
       FindMissingRequiredFiles(subdirectories.front(), contract, wrapper_missing)) {
@@ -96,27 +93,26 @@ bool ResolvePayloadLayout(const std::filesystem::path& stage_dir,
   return Fail(error, message);
 }
 
-bool IsPathInsideDirectory(const std::filesystem::path& base,
-                           const std::filesystem::path& candidate) {
+bool IsPathInsideDirectory(const fs::Path& base, const fs::Path& candidate) {
   std::error_code code;
-  const std::filesystem::path resolved_candidate = fs::WeaklyCanonical(candidate, code);
+  const fs::Path resolved_candidate = fs::WeaklyCanonical(candidate, code);
   if (code) return false;
-  const std::filesystem::path resolved_base = fs::WeaklyCanonical(base, code);
+  const fs::Path resolved_base = fs::WeaklyCanonical(base, code);
   if (code) return false;
-  const std::filesystem::path relative = resolved_candidate.lexically_relative(resolved_base);
+  const fs::Path relative = resolved_candidate.lexically_relative(resolved_base);
   if (relative.empty() || relative == "." || relative.has_root_path()) return false;
   return std::find(relative.begin(), relative.end(), "..") == relative.end();
 }
 
-bool ValidatePayloadTarget(const std::filesystem::path& target_dir,
-                           const std::filesystem::path& payload_target, std::string* error) {
+bool ValidatePayloadTarget(const fs::Path& target_dir, const fs::Path& payload_target,
+                           std::string* error) {
   std::error_code code;
-  const std::filesystem::path resolved_dir = fs::WeaklyCanonical(target_dir, code);
+  const fs::Path resolved_dir = fs::WeaklyCanonical(target_dir, code);
   if (code || resolved_dir.empty()) {
     return Fail(error, "Update target directory cannot be normalized: '",
                 PathToUtf8(target_dir) + "'");
   }
-  const std::filesystem::path resolved_target = fs::WeaklyCanonical(payload_target, code);
+  const fs::Path resolved_target = fs::WeaklyCanonical(payload_target, code);
   if (code || resolved_target.empty()) {
     return Fail(error, "Update payload target cannot be normalized: '",
                 PathToUtf8(payload_target) + "'");

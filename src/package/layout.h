@@ -3,10 +3,11 @@
 // The layout contract of a package: which files it must hold and where its payload root is, and the
 // containment test for the targets of the apply stage.
 
-#include <filesystem>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "core/path.h"
 
 namespace zul {
 
@@ -17,24 +18,22 @@ using RequiredFileContract = std::vector<std::string>;
                                                 std::string* error);
 
 /// Finds the payload root in an extracted tree: `stage_dir` itself or its single top-level folder.
-[[nodiscard]] bool ResolvePayloadLayout(const std::filesystem::path& stage_dir,
+[[nodiscard]] bool ResolvePayloadLayout(const fs::Path& stage_dir,
                                         const RequiredFileContract& contract,
-                                        std::filesystem::path& payload_root, std::string* error);
+                                        fs::Path& payload_root, std::string* error);
 
 /// Fills `missing`, in the contract's order, with the names that are not regular files in `root`.
 /// True when it stays empty.
-[[nodiscard]] bool FindMissingRequiredFiles(const std::filesystem::path& root,
+[[nodiscard]] bool FindMissingRequiredFiles(const fs::Path& root,
                                             const RequiredFileContract& contract,
                                             std::vector<std::string>& missing);
 
 /// True when `candidate`, with links resolved, lies below `base`. A folder is not inside itself,
 /// and a path that cannot be resolved is inside nothing.
-[[nodiscard]] bool IsPathInsideDirectory(const std::filesystem::path& base,
-                                         const std::filesystem::path& candidate);
+[[nodiscard]] bool IsPathInsideDirectory(const fs::Path& base, const fs::Path& candidate);
 
 /// True when `payload_target` may be written by an update of `target_dir`. `error` may be null.
-[[nodiscard]] bool ValidatePayloadTarget(const std::filesystem::path& target_dir,
-                                         const std::filesystem::path& payload_target,
+[[nodiscard]] bool ValidatePayloadTarget(const fs::Path& target_dir, const fs::Path& payload_target,
                                          std::string* error);
 
 }  // namespace zul

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "core/failure.h"
 #include "core/file_layer.h"
 #include "core/system_error.h"
 #include "core/text.h"
@@ -15,13 +16,8 @@ constexpr std::uint32_t kTrustNoSignature = 0x800B0100;
 constexpr std::uint32_t kTrustSubjectFormUnknown = 0x800B0003;
 constexpr std::uint32_t kTrustProviderUnknown = 0x800B0001;
 
-bool Refuse(std::string* error, std::string message) {
-  if (error != nullptr) *error = std::move(message);
-  return false;
-}
-
 std::string CodeAndMessage(const std::error_code& ec) {
-  return "' (code=" + std::to_string(ec.value()) + ", message='" + SystemErrorText(ec) + "')";
+  return "' (" + DescribeSystemError(ec) + ")";
 }
 
 bool IsBinaryName(const fs::Path& path) {
@@ -65,10 +61,10 @@ class SignaturePass {
     }
     if (!ec) return true;
     if (started) {
-      return Refuse(error_, "Update payload signature enumeration failed: " + SystemErrorText(ec));
+      return Fail(error_, "Update payload signature enumeration failed: " + SystemErrorText(ec));
     }
-    return Refuse(error_, "Cannot enumerate staged update tree for signature validation: '" +
-                              PathToUtf8(staged_root_) + CodeAndMessage(ec));
+    return Fail(error_, "Cannot enumerate staged update tree for signature validation: '" +
+                            PathToUtf8(staged_root_) + CodeAndMessage(ec));
   }
 
  private:
@@ -91,15 +87,14 @@ class SignaturePass {
     if (resolved_root_.empty()) resolved_root_ = fs::WeaklyCanonical(staged_root_, ec);
     const fs::Path resolved = ec ? fs::Path() : fs::WeaklyCanonical(path, ec);
     if (ec) {
-      return Refuse(error_,
-                    "Cannot resolve staged relative path during signature validation for '" +
-                        PathToUtf8(path) + CodeAndMessage(ec));
+      return Fail(error_, "Cannot resolve staged relative path during signature validation for '" +
+                              PathToUtf8(path) + CodeAndMessage(ec));
     }
     const fs::Path relative = resolved.lexically_relative(resolved_root_);
     if (!IsSafeRelativePath(relative)) {
-      return Refuse(error_,
-                    "Staged update contains an unsafe payload path during signature validation: '" +
-                        PathToUtf8(relative.empty() ? path : relative) + "'");
+      return Fail(error_,
+                  "Staged update contains an unsafe payload path during signature validation: '" +
+                      PathToUtf8(relative.empty() ? path : relative) + "'");
     }
     return !IsBinaryName(relative) || Verify(resolved, PathToGenericUtf8(relative));
   }
@@ -114,7 +109,7 @@ class SignaturePass {
       refusal += ")";
     }
     if (verified_files_ != nullptr) verified_files_->push_back(std::move(relative));
-    return refusal.empty() || Refuse(error_, std::move(refusal));
+    return refusal.empty() || Fail(error_, std::move(refusal));
   }
 
   const fs::Path& staged_root_;
@@ -140,13 +135,13 @@ std::string_view SignatureStatusWord(PayloadSignatureStatus status) {
   return "unknown";
 }
 
-bool VerifyStagedPayloadSignatures(const std::filesystem::path& staged_root, bool require_signed,
+bool VerifyStagedPayloadSignatures(const fs::Path& staged_root, bool require_signed,
                                    const PayloadSignatureVerifier& verifier,
                                    std::vector<std::string>* verified_files, std::string* error) {
   if (verified_files != nullptr) verified_files->clear();
   if (!require_signed) return true;
   if (!verifier) {
-    return Refuse(error, "Update payload binary signature verifier is not configured.");
+    return Fail(error, "Update payload binary signature verifier is not configured.");
   }
   return SignaturePass(staged_root, verifier, verified_files, error).Run();
 }

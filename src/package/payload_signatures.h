@@ -5,11 +5,12 @@
 // record only and decides nothing.
 
 #include <cstdint>
-#include <filesystem>
 #include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "core/path.h"
 
 namespace zul {
 
@@ -38,8 +39,7 @@ using PayloadSignatureVerifier =
 /// receives the paths relative to the root with `/` separators, UTF-8, in the order of the walk. On
 /// failure `error` (may be null) has the reason. Throws std::filesystem::filesystem_error for an
 /// entry whose type cannot be had.
-[[nodiscard]] bool VerifyStagedPayloadSignatures(const std::filesystem::path& staged_root,
-                                                 bool require_signed,
+[[nodiscard]] bool VerifyStagedPayloadSignatures(const fs::Path& staged_root, bool require_signed,
                                                  const PayloadSignatureVerifier& verifier,
                                                  std::vector<std::string>* verified_files,
                                                  std::string* error);

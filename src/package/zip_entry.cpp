@@ -3,7 +3,7 @@
 #include <optional>
 #include <utility>
 
-#include "package/failure.h"
+#include "core/failure.h"
 #include "package/zip_names.h"
 
 namespace zul {

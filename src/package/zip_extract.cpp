@@ -1,10 +1,10 @@
 #include "package/zip_extract.h"
 
+#include "core/failure.h"
 #include "core/file_layer.h"
 #include "core/file_ops.h"
 #include "core/text.h"
 #include "package/extraction_directory.h"
-#include "package/failure.h"
 
 namespace zul {
 
@@ -26,7 +26,7 @@ class OpenedEntry {
  public:
   explicit OpenedEntry(ZipReader& reader) : reader_(reader) {}
   ~OpenedEntry() {
-    if (open_) (void)reader_.CloseEntry();
+    if (open_) static_cast<void>(reader_.CloseEntry());
   }
   OpenedEntry(const OpenedEntry&) = delete;
   OpenedEntry& operator=(const OpenedEntry&) = delete;
@@ -41,14 +41,14 @@ class OpenedEntry {
   bool open_ = true;
 };
 
-bool MakeParents(const std::filesystem::path& root, std::string_view relative_path,
+bool MakeParents(const fs::Path& root, std::string_view relative_path,
                  std::unordered_set<std::string>& created_dirs, std::string* error) {
   for (std::size_t slash = relative_path.find('/'); slash != std::string_view::npos;
        slash = relative_path.find('/', slash + 1)) {
     std::string key(relative_path.substr(0, slash));
     const auto relative_directory = PathFromUtf8(key);
     if (!relative_directory) return Fail(error, "ZIP entry escapes extraction root");
-    const std::filesystem::path directory = (root / *relative_directory).lexically_normal();
+    const fs::Path directory = (root / *relative_directory).lexically_normal();
     std::error_code code;
     if (created_dirs.contains(key)) {
       if (fs::KindOf(directory, fs::Links::kDoNotFollow, code) != fs::EntryKind::kDirectory) {
@@ -115,7 +115,7 @@ bool CloseAndVerify(OpenedEntry& entry, std::string* error) {
 }
 
 bool FlushAndClose(ExclusiveFile& file, const ZipEntryRecord& record, const ExtractionPass& pass,
-                   const std::filesystem::path& root, std::string* error) {
+                   const fs::Path& root, std::string* error) {
   const bool is_long = static_cast<std::uint64_t>(record.uncompressed_size) >= fs::kLongFlushBytes;
   std::string detail;
   bool flushed = false;
@@ -125,24 +125,22 @@ bool FlushAndClose(ExclusiveFile& file, const ZipEntryRecord& record, const Extr
   // The file itself is asked, while it is open: what its path has come to mean says nothing of
   // where the data went.
   std::error_code code;
-  const std::filesystem::path resolved = file.whereabouts(code);
+  const fs::Path resolved = file.whereabouts(code);
   if (!file.close(&detail)) return Fail(error, "cannot close extracted file: ", detail);
   return (!code && IsPathInsideRootFolded(root, resolved)) ||
          Fail(error, "extracted file resolved outside extraction root");
 }
 
 /// Where the stage is at this moment. It stays open for the pass, so that this costs no open.
-std::filesystem::path ResolveStage(const std::filesystem::path& stage_dir, ExtractionPass& pass,
-                                   std::error_code& code) {
+fs::Path ResolveStage(const fs::Path& stage_dir, ExtractionPass& pass, std::error_code& code) {
   if (!pass.stage.is_open()) pass.stage = fs::OpenFolder(stage_dir, code);
-  return pass.stage.is_open() ? pass.stage.Whereabouts(code) : std::filesystem::path();
+  return pass.stage.is_open() ? pass.stage.Whereabouts(code) : fs::Path();
 }
 
 }  // namespace
 
-bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record,
-                     const std::filesystem::path& stage_dir, ExtractionPass& pass,
-                     std::string* error) {
+bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record, const fs::Path& stage_dir,
+                     ExtractionPass& pass, std::string* error) {
   const ZipStatus open_status = reader.OpenEntry();
   if (open_status != kZipOk) {
     return Fail(error, "cannot open ZIP entry: ", ZipStatusText(open_status));
@@ -152,11 +150,10 @@ bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record,
   if (!CheckLocalHeader(reader, checked, error)) return false;
 
   std::error_code code;
-  const std::filesystem::path root = ResolveStage(stage_dir, pass, code);
+  const fs::Path root = ResolveStage(stage_dir, pass, code);
   if (code) return Fail(error, "cannot resolve extraction root");
   const auto relative_path = PathFromUtf8(record.path);
-  const std::filesystem::path target =
-      relative_path ? (root / *relative_path).lexically_normal() : std::filesystem::path();
+  const fs::Path target = relative_path ? (root / *relative_path).lexically_normal() : fs::Path();
   if (!target.has_filename() || !IsPathInsideRootFolded(root, target)) {
     return Fail(error, "ZIP entry escapes extraction root");
   }
@@ -164,7 +161,7 @@ bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record,
   // Either nothing has the file's name, or its exclusive creation fails below. So the folder
   // decides where it goes, and a search for a name that is missing, which may list the folder, is
   // saved.
-  const std::filesystem::path resolved_parent = fs::Canonical(target.parent_path(), code);
+  const fs::Path resolved_parent = fs::Canonical(target.parent_path(), code);
   if (code) return Fail(error, "cannot resolve extracted file path");
   if (!IsPathInsideRootFolded(root, resolved_parent / target.filename())) {
     return Fail(error, "ZIP entry escapes extraction root");
@@ -180,7 +177,7 @@ bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record,
 }
 
 bool ExtractScannedEntries(std::string_view archive_path, const ZipScanResult& scan,
-                           const std::filesystem::path& stage_dir, std::string* error,
+                           const fs::Path& stage_dir, std::string* error,
                            fs::KeepAlive keep_alive) {
   ZipReader reader;
   if (!OpenZipReader(archive_path, reader, error)) return false;

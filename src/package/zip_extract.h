@@ -5,7 +5,6 @@
 // each path is resolved again when it is used.
 
 #include <cstddef>
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -32,13 +31,13 @@ struct ExtractionPass {
 /// Extracts the entries of `scan` from the archive at `archive_path` (UTF-8) into `stage_dir`.
 /// After a failure the stage holds what was complete before it. `error` may be null.
 [[nodiscard]] bool ExtractScannedEntries(std::string_view archive_path, const ZipScanResult& scan,
-                                         const std::filesystem::path& stage_dir, std::string* error,
+                                         const fs::Path& stage_dir, std::string* error,
                                          fs::KeepAlive keep_alive = {});
 
 /// Extracts the entry that `reader` has reached, which is `record`. A file that was not written to
 /// its end, or whose data is not what was declared, does not stay. `error` may be null.
 [[nodiscard]] bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record,
-                                   const std::filesystem::path& stage_dir, ExtractionPass& pass,
+                                   const fs::Path& stage_dir, ExtractionPass& pass,
                                    std::string* error);
 
 }  // namespace zul

@@ -11,7 +11,8 @@
 #include <time.h>
 #include <zlib.h>
 
-#include "package/failure.h"
+#include "core/failure.h"
+#include "core/text.h"
 #include "package/zip_end_records.h"
 #include "package/zip_names.h"
 #include "package/zip_stream.h"
@@ -152,7 +153,7 @@ ZipReader& ZipReader::operator=(ZipReader&&) noexcept = default;
 // certain name into memory before anyone could look at it, and opens sibling files for other disks.
 ZipStatus ZipReader::Open(std::string_view utf8_path) {
   state_ = std::make_unique<State>();
-  ZipStatus status = state_->stream.Open(std::string(utf8_path));
+  ZipStatus status = state_->stream.Open(PathOrEmpty(utf8_path));
   if (status != kZipOk) return status;
   state_->zip = mz_zip_create();
   if (!state_->zip) return kZipMemoryError;
@@ -229,7 +230,7 @@ ZipStatus ZipReader::OpenEntry() {
     TakeFields(*local, state_->local);
     status = state_->CheckExtent(state_->stream.position(), entry->compressed_size);
   }
-  if (status != kZipOk) (void)CloseEntry();
+  if (status != kZipOk) static_cast<void>(CloseEntry());
   return status;
 }
 

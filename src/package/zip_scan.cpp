@@ -4,8 +4,8 @@
 #include <limits>
 #include <unordered_map>
 
+#include "core/failure.h"
 #include "core/text.h"
-#include "package/failure.h"
 #include "package/zip_names.h"
 
 namespace zul {

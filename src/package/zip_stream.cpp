@@ -6,7 +6,6 @@
 // minizip-ng's headers use these without including them.
 #include <mz.h>
 #include <mz_strm.h>
-#include <mz_strm_os.h>
 #include <stdint.h>
 #include <time.h>
 
@@ -20,7 +19,9 @@ struct ZipFileStream::LibraryStream {
 
   static ZipFileStream& Owner(void* stream) { return *static_cast<LibraryStream*>(stream)->owner; }
 
-  static int32_t IsOpen(void* stream) { return Owner(stream).file_ ? MZ_OK : MZ_OPEN_ERROR; }
+  static int32_t IsOpen(void* stream) {
+    return Owner(stream).file_.is_open() ? MZ_OK : MZ_OPEN_ERROR;
+  }
   static int32_t Read(void* stream, void* buffer, int32_t size) {
     return Owner(stream).Read(buffer, size);
   }
@@ -42,29 +43,23 @@ struct ZipFileStream::LibraryStream {
 ZipFileStream::ZipFileStream()
     : library_stream_(new LibraryStream{{&LibraryStream::vtbl, nullptr}, this}) {}
 
-ZipFileStream::~ZipFileStream() {
-  if (!file_) return;
-  mz_stream_os_close(file_);
-  mz_stream_os_delete(&file_);
-}
+ZipFileStream::~ZipFileStream() = default;
 
 void* ZipFileStream::library_stream() {
   return library_stream_.get();
 }
 
-ZipStatus ZipFileStream::Open(const std::string& utf8_path) {
-  void* file = mz_stream_os_create();
-  if (!file) return kZipMemoryError;
-  ZipStatus status = mz_stream_os_open(file, utf8_path.c_str(), MZ_OPEN_MODE_READ);
-  if (status == kZipOk) status = mz_stream_os_seek(file, 0, MZ_SEEK_END);
-  const int64_t size = status == kZipOk ? mz_stream_os_tell(file) : 0;
-  if (status != kZipOk || size < 0) {
-    mz_stream_os_close(file);
-    mz_stream_os_delete(&file);
+ZipStatus ZipFileStream::Open(const fs::Path& path) {
+  std::error_code ec;
+  fs::File file = fs::OpenForRead(path, ec);
+  fs::FileFacts facts;
+  std::uint64_t size_bytes = 0;
+  if (!file.is_open() || !file.Facts(&facts, ec) || !facts.is_disk_file || facts.is_directory ||
+      !file.Size(&size_bytes, ec)) {
     return kZipOpenError;
   }
-  file_ = file;
-  size_ = file_position_ = size;
+  file_ = std::move(file);
+  size_ = static_cast<std::int64_t>(size_bytes);
   return kZipOk;
 }
 
@@ -133,16 +128,12 @@ const ZipFileStream::Window* ZipFileStream::WindowAtPosition(ZipStatus& status) 
 
 // Reads from the file itself, as far as it was long at the start.
 std::int32_t ZipFileStream::ReadFile(std::int64_t at, void* buffer, std::int32_t size) {
-  if (file_position_ != at && mz_stream_os_seek(file_, at, MZ_SEEK_SET) != MZ_OK) {
-    file_position_ = -1;
-    return kZipSeekError;
-  }
-  const auto wanted = static_cast<std::int32_t>(std::min<std::int64_t>(size, size_ - at));
-  const std::int32_t read = mz_stream_os_read(file_, buffer, wanted);
-  file_position_ = read < 0 ? -1 : at + read;
-  // On Windows a failed read comes back as 0 bytes with an error beside it.
-  if (read < 0 || (read == 0 && mz_stream_os_error(file_) != 0)) return kZipReadError;
-  return read;
+  const auto wanted = static_cast<std::size_t>(std::min<std::int64_t>(size, size_ - at));
+  std::size_t read = 0;
+  std::error_code ec;
+  if (!file_.ReadAt(static_cast<std::uint64_t>(at), buffer, wanted, &read, ec))
+    return kZipReadError;
+  return static_cast<std::int32_t>(read);
 }
 
 }  // namespace zul

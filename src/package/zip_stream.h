@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 
+#include "core/file_layer.h"
 #include "package/zip_status.h"
 
 namespace zul {
@@ -22,8 +23,8 @@ class ZipFileStream {
   ZipFileStream(const ZipFileStream&) = delete;
   ZipFileStream& operator=(const ZipFileStream&) = delete;
 
-  /// Opens the file at `utf8_path`. What is added to the file later is not seen.
-  [[nodiscard]] ZipStatus Open(const std::string& utf8_path);
+  /// Opens the file at `path`. What is added to the file later is not seen.
+  [[nodiscard]] ZipStatus Open(const fs::Path& path);
 
   [[nodiscard]] std::int64_t size() const { return size_; }
   [[nodiscard]] std::int64_t position() const { return position_; }
@@ -55,8 +56,7 @@ class ZipFileStream {
   [[nodiscard]] std::int32_t ReadFile(std::int64_t at, void* buffer, std::int32_t size);
 
   std::unique_ptr<LibraryStream> library_stream_;
-  void* file_ = nullptr;  // a mz_stream_os
-  std::int64_t file_position_ = 0;
+  fs::File file_;
   std::int64_t size_ = 0;
   std::int64_t position_ = 0;
   std::uint64_t uses_ = 0;

@@ -29,7 +29,7 @@ bool IsSameFolder(const fs::Path& a, const fs::Path& b) {
 
 }  // namespace
 
-bool IsApplicationOwner(const ProcessEntry& process, const std::filesystem::path& target_dir) {
+bool IsApplicationOwner(const ProcessEntry& process, const fs::Path& target_dir) {
   if (!process.image_path) return IsApplicationImageName(process.name);
   return IsApplicationImageName(FileNameOf(PathToUtf8(*process.image_path))) &&
          IsSameFolder(process.image_path->parent_path(), target_dir);

@@ -6,12 +6,12 @@
 
 namespace zul {
 
-std::optional<std::filesystem::path> ProcessImagePath(std::uint32_t pid) {
+std::optional<fs::Path> ProcessImagePath(std::uint32_t pid) {
   char buffer[PATH_MAX];
   const std::string link = "/proc/" + std::to_string(pid) + "/exe";
   const ssize_t length = ::readlink(link.c_str(), buffer, sizeof buffer);
   if (length <= 0 || static_cast<std::size_t>(length) == sizeof buffer) return std::nullopt;
-  return std::filesystem::path(std::string(buffer, static_cast<std::size_t>(length)));
+  return fs::Path(std::string(buffer, static_cast<std::size_t>(length)));
 }
 
 }  // namespace zul

@@ -8,7 +8,7 @@
 
 namespace zul {
 
-std::optional<std::filesystem::path> ProcessImagePath(std::uint32_t pid) {
+std::optional<fs::Path> ProcessImagePath(std::uint32_t pid) {
   const UniqueKernelHandle process(::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid));
   if (!process) return std::nullopt;
   std::vector<wchar_t> buffer(32768);  // the longest path that the system has
@@ -16,7 +16,7 @@ std::optional<std::filesystem::path> ProcessImagePath(std::uint32_t pid) {
   if (::QueryFullProcessImageNameW(process.get(), 0, buffer.data(), &length) == 0) {
     return std::nullopt;
   }
-  return std::filesystem::path(std::wstring(buffer.data(), length));
+  return fs::Path(std::wstring(buffer.data(), length));
 }
 
 }  // namespace zul

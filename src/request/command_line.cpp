@@ -101,8 +101,7 @@ UpdateRequest ParseUpdateRequest(int argc, const wchar_t* const* argv) {
   return request;
 }
 
-std::wstring RenderHelperCommandLine(const std::filesystem::path& helper_path,
-                                     const UpdateRequest& request) {
+std::wstring RenderHelperCommandLine(const fs::Path& helper_path, const UpdateRequest& request) {
   const auto append_if = [](std::wstring& line, std::string_view beginning,
                             const std::string& value) {
     if (!value.empty()) AppendSwitch(line, beginning, value);

@@ -2,6 +2,7 @@
 #include <optional>
 #include <system_error>
 
+#include "core/failure.h"
 #include "core/file_layer.h"
 #include "core/text.h"
 #include "request/path_text.h"
@@ -14,11 +15,6 @@ namespace {
 constexpr std::string_view kTargetLabel = "Update target directory";
 constexpr std::string_view kRestartLabel = "Restart executable";
 constexpr std::string_view kRestartParentLabel = "Restart executable parent";
-
-bool Fail(std::string* error, std::string_view label, std::string_view rest = {}) {
-  if (error != nullptr) error->assign(label).append(rest);
-  return false;
-}
 
 bool ToPath(std::string_view text, fs::Path& path, std::string* error, std::string_view label) {
   std::optional<fs::Path> converted = PathFromUtf8(text);
@@ -114,8 +110,7 @@ bool ValidateUpdatePaths(const UpdateRequest& request, std::string* error) {
   return true;
 }
 
-bool ResolveUpdaterHelper(std::string_view restart_exe, std::filesystem::path& helper_path,
-                          std::string* error) {
+bool ResolveUpdaterHelper(std::string_view restart_exe, fs::Path& helper_path, std::string* error) {
   std::optional<fs::Path> restart = PathFromUtf8(restart_exe);
   if (!restart || !IsApplicationImageName(FileNameOf(restart_exe))) {
     return Fail(error, "Restart executable path is invalid.");

@@ -4,10 +4,11 @@
 // both directions.
 
 #include <cstdint>
-#include <filesystem>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "core/path.h"
 
 namespace zul {
 
@@ -36,7 +37,7 @@ struct UpdateRequest {
 [[nodiscard]] bool ValidateUpdatePaths(const UpdateRequest& request, std::string* error);
 
 /// The command line that starts `helper_path` with the same request. Parsing it gives `request`.
-[[nodiscard]] std::wstring RenderHelperCommandLine(const std::filesystem::path& helper_path,
+[[nodiscard]] std::wstring RenderHelperCommandLine(const fs::Path& helper_path,
                                                    const UpdateRequest& request);
 
 /// One argument quoted so that CommandLineToArgvW gives it back unchanged.
@@ -45,8 +46,8 @@ struct UpdateRequest {
 /// Finds the installed updater beside a restart executable that is already valid. On failure false
 /// with a text in `error` (may be null). Throws std::filesystem::filesystem_error when the folder,
 /// which was just resolved, cannot be listed.
-[[nodiscard]] bool ResolveUpdaterHelper(std::string_view restart_exe,
-                                        std::filesystem::path& helper_path, std::string* error);
+[[nodiscard]] bool ResolveUpdaterHelper(std::string_view restart_exe, fs::Path& helper_path,
+                                        std::string* error);
 
 /// The executable to start after the update: for a legacy name the current one when the target
 /// folder holds it, else `restart_exe` unchanged. UTF-8.

@@ -116,7 +116,7 @@ std::string TraceLogPath() {
     if (!place.path.empty() && place.config_home == config_home) return place.path;
   }
   std::error_code ec;
-  fs::Path folder = PathFromUtf8(ApplicationConfigDirectory()).value_or(fs::Path());
+  fs::Path folder = PathOrEmpty(ApplicationConfigDirectory());
   if (folder.empty()) folder = fs::CurrentDirectory(ec);
   std::string path = PathToUtf8(folder / "logs" / "update_trace.log");
   if (fs::KindOf(folder, fs::Links::kFollow, ec) == fs::EntryKind::kDirectory) {
@@ -130,7 +130,7 @@ std::string TraceLogPath() {
 void EmitChainEvent(std::string_view name, const std::vector<ChainEventField>& fields) {
   if (name.empty()) return;
   try {
-    const fs::Path path = PathFromUtf8(TraceLogPath()).value_or(fs::Path());
+    const fs::Path path = PathOrEmpty(TraceLogPath());
     const std::scoped_lock lock(TraceMutex());
     const std::string line = RenderLine(name, fields);
     fs::File file = OpenTrace(path);

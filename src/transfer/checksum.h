@@ -1,8 +1,7 @@
 #pragma once
 
-// SHA-256 of files, and the check of a downloaded package against the digest of the request.
+// The check of a downloaded package against the digest of the request.
 
-#include <filesystem>
 #include <string>
 #include <string_view>
 
@@ -12,21 +11,16 @@
 
 namespace zul {
 
-/// `hex` receives 64 lower-case digits. A read error counts as the end of the file: the comparison
-/// is what then fails. `error` may be null.
-[[nodiscard]] bool ComputeFileSha256(const std::filesystem::path& path, std::string& hex,
-                                     std::string* error, const fs::KeepAlive& keep_alive = {});
-
 /// True when the file's digest equals `expected`, which may have white space around it and upper
 /// case.
-[[nodiscard]] bool VerifyFileSha256(const std::filesystem::path& path, std::string_view expected,
+[[nodiscard]] bool VerifyFileSha256(const fs::Path& path, std::string_view expected,
                                     std::string* error, const fs::KeepAlive& keep_alive = {});
 
 /// What the checksum stage borrows from the run, for the length of the call.
 struct ChecksumStageContext {
   UpdateProgressWindow* progress_window;  ///< may be null
   const UpdateRequest& request;
-  const std::filesystem::path& package_path;
+  const fs::Path& package_path;
   std::string& stage_error;
 };
 

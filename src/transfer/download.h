@@ -4,11 +4,11 @@
 // arrived of a failed download stays on disk; the caller owns the workspace.
 
 #include <cstdint>
-#include <filesystem>
 #include <functional>
 #include <string>
 #include <string_view>
 
+#include "core/path.h"
 #include "ui/progress_window.h"
 
 namespace zul {
@@ -49,8 +49,7 @@ using DownloadCancelCallback = std::function<bool()>;
 /// Downloads `url` (UTF-8) to `destination_path`. Blocks; drives `progress_window` (may be null)
 /// from its read loop. On failure `error_text` (may be null) gets the message with the platform's
 /// code. With a cancel callback the receive time-out is 5 s instead of 30 s.
-[[nodiscard]] bool DownloadPackage(std::string_view url,
-                                   const std::filesystem::path& destination_path,
+[[nodiscard]] bool DownloadPackage(std::string_view url, const fs::Path& destination_path,
                                    std::string_view origin_role, DownloadResult& result,
                                    std::string* error_text, UpdateProgressWindow* progress_window,
                                    const DownloadProgressCallback& progress_callback,

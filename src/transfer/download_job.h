@@ -3,11 +3,11 @@
 // The portable body of DownloadPackage, with the outside world passed in.
 
 #include <cstdint>
-#include <filesystem>
 #include <functional>
 #include <string>
 #include <string_view>
 
+#include "core/path.h"
 #include "transfer/download.h"
 #include "transfer/download_transport.h"
 
@@ -16,7 +16,7 @@ namespace zul {
 /// What DownloadPackage was asked for; borrowed for the length of the call.
 struct DownloadJob {
   std::string_view url;
-  const std::filesystem::path& destination;
+  const fs::Path& destination;
   std::string_view origin_role;
   UpdateProgressWindow* progress_window;              ///< may be null
   const DownloadProgressCallback& progress_callback;  ///< may be empty

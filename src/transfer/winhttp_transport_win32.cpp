@@ -58,7 +58,7 @@ std::unique_ptr<DownloadTransport> CreateWinHttpTransport() {
   return std::make_unique<WinHttpTransport>();
 }
 
-bool DownloadPackage(std::string_view url, const std::filesystem::path& destination_path,
+bool DownloadPackage(std::string_view url, const fs::Path& destination_path,
                      std::string_view origin_role, DownloadResult& result, std::string* error_text,
                      UpdateProgressWindow* progress_window,
                      const DownloadProgressCallback& progress_callback,

@@ -28,7 +28,6 @@ namespace {
 
 constexpr std::uint32_t kMainProcessWaitMs = 180000;
 // GetModuleFileNameW's longest answer.
-constexpr std::uint32_t kLongestPathUnits = 32768;
 
 StageResult ValidateStage(UpdateRun& run) {
   std::string error;
@@ -78,7 +77,7 @@ StageResult PrepareStage(UpdateRun& run) {
   if (workspace.empty()) {
     return FailRun({request, run.progress_window}, "Cannot create updater temp directory.");
   }
-  run.workspace_dir = PathFromUtf8(workspace).value_or(fs::Path());
+  run.workspace_dir = PathOrEmpty(workspace);
   run.package_path = run.workspace_dir / "update_package.zip";
   run.stage_dir = run.workspace_dir / "stage";
   return std::nullopt;
@@ -128,7 +127,7 @@ StageResult ExtractStage(UpdateRun& run) {
 
 /// The name under which the running updater is about to be replaced; empty when it is not.
 std::string_view FindSelfUpdateName(const UpdateRun& run, const fs::Path& target) {
-  const fs::Path own = CurrentExecutablePath(kLongestPathUnits);
+  const fs::Path own = CurrentExecutablePath();
   for (const std::string_view name : {"qorva_updater.exe", "zul_updater.exe"}) {
     std::error_code ec;
     if (fs::KindOf(run.payload_root / name, fs::Links::kFollow, ec) != fs::EntryKind::kRegular) {
@@ -150,7 +149,7 @@ void DropNextCopy(UpdateRun& run) {
 
 /// A safety net: a run that was isolated has no file of its own in the target folder.
 StageResult StageSelfUpdate(UpdateRun& run) {
-  const fs::Path target = PathFromUtf8(run.request.target_dir).value_or(fs::Path());
+  const fs::Path target = PathOrEmpty(run.request.target_dir);
   const std::string_view name = FindSelfUpdateName(run, target);
   if (name.empty()) return std::nullopt;
   run.deferred_target = target / name;
@@ -162,8 +161,7 @@ StageResult StageSelfUpdate(UpdateRun& run) {
   DropNextCopy(run);
   return FailRun({run.request, run.progress_window},
                  "Cannot stage deferred updater self-update copy: target='" +
-                     PathToUtf8(run.next_copy_path) + "', code=" + std::to_string(ec.value()) +
-                     ", message='" + SystemErrorText(ec) + "'.");
+                     PathToUtf8(run.next_copy_path) + "', " + DescribeSystemError(ec) + ".");
 }
 
 StageResult WaitStage(UpdateRun& run) {
@@ -185,7 +183,7 @@ StageResult ApplyStage(UpdateRun& run) {
   EmitChainEvent("apply_start", {{"payload_root", PathToUtf8(run.payload_root)},
                                  {"target_dir", request.target_dir}});
   ApplyCloseContext close_context{&run.progress_window, false};
-  const fs::Path target = PathFromUtf8(request.target_dir).value_or(fs::Path());
+  const fs::Path target = PathOrEmpty(request.target_dir);
   const bool applied = ApplyStagedUpdate(run.payload_root, target, request.pid, &close_context,
                                          request.require_signed_payload_binaries, &run.stage_error,
                                          &run.apply_result, nullptr);

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <filesystem>
 #include <optional>
 
 #include "core/file_layer.h"
@@ -22,9 +21,6 @@ constexpr std::array<std::string_view, 3> kLegacyNames = {"zul_rip.exe", "zul_ri
 constexpr std::array<std::string_view, 3> kCurrentNames = {"qorva.exe", "qorva_gui.exe",
                                                            "qorva_updater.exe"};
 
-// GetModuleFileNameW's longest answer.
-constexpr std::uint32_t kLongestPathUnits = 32768;
-
 template <std::size_t N>
 bool Contains(const std::array<std::string_view, N>& names, std::string_view name) {
   return std::find(names.begin(), names.end(), name) != names.end();
@@ -42,24 +38,13 @@ std::string ComparisonKeyOfText(std::string_view utf8_path) {
   return path ? ComparisonKey(*path) : std::string();
 }
 
-bool IsRegularFile(const fs::Path& path) {
-  std::error_code ec;
-  return fs::KindOf(path, fs::Links::kFollow, ec) == fs::EntryKind::kRegular && !ec;
-}
-
-bool IsThere(const fs::Path& path) {
-  std::error_code ec;
-  const fs::EntryKind kind = fs::KindOf(path, fs::Links::kFollow, ec);
-  return kind != fs::EntryKind::kNotFound && kind != fs::EntryKind::kUnknown;
-}
-
 /// The first folder from `folder` upward that looks like a source tree; empty when none does.
 std::string FindDeveloperRoot(const fs::Path& folder) {
   std::error_code ec;
   fs::Path current = fs::WeaklyCanonical(folder, ec);
   if (ec) return {};
   for (;;) {
-    if (IsThere(current / "CMakeLists.txt") && IsThere(current / ".git")) {
+    if (fs::Exists(current / "CMakeLists.txt") && fs::Exists(current / ".git")) {
       return PathToUtf8(current);
     }
     const fs::Path parent = current.parent_path();
@@ -88,21 +73,20 @@ InstallSignals GatherInstallSignals(std::string_view executable_path) {
   if (!executable) return signals;
   const fs::Path folder = executable->parent_path();
   signals.developer_root = FindDeveloperRoot(folder);
-  signals.install_marker_present = IsRegularFile(folder / kInstallMarker);
-  signals.uninstaller_present = IsRegularFile(folder / kUninstaller);
-  signals.archive_marker_present = IsRegularFile(folder / kArchiveMarker);
+  signals.install_marker_present = fs::IsRegularFile(folder / kInstallMarker);
+  signals.uninstaller_present = fs::IsRegularFile(folder / kUninstaller);
+  signals.archive_marker_present = fs::IsRegularFile(folder / kArchiveMarker);
   return signals;
 }
 
 InstallClassification ClassifyInstallSignals(const InstallSignals& signals) {
-  const fs::Path executable = PathFromUtf8(signals.executable_path).value_or(fs::Path());
+  const fs::Path executable = PathOrEmpty(signals.executable_path);
   const std::string name = AsciiLower(PathToUtf8(executable.filename()));
   const std::string folder = ComparisonKey(executable.parent_path());
   const std::string developer_root = ComparisonKeyOfText(signals.developer_root);
   std::string installer_folder;
   if (!signals.local_app_data.empty()) {
-    installer_folder = ComparisonKey(PathFromUtf8(signals.local_app_data).value_or(fs::Path()) /
-                                     "Programs" / "QORVA");
+    installer_folder = ComparisonKey(PathOrEmpty(signals.local_app_data) / "Programs" / "QORVA");
   }
 
   if (signals.install_marker_present) {
@@ -135,7 +119,7 @@ InstallClassification ClassifyInstallTarget(std::string_view executable_path) {
 }
 
 InstallClassification ClassifyCurrentProcess() {
-  return ClassifyInstallTarget(PathToUtf8(CurrentExecutablePath(kLongestPathUnits)));
+  return ClassifyInstallTarget(PathToUtf8(CurrentExecutablePath()));
 }
 
 std::string_view InstallerMigrationMessage() {

@@ -6,8 +6,7 @@ namespace zul {
 
 std::string BuildRestartArguments(const UpdateRequest& request) {
   if (!request.headless_restart_version_proof) return {};
-  const std::filesystem::path folder =
-      PathFromUtf8(request.target_dir).value_or(std::filesystem::path());
+  const fs::Path folder = PathOrEmpty(request.target_dir);
   return "--write-app-version-json \"" + PathToUtf8(folder / kRestartProofFileName) + "\"";
 }
 

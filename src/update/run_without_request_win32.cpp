@@ -33,10 +33,7 @@ bool HandOverToRunningApplication() {
 fs::Path FindApplicationBeside(const fs::Path& updater) {
   for (const char* name : {"qorva_gui.exe", "zul_rip_gui.exe"}) {
     fs::Path candidate = updater.parent_path() / name;
-    std::error_code ec;
-    if (fs::KindOf(candidate, fs::Links::kFollow, ec) == fs::EntryKind::kRegular) {
-      return candidate;
-    }
+    if (fs::IsRegularFile(candidate)) return candidate;
   }
   return {};
 }

@@ -14,7 +14,7 @@ void ReportUpdaterError(const UpdateRequest& request, std::string_view stage,
   ReportRequest report;
   report.kind = "updater_error";
   report.reason = message.empty() ? stage : message;
-  report.report_file = PathFromUtf8(trace_log_path).value_or(fs::Path());
+  report.report_file = PathOrEmpty(trace_log_path);
   report.details = {{"stage", std::string(stage)},
                     {"trace_log_path", trace_log_path},
                     {"target_dir", request.target_dir},

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string_view>
 
+#include "core/failure.h"
 #include "core/text.h"
 #include "package/layout.h"
 #include "transfer/url_policy.h"
@@ -11,14 +12,9 @@ namespace zul {
 
 namespace {
 
-bool Refuse(std::string* error, std::string_view message) {
-  if (error != nullptr) error->assign(message);
-  return false;
-}
-
 bool ValidateOrigin(const std::string& url, std::string_view default_message, std::string* error) {
   const UpdateUrlParts parts = ParseUpdateUrl(url);
-  if (!parts.ok) return Refuse(error, parts.error.empty() ? default_message : parts.error);
+  if (!parts.ok) return Fail(error, parts.error.empty() ? default_message : parts.error);
   return IsAllowedDownloadUrl(url, DefaultUpdateDownloadHosts(), error);
 }
 
@@ -34,16 +30,16 @@ bool IsSha256Text(std::string_view text) {
 bool ValidateUpdateRequest(const UpdateRequest& request, std::string* error) {
   if (request.download_url.empty() || request.sha256.empty() || request.target_dir.empty() ||
       request.restart_exe.empty()) {
-    return Refuse(error, "Update payload is incomplete.");
+    return Fail(error, "Update payload is incomplete.");
   }
   if (!request.restart_args.empty()) {
-    return Refuse(error, "Updater restart arguments are not supported.");
+    return Fail(error, "Updater restart arguments are not supported.");
   }
   if (request.headless_restart_version_proof && request.pid != 0) {
-    return Refuse(error, "Headless installed-update proof requires an isolated updater request.");
+    return Fail(error, "Headless installed-update proof requires an isolated updater request.");
   }
   if (request.headless_restart_version_proof && !request.require_signed_payload_binaries) {
-    return Refuse(error, "Headless installed-update proof requires signed payload verification.");
+    return Fail(error, "Headless installed-update proof requires signed payload verification.");
   }
   if (!ValidateUpdatePaths(request, error)) return false;
   if (!ValidateOrigin(request.download_url, "Invalid primary download URL.", error)) return false;
@@ -52,7 +48,7 @@ bool ValidateUpdateRequest(const UpdateRequest& request, std::string* error) {
     return false;
   }
   if (!IsSha256Text(TrimWhitespace(request.sha256))) {
-    return Refuse(error, "Update SHA-256 must be a 64-character hex string.");
+    return Fail(error, "Update SHA-256 must be a 64-character hex string.");
   }
   return request.required_payload_files.empty() ||
          ValidateRequiredFileContract(request.required_payload_files, error);

@@ -1,6 +1,6 @@
 // SHA-256 by FIPS 180-4, sections 4.1.2, 4.2.2, 5 and 6.2. Nothing in it can fail.
 
-#include "transfer/sha256.h"
+#include "core/sha256.h"
 
 #include <algorithm>
 #include <bit>
@@ -108,20 +108,20 @@ struct Sha256::State {
 Sha256::Sha256() : state_(std::make_unique<State>()) {}
 Sha256::~Sha256() = default;
 
-bool Sha256::Begin(std::string&) {
+bool Sha256::Begin(std::string*) {
   *state_ = State();
   return true;
 }
 
-bool Sha256::Update(const void* data, std::size_t size, std::string&) {
+bool Sha256::Update(const void* data, std::size_t size, std::string*) {
   state_->Add(static_cast<const std::uint8_t*>(data), size);
   return true;
 }
 
-bool Sha256::Finish(Sha256Digest& digest, std::string&) {
+bool Sha256::Finish(Sha256Digest* digest, std::string*) {
   state_->Pad();
-  for (std::size_t i = 0; i < digest.size(); ++i) {
-    digest[i] = static_cast<std::uint8_t>(state_->hash[i / 4] >> (24 - 8 * (i % 4)));
+  for (std::size_t i = 0; i < digest->size(); ++i) {
+    (*digest)[i] = static_cast<std::uint8_t>(state_->hash[i / 4] >> (24 - 8 * (i % 4)));
   }
   return true;
 }

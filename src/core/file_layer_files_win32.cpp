@@ -49,6 +49,16 @@ bool File::Read(void* buffer, std::size_t size, std::size_t* read, std::error_co
   return ok;
 }
 
+bool File::ReadAt(std::uint64_t offset_bytes, void* buffer, std::size_t size, std::size_t* read,
+                  std::error_code& ec) {
+  // Not an OVERLAPPED offset: Wine takes a slow path for it.
+  LARGE_INTEGER position;
+  position.QuadPart = static_cast<LONGLONG>(offset_bytes);
+  *read = 0;
+  return Succeeded(::SetFilePointerEx(Handle(handle_), position, nullptr, FILE_BEGIN), ec) &&
+         Read(buffer, size, read, ec);
+}
+
 bool File::WriteSome(const void* data, std::size_t size, std::size_t* written,
                      std::error_code& ec) {
   DWORD count = 0;

@@ -13,7 +13,7 @@ namespace zul {
 using Sha256Digest = std::array<std::uint8_t, 32>;
 
 /// One computation: `Begin`, then `Update` as often as needed, then `Finish`. After a failure,
-/// whose message goes to `error`, the object is of no more use.
+/// whose message goes to `error` (may be null), the object cannot be used again.
 class Sha256 {
  public:
   Sha256();
@@ -21,9 +21,9 @@ class Sha256 {
   Sha256(const Sha256&) = delete;
   Sha256& operator=(const Sha256&) = delete;
 
-  [[nodiscard]] bool Begin(std::string& error);
-  [[nodiscard]] bool Update(const void* data, std::size_t size, std::string& error);
-  [[nodiscard]] bool Finish(Sha256Digest& digest, std::string& error);
+  [[nodiscard]] bool Begin(std::string* error);
+  [[nodiscard]] bool Update(const void* data, std::size_t size, std::string* error);
+  [[nodiscard]] bool Finish(Sha256Digest* digest, std::string* error);
 
  private:
   struct State;

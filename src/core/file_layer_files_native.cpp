@@ -62,6 +62,15 @@ bool File::Read(void* buffer, std::size_t size, std::size_t* read, std::error_co
   return !ec;
 }
 
+bool File::ReadAt(std::uint64_t offset_bytes, void* buffer, std::size_t size, std::size_t* read,
+                  std::error_code& ec) {
+  const ssize_t result = Uninterrupted(
+      [&] { return ::pread(Descriptor(handle_), buffer, size, static_cast<off_t>(offset_bytes)); });
+  ec = result == -1 ? LastSystemError() : std::error_code();
+  *read = result == -1 ? 0 : static_cast<std::size_t>(result);
+  return !ec;
+}
+
 bool File::WriteSome(const void* data, std::size_t size, std::size_t* written,
                      std::error_code& ec) {
   const ssize_t result = Uninterrupted([&] { return ::write(Descriptor(handle_), data, size); });
