@@ -49,7 +49,7 @@ bool RenameToFreeName(const Path& from, const Path& to, std::error_code& ec) {
   };
   if (Succeeded(rename(), ec)) return true;
   if (ec.value() != EINVAL && ec.value() != ENOSYS) return false;
-  // A file system without that flag: the check and the rename are two steps there.
+  // The file system does not support the flag, so the check and the rename are two steps.
   struct stat status;
   if (::lstat(to.c_str(), &status) == 0) {
     ec = SystemError(EEXIST);
@@ -61,7 +61,7 @@ bool RenameToFreeName(const Path& from, const Path& to, std::error_code& ec) {
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
-// What is there
+// Entries
 
 EntryKind KindOf(const Path& path, Links links, std::error_code& ec) {
   struct stat status;
@@ -119,7 +119,7 @@ std::uint64_t AvailableSpace(const Path& path, std::error_code& ec) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Where it really is
+// Resolved paths
 
 Path Canonical(const Path& path, std::error_code& ec) {
   return RealPath(path, ec);
@@ -136,7 +136,7 @@ Path WeaklyCanonical(const Path& path, std::error_code& ec) {
     Path resolved = RealPath(existing.empty() ? "." : existing, ec);
     if (!ec) {
       if (rest.empty()) return resolved;
-      // A ".." behind a missing folder may lead back to what exists, so that is resolved again.
+      // A ".." after a missing folder may lead back to an existing one: resolve the result again.
       const bool again = HasParentStep(rest);
       resolved = (resolved / rest).lexically_normal();
       return again ? WeaklyCanonical(resolved, ec) : resolved;
@@ -154,11 +154,38 @@ Path CurrentDirectory(std::error_code& ec) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Changes
+// Folders
 
 CreateResult CreateDirectoryOnce(const Path& path, std::error_code& ec) {
   if (Succeeded(::mkdir(path.c_str(), 0777), ec)) return CreateResult::kCreated;
   return IsExistsError(ec) ? CreateResult::kExisted : CreateResult::kFailed;
+}
+
+bool FlushDirectory(const Path& path, std::error_code& ec) {
+  const int descriptor =
+      ::open(path.empty() ? "." : path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (!Succeeded(descriptor, ec)) return false;
+  File directory(descriptor);
+  return directory.Flush(ec);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Copies and moves
+
+bool CopyFileTo(const Path& from, const Path& to, Overwrite overwrite, std::error_code& ec) {
+  // std::filesystem::copy_file would report a full volume as an input/output error.
+  File source = OpenForRead(from, ec);
+  if (ec) return false;
+  if (overwrite == Overwrite::kYes && IsSameFile(from, to, ec)) {
+    ec = SystemError(EEXIST);  // opening the target would truncate the source
+    return false;
+  }
+  File target = overwrite == Overwrite::kYes ? CreateTruncatedFile(to, ec)
+                                             : CreateNewFile(to, NewFileAccess::kWrite, ec);
+  if (ec) return false;
+  std::uint64_t copied_bytes = 0;
+  return CopyContents(source, target, &copied_bytes, ec) &&
+         target.TakeTimeAndAttributes(source, ec) && target.Close(ec);
 }
 
 bool Rename(const Path& from, const Path& to, std::error_code& ec) {
@@ -167,7 +194,7 @@ bool Rename(const Path& from, const Path& to, std::error_code& ec) {
 
 bool MoveReplacing(const Path& from, const Path& to, std::error_code& ec) {
   if (!Succeeded(::rename(from.c_str(), to.c_str()), ec)) return false;
-  std::error_code ignored;  // the file has been replaced, whatever the folder's flush says
+  std::error_code ignored;  // the file is replaced even when the folder cannot be flushed
   FlushDirectory(to.parent_path(), ignored);
   return true;
 }
@@ -188,22 +215,17 @@ bool MoveToNewName(const Path& from, const Path& to, std::error_code& ec) {
   return true;
 }
 
+// ---------------------------------------------------------------------------------------------
+// Removal
+
 bool Remove(const Path& path, std::error_code& ec) {
   if (Succeeded(::unlink(path.c_str()), ec)) return true;
-  // Which of the two codes a folder gives differs between systems.
+  // For a folder unlink(2) gives EISDIR on Linux and EPERM on other systems.
   if ((ec.value() == EISDIR || ec.value() == EPERM) && Succeeded(::rmdir(path.c_str()), ec)) {
     return true;
   }
   if (IsNotFoundError(ec)) ec.clear();
   return false;
-}
-
-bool FlushDirectory(const Path& path, std::error_code& ec) {
-  const int descriptor =
-      ::open(path.empty() ? "." : path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (!Succeeded(descriptor, ec)) return false;
-  File directory(descriptor);
-  return directory.Flush(ec);
 }
 
 }  // namespace zul::fs

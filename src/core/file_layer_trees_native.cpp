@@ -68,8 +68,8 @@ void KeepFirst(std::error_code& first, const std::error_code& ec) {
   if (!first) first = ec;
 }
 
-/// Empties the folder `name` in the folder `at` and removes it. What fails is passed over and the
-/// first failure kept.
+/// Empties and removes the folder `name` in the folder `at`. Continues after a failure and keeps
+/// the first one in `first`.
 void RemoveFolder(int at, const char* name, std::error_code& first, const KeepAlive& keep_alive) {
   std::error_code ec;
   if (const DirectoryStream stream = OpenStream(at, name, O_NOFOLLOW, ec)) {
@@ -107,7 +107,7 @@ struct TreeWalker::State {
     Path path;
   };
   std::vector<Level> levels;
-  Path to_enter;  ///< the folder reported last, not opened yet
+  Path to_enter;  ///< the folder that `Next` opens first
   bool enter = true;
 };
 
@@ -121,7 +121,7 @@ bool TreeWalker::Next(DirectoryEntry* entry, std::error_code& ec) {
   State& state = *state_;
   ec.clear();
   if (std::exchange(state.enter, false)) {
-    // The root may be reached through a link; below it a folder that turned into one is refused.
+    // The root may be a link. Below it O_NOFOLLOW refuses a folder that has become a link since.
     const bool at_root = state.levels.empty();
     const int at = at_root ? AT_FDCWD : ::dirfd(state.levels.back().stream.get());
     const Path name = at_root ? state.to_enter : state.to_enter.filename();
@@ -144,7 +144,7 @@ bool TreeWalker::Next(DirectoryEntry* entry, std::error_code& ec) {
 }
 
 bool RemoveTree(const Path& path, std::error_code& ec, const KeepAlive& keep_alive) {
-  // A separator behind its name would make the system follow a link.
+  // With a trailing separator the system would follow a link.
   const Path entry = path.has_filename() ? path : path.parent_path();
   std::error_code kind_error;
   if (KindOf(entry, Links::kDoNotFollow, kind_error) == EntryKind::kDirectory) {

@@ -19,30 +19,31 @@ bool IsDots(const wchar_t* name) {
   return name[0] == L'.' && (name[1] == L'\0' || (name[1] == L'.' && name[2] == L'\0'));
 }
 
-/// One folder being listed: one handle, and no call for an entry beside the listing itself.
+/// The listing of one folder, on one handle. An entry costs no further system call.
 class Listing {
  public:
-  /// `folder` as the API takes it; it comes back unchanged.
+  /// Starts the listing. `folder` is a path for the API; the call extends it and restores it.
   bool Open(std::wstring& folder, std::error_code& ec) {
     const std::size_t length = folder.size();
     if (length == 0) {
       ec = SystemError(ERROR_PATH_NOT_FOUND);
       return false;
     }
-    // Behind "C:" a separator would turn the drive's current directory into its root.
+    // "C:" is the drive's current directory, "C:\" its root.
     const bool joined = folder.ends_with(L'\\') || folder.ends_with(L'/') || folder.ends_with(L':');
     folder += joined ? L"*" : L"\\*";
     find_.Reset(::FindFirstFileExW(folder.c_str(), FindExInfoBasic, &data_, FindExSearchNameMatch,
                                    nullptr, FIND_FIRST_EX_LARGE_FETCH));
     ec = find_ ? std::error_code() : LastSystemError();
     folder.resize(length);
-    // The root of an empty volume has no entry at all, not even the dots.
+    // The root of an empty volume has no entries, not even "." and "..".
     if (ec.value() == ERROR_FILE_NOT_FOUND) ec.clear();
     has_first_ = find_.valid();
     return !ec;
   }
 
-  /// The next entry but the dots, valid until the call after; null at the end and on an error.
+  /// The next entry except "." and "..", valid until the next call; null at the end and on an
+  /// error.
   const WIN32_FIND_DATAW* Next(std::error_code& ec) {
     ec.clear();
     while (find_) {
@@ -68,8 +69,8 @@ EntryKind KindOfEntry(const WIN32_FIND_DATAW& entry) {
   return EntryKind::kRegular;
 }
 
-/// Removes one file, empty folder or link. Links are never followed here: the system removes the
-/// link itself, by the call for folders if it stands for one.
+/// Removes one file, empty folder or link. Both system calls remove a link itself and never its
+/// target; a link to a folder needs the call for folders.
 bool RemoveEntry(const std::wstring& api_path, DWORD attributes, std::error_code& ec) {
   if ((attributes & FILE_ATTRIBUTE_READONLY) != 0) {
     ::SetFileAttributesW(api_path.c_str(), attributes & ~DWORD{FILE_ATTRIBUTE_READONLY});
@@ -82,7 +83,7 @@ bool RemoveEntry(const std::wstring& api_path, DWORD attributes, std::error_code
   return !ec;
 }
 
-/// The state of one removal of a tree. Its own stack stands in for recursion, since a tree may be
+/// One removal of a tree. It has a stack of its own instead of recursion, because a tree may be
 /// thousands of folders deep.
 class TreeRemover {
  public:
@@ -140,7 +141,7 @@ class TreeRemover {
   void Leave() {
     const DWORD attributes = levels_.back()->attributes;
     const std::size_t parent_length = levels_.back()->parent_length;
-    levels_.pop_back();  // closes the listing, which would keep the folder alive
+    levels_.pop_back();  // closes the listing: an open folder cannot be removed
     std::error_code ec;
     RemoveEntry(path_, attributes, ec);
     Keep(ec);
@@ -176,7 +177,7 @@ struct TreeWalker::State {
     Path path;
   };
   std::vector<std::unique_ptr<Level>> levels;
-  Path to_enter;  ///< the folder reported last, not opened yet
+  Path to_enter;  ///< the folder that `Next` opens first
   bool enter = true;
 };
 
@@ -225,8 +226,8 @@ bool RemoveTree(const Path& path, std::error_code& ec, const KeepAlive& keep_ali
   } else {
     RemoveEntry(root, attributes, ec);
   }
-  // An entry that someone still holds open, or that a read-only volume kept, is reported as
-  // removed.
+  // The calls also succeed for an entry that another process has open with delete sharing, and
+  // under Wine for one on a read-only volume.
   if (!ec && ::GetFileAttributesW(root.c_str()) != INVALID_FILE_ATTRIBUTES) {
     ec = SystemError(ERROR_ACCESS_DENIED);
   }

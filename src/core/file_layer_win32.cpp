@@ -18,8 +18,8 @@ bool Succeeded(BOOL result, std::error_code& ec) {
   return result != FALSE;
 }
 
-/// Codes that mean that nothing of that name can be there. Beside the plain two: a server or share
-/// that does not exist, a name that no file can have, and a file in the place of a folder.
+/// True for the codes of a path that cannot have an entry: file or path not found, a server or
+/// share that does not exist, an invalid name, and a file in the place of a folder.
 bool MeansNothingThere(const std::error_code& ec) {
   switch (ec.value()) {
     case ERROR_FILE_NOT_FOUND:
@@ -35,8 +35,8 @@ bool MeansNothingThere(const std::error_code& ec) {
   }
 }
 
-/// Opens a file or folder for questions about it. Links are followed unless `flags` hold
-/// FILE_FLAG_OPEN_REPARSE_POINT. Asking for attributes only, this never meets a sharing violation.
+/// Opens a file or folder for queries. Links are followed unless `flags` contain
+/// FILE_FLAG_OPEN_REPARSE_POINT. An open for attributes only never gets a sharing violation.
 UniqueFileHandle OpenForQuery(const wchar_t* api_path, DWORD flags, std::error_code& ec) {
   UniqueFileHandle handle(::CreateFileW(api_path, FILE_READ_ATTRIBUTES, kShareAll, nullptr,
                                         OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | flags,
@@ -56,7 +56,7 @@ EntryKind KindOfAttributes(DWORD attributes) {
   return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? EntryKind::kDirectory : EntryKind::kRegular;
 }
 
-/// No kind: nothing there, or why that cannot be told.
+/// The kind for a failed query. Clears `ec` for kNotFound.
 EntryKind KindOfFailure(std::error_code& ec) {
   if (!MeansNothingThere(ec)) return EntryKind::kUnknown;
   ec.clear();
@@ -80,7 +80,7 @@ Path FinalPathOf(HANDLE handle, std::error_code& ec) {
   return PathFromApi({large.data(), length});
 }
 
-/// Where an existing entry really is.
+/// The path of an existing entry with every link resolved.
 Path FinalPath(const wchar_t* api_path, std::error_code& ec) {
   const UniqueFileHandle handle = OpenForQuery(api_path, 0, ec);
   return handle ? FinalPathOf(handle.get(), ec) : Path();
@@ -101,14 +101,14 @@ bool Move(const Path& from, const Path& to, DWORD flags, std::error_code& ec) {
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
-// What is there
+// Entries
 
 EntryKind KindOf(const Path& path, Links links, std::error_code& ec) {
   const std::wstring api_path = ApiPath(path);
   const DWORD attributes = ::GetFileAttributesW(api_path.c_str());
   if (!Succeeded(attributes != INVALID_FILE_ATTRIBUTES, ec)) return KindOfFailure(ec);
   if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0) return KindOfAttributes(attributes);
-  // The root of a mounted volume is where it is; there is nothing to follow from a root.
+  // A mounted volume's root carries the attribute of a reparse point too, but it is not a link.
   if (IsApiRoot(api_path)) return EntryKind::kDirectory;
   if (links == Links::kDoNotFollow) return EntryKind::kLink;
   BY_HANDLE_FILE_INFORMATION target;
@@ -124,7 +124,7 @@ PathProbe ProbePath(const Path& path) {
     probe.kind = PathProbe::kExists;
     probe.is_directory = (information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
   } else if (IsNotFoundError(probe.system_error)) {
-    // A link can be opened itself where its target cannot.
+    // For a dangling link the link itself opens.
     if (OpenForQuery(api_path.c_str(), FILE_FLAG_OPEN_REPARSE_POINT, probe.system_error)) {
       probe.kind = PathProbe::kUnresolvedReparsePoint;
     } else if (IsNotFoundError(probe.system_error)) {
@@ -135,7 +135,7 @@ PathProbe ProbePath(const Path& path) {
 }
 
 bool IsSameFile(const Path& a, const Path& b, std::error_code& ec) {
-  // Both stay open while they are compared: a file index is unique among existing files only.
+  // Both files stay open during the comparison: a file index is unique among existing files only.
   const UniqueFileHandle first = OpenForQuery(ApiPath(a).c_str(), 0, ec);
   if (!first) return false;
   const UniqueFileHandle second = OpenForQuery(ApiPath(b).c_str(), 0, ec);
@@ -175,7 +175,7 @@ std::uint64_t SizeOf(const Path& path, std::error_code& ec) {
     data.nFileSizeLow = target.nFileSizeLow;
   }
   if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
-    ec = SystemError(ERROR_ACCESS_DENIED);  // what opening a folder as a file gives
+    ec = SystemError(ERROR_ACCESS_DENIED);  // as CreateFileW gives for a folder
     return 0;
   }
   return Join(data.nFileSizeHigh, data.nFileSizeLow);
@@ -190,7 +190,7 @@ std::uint64_t AvailableSpace(const Path& path, std::error_code& ec) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Where it really is
+// Resolved paths, of open files too
 
 Path File::Whereabouts(std::error_code& ec) const {
   return FinalPathOf(reinterpret_cast<HANDLE>(handle_), ec);  // NOLINT(performance-no-int-to-ptr)
@@ -225,10 +225,10 @@ Path WeaklyCanonical(const Path& path, std::error_code& ec) {
     if (existing.size() <= root_length) break;
     const std::size_t cut = existing.rfind(L'\\');
     rest.insert(0, existing, cut);
-    // A root keeps its separator: without it "C:" would be the current directory of that drive.
+    // A root keeps its separator: "C:" is the current directory of the drive.
     existing.resize(cut < root_length ? root_length : cut);
   }
-  // Not even the volume is there.
+  // The volume itself is missing.
   ec.clear();
   if (existing.ends_with(L'\\') && !rest.empty()) existing.pop_back();
   return PathFromApi(existing + rest);
@@ -246,13 +246,30 @@ Path CurrentDirectory(std::error_code& ec) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Changes
+// Folders
 
 CreateResult CreateDirectoryOnce(const Path& path, std::error_code& ec) {
   if (Succeeded(::CreateDirectoryW(ApiPath(path).c_str(), nullptr), ec)) {
     return CreateResult::kCreated;
   }
   return IsExistsError(ec) ? CreateResult::kExisted : CreateResult::kFailed;
+}
+
+bool FlushDirectory(const Path& path, std::error_code& ec) {
+  const Path folder = path.empty() ? CurrentDirectory(ec) : path;
+  if (folder.empty()) return false;
+  const UniqueFileHandle handle(::CreateFileW(ApiPath(folder).c_str(), FILE_READ_DATA, kShareAll,
+                                              nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS,
+                                              nullptr));
+  return Succeeded(handle.valid(), ec) && Succeeded(::FlushFileBuffers(handle.get()), ec);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Copies and moves
+
+bool CopyFileTo(const Path& from, const Path& to, Overwrite overwrite, std::error_code& ec) {
+  return Succeeded(
+      ::CopyFileW(ApiPath(from).c_str(), ApiPath(to).c_str(), overwrite == Overwrite::kNo), ec);
 }
 
 bool Rename(const Path& from, const Path& to, std::error_code& ec) {
@@ -276,11 +293,14 @@ bool MoveToNewName(const Path& from, const Path& to, std::error_code& ec) {
   return Move(from, to, MOVEFILE_WRITE_THROUGH, ec);
 }
 
+// ---------------------------------------------------------------------------------------------
+// Removal
+
 bool Remove(const Path& path, std::error_code& ec) {
   const std::wstring api_path = ApiPath(path);
   if (Succeeded(::DeleteFileW(api_path.c_str()), ec)) return true;
   if (ec.value() == ERROR_ACCESS_DENIED) {
-    // That is also what a folder, or a link to one, gives.
+    // DeleteFileW gives this code for a folder and for a link to a folder.
     const DWORD attributes = ::GetFileAttributesW(api_path.c_str());
     if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 &&
         Succeeded(::RemoveDirectoryW(api_path.c_str()), ec)) {
@@ -289,15 +309,6 @@ bool Remove(const Path& path, std::error_code& ec) {
   }
   if (MeansNothingThere(ec)) ec.clear();
   return false;
-}
-
-bool FlushDirectory(const Path& path, std::error_code& ec) {
-  const Path folder = path.empty() ? CurrentDirectory(ec) : path;
-  if (folder.empty()) return false;
-  const UniqueFileHandle handle(::CreateFileW(ApiPath(folder).c_str(), FILE_READ_DATA, kShareAll,
-                                              nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS,
-                                              nullptr));
-  return Succeeded(handle.valid(), ec) && Succeeded(::FlushFileBuffers(handle.get()), ec);
 }
 
 }  // namespace zul::fs

@@ -1,3 +1,5 @@
+#include "core/file.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -6,7 +8,6 @@
 #include <climits>
 #include <string>
 
-#include "core/file_layer.h"
 #include "core/system_error.h"
 
 namespace zul::fs {
@@ -42,18 +43,6 @@ bool Status(File::NativeHandle handle, struct stat* status, std::error_code& ec)
 }
 
 }  // namespace
-
-Path File::Whereabouts(std::error_code& ec) const {
-  Path link = "/proc/self/fd/" + std::to_string(handle_);
-  char path[PATH_MAX];
-  const ssize_t length = ::readlink(link.c_str(), path, sizeof path);
-  ec = length == -1 ? LastSystemError() : std::error_code();
-  return ec ? Path() : Path(std::string(path, static_cast<std::size_t>(length)));
-}
-
-File OpenFolder(const Path& path, std::error_code& ec) {
-  return Open(path, O_RDONLY | O_DIRECTORY, ec);
-}
 
 bool File::Read(void* buffer, std::size_t size, std::size_t* read, std::error_code& ec) {
   const ssize_t result = Uninterrupted([&] { return ::read(Descriptor(handle_), buffer, size); });
@@ -107,6 +96,14 @@ bool File::Size(std::uint64_t* size_bytes, std::error_code& ec) const {
   return true;
 }
 
+Path File::Whereabouts(std::error_code& ec) const {
+  Path link = "/proc/self/fd/" + std::to_string(handle_);
+  char path[PATH_MAX];
+  const ssize_t length = ::readlink(link.c_str(), path, sizeof path);
+  ec = length == -1 ? LastSystemError() : std::error_code();
+  return ec ? Path() : Path(std::string(path, static_cast<std::size_t>(length)));
+}
+
 bool File::TakeTimeAndAttributes(const File& source, std::error_code& ec) {
   struct stat status;
   if (!Status(source.handle_, &status, ec)) return false;
@@ -121,6 +118,10 @@ bool File::TakeTimeAndAttributes(const File& source, std::error_code& ec) {
 File OpenForRead(const Path& path, std::error_code& ec) {
   // Without O_NONBLOCK the open of a pipe would wait for its writer.
   return Open(path, O_RDONLY | O_NONBLOCK, ec);
+}
+
+File OpenFolder(const Path& path, std::error_code& ec) {
+  return Open(path, O_RDONLY | O_DIRECTORY, ec);
 }
 
 File CreateNewFile(const Path& path, NewFileAccess access, std::error_code& ec) {
@@ -144,24 +145,9 @@ File OpenForAppend(const Path& path, std::error_code& ec) {
   return Open(path, O_WRONLY | O_CREAT | O_APPEND, ec);
 }
 
-/// No open excludes others here, so this tells only whether the file may be written.
 bool OpensExclusively(const Path& path, std::error_code& ec) {
+  // No open excludes another one here, so the result says only whether the file may be written.
   return Open(path, O_RDWR, ec).is_open();
-}
-
-bool CopyFileTo(const Path& from, const Path& to, Overwrite overwrite, std::error_code& ec) {
-  // Not std::filesystem::copy_file: it reports a full volume as an input/output error.
-  File source = OpenForRead(from, ec);
-  if (ec) return false;
-  if (overwrite == Overwrite::kYes && IsSameFile(from, to, ec)) {
-    ec = SystemError(EEXIST);  // opening the target would empty the source
-    return false;
-  }
-  File target = overwrite == Overwrite::kYes ? CreateTruncatedFile(to, ec)
-                                             : CreateNewFile(to, NewFileAccess::kWrite, ec);
-  if (ec) return false;
-  return CopyContents(source, target, ec) && target.TakeTimeAndAttributes(source, ec) &&
-         target.Close(ec);
 }
 
 }  // namespace zul::fs

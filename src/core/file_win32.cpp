@@ -1,10 +1,11 @@
+#include "core/file.h"
+
 #include <windows.h>
 
 #include <algorithm>
 #include <limits>
 
 #include "core/api_path_win32.h"
-#include "core/file_layer.h"
 #include "core/system_error.h"
 
 namespace zul::fs {
@@ -25,7 +26,7 @@ bool Succeeded(BOOL result, std::error_code& ec) {
   return result != FALSE;
 }
 
-/// What one call can take of `size`.
+/// The part of `size` that one call can take.
 DWORD OneCall(std::size_t size) {
   return static_cast<DWORD>(std::min<std::size_t>(size, std::numeric_limits<DWORD>::max()));
 }
@@ -34,7 +35,7 @@ File Open(const Path& path, DWORD access, DWORD sharing, DWORD disposition, DWOR
           std::error_code& ec) {
   const HANDLE handle =
       ::CreateFileW(ApiPath(path).c_str(), access, sharing, nullptr, disposition, flags, nullptr);
-  // A success may leave "already exists" behind as the last error.
+  // OPEN_ALWAYS and CREATE_ALWAYS set the last error to ERROR_ALREADY_EXISTS on success too.
   ec = handle == INVALID_HANDLE_VALUE ? LastSystemError() : std::error_code();
   return File(reinterpret_cast<File::NativeHandle>(handle));
 }
@@ -51,7 +52,7 @@ bool File::Read(void* buffer, std::size_t size, std::size_t* read, std::error_co
 
 bool File::ReadAt(std::uint64_t offset_bytes, void* buffer, std::size_t size, std::size_t* read,
                   std::error_code& ec) {
-  // Not an OVERLAPPED offset: Wine takes a slow path for it.
+  // An offset in an OVERLAPPED is an order of magnitude slower under Wine.
   LARGE_INTEGER position;
   position.QuadPart = static_cast<LONGLONG>(offset_bytes);
   *read = 0;
@@ -108,10 +109,10 @@ bool File::TakeTimeAndAttributes(const File& source, std::error_code& ec) {
           ec)) {
     return false;
   }
-  FILE_BASIC_INFO to{};  // a zero leaves a time as it is
+  FILE_BASIC_INFO to{};  // a time of 0 stays unchanged
   to.LastWriteTime = from.LastWriteTime;
   to.FileAttributes = from.FileAttributes & kTaken;
-  if (to.FileAttributes == 0) to.FileAttributes = FILE_ATTRIBUTE_NORMAL;  // 0 would mean unchanged
+  if (to.FileAttributes == 0) to.FileAttributes = FILE_ATTRIBUTE_NORMAL;  // 0 means unchanged
   return Succeeded(::SetFileInformationByHandle(Handle(handle_), FileBasicInfo, &to, sizeof to),
                    ec);
 }
@@ -140,7 +141,7 @@ File CreateTruncatedFile(const Path& path, std::error_code& ec) {
 }
 
 File OpenForAppend(const Path& path, std::error_code& ec) {
-  // Without FILE_WRITE_DATA every write goes to the end, wherever that is by then.
+  // Without FILE_WRITE_DATA the system puts each write at the end that the file has at that time.
   constexpr DWORD kAppend =
       (FILE_GENERIC_WRITE & ~static_cast<DWORD>(FILE_WRITE_DATA)) | FILE_READ_ATTRIBUTES;
   return Open(path, kAppend, kShareAll, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, ec);
@@ -149,11 +150,6 @@ File OpenForAppend(const Path& path, std::error_code& ec) {
 bool OpensExclusively(const Path& path, std::error_code& ec) {
   return Open(path, GENERIC_READ | GENERIC_WRITE, 0, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, ec)
       .is_open();
-}
-
-bool CopyFileTo(const Path& from, const Path& to, Overwrite overwrite, std::error_code& ec) {
-  return Succeeded(
-      ::CopyFileW(ApiPath(from).c_str(), ApiPath(to).c_str(), overwrite == Overwrite::kNo), ec);
 }
 
 }  // namespace zul::fs
