@@ -1,7 +1,7 @@
 #include "core/app_paths.h"
 
+#include "core/failure.h"
 #include "core/file_layer.h"
-#include "core/system_error.h"
 #include "core/text.h"
 
 namespace zul {
@@ -14,9 +14,9 @@ void AppendReason(std::string& error, std::string_view reason) {
   error.append(reason);
 }
 
-/// The folder below the temporary one, or below the current one when there is no temporary folder.
-/// Joined as text: a temporary folder that is the root of a drive must keep its separator, or the
-/// result would be relative to that drive's current folder.
+/// The folder in the temporary folder, or in the current one when the system reports no temporary
+/// folder. Joined as text, so that a temporary folder "C:\" gives "C:\name": "C:" and "name" joined
+/// as paths give "C:name", which is relative to the drive's current folder.
 fs::Path FallbackDirectory(std::string_view app_dir_name) {
   std::string base = PathToGenericUtf8(TempDirectory());
   while (!base.empty() && base.back() == '/') base.pop_back();
@@ -65,10 +65,7 @@ bool EnsureDirectory(const fs::Path& path, std::string* error) {
   std::error_code ec;
   if (fs::KindOf(path, fs::Links::kFollow, ec) == fs::EntryKind::kDirectory) return true;
   if (fs::CreateDirectories(path, ec)) return true;
-  if (error != nullptr) {
-    *error = "cannot create directory '" + PathToUtf8(path) + "': " + SystemErrorText(ec);
-  }
-  return false;
+  return Fail(error, "cannot create directory '" + PathToUtf8(path) + "': ", ec);
 }
 
 std::string FormatHresult(std::uint32_t code) {

@@ -23,7 +23,7 @@ BoundedReadResult Failed(std::string_view what, std::string_view path, const std
   return Failed(what, std::string(path) + ": " + SystemErrorText(ec));
 }
 
-/// `actual_bytes` is 0 when it is not known.
+/// `actual_bytes` is 0 when the size is unknown.
 BoundedReadResult TooLarge(std::string_view path, std::uint64_t actual_bytes,
                            std::uint64_t cap_bytes) {
   std::string message = "File exceeds size cap (";
@@ -32,8 +32,8 @@ BoundedReadResult TooLarge(std::string_view path, std::uint64_t actual_bytes,
   return {kBoundedReadTooLarge, message.append(path)};
 }
 
-/// Why the file at `full` was reported as not found: walks up to the nearest ancestor that exists.
-/// Only where that is a folder, the file is plainly absent.
+/// Classifies a file that the open reported as not found. Goes up to the nearest existing ancestor:
+/// the file is absent only when that is a folder.
 BoundedReadResult ClassifyNotFound(std::string_view path, const fs::Path& full) {
   fs::Path current = full;
   fs::PathProbe probe = fs::ProbePath(current);
@@ -60,14 +60,15 @@ BoundedReadResult ClassifyNotFound(std::string_view path, const fs::Path& full) 
   return {kBoundedReadAbsent, {}};
 }
 
-/// Reads `output.size()` bytes, or up to an earlier end, which cuts `output` and sets `*ended`.
-bool ReadReported(fs::File& file, std::string& output, bool* ended, std::error_code& ec) {
+/// Fills `*output` from the file. When the file ends earlier, cuts `*output` to what was read and
+/// sets `*ended`.
+bool ReadReported(fs::File& file, std::string* output, bool* ended, std::error_code& ec) {
   std::size_t total = 0;
-  while (total < output.size()) {
+  while (total < output->size()) {
     std::size_t read = 0;
-    if (!file.Read(output.data() + total, output.size() - total, &read, ec)) return false;
+    if (!file.Read(output->data() + total, output->size() - total, &read, ec)) return false;
     if (read == 0) {
-      output.resize(total);
+      output->resize(total);
       *ended = true;
       return true;
     }
@@ -76,9 +77,9 @@ bool ReadReported(fs::File& file, std::string& output, bool* ended, std::error_c
   return true;
 }
 
-/// Reads an opened file. On failure `output` holds anything.
+/// Reads an open file. After a failure the content of `*output` is undefined.
 BoundedReadResult ReadOpened(std::string_view path, fs::File& file, std::uint64_t cap_bytes,
-                             std::string& output) {
+                             std::string* output) {
   std::error_code ec;
   fs::FileFacts facts;
   if (!file.Facts(&facts, ec)) return Failed("Cannot inspect opened file: ", path, ec);
@@ -89,7 +90,7 @@ BoundedReadResult ReadOpened(std::string_view path, fs::File& file, std::uint64_
   const bool capped = cap_bytes != 0;
   if (capped && size > cap_bytes) return TooLarge(path, size, cap_bytes);
 
-  output.resize(static_cast<std::size_t>(size));
+  output->resize(static_cast<std::size_t>(size));
   bool ended = false;
   if (!ReadReported(file, output, &ended, ec)) {
     return Failed("Cannot read file contents: ", path, ec);
@@ -101,14 +102,14 @@ BoundedReadResult ReadOpened(std::string_view path, fs::File& file, std::uint64_
     if (!file.Read(buffer.data(), buffer.size(), &read, ec)) {
       return Failed("Cannot read file contents: ", path, ec);
     }
-    if (capped && read > cap_bytes - output.size()) return TooLarge(path, 0, cap_bytes);
-    output.append(buffer.data(), read);
+    if (capped && read > cap_bytes - output->size()) return TooLarge(path, 0, cap_bytes);
+    output->append(buffer.data(), read);
     ended = read == 0;
   }
   return {kBoundedReadOk, {}};
 }
 
-BoundedReadResult Read(std::string_view path, std::uint64_t cap_bytes, std::string& output) {
+BoundedReadResult Read(std::string_view path, std::uint64_t cap_bytes, std::string* output) {
   const std::optional<fs::Path> full = PathFromUtf8(path);
   if (!full) return Failed("Cannot open file: ", "the path is not valid UTF-8");
   std::error_code ec;
@@ -118,7 +119,7 @@ BoundedReadResult Read(std::string_view path, std::uint64_t cap_bytes, std::stri
                              : Failed("Cannot open file: ", path, ec);
 }
 
-BoundedReadResult Escaped(std::string_view logged, std::string_view message) {
+BoundedReadResult FailedByException(std::string_view logged, std::string_view message) {
   GetLogger().Log(LogCategory::kDiagnostics, LogLevel::kWarn, "JsonFileIo ", "bounded file read",
                   " failed: ", logged);
   return {kBoundedReadFailed, std::string(message)};
@@ -130,11 +131,11 @@ BoundedReadResult ReadBounded(std::string_view path, std::uint64_t cap_bytes, st
   output.clear();
   BoundedReadResult result;
   try {
-    result = Read(path, cap_bytes, output);
+    result = Read(path, cap_bytes, &output);
   } catch (const std::exception& exception) {
-    result = Escaped(exception.what(), exception.what());
+    result = FailedByException(exception.what(), exception.what());
   } catch (...) {
-    result = Escaped("non-standard exception", "Unknown bounded file read error.");
+    result = FailedByException("non-standard exception", "Unknown bounded file read error.");
   }
   if (result.status != kBoundedReadOk) output.clear();
   return result;

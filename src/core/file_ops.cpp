@@ -22,7 +22,8 @@ constexpr std::string_view kPublishOperation = "atomic publish-if-absent";
 constexpr std::string_view kNoState = "exclusive file state is unavailable";
 constexpr std::string_view kNotOpen = "exclusive file is not open";
 
-/// A new file beside the target. It closes itself and, unless it became the target, removes itself.
+/// A new file beside the target. The destructor closes it and, unless it became the target, removes
+/// it.
 struct UniqueTempFile {
   UniqueTempFile() = default;
   ~UniqueTempFile() {
@@ -37,7 +38,7 @@ struct UniqueTempFile {
   fs::File file;
 };
 
-/// Digits that no other name of this process or of a concurrent one has.
+/// A text that no other temporary name of this or another running process contains.
 std::string UniqueToken() {
   static std::atomic<std::uint64_t> counter{0};
   return std::to_string(CurrentProcessId()) + "." + std::to_string(TickCountMs()) + "." +
@@ -58,7 +59,24 @@ FileOpResult Failure(FileOpStatus status, const std::error_code& ec, std::string
           temporary};
 }
 
-/// The status of a folder that could not be made; its code may come from any category.
+/// The status for a failed step of a publish.
+FileOpStatus StatusOf(const std::error_code& ec, FileOpStatus default_status) {
+  switch (MeaningOf(ec)) {
+    case ErrorMeaning::kPathNotFound:
+    case ErrorMeaning::kInvalidName:
+      return kFileOpBadPath;
+    case ErrorMeaning::kAccessDenied:
+      return kFileOpPermissionDenied;
+    case ErrorMeaning::kInUse:
+      return kFileOpSharingViolation;
+    case ErrorMeaning::kDiskFull:
+      return kFileOpDiskFull;
+    default:
+      return default_status;
+  }
+}
+
+/// The status for a parent folder that could not be created, by the generic condition of the code.
 FileOpStatus ParentStatus(const std::error_code& ec) {
   if (ec == std::errc::permission_denied) return kFileOpPermissionDenied;
   if (ec == std::errc::no_space_on_device) return kFileOpDiskFull;
@@ -66,19 +84,19 @@ FileOpStatus ParentStatus(const std::error_code& ec) {
   return kFileOpParentNotCreated;
 }
 
-FileOpResult CreateTempFile(const fs::Path& target, UniqueTempFile& temp) {
+FileOpResult CreateTempFile(const fs::Path& target, UniqueTempFile* temp) {
   std::error_code ec;
   for (int attempt = 0; attempt < kTempNameAttempts; ++attempt) {
     fs::Path name = target;
     name += ".tmp." + UniqueToken() + "." + std::to_string(attempt);
-    temp.file = fs::CreateNewFile(name, fs::NewFileAccess::kWrite, ec);
+    temp->file = fs::CreateNewFile(name, fs::NewFileAccess::kWrite, ec);
     if (!ec) {
-      temp.name = std::move(name);
+      temp->name = std::move(name);
       return Success(target);
     }
     if (!IsExistsError(ec)) break;
   }
-  return Failure(FileOpStatusOf(ec, kFileOpTempNotCreated), ec,
+  return Failure(StatusOf(ec, kFileOpTempNotCreated), ec,
                  "Cannot create unique temp file for atomic write: ", target);
 }
 
@@ -90,21 +108,21 @@ FileOpResult WriteAndCommit(UniqueTempFile& temp, std::string_view contents,
       return {false,  kFileOpWriteFailed, 0, "Short write to temp file for atomic write.",
               target, temp.name};
     }
-    return Failure(FileOpStatusOf(ec, kFileOpWriteFailed), ec,
+    return Failure(StatusOf(ec, kFileOpWriteFailed), ec,
                    "Cannot write temp file for atomic write: ", target, temp.name);
   }
   if (!temp.file.Flush(ec)) {
-    return Failure(FileOpStatusOf(ec, kFileOpFlushFailed), ec,
+    return Failure(StatusOf(ec, kFileOpFlushFailed), ec,
                    "Cannot commit temp file for atomic write: ", target, temp.name);
   }
   if (!temp.file.Close(ec)) {
-    return Failure(FileOpStatusOf(ec, kFileOpCloseFailed), ec,
+    return Failure(StatusOf(ec, kFileOpCloseFailed), ec,
                    "Cannot close temp file for atomic write: ", target, temp.name);
   }
   return Success(target);
 }
 
-/// The file has been published by now, so a failure here is nobody's.
+/// Ignores failures: the file is already published.
 void FlushParent(const fs::Path& target) {
   try {
     std::error_code ignored;
@@ -123,12 +141,12 @@ FileOpResult Publish(const fs::Path& target, std::string_view contents,
     return Failure(ParentStatus(ec), ec, "Cannot create parent directory: ", target);
   }
   UniqueTempFile temp;
-  FileOpResult step = CreateTempFile(target, temp);
+  FileOpResult step = CreateTempFile(target, &temp);
   if (step.ok) step = WriteAndCommit(temp, contents, target);
   if (!step.ok) return step;
   if (!fs::MoveToNewName(temp.name, target, ec)) {
     const FileOpStatus status =
-        IsExistsError(ec) ? kFileOpTargetExists : FileOpStatusOf(ec, kFileOpMoveFailed);
+        IsExistsError(ec) ? kFileOpTargetExists : StatusOf(ec, kFileOpMoveFailed);
     return Failure(status, ec, "Cannot atomically publish new file: ", target, temp.name);
   }
   temp.name.clear();
@@ -136,12 +154,11 @@ FileOpResult Publish(const fs::Path& target, std::string_view contents,
   return step;
 }
 
-void LogEscaped(std::string_view text) {
+void LogException(std::string_view text) {
   GetLogger().Log(LogCategory::kDiagnostics, LogLevel::kWarn, "FileOps ", kPublishOperation,
                   " failed: ", text);
 }
 
-/// Leaves `text` in `error`, which may be null, and is the failure of the caller.
 }  // namespace
 
 FileOpResult::FileOpResult(bool succeeded, FileOpStatus status_code, std::uint32_t error_number,
@@ -159,10 +176,10 @@ FileOpResult PublishNewFile(const fs::Path& target, std::string_view contents,
   try {
     return Publish(target, contents, options);
   } catch (const std::exception& exception) {
-    LogEscaped(exception.what());
+    LogException(exception.what());
     return {false, kFileOpException, 0, exception.what(), target, {}};
   } catch (...) {
-    LogEscaped("non-standard exception");
+    LogException("non-standard exception");
     return {false, kFileOpUnknownException, 0, "Unknown atomic publish-if-absent error.", target,
             {}};
   }
@@ -181,10 +198,10 @@ struct ExclusiveFile::State {
   State(const State&) = delete;
   State& operator=(const State&) = delete;
 
-  fs::Path target;  ///< empty when the path given was no UTF-8; nothing can be created then
+  fs::Path target;  ///< empty when the given path is not valid UTF-8
   fs::File file;
   bool attempted = false;
-  bool created = false;  ///< the file is this object's and not yet released
+  bool created = false;  ///< this object created the file and has not released it
 };
 
 ExclusiveFile::ExclusiveFile(std::string_view utf8_path) {
@@ -193,7 +210,7 @@ ExclusiveFile::ExclusiveFile(std::string_view utf8_path) {
     state->target = PathOrEmpty(utf8_path);
     state_ = std::move(state);
   } catch (const std::bad_alloc&) {
-    // Every operation says that there is no state.
+    // Each operation reports that there is no state.
   }
 }
 

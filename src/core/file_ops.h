@@ -1,9 +1,9 @@
 #pragma once
 
-// Creating new files so that no reader sees a half-written one and no existing file is overwritten.
-// Publishing writes a complete file under a unique temporary name beside its target, makes it
-// durable, and moves it onto the target in one step that fails if the target exists. A process that
-// dies half way leaves at most a "<name>.tmp.<token>.<attempt>" file.
+// Creates files so that no reader sees a partly written one and no existing file is overwritten.
+// Publishing writes the complete file under a unique temporary name beside the target, flushes it
+// to the device, and moves it to the target in one step that fails when the target exists. A
+// process that ends during this leaves at most a "<name>.tmp.<token>.<attempt>" file.
 
 #include <cstddef>
 #include <cstdint>
@@ -16,7 +16,7 @@
 
 namespace zul {
 
-/// Outcome codes of a publish. The numbers are part of the contract: callers test them.
+/// Outcome of a publish. Callers test the numbers, so these must not change.
 enum FileOpStatus : std::uint32_t {
   kFileOpOk = 0,
   kFileOpBadPath = 1,
@@ -34,15 +34,16 @@ enum FileOpStatus : std::uint32_t {
   kFileOpUnknownException = 13,
 };
 
-/// Outcome of a publish and of each step inside it.
+/// Result of a publish and of each of its steps.
 struct FileOpResult {
   FileOpResult() = default;
+  /// Converts the paths to UTF-8. With `succeeded` the status, number and text are ignored.
   FileOpResult(bool succeeded, FileOpStatus status_code, std::uint32_t error_number,
                std::string text, const fs::Path& target, const fs::Path& temporary);
 
   bool ok = false;
   FileOpStatus status = kFileOpOk;  ///< 0 exactly when `ok`
-  std::uint32_t system_error = 0;   ///< 0 when `ok`, and for failures without a system error
+  std::uint32_t system_error = 0;   ///< 0 when `ok`, and for a failure without a system error
   std::string message;              ///< empty when `ok`
   std::string path;                 ///< the target, UTF-8
   std::string temp_path;            ///< the temporary file, UTF-8; empty when none is involved
@@ -51,23 +52,22 @@ struct FileOpResult {
 struct AtomicPublishOptions {
   bool create_parent = false;  ///< create missing parent directories first
   bool flush_parent = false;   ///< flush the parent directory after the move
-  bool reserved = false;       ///< read by nobody; kept for the record's shape
+  bool reserved = false;       ///< never read; a place in the record's fixed layout
 };
 
-/// Publishes `contents` at `target` unless something is there already (status 8; the target is not
-/// touched). Blocks until the file is on the device. Throws nothing.
+/// Publishes `contents` as a new file at `target`. An existing target stays unchanged (status 8).
+/// Blocks until the device has the file. After a failure no file of this call remains. Throws
+/// nothing.
 [[nodiscard]] FileOpResult PublishNewFile(const fs::Path& target, std::string_view contents,
                                           const AtomicPublishOptions& options);
 
-/// The status that a system error stands for; codes of no special meaning give `default_status`.
-[[nodiscard]] FileOpStatus FileOpStatusOf(const std::error_code& code, FileOpStatus default_status);
-
-/// Single owner of a file that did not exist before. Calling order: create, write any number of
-/// times, flush, close, release. Destroyed before `release`, it removes the file that it made, so a
-/// file that was not written to the end never stays. For one thread. Error texts are UTF-8; an
-/// `error` may be null.
+/// Single owner of a new file. The calling order is create, write (any number of times), flush,
+/// close, release. The destructor removes the file that the object created unless `release` was
+/// called, so an incomplete file never remains. Used by one thread. Each operation clears `*error`
+/// and stores a UTF-8 text on failure; `error` may be null.
 class ExclusiveFile {
  public:
+  /// Touches nothing on disk. A path that is not valid UTF-8 makes `create` fail.
   explicit ExclusiveFile(std::string_view utf8_path);
   ~ExclusiveFile();
   ExclusiveFile(ExclusiveFile&&) noexcept;
@@ -75,15 +75,19 @@ class ExclusiveFile {
   ExclusiveFile(const ExclusiveFile&) = delete;
   ExclusiveFile& operator=(const ExclusiveFile&) = delete;
 
-  /// 0 created; 1 something of that name exists (no error text); 2 any other failure. Only the
-  /// first call can succeed.
+  /// 0 when the file was created, 1 when the path exists (without an error text), 2 on any other
+  /// failure. Only the first call can succeed.
   [[nodiscard]] int create(std::string* error);
+  /// Writes all of `data`, which may be null when `size` is 0.
   [[nodiscard]] bool write(const void* data, std::size_t size, std::string* error);
+  /// Flushes the file to the device.
   [[nodiscard]] bool flush(std::string* error);
+  /// Closes the file. Succeeds when it is not open.
   [[nodiscard]] bool close(std::string* error);
-  /// Where the open file is, links resolved; empty together with an error.
+  /// The current path of the open file with every link resolved. Empty exactly when there is an
+  /// error.
   [[nodiscard]] fs::Path whereabouts(std::error_code& ec) const;
-  /// Lets the file outlive this object.
+  /// The destructor no longer removes the file.
   void release();
 
  private:

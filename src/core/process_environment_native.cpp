@@ -55,7 +55,7 @@ std::tm UtcCalendarTime(std::time_t time) {
 std::optional<fs::Path> RoamingAppDataDirectory(std::uint32_t* hresult) {
   const std::string home = GetEnvironmentPath("HOME");
   if (home.empty()) {
-    *hresult = 0x80004005;  // E_FAIL: there is no such code here
+    *hresult = 0x80004005;  // E_FAIL: this system has no HRESULT
     return std::nullopt;
   }
   return fs::Path(home) / ".config";

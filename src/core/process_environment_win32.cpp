@@ -1,4 +1,3 @@
-// The wide-character calls of the platform's documentation throughout; texts convert at this edge.
 #include "core/process_environment.h"
 
 #include <windows.h>
@@ -19,7 +18,7 @@ std::string GetEnvironmentPath(std::string_view name) {
   if (needed == 0) return {};
   std::vector<wchar_t> buffer(needed);
   const DWORD length = ::GetEnvironmentVariableW(wide_name->c_str(), buffer.data(), needed);
-  // A value that grew in between does not fit and reports the size that it needs.
+  // When the value has grown since the first call, `length` is the size that it needs now.
   if (length == 0 || length >= needed) return {};
   return WideToUtf8({buffer.data(), length}).value_or(std::string());
 }

@@ -1,9 +1,8 @@
 #include "core/settings_location.h"
 
-#include <utility>
-
 #include "core/app_paths.h"
 #include "core/bounded_read.h"
+#include "core/failure.h"
 #include "core/file_layer.h"
 #include "core/file_ops.h"
 #include "core/logger.h"
@@ -19,7 +18,7 @@ constexpr std::string_view kSettingsFile = "settings.json";
 constexpr std::string_view kLastResortFile = "qorva_settings.json";
 constexpr std::uint64_t kMaxLegacyBytes = 1048576;
 
-void CarryLegacySettingsOver(const std::string& target) {
+void MigrateToNewFolder(const std::string& target) {
   const AppPathResult legacy = ResolveAppFile(kLegacyAppFolder, kSettingsFile);
   if (legacy.path.empty() || !fs::Exists(PathOrEmpty(legacy.path))) return;
   std::string error;
@@ -37,8 +36,9 @@ std::string ResolveSettingsPath() {
                     "RipSettings: cannot resolve settings path; using local fallback.");
     return std::string(kLastResortFile);
   }
-  if (settings.error.empty() && !fs::Exists(PathOrEmpty(settings.path)))
-    CarryLegacySettingsOver(settings.path);
+  if (settings.error.empty() && !fs::Exists(PathOrEmpty(settings.path))) {
+    MigrateToNewFolder(settings.path);
+  }
   if (settings.used_fallback) {
     const std::string code = settings.error.substr(0, settings.error.find("; "));
     GetLogger().Log(LogLevel::kError,
@@ -53,23 +53,19 @@ std::string ResolveSettingsPath() {
 }
 
 bool MigrateLegacySettings(std::string_view source, std::string_view target, std::string* error) {
-  const auto fail = [error](std::string text) {
-    if (error != nullptr) *error = std::move(text);
-    return false;
-  };
   const std::string from = "legacy settings from '" + std::string(source) + "'";
   std::string contents;
   const BoundedReadResult read = ReadBounded(source, kMaxLegacyBytes, contents);
   if (read.status != kBoundedReadOk) {
-    return fail("Cannot migrate " + from + ": cannot read a bounded source" +
-                (read.message.empty() ? "" : ": " + read.message));
+    return Fail(error, "Cannot migrate " + from + ": cannot read a bounded source" +
+                           (read.message.empty() ? "" : ": " + read.message));
   }
   const FileOpResult published =
       PublishNewFile(PathOrEmpty(target), contents, {.create_parent = true, .flush_parent = true});
-  // A target that is there already comes from another process that got there first: its file wins.
+  // An existing target comes from another process that was faster. Its file wins.
   if (published.ok || published.status == kFileOpTargetExists) return true;
-  return fail("Cannot atomically migrate " + from + " to '" + std::string(target) +
-              "': " + published.message);
+  return Fail(error, "Cannot atomically migrate " + from + " to '" + std::string(target) +
+                         "': " + published.message);
 }
 
 std::string ApplicationConfigDirectory() {

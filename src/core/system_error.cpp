@@ -1,5 +1,3 @@
-// The part that does not depend on the system.
-
 #include "core/system_error.h"
 
 namespace zul {
@@ -10,6 +8,20 @@ std::error_code SystemError(unsigned long number) {
 
 std::string DescribeSystemError(const std::error_code& code) {
   return "code=" + std::to_string(code.value()) + ", message='" + SystemErrorText(code) + "'";
+}
+
+bool IsNotFoundError(const std::error_code& code) {
+  const ErrorMeaning meaning = MeaningOf(code);
+  return meaning == ErrorMeaning::kFileNotFound || meaning == ErrorMeaning::kPathNotFound;
+}
+
+bool IsExistsError(const std::error_code& code) {
+  return MeaningOf(code) == ErrorMeaning::kExists;
+}
+
+bool IsLockedOrDeniedError(const std::error_code& code) {
+  const ErrorMeaning meaning = MeaningOf(code);
+  return meaning == ErrorMeaning::kAccessDenied || meaning == ErrorMeaning::kInUse;
 }
 
 }  // namespace zul

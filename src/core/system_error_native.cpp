@@ -6,18 +6,6 @@
 
 namespace zul {
 
-namespace {
-
-bool IsOneOf(const std::error_code& code, std::initializer_list<int> numbers) {
-  if (code.category() != std::system_category()) return false;
-  for (const int number : numbers) {
-    if (code.value() == number) return true;
-  }
-  return false;
-}
-
-}  // namespace
-
 std::error_code LastSystemError() {
   return {errno, std::system_category()};
 }
@@ -26,16 +14,29 @@ std::string SystemErrorText(const std::error_code& code) {
   return std::string(TrimWhitespace(code.message()));
 }
 
-bool IsNotFoundError(const std::error_code& code) {
-  return IsOneOf(code, {ENOENT, ENOTDIR});
-}
-
-bool IsExistsError(const std::error_code& code) {
-  return IsOneOf(code, {EEXIST, ENOTEMPTY});
-}
-
-bool IsLockedOrDeniedError(const std::error_code& code) {
-  return IsOneOf(code, {EACCES, EPERM, EBUSY, ETXTBSY});
+ErrorMeaning MeaningOf(const std::error_code& code) {
+  if (code.category() != std::system_category()) return ErrorMeaning::kOther;
+  switch (code.value()) {
+    case ENOENT:
+    case ENOTDIR:
+      return ErrorMeaning::kPathNotFound;
+    case ENAMETOOLONG:
+      return ErrorMeaning::kInvalidName;
+    case EEXIST:
+    case ENOTEMPTY:
+      return ErrorMeaning::kExists;
+    case EACCES:
+    case EPERM:
+      return ErrorMeaning::kAccessDenied;
+    case EBUSY:
+    case ETXTBSY:
+      return ErrorMeaning::kInUse;
+    case ENOSPC:
+    case EDQUOT:
+      return ErrorMeaning::kDiskFull;
+    default:
+      return ErrorMeaning::kOther;
+  }
 }
 
 }  // namespace zul

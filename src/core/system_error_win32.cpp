@@ -6,20 +6,12 @@
 
 namespace zul {
 
-namespace {
-
-bool IsSystemCode(const std::error_code& code) {
-  return code.category() == std::system_category();
-}
-
-}  // namespace
-
 std::error_code LastSystemError() {
   return SystemError(::GetLastError());
 }
 
 std::string SystemErrorText(const std::error_code& code) {
-  if (!IsSystemCode(code)) return code.message();
+  if (code.category() != std::system_category()) return code.message();
   wchar_t buffer[1024];
   const DWORD length = ::FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
                                         nullptr, static_cast<DWORD>(code.value()), 0, buffer,
@@ -28,20 +20,29 @@ std::string SystemErrorText(const std::error_code& code) {
   return std::string(TrimWhitespace(text));
 }
 
-bool IsNotFoundError(const std::error_code& code) {
-  return IsSystemCode(code) &&
-         (code.value() == ERROR_FILE_NOT_FOUND || code.value() == ERROR_PATH_NOT_FOUND);
-}
-
-bool IsExistsError(const std::error_code& code) {
-  return IsSystemCode(code) &&
-         (code.value() == ERROR_FILE_EXISTS || code.value() == ERROR_ALREADY_EXISTS);
-}
-
-bool IsLockedOrDeniedError(const std::error_code& code) {
-  return IsSystemCode(code) &&
-         (code.value() == ERROR_ACCESS_DENIED || code.value() == ERROR_SHARING_VIOLATION ||
-          code.value() == ERROR_LOCK_VIOLATION);
+ErrorMeaning MeaningOf(const std::error_code& code) {
+  if (code.category() != std::system_category()) return ErrorMeaning::kOther;
+  switch (code.value()) {
+    case ERROR_FILE_NOT_FOUND:
+      return ErrorMeaning::kFileNotFound;
+    case ERROR_PATH_NOT_FOUND:
+      return ErrorMeaning::kPathNotFound;
+    case ERROR_INVALID_NAME:
+      return ErrorMeaning::kInvalidName;
+    case ERROR_FILE_EXISTS:
+    case ERROR_ALREADY_EXISTS:
+      return ErrorMeaning::kExists;
+    case ERROR_ACCESS_DENIED:
+      return ErrorMeaning::kAccessDenied;
+    case ERROR_SHARING_VIOLATION:
+    case ERROR_LOCK_VIOLATION:
+      return ErrorMeaning::kInUse;
+    case ERROR_HANDLE_DISK_FULL:
+    case ERROR_DISK_FULL:
+      return ErrorMeaning::kDiskFull;
+    default:
+      return ErrorMeaning::kOther;
+  }
 }
 
 }  // namespace zul
