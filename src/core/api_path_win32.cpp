@@ -21,13 +21,13 @@ bool StartsWithDriveRoot(std::wstring_view text) {
   return text.size() >= 3 && IsLetter(text[0]) && text[1] == L':' && IsSeparator(text[2]);
 }
 
-/// "\\server\...", but not "\\?\" and "\\.\", which are not for normalising.
+/// True for "\\server\...", and not for "\\?\" and "\\.\", which are passed on unchanged.
 bool StartsWithServer(std::wstring_view text) {
   return text.size() >= 3 && IsSeparator(text[0]) && IsSeparator(text[1]) &&
          !IsSeparator(text[2]) && text[2] != L'?' && text[2] != L'.';
 }
 
-/// Appends the components of `text` to `out`. ".." takes the last one back, but none of the first
+/// Appends the components of `text` to `out`. ".." removes the last one, but none of the first
 /// `floor` characters of `out`.
 void AppendNormalized(std::wstring& out, std::wstring_view text, std::size_t floor) {
   while (!text.empty()) {
@@ -45,7 +45,7 @@ void AppendNormalized(std::wstring& out, std::wstring_view text, std::size_t flo
   }
 }
 
-/// Takes the first component and the separators behind it off `text`.
+/// Removes the first component and the separators after it from `text` and returns the component.
 std::wstring_view TakeComponent(std::wstring_view& text) {
   std::size_t length = 0;
   while (length < text.size() && !IsSeparator(text[length])) ++length;
@@ -88,7 +88,7 @@ std::wstring AbsoluteApiPath(const Path& path) {
   if (StartsWithDriveRoot(text) || StartsWithServer(text) || text.starts_with(kVerbatim)) {
     return ApiText(text);
   }
-  // The current directory may change between the two calls, so the second may ask for more again.
+  // Another thread may change the current directory between two calls, so the size may grow again.
   std::wstring full(260, L'\0');
   for (;;) {
     const DWORD length =
@@ -109,7 +109,7 @@ std::size_t ApiRootLength(std::wstring_view api_path) {
   std::size_t from = 0;
   if (api_path.starts_with(kVerbatimUnc)) {
     from = kVerbatimUnc.size();
-    separators = 2;  // behind the server and behind the share
+    separators = 2;  // after the server and after the share
   } else if (api_path.starts_with(kVerbatim)) {
     from = kVerbatim.size();
     separators = 1;

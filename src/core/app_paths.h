@@ -1,7 +1,8 @@
 #pragma once
 
-// The product's per-user folder: where it is, made sure to exist, with a fallback when the normal
-// place is out of reach. QORVA_CONFIG_HOME overrides the place.
+// The product's per-user folder. It is created when it is missing, and there is a fallback when the
+// system does not report the normal location. The environment variable QORVA_CONFIG_HOME overrides
+// the location.
 
 #include <cstdint>
 #include <string>
@@ -12,8 +13,8 @@
 
 namespace zul {
 
-/// A resolved folder or file. Check `path` first and `ready` second: a path may be usable although
-/// something went wrong on the way.
+/// A resolved folder or file. Check `path` first and `ready` second: the path may be usable even
+/// when `error` has text.
 struct AppPathResult {
   std::string path;            ///< UTF-8
   bool ready = false;          ///< the folder exists or was created
@@ -28,8 +29,8 @@ struct AppPathResult {
 [[nodiscard]] AppPathResult ResolveAppFile(std::string_view app_dir_name,
                                            std::string_view filename);
 
-/// True when `path` is a directory or could be made one, parents included. On failure `error` (may
-/// be null) says why.
+/// Creates the directory with its parents unless it exists. On failure `*error` (may be null) has
+/// the reason.
 [[nodiscard]] bool EnsureDirectory(const fs::Path& path, std::string* error);
 
 /// "0x" and eight hexadecimal digits.

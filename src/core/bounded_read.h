@@ -1,7 +1,7 @@
 #pragma once
 
-// Reading a small file whole, with a hard limit on its size, telling an absent file apart from a
-// path that is unsafe or broken.
+// Reads a small file completely, with a limit on its size, and distinguishes an absent file from an
+// unsafe or broken path.
 
 #include <cstdint>
 #include <string>
@@ -9,7 +9,7 @@
 
 namespace zul {
 
-/// The numbers are part of the contract; 3 is not used.
+/// Callers test the numbers, so these must not change. 3 is not used.
 enum BoundedReadStatus : std::uint32_t {
   kBoundedReadOk = 0,
   kBoundedReadAbsent = 1,
@@ -22,10 +22,10 @@ struct BoundedReadResult {
   std::string message;  ///< UTF-8; empty for kBoundedReadOk and kBoundedReadAbsent
 };
 
-/// Reads the file at `path` (UTF-8) into `output`, which holds the content only on kBoundedReadOk.
-/// A file of more than `cap_bytes` is refused before memory is taken for it, and also when it grows
-/// past the cap while it is read; a cap of 0 means no limit. A file that shrinks meanwhile gives
-/// what was left. Throws nothing.
+/// Reads the file at `path` (UTF-8) into `output`, which is empty unless the status is
+/// kBoundedReadOk. A file of more than `cap_bytes` is refused before memory is allocated for it,
+/// and also when it grows past the cap during the read. A cap of 0 means no limit. A file that
+/// shrinks during the read gives its remaining content. Throws nothing.
 [[nodiscard]] BoundedReadResult ReadBounded(std::string_view path, std::uint64_t cap_bytes,
                                             std::string& output);
 

@@ -6,7 +6,7 @@ namespace zul {
 
 namespace {
 
-// Codes 15 and 16 and flow 0 are the licence checks' rows and live with them.
+// Codes 15 and 16 and flow 0 belong to the licence checks, which define them.
 constexpr UserErrorEntry kUserErrors[] = {
     {0, "missing_resource",
      "A required resource is missing. Reinstall or repair the app resources.",

@@ -1,6 +1,6 @@
 #pragma once
 
-// The failure of a function that returns a bool and writes its message to an optional string.
+// How a function that returns a bool and has an optional message reports a failure.
 
 #include <string>
 #include <string_view>

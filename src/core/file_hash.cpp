@@ -31,7 +31,7 @@ bool HashOpenFile(fs::File& file, Sha256Digest* digest, std::string* error,
   std::error_code ec;
   std::size_t read = 0;
   unsigned reads = 0;
-  // A read error ends the file: the digest of what was there matches nothing.
+  // A read error counts as the end of the file. The digest of a part matches no expected digest.
   while (file.Read(buffer.data(), buffer.size(), &read, ec) && read != 0) {
     if (!hash.Update(buffer.data(), read, error)) return false;
     if (keep_alive && ++reads % kReadsPerKeepAlive == 0) keep_alive();

@@ -1,7 +1,7 @@
 #pragma once
 
-// Owners of Win32 handles, for _win32.cpp files only. One template; a new kind of handle takes a
-// traits type of three lines.
+// Owners of Win32 handles. For _win32.cpp files only. There is one template; a new kind of handle
+// needs a traits type.
 
 #include <windows.h>
 
@@ -9,7 +9,7 @@
 
 namespace zul {
 
-/// Owns one handle and closes it once. Traits gives `Type`, `Invalid()` and `Close(handle)`.
+/// Owns one handle and closes it. Traits has `Type`, `Invalid()` and `Close(handle)`.
 template <typename Traits>
 class UniqueHandle {
  public:
@@ -30,10 +30,10 @@ class UniqueHandle {
   [[nodiscard]] bool valid() const { return handle_ != Traits::Invalid(); }
   explicit operator bool() const { return valid(); }
 
-  /// Gives the handle up without closing it.
+  /// Returns the handle and gives up its ownership.
   [[nodiscard]] Type Release() { return std::exchange(handle_, Traits::Invalid()); }
 
-  /// Closes what is held and takes `handle`.
+  /// Closes the owned handle and takes ownership of `handle`.
   void Reset(Type handle = Traits::Invalid()) {
     Type old = std::exchange(handle_, handle);
     if (old != Traits::Invalid()) Traits::Close(old);

@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kPeriod{20};
 
-/// Not valid when the system has no thread to give.
+/// Starts `work` on a new thread. Not valid when the system cannot create one.
 std::future<void> Begin(const std::function<void()>& work) {
   try {
     return std::async(std::launch::async, std::cref(work));

@@ -1,20 +1,20 @@
 #pragma once
 
-// Long work on the thread that also owns the window: the work calls back between its pieces, and a
-// single call of the system that may block for long goes to a thread of its own meanwhile.
+// Long operations on the thread that owns the window. An operation calls back between its pieces;
+// a single system call that may block for long runs on a second thread.
 
 #include <functional>
 
 namespace zul {
 
-/// What long operations call again and again, so that their caller can keep a window alive. May be
-/// empty. It is always called on the thread of the operation's caller.
+/// A long operation calls it repeatedly, so that its caller can keep a window responsive. May be
+/// empty. The calls are made on the thread that called the operation.
 using KeepAlive = std::function<void()>;
 
-/// Runs `work` to its end and returns then; what it throws comes through. With a `keep_alive`, the
-/// work has a thread of its own and `keep_alive` is called about every 20 ms meanwhile; without
-/// one, or when no thread is to be had, the work runs on the calling thread. Costs the making of a
-/// thread: for calls that can take longer than a user waits for a window to answer.
+/// Runs `work` and returns when it has ended. An exception of `work` reaches the caller. With a
+/// `keep_alive`, `work` runs on a thread of its own, and `keep_alive` is called about every 20 ms.
+/// Without one, or when the system cannot create a thread, `work` runs on the calling thread. For
+/// calls that may take longer than a window may fail to respond; the thread itself costs time too.
 void RunKeepingAlive(const std::function<void()>& work, const KeepAlive& keep_alive);
 
 }  // namespace zul

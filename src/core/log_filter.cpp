@@ -41,7 +41,7 @@ std::optional<LogLevel> LevelOf(std::string_view text) {
   return std::nullopt;
 }
 
-/// Sets the threshold of the category that `name` names, or of all of them for "*".
+/// Sets the threshold of the category `name`, or of all categories for "*".
 bool SetThreshold(LogThresholds& thresholds, std::string_view name, LogLevel level) {
   const std::string word = AsciiLower(TrimWhitespace(name));
   if (word == "*") {
@@ -56,8 +56,8 @@ bool SetThreshold(LogThresholds& thresholds, std::string_view name, LogLevel lev
   return false;
 }
 
-/// Applies `apply` to each trimmed, non-empty entry of `text`. Nothing when one fails or there is
-/// none.
+/// Applies `apply` to each trimmed, non-empty entry of `text`. No value when an entry fails or
+/// there is no entry.
 template <typename Apply>
 std::optional<LogThresholds> ParseEntries(std::string_view text, LogLevel start, Apply apply) {
   LogThresholds thresholds;

@@ -1,6 +1,6 @@
 #pragma once
 
-// Levels and categories of the log, and the two little grammars that filter them.
+// Levels and categories of the log, and the two grammars of its filter (docs/formats/log.md).
 
 #include <array>
 #include <cstddef>
@@ -14,22 +14,22 @@ enum class LogCategory : int { kGeneral = 0, kDiagnostics = 1, kLicensing = 2, k
 
 inline constexpr std::size_t kLogCategoryCount = 4;
 
-/// One threshold a category: lines below it are dropped.
+/// The threshold of each category. Lines of a lower level are dropped.
 using LogThresholds = std::array<LogLevel, kLogCategoryCount>;
 
-/// The level in a field of five characters; "?????" for no level.
+/// The level as a field of five characters; "?????" for an unknown level.
 [[nodiscard]] std::string_view LogLevelField(LogLevel level);
-/// Index of a category in a table of them; an unknown category counts as kGeneral.
+/// Index of a category in LogThresholds. An unknown category counts as kGeneral.
 [[nodiscard]] std::size_t LogCategoryIndex(LogCategory category);
-/// The category's word; "general" for no category.
+/// The category's word; "general" for an unknown category.
 [[nodiscard]] std::string_view LogCategoryName(LogCategory category);
 
-/// Parses "name=level" entries separated by "," or ";" (QORVA_LOG_FILTER). Nothing when any entry
-/// is malformed or there is none.
+/// Parses "name=level" entries separated by "," or ";" (QORVA_LOG_FILTER). No value when an entry
+/// is malformed or there is no entry.
 [[nodiscard]] std::optional<LogThresholds> ParseLogFilter(std::string_view text);
 
-/// Parses category names separated by "," or ";" (QORVA_LOG_CATEGORIES): the named ones drop to
-/// DEBUG, the others stay at WARN. Nothing when a name is unknown or there is none.
+/// Parses category names separated by "," or ";" (QORVA_LOG_CATEGORIES). The named categories have
+/// the threshold DEBUG, the others WARN. No value when a name is unknown or there is no name.
 [[nodiscard]] std::optional<LogThresholds> ParseLogCategories(std::string_view text);
 
 }  // namespace zul

@@ -27,9 +27,9 @@ void PutTwoDigits(char* out, int value) {
   out[1] = static_cast<char>('0' + value % 10);
 }
 
-/// The local form of `now`. Lines come in bursts, so each thread keeps its last answer: the
-/// calendar is asked once a second and not once a line. (A whole day would not do: its hours shift
-/// when summer time begins or ends.)
+/// `now` as local time. Each thread keeps its last result, so a burst of lines converts the time
+/// once a second. (Keeping it longer would be wrong: the offset changes when summer time begins or
+/// ends.)
 const LocalSecond& LocalSecondOf(std::time_t now) {
   thread_local LocalSecond cached;
   if (cached.second == now) return cached;
@@ -47,7 +47,7 @@ const LocalSecond& LocalSecondOf(std::time_t now) {
   return cached;
 }
 
-/// Through <chrono>, which reads the clock directly: the C library's time() may cost microseconds.
+/// Calls <chrono>, which reads the clock directly; the C library's time() may take microseconds.
 std::time_t SystemClock() {
   return std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
 }
@@ -59,9 +59,10 @@ fs::Path RotatedName(const fs::Path& path, int number) {
   return result;
 }
 
-/// Moves a file that has grown to the limit out of the way, and the older ones one number on. A
-/// rotated file that cannot be moved (someone reads it) keeps its place, and then the file itself
-/// stays too and grows on: nothing newer than the oldest rotated file is ever lost.
+/// Renames a file that has reached the limit to ".1", after each rotated file moved to the next
+/// number. A rotated file that another process has open may keep its number; then the newer ones
+/// and the file itself keep their names too, and the file continues to grow. Only the oldest
+/// rotated file is ever lost.
 void RotateWhenFull(const fs::Path& path) {
   std::error_code ec;
   const std::uint64_t size_bytes = fs::SizeOf(path, ec);
@@ -123,7 +124,7 @@ void Logger::Write(LogCategory category, LogLevel level, std::string line) {
     for (const LogSink& sink : *sinks) {
       try {
         sink(category, level, line);
-      } catch (...) {  // a sink's failure is not the caller's
+      } catch (...) {  // the caller must not see a sink's failure
       }
     }
   }
@@ -132,7 +133,7 @@ void Logger::Write(LogCategory category, LogLevel level, std::string line) {
   if (line.size() > kMaxLineBytes) {
     line.resize(kMaxLineBytes);
     line.append(kTruncationMark);
-    line.shrink_to_fit();  // memory holds what it counts
+    line.shrink_to_fit();  // so that the line uses the memory that recent_bytes_ counts
   }
   AppendToFile(line, flush);
   Remember(std::move(line));
@@ -168,10 +169,9 @@ void Logger::Remember(std::string line) {
   }
 }
 
-/// Each line is one write of the system, straight from the line's own memory: when the call is back
-/// the line has left the process and survives its crash. So there is no buffer of ours that a flush
-/// could still empty, and a flush is a count; forcing the device on every warning would cost
-/// milliseconds and guard only against a power cut.
+/// Writes each line with one system call. After the call the system has the line, and it survives a
+/// crash of this process: there is no buffer to flush, so a flush is only counted. A flush of the
+/// device would take milliseconds for each warning and protect only against a power failure.
 void Logger::AppendToFile(std::string& line, bool flush) {
   if (directory_.empty()) return;
   const std::time_t now = clock_();

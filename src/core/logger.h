@@ -1,11 +1,11 @@
 #pragma once
 
-// The process-wide log: human-readable lines in a dated file, the newest of them in memory for
-// reports, and every line to registered sinks. Filtering is set once, from the environment. Logging
-// never fails its caller: a file that cannot be written costs only the file.
+// The process-wide log. It writes lines for people to a dated file, keeps the newest lines in
+// memory for reports, and passes each line to the registered sinks. The environment sets the filter
+// once. Logging never fails its caller: without a file, before `Configure` or when the file cannot
+// be written, lines still go to memory and to the sinks.
 //
-// A line reads `12:30:05 [WARN ] [updater] text`, in local time. Without a Configure that succeeded
-// lines still go to memory and to sinks.
+// A line is `12:30:05 [WARN ] [updater] text`, in local time; see docs/formats/log.md.
 
 #include <array>
 #include <atomic>
@@ -28,11 +28,11 @@
 
 namespace zul {
 
-/// Receives each line, without its line end. Called outside the logger's lock, so it may log. What
-/// it throws is dropped.
+/// Receives each line, without its line end. Called outside the logger's lock, so it may log. An
+/// exception from it is ignored.
 using LogSink = std::function<void(LogCategory, LogLevel, const std::string& line)>;
 
-/// Any member may be called from any thread.
+/// Thread-safe.
 class Logger {
  public:
   static constexpr std::size_t kMaxLineBytes = 65536;
@@ -41,64 +41,69 @@ class Logger {
   static constexpr std::uint64_t kRotationBytes = 52428800;
   static constexpr int kRotatedFiles = 5;
 
-  /// Seconds since 1970, as std::time gives them.
+  /// The current time in seconds since 1970-01-01 UTC, as std::time returns it.
   using Clock = std::function<std::time_t()>;
 
-  /// A logger of its own beside the process-wide one; `clock` is the system's when empty.
+  /// A logger beside the process-wide one. An empty `clock` means the system's.
   explicit Logger(Clock clock = {});
 
-  /// Sets the file output to `directory` (UTF-8; empty disables it) and opens today's file there,
-  /// `<file_stem>_<YYYYMMDD>.log`, rotating one that has reached kRotationBytes. True when the file
-  /// is open; otherwise each further line tries again.
+  /// Sets the folder of the log files (UTF-8; empty disables them) and opens today's file,
+  /// `<file_stem>_<YYYYMMDD>.log`. Rotates an existing file of at least kRotationBytes first. True
+  /// when the file is open. After a failure each line tries again.
   bool Configure(std::string_view directory, std::string_view file_stem);
 
   /// Full path of the open log file, UTF-8; empty when there is none.
   [[nodiscard]] std::string CurrentPath() const;
 
-  /// Takes the thresholds from QORVA_LOG_FILTER or, when that is unset, QORVA_LOG_CATEGORIES. They
-  /// can only narrow the output: nothing below INFO is ever written.
+  /// Sets the thresholds from QORVA_LOG_FILTER or, when that is unset, from QORVA_LOG_CATEGORIES.
+  /// They can only narrow the output: lines below INFO are never logged.
   void ApplyFilterFromEnvironment();
 
-  /// Logs the concatenation of the pieces, in the category kGeneral and without a category in the
-  /// line. Below the level nothing is built.
+  /// Logs the concatenation of the pieces in the category kGeneral; the line has no category field.
+  /// A line that does not pass the filter is not built.
   template <std::convertible_to<std::string_view>... Pieces>
   void Log(LogLevel level, const Pieces&... pieces) {
     if (!Passes(LogCategory::kGeneral, level)) return;
     Compose(std::nullopt, level, {std::string_view(pieces)...});
   }
-  /// The same, with the category in the line.
+  /// As above, in `category` and with a category field.
   template <std::convertible_to<std::string_view>... Pieces>
   void Log(LogCategory category, LogLevel level, const Pieces&... pieces) {
     if (!Passes(category, level)) return;
     Compose(category, level, {std::string_view(pieces)...});
   }
 
-  /// Hands a finished line to sinks, memory and file, without asking the filter. An empty line goes
-  /// to the sinks only.
+  /// Passes a complete line to the sinks, to memory and to the file, without the filter. An empty
+  /// line goes to the sinks only.
   void Write(LogCategory category, LogLevel level, std::string line);
 
+  /// Adds a receiver of each line, for the life of the logger.
   void AddSink(LogSink sink);
 
-  /// The newest `count` lines, oldest first; 0 or more than there are gives all.
+  /// The newest `count` lines, oldest first. A `count` of 0, or above their number, gives all.
   [[nodiscard]] std::vector<std::string> RecentLines(std::size_t count) const;
 
+  /// True when the filter lets a line through.
   [[nodiscard]] bool Passes(LogCategory category, LogLevel level) const {
     return level >= kMinimumLevel &&
            level >= category_levels_[LogCategoryIndex(category)].load(std::memory_order_relaxed);
   }
+
+  /// Every line counts as flushed, not only warnings, errors and lines of kDiagnostics.
   void set_always_flush(bool always_flush) { always_flush_.store(always_flush); }
+  /// Number of flushed lines and file headers.
   [[nodiscard]] std::uint64_t flush_count() const { return flush_count_.load(); }
 
  private:
   using Sinks = std::vector<LogSink>;
 
-  /// The floor of every line. Nothing lowers it, so DEBUG lines are never written.
+  /// The lowest level of all categories. Nothing lowers it, so DEBUG lines are never logged.
   static constexpr LogLevel kMinimumLevel = LogLevel::kInfo;
 
   void Compose(std::optional<LogCategory> category, LogLevel level,
                std::initializer_list<std::string_view> pieces);
   [[nodiscard]] std::shared_ptr<const Sinks> CurrentSinks() const;
-  // The following need the lock.
+  // The caller of these holds the lock.
   void AppendToFile(std::string& line, bool flush);
   void Remember(std::string line);
   void OpenForDate(std::time_t now, std::string_view date);
@@ -108,10 +113,10 @@ class Logger {
   std::array<std::atomic<LogLevel>, kLogCategoryCount> category_levels_{};
   std::atomic<bool> always_flush_{false};
   std::atomic<std::uint64_t> flush_count_{0};
-  std::atomic<bool> has_sinks_{false};  ///< spares lines the lock while nobody listens
+  std::atomic<bool> has_sinks_{false};  ///< without sinks a line skips the lock
 
   mutable std::mutex mutex_;            ///< guards what follows
-  std::shared_ptr<const Sinks> sinks_;  ///< replaced as a whole, so that a copy is a pointer
+  std::shared_ptr<const Sinks> sinks_;  ///< immutable, so that a copy is cheap
   fs::File stream_;
   fs::Path directory_;
   std::string file_stem_;

@@ -1,12 +1,12 @@
 #pragma once
 
-// The path type of the system.
+// The path type.
 
 #include <filesystem>
 
 namespace zul::fs {
 
-/// A path as a lexical value: joining, splitting, comparing. What touches the disk goes through
+/// A path as a lexical value, for joining, splitting and comparing. For disk access use
 /// core/file_layer.h.
 using Path = std::filesystem::path;
 

@@ -1,6 +1,7 @@
 #pragma once
 
-// SHA-256 (FIPS 180-4) in pieces: the platform's provider on Windows, our own code elsewhere.
+// SHA-256 (FIPS 180-4) of data in pieces. On Windows the system's provider computes it, on other
+// systems our own code.
 
 #include <array>
 #include <cstddef>
@@ -12,8 +13,8 @@ namespace zul {
 
 using Sha256Digest = std::array<std::uint8_t, 32>;
 
-/// One computation: `Begin`, then `Update` as often as needed, then `Finish`. After a failure,
-/// whose message goes to `error` (may be null), the object cannot be used again.
+/// One computation: `Begin`, then `Update` any number of times, then `Finish`. A failure stores its
+/// message in `*error` (may be null); the object cannot be used after it.
 class Sha256 {
  public:
   Sha256();

@@ -1,4 +1,4 @@
-// SHA-256 by FIPS 180-4, sections 4.1.2, 4.2.2, 5 and 6.2. Nothing in it can fail.
+// SHA-256 by FIPS 180-4, sections 4.1.2, 4.2.2, 5 and 6.2. No operation can fail.
 
 #include "core/sha256.h"
 
@@ -73,7 +73,7 @@ void Compress(Words& hash, const std::uint8_t* block) {
 struct Sha256::State {
   Words hash = kInitialHash;
   std::array<std::uint8_t, kBlockBytes> block{};
-  std::size_t used = 0;  ///< bytes that wait in `block`
+  std::size_t used = 0;  ///< bytes in `block`
   std::uint64_t length_bytes = 0;
 
   void Add(const std::uint8_t* data, std::size_t size) {

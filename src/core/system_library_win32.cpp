@@ -11,13 +11,13 @@ LateLibraries::LateLibraries(std::initializer_list<const wchar_t*> names) {
 }
 
 void RestrictLibrarySearch() {
-  // Looked up, since the oldest systems that run us have it only with an update of their own.
-  // kernel32 is loaded with every process.
+  // Looked up by name, because Windows 7 has the function only with an update. Every process has
+  // kernel32 loaded.
   using SetDefaults = BOOL(WINAPI*)(DWORD);
   const auto set_defaults = reinterpret_cast<SetDefaults>(reinterpret_cast<void (*)()>(
       ::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), "SetDefaultDllDirectories")));
   if (set_defaults != nullptr) set_defaults(LOAD_LIBRARY_SEARCH_SYSTEM32);
-  ::SetDllDirectoryW(L"");  // takes the current folder out of the older search
+  ::SetDllDirectoryW(L"");  // removes the current folder from the default search
 }
 
 }  // namespace zul

@@ -13,7 +13,8 @@ bool IsSurrogate(char32_t code_point) {
   return code_point >= 0xD800 && code_point <= 0xDFFF;
 }
 
-/// Takes one code point from the front of `text`; kMalformed takes one byte.
+/// Removes one code point from the front of `text` and returns it. For malformed text removes one
+/// byte and returns kMalformed.
 char32_t TakeUtf8(std::string_view& text) {
   const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
   const unsigned char lead = byte(0);
@@ -44,7 +45,7 @@ char32_t TakeUtf8(std::string_view& text) {
   return value;
 }
 
-/// Takes one code point from the front of a wide text of 16-bit or 32-bit units.
+/// As TakeUtf8, for wide text of 16-bit or 32-bit units.
 char32_t TakeWide(std::wstring_view& text) {
   const auto unit = static_cast<char32_t>(text.front());
   text.remove_prefix(1);
@@ -72,7 +73,7 @@ void AppendWide(std::wstring& out, char32_t code_point) {
   out.push_back(static_cast<wchar_t>(code_point));
 }
 
-/// The text in UTF-8; false when something was malformed, for which U+FFFD then stands.
+/// Converts to UTF-8, with U+FFFD for each malformed unit. False when there was one.
 bool ConvertWide(std::wstring_view text, std::string& out) {
   bool sound = true;
   out.reserve(text.size());
@@ -87,7 +88,7 @@ bool ConvertWide(std::wstring_view text, std::string& out) {
   return sound;
 }
 
-/// A path's own text, whose unit differs between systems.
+/// Converts the native text of a path: wide text on Windows, bytes on other systems.
 template <typename Char>
 std::string NativeToUtf8(const std::basic_string<Char>& native) {
   if constexpr (sizeof(Char) > 1) {

@@ -1,7 +1,7 @@
 #pragma once
 
-// Text helpers. Text inside the system is UTF-8 in std::string; wide text exists where the platform
-// or an interface asks for it. Every conversion of the system goes through this file.
+// Text and its conversions. Text inside the system is UTF-8 in std::string. Wide text exists only
+// where the platform or an interface requires it, and this file has every conversion.
 
 #include <cstdint>
 #include <optional>
@@ -14,6 +14,7 @@ namespace zul {
 
 /// Lower-cases A to Z and leaves every other byte alone, so that UTF-8 stays UTF-8.
 [[nodiscard]] char AsciiLower(char c);
+/// As above, for each byte of a text.
 [[nodiscard]] std::string AsciiLower(std::string_view text);
 
 /// The text without leading and trailing space, tab, LF, VT, FF and CR. A view into `text`.
@@ -32,36 +33,38 @@ template <typename Range>
   return joined;
 }
 
-/// Strict UTF-8 as RFC 3629 has it: no overlong form, no surrogate, nothing above U+10FFFF, no
-/// truncated sequence. The empty text is valid.
+/// True for strict UTF-8 (RFC 3629): no overlong form, no surrogate, no code point above U+10FFFF,
+/// no truncated sequence. The empty text is valid.
 [[nodiscard]] bool IsValidUtf8(std::string_view text);
 
 /// Appends the UTF-8 form of `code_point`, which must be a Unicode scalar value.
 void AppendUtf8(std::string& out, char32_t code_point);
 
-/// Converts between UTF-8 and wide text (UTF-16 on Windows, UTF-32 elsewhere). Strict: malformed
-/// input, an unpaired surrogate included, gives nothing. An empty text converts to an empty text.
+/// Converts UTF-8 to wide text (UTF-16 on Windows, UTF-32 on other systems). No value for malformed
+/// text. The empty text converts to the empty text.
 [[nodiscard]] std::optional<std::wstring> Utf8ToWide(std::string_view text);
+
+/// The reverse conversion. No value for malformed text, such as an unpaired surrogate.
 [[nodiscard]] std::optional<std::string> WideToUtf8(std::wstring_view text);
 
-/// As `WideToUtf8`, with U+FFFD in place of whatever cannot be converted: for messages.
+/// As `WideToUtf8`, with U+FFFD for each unit that cannot be converted. For messages.
 [[nodiscard]] std::string WideToUtf8Lossy(std::wstring_view text);
 
-/// The path that a UTF-8 text names; nothing when the text is not valid UTF-8.
+/// The path with this UTF-8 text. No value when the text is not valid UTF-8.
 [[nodiscard]] std::optional<fs::Path> PathFromUtf8(std::string_view text);
 
 /// As `PathFromUtf8`; the empty path when the text is not valid UTF-8.
 [[nodiscard]] fs::Path PathOrEmpty(std::string_view text);
 
-/// A path as UTF-8 text with its own separators, for messages and records. A unit that has no UTF-8
-/// form shows as U+FFFD.
+/// A path as UTF-8 text with its own separators, for messages and records. A unit that cannot be
+/// converted becomes U+FFFD.
 [[nodiscard]] std::string PathToUtf8(const fs::Path& path);
 
 /// As `PathToUtf8`, with `/` as the only separator.
 [[nodiscard]] std::string PathToGenericUtf8(const fs::Path& path);
 
-/// Appends `text` to `out` with the escapes of a JSON string (RFC 8259); bytes from 32 on are
-/// copied.
+/// Appends `text` to `out` with the escapes of a JSON string (RFC 8259). Every other byte from 32
+/// on is copied.
 void AppendJsonEscaped(std::string& out, std::string_view text);
 
 }  // namespace zul
