@@ -11,7 +11,7 @@ namespace {
 
 thread_local std::optional<int> pending_quit;
 
-/// Waits for any of `count` handles, pumping; the same outcomes as PumpUntilSignalled.
+/// As PumpUntilSignalled, for any of `count` handles.
 bool PumpUntil(const HANDLE* handles, DWORD count, std::uint32_t timeout_ms) {
   using std::chrono::milliseconds;
   using std::chrono::steady_clock;

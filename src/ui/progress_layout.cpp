@@ -8,7 +8,7 @@ namespace zul {
 namespace {
 
 constexpr int kMargin = 28;
-constexpr int kForceButtonRoom = 184;  // the button and a gap, taken from the figures' line
+constexpr int kForceButtonRoom = 184;  // the figures line is shorter by the button and a gap
 
 }  // namespace
 

@@ -1,7 +1,7 @@
 #pragma once
 
-// Where everything in the progress window stands, in pixels. Positions are laid down in units of
-// 1/96 inch and scaled to the screen's dots per inch; a dpi below 1 counts as 96.
+// The positions in the progress window. They are defined in units of 1/96 inch and scaled to the
+// dots per inch (dpi) of the screen; a dpi below 1 counts as 96.
 
 namespace zul {
 
@@ -9,7 +9,7 @@ namespace zul {
 inline constexpr int kProgressClientWidth = 600;
 inline constexpr int kProgressClientHeight = 236;
 
-/// A rectangle in client pixels; right and bottom lie outside, as everywhere in GDI.
+/// A rectangle in client pixels. `right` and `bottom` are exclusive, as in GDI.
 struct PixelRect {
   int left = 0;
   int top = 0;
@@ -21,11 +21,12 @@ struct PixelRect {
   bool operator==(const PixelRect&) const = default;
 };
 
+/// The rectangles that are drawn.
 struct ProgressLayout {
   PixelRect title;
   PixelRect detail;
   PixelRect bar;
-  PixelRect bar_fill;  ///< no width when there is nothing to fill
+  PixelRect bar_fill;  ///< width 0 when nothing is filled
   PixelRect percent_text;
   PixelRect figures;
 };
@@ -33,12 +34,12 @@ struct ProgressLayout {
 /// `value * dpi / per`, rounded to the nearest, halves away from zero, as MulDiv rounds.
 [[nodiscard]] int ScaleForDpi(int value, int dpi, int per = 96);
 
-/// `percent` as it is drawn: negative is unknown and leaves the bar empty. `client_width` is in
-/// pixels.
+/// The layout for a client area of `client_width` pixels. A negative `percent` is unknown and
+/// leaves the bar empty; one above 100 counts as 100.
 [[nodiscard]] ProgressLayout LayOutProgress(int client_width, int dpi, int percent,
                                             bool force_visible);
 
-/// Place of the Force close button.
+/// The rectangle of the Force close button.
 [[nodiscard]] PixelRect LayOutForceButton(int client_width, int dpi);
 
 }  // namespace zul

@@ -17,7 +17,7 @@ constexpr COLORREF kBarFillColour = RGB(91, 158, 245);
 constexpr COLORREF kPercentColour = RGB(255, 255, 255);
 constexpr COLORREF kFiguresColour = RGB(190, 205, 223);
 
-// Texts carry file names and figures, in which an ampersand is an ampersand.
+// Without DT_NOPREFIX the ampersand of a file name would underline the next character.
 constexpr UINT kLineFormat = DT_LEFT | DT_SINGLELINE | DT_VCENTER | DT_END_ELLIPSIS | DT_NOPREFIX;
 constexpr UINT kParagraphFormat = DT_LEFT | DT_WORDBREAK | DT_END_ELLIPSIS | DT_NOPREFIX;
 constexpr UINT kCentredFormat = DT_CENTER | DT_SINGLELINE | DT_VCENTER | DT_NOPREFIX;
@@ -108,7 +108,7 @@ void PaintProgress(HDC target, SIZE client, int dpi, const UpdateProgressWindow&
                    const ProgressFonts& fonts) {
   const UniqueMemoryDc memory(CreateCompatibleDC(target));
   const UniqueBitmap bitmap(CreateCompatibleBitmap(target, client.cx, client.cy));
-  if (!memory || !bitmap) {  // better a flicker than nothing
+  if (!memory || !bitmap) {  // draws directly, which may flicker
     DrawProgress(target, client, dpi, state, fonts);
     return;
   }

@@ -1,6 +1,6 @@
 #pragma once
 
-// Draws the progress window's client area. For _win32.cpp files only.
+// Draws the client area of the progress window. For _win32.cpp files only.
 
 #include <windows.h>
 
@@ -10,7 +10,7 @@ namespace zul {
 
 class UpdateProgressWindow;
 
-/// A font, bitmap or other object that DeleteObject ends.
+/// A font, bitmap or other object that DeleteObject closes.
 template <typename Handle>
 struct GdiObjectTraits {
   using Type = Handle;
@@ -19,14 +19,14 @@ struct GdiObjectTraits {
 };
 using UniqueFont = UniqueHandle<GdiObjectTraits<HFONT>>;
 
-/// The window's four fonts for one dpi. A font that cannot be had is the stock GUI font.
+/// The window's four fonts for one dpi. The stock GUI font replaces an unavailable font.
 class ProgressFonts {
  public:
-  /// None are made yet: every font is the stock one.
+  /// Every font is the stock font.
   ProgressFonts() = default;
   explicit ProgressFonts(int dpi);
 
-  // Borrowed; valid while this object lives and is not assigned to.
+  // Borrowed; valid until this object is destroyed or assigned to.
   [[nodiscard]] HFONT body() const { return OrStock(body_); }
   [[nodiscard]] HFONT title() const { return OrStock(title_); }
   [[nodiscard]] HFONT large() const { return OrStock(large_); }
@@ -41,11 +41,11 @@ class ProgressFonts {
   UniqueFont small_;
 };
 
-/// Colour behind everything.
+/// The background colour of the client area.
 inline constexpr COLORREF kProgressBackground = RGB(31, 35, 40);
 
-/// Draws the whole client area of `client` pixels into `target` in one step, by way of a bitmap in
-/// memory, so that nothing half drawn is ever seen.
+/// Draws the client area of `client` pixels into a bitmap in memory and copies it to `target` in
+/// one step, so that the user never sees a partly drawn window.
 void PaintProgress(HDC target, SIZE client, int dpi, const UpdateProgressWindow& state,
                    const ProgressFonts& fonts);
 

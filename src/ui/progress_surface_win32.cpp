@@ -30,7 +30,7 @@ struct IconTraits {
 };
 using UniqueIcon = UniqueHandle<IconTraits>;
 
-/// A function of user32.dll that older systems lack; null there.
+/// A function of user32.dll. Null on older systems that do not have it.
 template <typename Function>
 Function FindUser32Function(const char* name) {
   const HMODULE module = GetModuleHandleW(L"user32.dll");
@@ -38,7 +38,7 @@ Function FindUser32Function(const char* name) {
 }
 
 void MakeProcessDpiAware() {
-  // DPI_AWARENESS_CONTEXT_PER_MONITOR_AWARE_V2 of winuser.h, a handle value of its own kind.
+  // DPI_AWARENESS_CONTEXT_PER_MONITOR_AWARE_V2 of winuser.h.
   const auto per_monitor_v2 = std::bit_cast<HANDLE>(INT_PTR{-4});
   const auto set_context =
       FindUser32Function<BOOL(WINAPI*)(HANDLE)>("SetProcessDpiAwarenessContext");
@@ -55,7 +55,7 @@ int SystemDpi() {
   return dpi;
 }
 
-/// The executable's own icon; null when it has none.
+/// The icon of the executable; null when it has none.
 UniqueIcon LoadOwnIcon(int width_metric, int height_metric) {
   return UniqueIcon(static_cast<HICON>(LoadImageW(
       GetModuleHandleW(nullptr), MAKEINTRESOURCEW(kIconResource), IMAGE_ICON,
@@ -68,8 +68,8 @@ SIZE ClientSize(HWND window) {
   return SIZE{client.right, client.bottom};
 }
 
-/// The window on the screen. All handles belong to the thread that made it; the window's user data
-/// points back here from its first message to its last.
+/// The window on the screen. All handles belong to the thread that created it. The window's user
+/// data points to this object from WM_NCCREATE on.
 class ScreenSurface final : public ProgressSurface {
  public:
   ScreenSurface() = default;
@@ -109,7 +109,7 @@ class ScreenSurface final : public ProgressSurface {
   ProgressFonts fonts_;
   UniqueIcon large_icon_;
   UniqueIcon small_icon_;
-  std::chrono::steady_clock::time_point next_pump_{};  // not before, unless something was painted
+  std::chrono::steady_clock::time_point next_pump_{};  // a pump before this time does nothing
 };
 
 // --- Making the window -----------------------------------------------------------------------
@@ -174,7 +174,7 @@ void ScreenSurface::DestroyNativeWindow() {
   if (window_ != nullptr) ::DestroyWindow(window_);
 }
 
-// --- Keeping it in line with the state -------------------------------------------------------
+// --- Showing the state -------------------------------------------------------
 
 void ScreenSurface::Repaint() {
   if (window_ == nullptr) return;
@@ -183,9 +183,9 @@ void ScreenSurface::Repaint() {
   next_pump_ = {};
 }
 
-/// Downloads ask after every chunk and the apply for every file, and one look into an empty queue
-/// can cost as much as a chunk (under Wine it gives the processor away). Nobody sees the difference
-/// between an answer now and one in 10 ms.
+/// Skips calls that follow the last pump within 10 ms. A download pumps after each chunk and the
+/// apply for each file, and a look into an empty queue may take as long as a chunk (under Wine it
+/// yields the processor). A user does not notice a delay of 10 ms.
 void ScreenSurface::PumpMessages() {
   const auto now = std::chrono::steady_clock::now();
   if (now < next_pump_) return;
@@ -200,13 +200,13 @@ void ScreenSurface::RefreshButton() {
   std::array<wchar_t, 32> shown{};
   const int length = GetWindowTextW(force_button_, shown.data(), static_cast<int>(shown.size()));
   if (text != std::wstring_view(shown.data(), static_cast<std::size_t>(length))) {
-    SetWindowTextW(force_button_, state_->force_button_text());  // repaints, so only on a change
+    SetWindowTextW(force_button_, state_->force_button_text());  // repaints the button
   }
   EnableWindow(force_button_, state_->force_enabled());
   ShowWindow(force_button_, state_->force_visible() ? SW_SHOW : SW_HIDE);
 }
 
-/// Also gives the button the font of the current dpi.
+/// Sets the button's position, and its font for the current dpi.
 void ScreenSurface::PlaceForceButton() {
   const PixelRect place = LayOutForceButton(ClientSize(window_).cx, dpi_);
   SendMessageW(force_button_, WM_SETFONT, std::bit_cast<WPARAM>(fonts_.body()), TRUE);
@@ -215,7 +215,7 @@ void ScreenSurface::PlaceForceButton() {
 
 void ScreenSurface::ChangeDpi(int dpi, const RECT& suggested) {
   dpi_ = dpi;
-  // The button uses its old font until it is given the new one.
+  // The old fonts live until PlaceForceButton has given the button a new one.
   const ProgressFonts old_fonts = std::exchange(fonts_, ProgressFonts(dpi_));
   SetWindowPos(window_, nullptr, suggested.left, suggested.top, suggested.right - suggested.left,
                suggested.bottom - suggested.top, SWP_NOZORDER | SWP_NOACTIVATE);
@@ -227,12 +227,12 @@ void ScreenSurface::Paint() {
   PAINTSTRUCT paint{};
   const HDC dc = BeginPaint(window_, &paint);
   if (dc == nullptr) {
-    ValidateRect(window_, nullptr);  // else the same message would come for ever
+    ValidateRect(window_, nullptr);  // otherwise the system sends WM_PAINT again and again
     return;
   }
   const SIZE client = ClientSize(window_);
   if (state_->force_visible()) {
-    // The button paints itself; painting over it first would make it blink.
+    // The button paints itself; the background painted over it would make it flicker.
     const PixelRect button = LayOutForceButton(client.cx, dpi_);
     ExcludeClipRect(dc, button.left, button.top, button.right, button.bottom);
   }
@@ -261,7 +261,7 @@ LRESULT ScreenSurface::Handle(HWND window, UINT message, WPARAM wparam, LPARAM l
       return 0;
     case WM_ERASEBKGND:
       return 1;
-    case WM_CLOSE:  // the run cannot be closed, only put out of sight
+    case WM_CLOSE:  // the user can hide the window but not end the update
       ShowWindow(window, SW_MINIMIZE);
       return 0;
     case WM_COMMAND:
@@ -270,7 +270,7 @@ LRESULT ScreenSurface::Handle(HWND window, UINT message, WPARAM wparam, LPARAM l
         return 0;
       }
       break;
-    case WM_CTLCOLORBTN: {  // what shows around the button's round corners
+    case WM_CTLCOLORBTN: {  // the background at the button's round corners
       const auto dc = std::bit_cast<HDC>(wparam);
       SetDCBrushColor(dc, kProgressBackground);
       return std::bit_cast<LRESULT>(GetStockObject(DC_BRUSH));

@@ -12,18 +12,33 @@ namespace {
 
 constexpr std::chrono::milliseconds kPaintInterval{250};
 
-/// For our own texts, which are ASCII, and for callers' texts, of which a malformed one shows as
-/// nothing.
+/// A malformed text becomes an empty one.
 std::wstring Widen(std::string_view text) {
   return Utf8ToWide(text).value_or(std::wstring());
 }
 
-/// Share of `whole` in percent, at most 100; -1 when the whole is unknown.
+/// `part` of `whole` in percent, at most 100. -1 when `whole` is 0, which means unknown.
 int PercentOf(std::uint64_t part, std::uint64_t whole) {
   if (whole == 0) return -1;
   if (part >= whole) return 100;
   constexpr std::uint64_t kSafe = UINT64_MAX / 100;
   return static_cast<int>(part > kSafe ? part / (whole / 100) : part * 100 / whole);
+}
+
+/// "512 B", "1.5 KB", "2.0 MB", "1.1 GB", with powers of 1024.
+std::string FormatByteCount(std::uint64_t bytes) {
+  constexpr std::array<const char*, 3> kUnits = {" KB", " MB", " GB"};
+  if (bytes < 1024) return std::to_string(bytes) + " B";
+  std::size_t unit = 0;
+  double value = static_cast<double>(bytes) / 1024;
+  // The count selects the unit, not the rounded value: 1048575 bytes are "1024.0 KB".
+  std::uint64_t limit = 1048576;
+  for (; unit + 1 < kUnits.size() && bytes >= limit; ++unit, limit *= 1024) value /= 1024;
+  std::array<char, 32> digits{};
+  const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), value,
+                                 std::chars_format::fixed, 1)
+                       .ptr;
+  return std::string(digits.data(), end) + kUnits[unit];
 }
 
 std::string FormatFigures(std::uint64_t downloaded, std::uint64_t total, std::uint64_t rate) {
@@ -41,7 +56,7 @@ UpdateProgressWindow::UpdateProgressWindow(std::unique_ptr<ProgressSurface> surf
 }
 
 UpdateProgressWindow::~UpdateProgressWindow() {
-  surface_.reset();  // while the state that it draws still stands
+  surface_.reset();  // first, because it draws the other members
 }
 
 void UpdateProgressWindow::set_status(std::string_view title, std::string_view detail,
@@ -97,7 +112,7 @@ void UpdateProgressWindow::set_force_close_available(bool visible) {
   force_visible_ = visible;
   if (!visible) force_requested_ = false;
   surface_->RefreshButton();
-  if (changed) surface_->Repaint();  // the figures make room for the button
+  if (changed) surface_->Repaint();  // the button changes the width of the figures line
   surface_->PumpMessages();
 }
 
@@ -119,7 +134,7 @@ std::wstring_view UpdateProgressWindow::shown_title() const {
   return title_.empty() ? std::wstring_view(L"Preparing update...") : title_;
 }
 
-/// Made when they are drawn, not at every chunk.
+/// Formatted only when they are drawn, not for each chunk.
 std::wstring UpdateProgressWindow::figures() const {
   if (!has_figures_) return {};
   return Widen(FormatFigures(downloaded_, total_, bytes_per_second_));
@@ -136,20 +151,6 @@ const wchar_t* UpdateProgressWindow::force_button_text() const {
 KeepAlive KeepingAlive(UpdateProgressWindow* window) {
   if (window == nullptr) return {};
   return [window] { window->PumpMessages(); };
-}
-
-std::string FormatByteCount(std::uint64_t bytes) {
-  constexpr std::array<const char*, 3> kUnits = {" KB", " MB", " GB"};
-  if (bytes < 1024) return std::to_string(bytes) + " B";
-  std::size_t unit = 0;
-  double value = static_cast<double>(bytes) / 1024;
-  std::uint64_t limit = 1048576;  // of the unit at hand, so that rounding never picks the unit
-  for (; unit + 1 < kUnits.size() && bytes >= limit; ++unit, limit *= 1024) value /= 1024;
-  std::array<char, 32> digits{};
-  const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), value,
-                                 std::chars_format::fixed, 1)
-                       .ptr;
-  return std::string(digits.data(), end) + kUnits[unit];
 }
 
 }  // namespace zul

@@ -1,13 +1,13 @@
 #pragma once
 
-// The updater's one small window: title, detail, bar, download figures and, while locks are
-// cleared, a Force close button. UpdateProgressWindow holds the state and decides what is shown and
-// when it is painted; a ProgressSurface draws it. There is no interface thread: the window belongs
-// to the thread that runs the update, and every operation ends by pumping that thread's messages.
+// The updater's window: title, detail, bar, download figures and, while locks are cleared, a Force
+// close button. UpdateProgressWindow has the state and decides what is shown and when it is
+// painted; a ProgressSurface draws it. There is no user-interface thread: the window belongs to the
+// thread that runs the update, and every operation ends by pumping the messages of that thread.
 //
-// Life of the native window: none before the first operation; made by whichever operation comes
-// first; minimised, never closed, by the user; gone after Destroy() or with the object. When it
-// cannot be made every operation goes on without it and the next one tries again.
+// Life of the native window: the first operation creates it. The user can minimise it but not close
+// it. Destroy() or the destructor removes it. When it cannot be created, the operation continues
+// without it and the next operation tries again.
 
 #include <chrono>
 #include <cstdint>
@@ -22,72 +22,77 @@ namespace zul {
 
 class UpdateProgressWindow;
 
-/// What the window is drawn on. One implementation is a real window (progress_surface_win32.cpp),
-/// the other one is a test's. No operation but EnsureCreated does anything while there is no
-/// window.
+/// The native window. One implementation is the real window (progress_surface_win32.cpp), the other
+/// is a fake for tests. Without a native window every operation except EnsureCreated does nothing.
 class ProgressSurface {
  public:
   virtual ~ProgressSurface() = default;
-  /// Makes the native window if there is none. Failure leaves none; the run goes on without.
-  /// `state` is borrowed and must outlive the surface's window.
+  /// Creates the native window unless it exists. A failure leaves none. `state` is borrowed and
+  /// must outlive the native window.
   virtual void EnsureCreated(UpdateProgressWindow& state) = 0;
-  /// Shows the state as it is now.
+  /// Paints the current state.
   virtual void Repaint() = 0;
-  /// Brings the button's visibility, text and enabled state in line with the state.
+  /// Updates visibility, text and enabled state of the button from the state.
   virtual void RefreshButton() = 0;
-  /// Handles every message that waits for this thread. May be asked at any rate: a surface may
-  /// leave messages that came a few milliseconds ago to the next call.
+  /// Handles the messages in this thread's queue. May be called at any rate: a surface may skip a
+  /// call that follows another one within milliseconds.
   virtual void PumpMessages() = 0;
-  /// Removes the native window and pumps what that leaves behind.
+  /// Destroys the native window and pumps the messages that this causes.
   virtual void DestroyWindow() = 0;
 };
 
-/// The real window on the screen. Windows only.
+/// The surface that is a real window on the screen. Windows only.
 [[nodiscard]] std::unique_ptr<ProgressSurface> CreateScreenSurface();
 
+/// The state of the window, and the operations through which the stages of the update report to the
+/// user. For the thread of the update only.
 class UpdateProgressWindow {
  public:
   using Clock = std::function<std::chrono::steady_clock::time_point()>;
 
-  /// Nothing shows before the first operation. Without a clock the steady clock is used.
+  /// Shows nothing before the first operation. An empty `clock` means the steady clock.
   explicit UpdateProgressWindow(std::unique_ptr<ProgressSurface> surface, Clock clock = {});
   ~UpdateProgressWindow();
   UpdateProgressWindow(const UpdateProgressWindow&) = delete;
   UpdateProgressWindow& operator=(const UpdateProgressWindow&) = delete;
 
-  /// Shows a headline and a detail (UTF-8); a negative percent means unknown. Clears the figures.
+  /// Shows a title and a detail text (UTF-8) and clears the figures. A negative `percent` means
+  /// unknown.
   void set_status(std::string_view title, std::string_view detail, int percent);
 
-  /// Shows the figures of a download. Paints at most every 250 ms and only what has changed, but
-  /// always when it is finished. `total` 0 means unknown, and so does a rate of 0; `source` is the
-  /// origin label.
+  /// Shows the figures of a download from the origin `source`, in bytes. Paints at most every 250
+  /// ms, only after a change, and always when the download is complete. A `total` or a rate of 0
+  /// means unknown.
   void set_download_progress(std::string_view source, std::uint64_t downloaded, std::uint64_t total,
                              std::uint64_t bytes_per_second);
 
-  /// Offers or withdraws the Force close button; withdrawing forgets a press.
+  /// Shows or hides the Force close button. Hiding it also clears the user's request.
   void set_force_close_available(bool visible);
+  /// True after the user has pressed the button, until it is hidden.
   [[nodiscard]] bool force_close_requested() const { return force_requested_; }
 
-  /// Keeps the window alive during a wait.
+  /// Keeps the window responsive during a wait.
   void PumpMessages();
 
-  /// Takes the window off the screen; a later operation would make it again.
+  /// Removes the window from the screen. A later operation creates it again.
   void Destroy();
 
   // For the surface.
 
-  /// The user pressed the button. Counts only while the button is offered, so that a stray message
-  /// can never ask for the application to be ended.
+  /// The user has pressed the button. Ignored while the button is hidden, so that a stray message
+  /// cannot request the end of the application.
   void PressForceClose();
-  /// The headline; a text of its own before the first one is set.
+  /// The title, or "Preparing update..." when it is empty.
   [[nodiscard]] std::wstring_view shown_title() const;
+  /// The text below the title.
   [[nodiscard]] const std::wstring& detail() const { return detail_; }
-  /// The line of download figures; empty when there is none to draw.
+  /// The line of download figures. Empty when there are none.
   [[nodiscard]] std::wstring figures() const;
   /// At most 100; negative means unknown.
   [[nodiscard]] int shown_percent() const { return percent_ > 100 ? 100 : percent_; }
-  /// What stands on the bar: "42%" or "Working...".
+  /// The text on the bar: "42%" or "Working...".
   [[nodiscard]] std::wstring percent_text() const;
+  // The state of the Force close button.
   [[nodiscard]] bool force_visible() const { return force_visible_; }
   [[nodiscard]] bool force_enabled() const { return force_visible_ && !force_requested_; }
   [[nodiscard]] const wchar_t* force_button_text() const;
@@ -106,17 +111,15 @@ class UpdateProgressWindow {
   bool force_requested_ = false;
   std::wstring title_;
   std::wstring detail_;
-  // Memory of the throttle: the last paint of download figures.
+  // The last paint of download figures.
   bool painted_ = false;
   std::chrono::steady_clock::time_point last_paint_time_{};
   std::uint64_t last_paint_downloaded_ = 0;
   int last_paint_percent_ = -1;
 };
 
-/// Handles the window's messages, for long work; empty without a window, which is borrowed.
+/// A callback for long operations that pumps the messages of `window`, which is borrowed. Empty
+/// when `window` is null.
 [[nodiscard]] KeepAlive KeepingAlive(UpdateProgressWindow* window);
-
-/// A byte count as the window shows it: "512 B", "1.5 KB", "2.0 MB", "1.1 GB". Powers of 1024.
-[[nodiscard]] std::string FormatByteCount(std::uint64_t bytes);
 
 }  // namespace zul
