@@ -5,7 +5,7 @@
 namespace zul {
 namespace {
 
-TEST(BuildIdentity, TrimsLowersEscapesAndFillsInDefaults) {
+TEST(BuildIdentity, TrimsLowersAndEscapesItsTextsAndHasDefaults) {
   EXPECT_EQ(BuildAppVersionJson(MakeBuildIdentity(" 0.1.8\n", "\"12\\6\n\r\t\x01/ž", " BETA ")),
             R"({"version":"0.1.8","build_id":"\"12\\6\n\r\t\u0001/ž","channel":"beta",)"
             R"("platform":"windows","arch":"x64"})");

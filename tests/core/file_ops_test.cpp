@@ -15,14 +15,14 @@ using test::ReadFile;
 using test::TempFolder;
 using test::WriteFile;
 
-TEST(PublishNewFile, PublishesWholeOrLeavesEverythingAsItWas) {
+TEST(PublishNewFile, PublishesACompleteFileOrChangesNothing) {
   const std::string move = "Cannot atomically publish new file: ";
   const struct {
     const char* target;
     std::string contents;
     bool create_parent;
     FileOpStatus status = kFileOpOk;
-    std::string message = {};  ///< in front of the system's text
+    std::string message = {};  ///< before the system's text
   } cases[] = {
       {"empty", "", false},
       {"a/b/large ž", std::string(3000000, 'x'), true},
@@ -67,7 +67,7 @@ TEST(PublishNewFile, LeavesNothingOnAFullVolume) {
   EXPECT_EQ(ListTree(volume.path()), "");
 }
 
-TEST(ExclusiveFile, StaysOnlyWhenReleasedAndNeverTakesAnother) {
+TEST(ExclusiveFile, RemainsOnlyWhenReleasedAndNeverOpensAnExistingFile) {
   const TempFolder folder;
   const std::string path = PathToUtf8(folder / "ž");
   std::string error;

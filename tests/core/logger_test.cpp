@@ -27,14 +27,14 @@ std::string Local(std::time_t time, const char* format) {
   return {text, std::strftime(text, sizeof text, format, &local)};
 }
 
-/// A logger whose time stands still until the test moves it, and a folder that it may write to.
+/// A logger with a clock that only the test moves, and a folder for its files.
 class LoggerTest : public testing::Test {
  protected:
   bool Configure() { return logger.Configure(PathToUtf8(directory), "app"); }
   void Write(std::string line) {
     logger.Write(LogCategory::kGeneral, LogLevel::kInfo, std::move(line));
   }
-  /// The file of the day that it is.
+  /// The log file of the current day.
   [[nodiscard]] fs::Path FilePath(const char* suffix = "") const {
     return directory / ("app_" + Local(now, "%Y%m%d") + ".log" + suffix);
   }
@@ -63,7 +63,7 @@ TEST_F(LoggerTest, FormatsLinesAndDropsThoseBelowTheFloor) {
   EXPECT_EQ(logger.RecentLines(1), Strings{odd});
 }
 
-TEST_F(LoggerTest, CutsLongLinesAndForgetsTheOldestByCountAndBytes) {
+TEST_F(LoggerTest, TruncatesLongLinesAndDropsTheOldestByCountAndBytes) {
   ASSERT_TRUE(Configure());
   const std::string longest(Logger::kMaxLineBytes, 'x');
   Write(longest);
@@ -81,14 +81,14 @@ TEST_F(LoggerTest, CutsLongLinesAndForgetsTheOldestByCountAndBytes) {
   for (std::size_t i = 0; i <= Logger::kMaxRecentLines; ++i) Write(std::to_string(i));
   EXPECT_EQ(logger.RecentLines(0).size(), Logger::kMaxRecentLines);
   EXPECT_EQ(logger.RecentLines(0).front(), "1");
-  // 65536 bytes each as they are counted, 64 to the limit.
+  // Each line counts as 65536 bytes, and 64 of them reach the limit.
   for (int i = 0; i < 64; ++i) Write(std::string(65535, 'x'));
   EXPECT_EQ(logger.RecentLines(0).size(), 64U);
   Write("x");
   EXPECT_EQ(logger.RecentLines(0).size(), 64U);
 }
 
-TEST_F(LoggerTest, OpensANewFileWithAHeaderEachDayAndAppendsOnRestart) {
+TEST_F(LoggerTest, OpensAFileWithAHeaderEachDayAndAppendsAfterARestart) {
   ASSERT_TRUE(Configure());
   Write("one");
   now += 86400;
@@ -116,14 +116,14 @@ TEST_F(LoggerTest, RotatesAtTheLimitOnlyWhenOpening) {
   EXPECT_EQ(fs::SizeOf(FilePath(".1"), ec), Logger::kRotationBytes);
   EXPECT_EQ(ReadFile(FilePath(".2")) + ReadFile(FilePath(".3")), ".1.2");
   EXPECT_FALSE(test::Exists(FilePath(".4")));
-  EXPECT_EQ(ReadFile(FilePath(".5")), ".4");  // what was .5 is gone
+  EXPECT_EQ(ReadFile(FilePath(".5")), ".4");  // the old .5 is deleted
   EXPECT_EQ(ReadFile(FilePath()), Header());
 }
 
-TEST_F(LoggerTest, KeepsLoggingToMemoryWithoutAFileAndTriesAgainEachLine) {
-  WriteFile(directory, "a file in the way");
+TEST_F(LoggerTest, LogsToMemoryWithoutAFileAndTriesToOpenItForEachLine) {
+  WriteFile(directory, "a file with the folder's name");
   EXPECT_FALSE(Configure());
-  Write("lost to the file");
+  Write("in memory only");
   std::error_code ec;
   fs::Remove(directory, ec);
   Write("written");
@@ -138,7 +138,7 @@ TEST_F(LoggerTest, SinksMayLogAndThrow) {
     if (line == "outer") Write("inner");
   });
   logger.AddSink([](LogCategory, LogLevel, const std::string&) {
-    throw std::runtime_error("a sink's own trouble");
+    throw std::runtime_error("a failure of the sink");
   });
   Write("outer");
   EXPECT_EQ(order, (Strings{"outer", "inner"}));

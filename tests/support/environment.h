@@ -1,6 +1,6 @@
 #pragma once
 
-// Environment variables of this process for the length of one test.
+// Environment variables of this process for one test.
 
 #include <optional>
 #include <string>
@@ -10,24 +10,21 @@
 
 namespace zul::test {
 
-/// Sets a variable, or unsets it. Texts UTF-8.
-void WriteVariable(const std::string& name, const std::optional<std::string>& value);
-
-/// Sets `name` to `value`, or unsets it, and puts the old value back at the end of the scope. One
-/// that was empty is unset then, which Windows does not tell apart.
+/// Sets the variable `name` to `value`, or unsets it, and restores it at the end of the scope.
+/// Texts are UTF-8. An empty variable is unset at the end; Windows does not distinguish the two.
 class ScopedEnvironment {
  public:
   ScopedEnvironment(std::string name, const std::optional<std::string>& value)
       : name_(std::move(name)), before_(GetEnvironmentPath(name_)) {
-    WriteVariable(name_, value);
+    Write(name_, value);
   }
-  ~ScopedEnvironment() {
-    WriteVariable(name_, before_.empty() ? std::nullopt : std::optional(before_));
-  }
+  ~ScopedEnvironment() { Write(name_, before_.empty() ? std::nullopt : std::optional(before_)); }
   ScopedEnvironment(const ScopedEnvironment&) = delete;
   ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
 
  private:
+  static void Write(const std::string& name, const std::optional<std::string>& value);
+
   std::string name_;
   std::string before_;
 };

@@ -6,7 +6,7 @@
 
 namespace zul::test {
 
-void WriteVariable(const std::string& name, const std::optional<std::string>& value) {
+void ScopedEnvironment::Write(const std::string& name, const std::optional<std::string>& value) {
   const std::wstring wide_name = Utf8ToWide(name).value();
   const std::wstring wide_value = Utf8ToWide(value.value_or(std::string())).value();
   ::SetEnvironmentVariableW(wide_name.c_str(), value ? wide_value.c_str() : nullptr);

@@ -1,6 +1,7 @@
 #pragma once
 
-// What tests need from a file system beside the file layer: links, read-only files, a full device.
+// What tests need from a file system and the file layer does not have: links, read-only and old
+// files, a small volume.
 
 #include <chrono>
 #include <string>
@@ -11,31 +12,34 @@
 namespace zul::test {
 
 inline constexpr bool kOnWindows = fs::Path::preferred_separator == '\\';
-inline constexpr const char* kNullDevice = kOnWindows ? "nul" : "/dev/null";
+/// The reason of a test that skips because MakeLink failed.
+inline constexpr const char* kNoLinks = "this user may not make links";
 
-/// True under Wine. Its links are the host's: a link to a folder shows as a reparse point, one to a
-/// file looks like its target, a dangling one is not seen, and removing any of them removes the
-/// target.
+/// True under Wine. Its links are those of the host: a link to a folder is a reparse point, a link
+/// to a file looks like its target, a dangling link is invisible, and the removal of a link removes
+/// its target.
 [[nodiscard]] bool RunsUnderWine();
 
-/// Makes a symbolic link at `link`; `target` is absolute, or relative to the link's folder, and
-/// need not exist. Under Wine the host's `ln` makes it. False where this user may not make links.
+/// Creates a symbolic link at `link`. `target` is absolute, or relative to the link's folder, and
+/// need not exist. Under Wine the host's `ln` creates it. False when this user may not make links.
 [[nodiscard]] bool MakeLink(const fs::Path& target, const fs::Path& link);
 
-/// Removes a tree with the host's tools. Only Wine needs it, where links cannot be removed from
-/// inside; does nothing elsewhere, and does not wait.
+/// Starts the removal of a tree by the host's tools under Wine, which cannot remove links itself.
+/// Does not wait. On other systems does nothing.
 void RemoveHostTree(const fs::Path& path);
 
-/// Takes write permission from a file: the read-only attribute on Windows.
-void MakeReadOnly(const fs::Path& path);
-[[nodiscard]] bool IsReadOnly(const fs::Path& path);
+/// Removes write permission from a file; on Windows that sets the read-only attribute.
+inline void MakeReadOnly(const fs::Path& path) {
+  using std::filesystem::perms;
+  constexpr perms kWrite = perms::owner_write | perms::group_write | perms::others_write;
+  std::filesystem::permissions(path, kWrite, std::filesystem::perm_options::remove);
+}
 
 /// Sets the last-write time of a file or folder to `age` ago.
 void MakeOlder(const fs::Path& path, std::chrono::seconds age);
 
-/// A volume of 1 to 4 MiB, to be filled. Natively one is mounted for this process alone, which
-/// needs the administrator; under Wine QORVA_TEST_SMALL_DRIVE names one that is there, such as
-/// "T:".
+/// A volume of 1 to 4 MiB. Natively it is mounted for this process only, which needs root. On
+/// Windows the environment variable QORVA_TEST_SMALL_DRIVE names an existing one, such as "T:".
 class SmallVolume {
  public:
   SmallVolume();
@@ -43,7 +47,7 @@ class SmallVolume {
   SmallVolume(const SmallVolume&) = delete;
   SmallVolume& operator=(const SmallVolume&) = delete;
 
-  /// A fresh folder on the volume; empty when there is none, and `why_not` says why.
+  /// A new folder on the volume. Empty when there is no volume, and `why_not` has the reason.
   [[nodiscard]] const fs::Path& path() const { return path_; }
   [[nodiscard]] const std::string& why_not() const { return why_not_; }
 

@@ -2,7 +2,6 @@
 
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "core/system_error.h"
@@ -19,21 +18,12 @@ bool MakeLink(const fs::Path& target, const fs::Path& link) {
 
 void RemoveHostTree(const fs::Path&) {}
 
-void MakeReadOnly(const fs::Path& path) {
-  (void)::chmod(path.c_str(), 0444);
-}
-
-bool IsReadOnly(const fs::Path& path) {
-  struct stat status;
-  return ::stat(path.c_str(), &status) == 0 && (status.st_mode & 0222) == 0;
-}
-
 void MakeOlder(const fs::Path& path, std::chrono::seconds age) {
   std::filesystem::last_write_time(path, std::filesystem::file_time_type::clock::now() - age);
 }
 
 SmallVolume::SmallVolume() {
-  // Seen by this process only, so that none is left behind.
+  // In a mount namespace of this process, so that the system unmounts it when the process ends.
   if (::unshare(CLONE_NEWNS) == 0 &&
       ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
       ::mount("tmpfs", folder_.path().c_str(), "tmpfs", 0, "size=1m") == 0) {

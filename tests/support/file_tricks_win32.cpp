@@ -13,7 +13,7 @@ namespace zul::test {
 
 namespace {
 
-/// Wine's own way from one of its paths to the host's; null on Windows.
+/// Wine's function that converts a path to the host's path; null on Windows.
 using ToHostPath = char*(CDECL*)(const wchar_t*);
 
 ToHostPath HostPathFunction() {
@@ -22,7 +22,7 @@ ToHostPath HostPathFunction() {
       reinterpret_cast<void*>(::GetProcAddress(kernel, "wine_get_unix_file_name")));
 }
 
-/// A relative path only needs the host's separators.
+/// The host's path. A relative path only gets the host's separators.
 std::wstring HostPath(const fs::Path& path) {
   if (!path.is_absolute()) return path.generic_wstring();
   char* const text = HostPathFunction()(path.c_str());
@@ -32,10 +32,10 @@ std::wstring HostPath(const fs::Path& path) {
   return host;
 }
 
-/// Starts a line of the host's shell with two words as its $0 and $1. It can be neither waited for
-/// nor asked for its result.
+/// Runs a command line of the host's shell with two words as $0 and $1. Wine offers no way to wait
+/// for it or to get its result.
 bool StartHostShell(const wchar_t* script, const std::wstring& word0, const std::wstring& word1) {
-  // With no field separator the words need no quotes inside the quoted script.
+  // Without a field separator $0 and $1 need no quotes in the script.
   std::wstring command =
       std::wstring(L"sh -c \"IFS=;") + script + L"\" \"" + word0 + L"\" \"" + word1 + L"\"";
   STARTUPINFOW startup{};
@@ -50,10 +50,10 @@ bool StartHostShell(const wchar_t* script, const std::wstring& word0, const std:
   return true;
 }
 
-/// Makes the link with the host's own tools, which leave a file when it is there.
+/// Creates the link with the host's tools. They create a second file when the link exists.
 bool MakeHostLink(const fs::Path& target, const fs::Path& link) {
-  // A target of the host's own ("/dev/full") stays as it is. The link itself is not there yet, so
-  // its folder is converted and the name appended.
+  // A path of the host ("/dev/full") is not converted. The link does not exist yet, so its folder
+  // is converted and the name appended.
   const bool is_host_path = target.native().starts_with(L'/');
   const std::wstring place = HostPath(link.parent_path()) + L"/" + link.filename().native();
   const std::wstring mark = fs::ApiPath(link) + L".made";
@@ -82,20 +82,13 @@ bool MakeLink(const fs::Path& target, const fs::Path& link) {
 }
 
 void RemoveHostTree(const fs::Path& path) {
-  if (RunsUnderWine()) (void)StartHostShell(L"rm -rf $0 $1", HostPath(path), HostPath(path));
-}
-
-void MakeReadOnly(const fs::Path& path) {
-  ::SetFileAttributesW(fs::ApiPath(path).c_str(), FILE_ATTRIBUTE_READONLY);
-}
-
-bool IsReadOnly(const fs::Path& path) {
-  return (::GetFileAttributesW(fs::ApiPath(path).c_str()) & FILE_ATTRIBUTE_READONLY) != 0;
+  if (!RunsUnderWine()) return;
+  static_cast<void>(StartHostShell(L"rm -rf $0 $1", HostPath(path), HostPath(path)));
 }
 
 void MakeOlder(const fs::Path& path, std::chrono::seconds age) {
   constexpr std::uint64_t kTicksPerSecond = 10'000'000;
-  // The access right that folders can be opened with, too.
+  // With this access right a folder opens too.
   const UniqueFileHandle entry(::CreateFileW(fs::ApiPath(path).c_str(), FILE_WRITE_ATTRIBUTES,
                                              FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                                              OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
@@ -113,10 +106,10 @@ SmallVolume::SmallVolume() {
   std::error_code ec;
   const std::string drive = GetEnvironmentPath("QORVA_TEST_SMALL_DRIVE");
   path_ = drive.empty() ? fs::Path() : PathFromUtf8(drive + "\\work").value();
-  fs::RemoveTree(path_, ec);  // of a run that died
+  fs::RemoveTree(path_, ec);  // a crashed run may have left it
   if (path_.empty() || !fs::CreateDirectories(path_, ec)) {
     path_.clear();
-    why_not_ = "QORVA_TEST_SMALL_DRIVE names no small volume";
+    why_not_ = "QORVA_TEST_SMALL_DRIVE is not the name of a small volume";
   }
 }
 

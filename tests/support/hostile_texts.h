@@ -1,6 +1,6 @@
 #pragma once
 
-// Texts made to be slow for whatever looks for private data in them, beside an ordinary one.
+// Texts for which a search for private data may be slow, and an ordinary text to compare.
 
 #include <cstddef>
 #include <string>
@@ -8,15 +8,16 @@
 
 namespace zul::test {
 
+/// A text and the name of its shape.
 struct NamedText {
   const char* shape;
   std::string text;
 };
 
-/// Lines as an update writes them into the log, `size` bytes in all.
+/// `size` bytes of lines as an update logs them.
 [[nodiscard]] std::string OrdinaryLogText(std::size_t size);
 
-/// UTF-8, of about `size` bytes each; the same at each call.
+/// Texts of about `size` bytes each, UTF-8. Each call returns the same texts.
 [[nodiscard]] std::vector<NamedText> HostileTexts(std::size_t size);
 
 }  // namespace zul::test

@@ -21,7 +21,7 @@ std::wstring TakeProgram(std::wstring_view& line) {
 std::wstring TakeArgument(std::wstring_view& line) {
   std::wstring argument;
   bool in_quotes = false;
-  std::size_t backslashes = 0;  // the run that ends just before the current character
+  std::size_t backslashes = 0;  // directly before the current character
   while (!line.empty() && (in_quotes || kBlanks.find(line.front()) == kBlanks.npos)) {
     const wchar_t c = line.front();
     line.remove_prefix(1);

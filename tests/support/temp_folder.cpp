@@ -2,9 +2,9 @@
 
 #include <atomic>
 #include <set>
-#include <sstream>
 #include <stdexcept>
 
+#include "core/bounded_read.h"
 #include "core/process_environment.h"
 #include "core/system_error.h"
 #include "core/text.h"
@@ -23,6 +23,18 @@ fs::Path FromUtf8(std::string_view text) {
                            "': " + SystemErrorText(ec));
 }
 
+/// Calls `visit(relative path, entry)` for each entry of the tree.
+template <typename Visit>
+void ForEachBelow(const fs::Path& root, Visit visit) {
+  fs::TreeWalker walker(root);
+  fs::DirectoryEntry entry;
+  std::error_code ec;
+  while (walker.Next(&entry, ec)) {
+    visit(PathToGenericUtf8(entry.path.lexically_relative(root)), entry);
+  }
+  if (ec) Fail("cannot list", root, ec);
+}
+
 }  // namespace
 
 TempFolder::TempFolder() {
@@ -30,7 +42,7 @@ TempFolder::TempFolder() {
   std::error_code ec;
   const std::string name = "qorva-test-" + std::to_string(CurrentProcessId()) + "-" +
                            std::to_string(counter++) + "-" + std::to_string(PerformanceCounter());
-  // Resolved, so that a test can compare paths with what the code under test resolved.
+  // Resolved, so that a test can compare its paths with resolved paths of the product.
   path_ = fs::Canonical(TempDirectory(), ec) / FromUtf8(name);
   if (ec || !fs::CreateDirectories(path_, ec)) Fail("cannot create", path_, ec);
 }
@@ -55,15 +67,10 @@ void WriteFile(const fs::Path& path, std::string_view contents) {
 }
 
 std::string ReadFile(const fs::Path& path) {
-  std::error_code ec;
-  fs::File file = fs::OpenForRead(path, ec);
-  if (!file.is_open()) Fail("cannot open", path, ec);
   std::string contents;
-  std::string buffer(65536, '\0');
-  for (std::size_t read = 1; read > 0; contents.append(buffer, 0, read)) {
-    if (!file.Read(buffer.data(), buffer.size(), &read, ec)) Fail("cannot read", path, ec);
-  }
-  return contents;
+  const BoundedReadResult result = ReadBounded(PathToUtf8(path), 0, contents);
+  if (result.status == kBoundedReadOk) return contents;
+  throw std::runtime_error("cannot read '" + PathToUtf8(path) + "': " + result.message);
 }
 
 bool Exists(const fs::Path& path) {
@@ -73,25 +80,18 @@ bool Exists(const fs::Path& path) {
 
 std::string ListTree(const fs::Path& root) {
   std::set<std::string> lines;
-  fs::TreeWalker walker(root);
-  fs::DirectoryEntry entry;
-  std::error_code ec;
-  while (walker.Next(&entry, ec)) {
-    lines.insert(PathToGenericUtf8(entry.path.lexically_relative(root)) +
-                 (entry.kind == fs::EntryKind::kDirectory ? "/" : ""));
-  }
-  if (ec) Fail("cannot list", root, ec);
-  std::string text;
-  for (const std::string& line : lines) text += line + "\n";
-  return text;
+  ForEachBelow(root, [&](const std::string& relative, const fs::DirectoryEntry& entry) {
+    lines.insert(relative + (entry.kind == fs::EntryKind::kDirectory ? "/\n" : "\n"));
+  });
+  return JoinText(lines, "");
 }
 
 Files FilesBelow(const fs::Path& root) {
   Files files;
-  std::istringstream lines(Exists(root) ? ListTree(root) : std::string());
-  for (std::string line; std::getline(lines, line);) {
-    if (!line.ends_with('/')) files[line] = ReadFile(root / FromUtf8(line));
-  }
+  if (!Exists(root)) return files;
+  ForEachBelow(root, [&](const std::string& relative, const fs::DirectoryEntry& entry) {
+    if (entry.kind != fs::EntryKind::kDirectory) files[relative] = ReadFile(entry.path);
+  });
   return files;
 }
 

@@ -1,6 +1,6 @@
 #pragma once
 
-// A fresh folder for one test, removed with it.
+// A new folder for one test, and its files.
 
 #include <map>
 #include <string>
@@ -10,6 +10,7 @@
 
 namespace zul::test {
 
+/// A new folder in the temporary folder. The destructor removes it.
 class TempFolder {
  public:
   TempFolder();
@@ -17,6 +18,7 @@ class TempFolder {
   TempFolder(const TempFolder&) = delete;
   TempFolder& operator=(const TempFolder&) = delete;
 
+  /// Its path with every link resolved.
   [[nodiscard]] const fs::Path& path() const { return path_; }
   /// The path of `relative` (UTF-8) in the folder.
   [[nodiscard]] fs::Path operator/(std::string_view relative) const;
@@ -25,21 +27,24 @@ class TempFolder {
   fs::Path path_;
 };
 
-/// Writes a whole file, making its parents. Fails the test when it cannot.
+// Each of the following throws, and so fails the test, when the file system reports an error.
+
+/// Writes a whole file, and creates its parents.
 void WriteFile(const fs::Path& path, std::string_view contents);
 
-/// The whole file; fails the test when it cannot be read.
+/// The contents of a file.
 [[nodiscard]] std::string ReadFile(const fs::Path& path);
 
+/// True when there is an entry at `path`, also a dangling link.
 [[nodiscard]] bool Exists(const fs::Path& path);
 
-/// The folder below `root` as "relative/path" lines with "/" behind folders, sorted.
+/// The tree below `root`, a sorted line for each entry: its relative path, with "/" after a folder.
 [[nodiscard]] std::string ListTree(const fs::Path& root);
 
-/// Relative path with "/" to contents.
+/// Relative paths, with "/" as the separator, and contents.
 using Files = std::map<std::string, std::string>;
 
-/// What lies below a folder, without the folders themselves; nothing when there is none.
+/// The files below `root`. None when `root` does not exist.
 [[nodiscard]] Files FilesBelow(const fs::Path& root);
 
 }  // namespace zul::test

@@ -1,7 +1,7 @@
 #pragma once
 
-// The trace of one test: a configuration folder of its own, and its lines in a form that tests can
-// compare.
+// The trace of one test: a new configuration folder, and the trace's lines in a form for
+// comparisons.
 
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -15,16 +15,18 @@
 
 namespace zul::test {
 
+/// Redirects the trace of this process to a new folder.
 class TraceInTempFolder {
  public:
   [[nodiscard]] const TempFolder& folder() const { return folder_; }
 
+  /// The whole trace file; empty when it does not exist.
   [[nodiscard]] std::string Text() const {
     const fs::Path path = PathFromUtf8(TraceLogPath()).value();
     return Exists(path) ? ReadFile(path) : std::string();
   }
 
-  /// Each line as "stage key=value ...", keys sorted, without what the trace derives itself.
+  /// Each line as "stage key=value ...", with sorted keys and without those that the trace derives.
   [[nodiscard]] std::vector<std::string> Events() const {
     std::vector<std::string> events;
     std::istringstream lines(Text());

@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::uint64_t kAllOnes32 = 0xFFFFFFFF;
 
-/// The low `width` bytes of a number, lowest first.
+/// The low `width` bytes of a number, little-endian.
 std::string Number(std::uint64_t value, int width) {
   std::string bytes;
   for (int i = 0; i < width; ++i) bytes += static_cast<char>(value >> (8 * i) & 0xFF);
@@ -50,7 +50,7 @@ std::string ZipEntryBuilder::Packed() const {
       Z_OK) {
     throw std::runtime_error("cannot deflate");
   }
-  return packed.substr(2, packed_size - 6);  // without zlib's own header and checksum
+  return packed.substr(2, packed_size - 6);  // without zlib's header and checksum
 }
 
 std::string ZipEntryBuilder::Header(const Fields& wrong, std::string_view between,
@@ -72,11 +72,11 @@ std::string ZipBuilder::Build() const {
   std::string directory;
   for (const ZipEntryBuilder& entry : entries_) {
     const std::uint64_t offset = entry.zip64_ ? kAllOnes32 : locals.size();
-    // No comment, the first disk, no attributes; and where the local header is.
+    // No comment, the first disk, no attributes, and the offset of the local header.
     const std::string between =
         std::string(10, '\0') + Number(Either(entry.central_, ZipField::kLocalOffset, offset), 4);
     directory += Number(Either(entry.central_, ZipField::kSignature, 0x02014B50), 4) +
-                 Number(3 << 8 | 20, 2) +  // made on Unix
+                 Number(3 << 8 | 20, 2) +  // made by a Unix system
                  entry.Header(entry.central_, between, Number(locals.size(), 8));
     locals += Number(Either(entry.local_, ZipField::kSignature, 0x04034B50), 4) +
               entry.Header(entry.local_, "", "") + entry.Packed();

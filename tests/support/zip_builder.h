@@ -1,7 +1,7 @@
 #pragma once
 
-// Small archives for tests, made in memory: right by default, and wrong in exactly the fields that
-// a test names. The hostile ones are rows of tests/rig/hostile_archives.py.
+// Small archives for tests, built in memory. They are valid except for the fields that a test sets.
+// tests/rig/hostile_archives.py has the hostile archives.
 //   ZipBuilder zip;
 //   zip.File("app.exe", contents).Deflated().Local(ZipField::kFlags, 2);
 //   WriteFile(path, zip.Build());
@@ -15,21 +15,24 @@
 
 namespace zul::test {
 
+/// A field of the local header or of the central directory.
 enum class ZipField {
   kSignature,
   kFlags,
   kLocalOffset,  ///< central only
 };
 
+/// One entry: stored, unless a call below changes it.
 class ZipEntryBuilder {
  public:
   ZipEntryBuilder(std::string name, std::string data)
       : name_(std::move(name)), data_(std::move(data)) {}
 
+  /// Compresses the data.
   ZipEntryBuilder& Deflated() { return With(deflated_, true); }
-  /// Sizes and offset in a Zip64 extra record, all ones in the fields themselves.
+  /// Puts sizes and offset into a Zip64 extra record; the fields themselves have all bits set.
   ZipEntryBuilder& Zip64() { return With(zip64_, true); }
-  /// Puts a number into the local header, or into the record of the central directory.
+  /// Sets a field of the local header, or of the record in the central directory.
   ZipEntryBuilder& Local(ZipField field, std::uint64_t value) { return With(local_[field], value); }
   ZipEntryBuilder& Central(ZipField field, std::uint64_t value) {
     return With(central_[field], value);
@@ -45,7 +48,7 @@ class ZipEntryBuilder {
     return *this;
   }
   [[nodiscard]] std::string Packed() const;
-  /// What stands alike in both, from the version needed on: fields, name and extra records.
+  /// The common part of both headers, from "version needed" on: fields, name and extra records.
   [[nodiscard]] std::string Header(const Fields& wrong, std::string_view between,
                                    std::string_view zip64_offset) const;
 
@@ -57,12 +60,14 @@ class ZipEntryBuilder {
   Fields central_;
 };
 
+/// The whole archive.
 class ZipBuilder {
  public:
-  /// The entry stays valid as long as the builder.
+  /// Adds an entry. The reference is valid as long as the builder.
   ZipEntryBuilder& File(std::string name, std::string data) {
     return entries_.emplace_back(std::move(name), std::move(data));
   }
+  /// The bytes of the archive.
   [[nodiscard]] std::string Build() const;
 
  private:
@@ -72,9 +77,10 @@ class ZipBuilder {
 /// An extra field record: 16-bit id, 16-bit size, data.
 [[nodiscard]] std::string ZipExtra(std::uint16_t id, std::string_view data);
 
-/// An Info-ZIP Unicode path record that names `raw_name` in UTF-8.
+/// An Info-ZIP Unicode path record: the UTF-8 name for the entry with the name `raw_name`.
 [[nodiscard]] std::string UnicodePathExtra(std::string_view raw_name, std::string_view utf8_name);
 
+/// The CRC-32 of `bytes`, as archives use it.
 [[nodiscard]] std::uint32_t Crc32(std::string_view bytes);
 
 }  // namespace zul::test

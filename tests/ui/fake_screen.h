@@ -1,6 +1,6 @@
 #pragma once
 
-// A progress window without a screen, which remembers what it was asked to do and to show.
+// A surface of the progress window without a screen. It records its calls and what it paints.
 
 #include <string>
 #include <utility>
@@ -11,6 +11,7 @@
 
 namespace zul::test {
 
+/// The record of a FakeSurface.
 struct FakeScreen {
   std::string calls;                ///< C create, R repaint, B button, P pump, D destroy
   std::vector<std::string> paints;  ///< "title | detail | percent | figures"

@@ -1,4 +1,4 @@
-// The real window on the real screen. What its button does, the end-to-end runs show.
+// The real window on the real screen. The end-to-end runs test a press of its button.
 
 #include <windows.h>
 
@@ -16,7 +16,7 @@ namespace {
 
 constexpr const wchar_t* kClass = L"ZULRipUpdaterProgressWindow";
 
-/// The progress window of this process; other tests may have theirs on the same display.
+/// The progress window of this process. Other tests may have one on the same display.
 HWND FindOwnWindow() {
   HWND window = nullptr;
   DWORD pid = 0;
@@ -30,7 +30,7 @@ HWND FindOwnWindow() {
 
 const wchar_t* refused_class = nullptr;
 
-/// Refuses this thread the creation of windows of `refused_class`.
+/// A hook that makes the creation of a window of `refused_class` fail.
 LRESULT CALLBACK RefuseCreation(int code, WPARAM wparam, LPARAM lparam) {
   if (code != HCBT_CREATEWND) return CallNextHookEx(nullptr, code, wparam, lparam);
   std::array<wchar_t, 64> name{};
@@ -43,13 +43,13 @@ class ScreenSurface : public testing::Test {
   UpdateProgressWindow progress{CreateScreenSurface()};
 };
 
-TEST_F(ScreenSurface, RunsOnWithoutAWindowThatCannotBeMade) {
+TEST_F(ScreenSurface, ContinuesWithoutAWindowThatCannotBeCreated) {
   for (const wchar_t* refused : {kClass, L"BUTTON"}) {
     refused_class = refused;
     const HHOOK hook = SetWindowsHookExW(WH_CBT, &RefuseCreation, nullptr, GetCurrentThreadId());
     progress.set_status("Title", "Detail", 10);
     progress.set_force_close_available(true);
-    EXPECT_EQ(FindOwnWindow(), nullptr) << "no half-made window stays";
+    EXPECT_EQ(FindOwnWindow(), nullptr) << "an incomplete window must not remain";
     UnhookWindowsHookEx(hook);
   }
   progress.set_status("Title", "Detail", 20);
@@ -59,7 +59,7 @@ TEST_F(ScreenSurface, RunsOnWithoutAWindowThatCannotBeMade) {
   EXPECT_EQ(FindOwnWindow(), nullptr);
 }
 
-TEST_F(ScreenSurface, ShowsThePercentInItsPlaceAndFollowsANewDpi) {
+TEST_F(ScreenSurface, FillsTheBarByThePercentAndScalesWithTheDpi) {
   progress.set_status("Title", "Detail", 37);
   progress.set_force_close_available(true);
   const HWND window = FindOwnWindow();
@@ -69,13 +69,13 @@ TEST_F(ScreenSurface, ShowsThePercentInItsPlaceAndFollowsANewDpi) {
   EXPECT_EQ(client.bottom, kProgressClientHeight);
   int filled = 0;
   const HDC dc = GetDC(window);
-  for (int x = 0; x < client.right; ++x) {  // in the bar, above its text
+  for (int x = 0; x < client.right; ++x) {  // a line of the bar above its text
     if (GetPixel(dc, x, 150) == RGB(91, 158, 245)) ++filled;
   }
   ReleaseDC(window, dc);
   EXPECT_EQ(filled, 201);
 
-  // Twice the size; the button keeps its distance from the right.
+  // Twice the size. The button keeps its distance from the right edge.
   RECT suggested{10, 20, 10 + 1210, 20 + 520};
   SendMessageW(window, WM_DPICHANGED, MAKEWPARAM(192, 192), std::bit_cast<LPARAM>(&suggested));
   RECT outer{}, button{};
@@ -88,26 +88,26 @@ TEST_F(ScreenSurface, ShowsThePercentInItsPlaceAndFollowsANewDpi) {
   EXPECT_EQ(button.bottom, 452);
 }
 
-TEST_F(ScreenSurface, CloseMinimisesAndTheRunGoesOn) {
+TEST_F(ScreenSurface, CloseMinimisesTheWindow) {
   progress.set_status("Title", "Detail", 10);
   const HWND window = FindOwnWindow();
   SendMessageW(window, WM_CLOSE, 0, 0);
   progress.set_status("Title", "Detail", 20);
   EXPECT_EQ(FindOwnWindow(), window);
-  EXPECT_TRUE(IsIconic(window)) << "progress does not bring it back in the user's way";
+  EXPECT_TRUE(IsIconic(window)) << "progress must not restore the window";
 }
 
-TEST_F(ScreenSurface, LeavesNoGdiObjectsBehind) {
+TEST_F(ScreenSurface, FreesItsGdiObjects) {
   const auto objects_after_use = [this] {
     for (int percent = 0; percent < 50; ++percent) progress.set_status("Title", "Detail", percent);
     progress.Destroy();
     return GetGuiResources(GetCurrentProcess(), GR_GDIOBJECTS);
   };
-  const DWORD before = objects_after_use();  // with what the system keeps after a first window
+  const DWORD before = objects_after_use();  // the system keeps some objects after a first window
   EXPECT_LE(objects_after_use(), before);
 }
 
-TEST_F(ScreenSurface, PutsQuitAsideUntilTheWindowIsGone) {
+TEST_F(ScreenSurface, KeepsQuitOutOfTheQueueUntilTheUpdateEnds) {
   MSG message{};
   PostQuitMessage(7);
   progress.set_status("Title", "Detail", 10);

@@ -15,7 +15,7 @@ class ProgressWindow : public testing::Test {
                               [this] { return std::chrono::steady_clock::time_point(now); }};
 };
 
-TEST_F(ProgressWindow, StatusShowsAtOnceAndClearsTheFigures) {
+TEST_F(ProgressWindow, StatusPaintsAtOnceAndClearsTheFigures) {
   window.set_download_progress("primary", 512, 1024, 0);
   screen.TakeCalls();
   window.set_status("Installiere \xC5\xBElu\xC5\xA5...", "Replacing application files.", 250);
@@ -26,7 +26,7 @@ TEST_F(ProgressWindow, StatusShowsAtOnceAndClearsTheFigures) {
   EXPECT_EQ(screen.paints.back(), "Preparing update... |  | Working... | ");
 }
 
-TEST_F(ProgressWindow, DownloadFiguresInEveryForm) {
+TEST_F(ProgressWindow, FormatsTheFiguresOfADownload) {
   const std::string primary =
       "Downloading update... | Please wait while the update package is downloaded. | ";
   const std::string mirror =
@@ -52,17 +52,17 @@ TEST_F(ProgressWindow, DownloadFiguresInEveryForm) {
   }
 }
 
-TEST_F(ProgressWindow, PaintsAtMostEvery250MsAndAlwaysTheEnd) {
+TEST_F(ProgressWindow, PaintsAtMostEvery250MsAndAlwaysWhenComplete) {
   const struct {
     int at_ms;
     std::uint64_t done, total;
     bool painted;
   } steps[] = {{0, 0, 1000, true},  // the first figures
                {249, 100, 1000, false}, {250, 100, 1000, true},
-               {600, 100, 1000, false},  // nothing new since the paint
+               {600, 100, 1000, false},  // no change since the paint
                {601, 101, 1000, true},   // same percent, more bytes
-               {602, 1000, 1000, true},  // finished
-               {604, 1000, 0, false},    // unknown total: never finished
+               {602, 1000, 1000, true},  // complete
+               {604, 1000, 0, false},    // a download of unknown size is never complete
                {900, 1000, 0, true}};    // the percent has become unknown
   for (const auto& s : steps) {
     now = std::chrono::milliseconds(s.at_ms);
@@ -71,9 +71,9 @@ TEST_F(ProgressWindow, PaintsAtMostEvery250MsAndAlwaysTheEnd) {
   }
 }
 
-TEST_F(ProgressWindow, ForceCloseIsOfferedPressedOnceAndForgottenWhenWithdrawn) {
+TEST_F(ProgressWindow, ForceCloseCountsWhileTheButtonIsShown) {
   window.PressForceClose();
-  EXPECT_FALSE(window.force_close_requested()) << "a stray message while it is not offered";
+  EXPECT_FALSE(window.force_close_requested()) << "a stray message while the button is hidden";
   window.set_force_close_available(true);
   EXPECT_EQ(screen.TakeCalls(), "CBRP");
   EXPECT_TRUE(window.force_visible() && window.force_enabled());
@@ -81,7 +81,7 @@ TEST_F(ProgressWindow, ForceCloseIsOfferedPressedOnceAndForgottenWhenWithdrawn) 
   EXPECT_EQ(screen.TakeCalls(), "B");
   EXPECT_TRUE(window.force_visible() && !window.force_enabled());
   EXPECT_STREQ(window.force_button_text(), L"Closing...");
-  window.set_force_close_available(true);  // offered again in the next cycle
+  window.set_force_close_available(true);  // as each cycle of the lock clearing does
   EXPECT_TRUE(window.force_close_requested());
   window.set_force_close_available(false);
   EXPECT_FALSE(window.force_close_requested() || window.force_visible());
