@@ -29,7 +29,7 @@ bool StartsWithServer(std::wstring_view text) {
 
 /// Appends the components of `text` to `out`. ".." removes the last one, but none of the first
 /// `floor` characters of `out`.
-void AppendNormalized(std::wstring& out, std::wstring_view text, std::size_t floor) {
+void AppendNormalized(std::wstring* out, std::wstring_view text, std::size_t floor) {
   while (!text.empty()) {
     std::size_t length = 0;
     while (length < text.size() && !IsSeparator(text[length])) ++length;
@@ -37,11 +37,10 @@ void AppendNormalized(std::wstring& out, std::wstring_view text, std::size_t flo
     text.remove_prefix(length < text.size() ? length + 1 : length);
     if (component.empty() || component == L".") continue;
     if (component == L"..") {
-      if (out.size() > floor) out.resize(out.rfind(L'\\'));
+      if (out->size() > floor) out->resize(out->rfind(L'\\'));
       continue;
     }
-    out += L'\\';
-    out += component;
+    out->append(1, L'\\').append(component);
   }
 }
 
@@ -61,7 +60,7 @@ std::wstring ApiText(std::wstring_view text) {
   if (StartsWithDriveRoot(text)) {
     out.append(kVerbatim).append(text.substr(0, 2));
     const std::size_t floor = out.size();
-    AppendNormalized(out, text.substr(2), floor);
+    AppendNormalized(&out, text.substr(2), floor);
     if (out.size() == floor) out += L'\\';
   } else if (StartsWithServer(text)) {
     text.remove_prefix(2);
@@ -69,7 +68,7 @@ std::wstring ApiText(std::wstring_view text) {
     const std::wstring_view share = TakeComponent(text);
     if (!share.empty()) out.append(L"\\").append(share);
     const std::size_t floor = out.size();
-    AppendNormalized(out, text, floor);
+    AppendNormalized(&out, text, floor);
     if (out.size() == floor) out += L'\\';
   } else {
     out = text;

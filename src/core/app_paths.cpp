@@ -8,10 +8,10 @@ namespace zul {
 
 namespace {
 
-void AppendReason(std::string& error, std::string_view reason) {
+void AppendReason(std::string* error, std::string_view reason) {
   if (reason.empty()) return;
-  if (!error.empty()) error.append("; ");
-  error.append(reason);
+  if (!error->empty()) error->append("; ");
+  error->append(reason);
 }
 
 /// The folder in the temporary folder, or in the current one when the system reports no temporary
@@ -46,7 +46,7 @@ AppPathResult ResolveAppDataDirectory(std::string_view app_dir_name) {
   result.path = PathToUtf8(directory);
   std::string reason;
   result.ready = EnsureDirectory(directory, &reason);
-  AppendReason(result.error, reason);
+  AppendReason(&result.error, reason);
   return result;
 }
 
@@ -54,7 +54,7 @@ AppPathResult ResolveAppFile(std::string_view app_dir_name, std::string_view fil
   AppPathResult result = ResolveAppDataDirectory(app_dir_name);
   if (filename.empty()) {
     result.ready = false;
-    AppendReason(result.error, "filename is empty");
+    AppendReason(&result.error, "filename is empty");
     return result;
   }
   result.path = PathToUtf8(PathOrEmpty(result.path) / PathOrEmpty(filename));

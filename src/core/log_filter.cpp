@@ -42,15 +42,15 @@ std::optional<LogLevel> LevelOf(std::string_view text) {
 }
 
 /// Sets the threshold of the category `name`, or of all categories for "*".
-bool SetThreshold(LogThresholds& thresholds, std::string_view name, LogLevel level) {
+bool SetThreshold(LogThresholds* thresholds, std::string_view name, LogLevel level) {
   const std::string word = AsciiLower(TrimWhitespace(name));
   if (word == "*") {
-    thresholds.fill(level);
+    thresholds->fill(level);
     return true;
   }
   for (const CategoryWord& known : kCategoryWords) {
     if (known.word != word) continue;
-    thresholds[static_cast<std::size_t>(known.category)] = level;
+    (*thresholds)[static_cast<std::size_t>(known.category)] = level;
     return true;
   }
   return false;
@@ -68,7 +68,7 @@ std::optional<LogThresholds> ParseEntries(std::string_view text, LogLevel start,
     const std::string_view entry = TrimWhitespace(text.substr(0, end));
     text = end == std::string_view::npos ? std::string_view() : text.substr(end + 1);
     if (entry.empty()) continue;
-    if (!apply(thresholds, entry)) return std::nullopt;
+    if (!apply(&thresholds, entry)) return std::nullopt;
     any = true;
   }
   if (!any) return std::nullopt;
@@ -102,7 +102,7 @@ std::string_view LogCategoryName(LogCategory category) {
 
 std::optional<LogThresholds> ParseLogFilter(std::string_view text) {
   return ParseEntries(text, LogLevel::kDebug,
-                      [](LogThresholds& thresholds, std::string_view entry) {
+                      [](LogThresholds* thresholds, std::string_view entry) {
                         const std::size_t split = entry.find_first_of("=:");
                         if (split == std::string_view::npos) return false;
                         const std::optional<LogLevel> level = LevelOf(entry.substr(split + 1));
@@ -111,7 +111,7 @@ std::optional<LogThresholds> ParseLogFilter(std::string_view text) {
 }
 
 std::optional<LogThresholds> ParseLogCategories(std::string_view text) {
-  return ParseEntries(text, LogLevel::kWarn, [](LogThresholds& thresholds, std::string_view entry) {
+  return ParseEntries(text, LogLevel::kWarn, [](LogThresholds* thresholds, std::string_view entry) {
     return SetThreshold(thresholds, entry, LogLevel::kDebug);
   });
 }

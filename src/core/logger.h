@@ -35,6 +35,7 @@ using LogSink = std::function<void(LogCategory, LogLevel, const std::string& lin
 /// Thread-safe.
 class Logger {
  public:
+  // Limits of a line, of the lines in memory and of a file, and the number of rotated files.
   static constexpr std::size_t kMaxLineBytes = 65536;
   static constexpr std::size_t kMaxRecentLines = 5000;
   static constexpr std::size_t kMaxRecentBytes = 4194304;

@@ -73,6 +73,8 @@ TEST_F(FileLayer, ReportsTheKindOfAPathWithAndWithoutItsLinks) {
     EXPECT_EQ(KindOf(folder / c.path, Links::kFollow, ec), c.followed);
     EXPECT_FALSE(ec) << ec;
     EXPECT_EQ(KindOf(folder / c.path, Links::kDoNotFollow, ec), c.itself);
+    EXPECT_EQ(Exists(folder / c.path), c.followed != kNotFound);
+    EXPECT_EQ(IsRegularFile(folder / c.path), c.followed == kRegular);
     const PathProbe probe = ProbePath(folder / c.path);
     EXPECT_EQ(probe.kind, c.probe);
     EXPECT_EQ(probe.is_directory, c.followed == kDirectory);
@@ -158,7 +160,7 @@ TEST_F(FileLayer, CopiesContentsTimeAndAttributesAndCallsBack) {
     WriteFile(folder / ("from" + name), contents);
     EXPECT_TRUE(CopyFileDurably(folder / ("from" + name), folder / name, ec, count)) << ec;
     EXPECT_TRUE(ReadFile(folder / name) == contents) << name;
-    EXPECT_EQ(calls >= 2, contents == large) << calls;
+    EXPECT_TRUE(contents == large ? calls >= 2 : calls == 0) << calls;
   }
   EXPECT_FALSE(CopyFileDurably(folder / "from3", folder / "0", ec));
   EXPECT_TRUE(IsExistsError(ec)) << ec;
@@ -218,7 +220,8 @@ TEST_F(FileLayer, AcceptsLongPathsAndNamesOutsideAscii) {
   // Wine's final paths end at 260 characters. That must be an error, not a shorter path.
   EXPECT_EQ(WeaklyCanonical(deep / "new", ec), RunsUnderWine() ? Path() : deep / "new");
   EXPECT_EQ(static_cast<bool>(ec), RunsUnderWine());
-  EXPECT_GT(AvailableSpace(deep, ec), 0u) << ec;
+  const auto space = static_cast<double>(std::filesystem::space(folder.path()).available);
+  EXPECT_NEAR(static_cast<double>(AvailableSpace(deep, ec)) / space, 1, 0.1) << ec;
   EXPECT_TRUE(RemoveTree(folder / "příliš žluťoučký 印刷", ec)) << ec;
   EXPECT_EQ(ListTree(folder.path()), "");
 }

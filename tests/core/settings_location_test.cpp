@@ -40,8 +40,9 @@ TEST_F(SettingsLocation, MigratesLegacySettingsOnce) {
   const std::string largest(1048576, 'x');
   test::WriteFile(legacy_, largest);
   EXPECT_EQ(Resolve(), "");
+  test::WriteFile(legacy_, largest + "x");
+  EXPECT_EQ(Resolve(), "") << "reads no legacy file when there is a new one";
   test::WriteFile(legacy_, "changed later");
-  EXPECT_EQ(Resolve(), "");
   // The target of a faster process remains.
   EXPECT_TRUE(MigrateLegacySettings(PathToUtf8(legacy_), PathToUtf8(target_), nullptr));
   EXPECT_TRUE(test::ReadFile(target_) == largest);
