@@ -65,7 +65,7 @@ void SleepBetweenRetries(std::chrono::milliseconds duration) {
 }
 
 bool CreateUniqueSiblingDirectory(const fs::Path& base_path, std::string_view prefix,
-                                  fs::Path& path, std::string* error) {
+                                  fs::Path* path, std::string* error) {
   static std::atomic<std::uint64_t> counter{0};
   const fs::Path parent = base_path.has_parent_path() ? base_path.parent_path() : fs::Path(".");
   std::error_code code;
@@ -77,8 +77,8 @@ bool CreateUniqueSiblingDirectory(const fs::Path& base_path, std::string_view pr
   for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
     const std::string name = std::string(prefix) + "." + std::to_string(time_ns) + "." +
                              std::to_string(counter++) + "." + std::to_string(attempt);
-    path = parent / name;
-    switch (fs::CreateDirectoryOnce(path, code)) {
+    *path = parent / name;
+    switch (fs::CreateDirectoryOnce(*path, code)) {
       case fs::CreateResult::kCreated:
         return true;
       case fs::CreateResult::kExisted:
@@ -128,7 +128,7 @@ bool CommitExtractionDirectory(const fs::Path& stage_dir, const fs::Path& destin
            Fail(error, "Cannot finalize extraction directory: ", FormatFileError(code));
   }
   fs::Path backup_dir;
-  if (!CreateUniqueSiblingDirectory(destination, ".qorva-zip-backup", backup_dir, error)) {
+  if (!CreateUniqueSiblingDirectory(destination, ".qorva-zip-backup", &backup_dir, error)) {
     return false;
   }
   const fs::Path previous = backup_dir / "previous";

@@ -19,7 +19,7 @@ namespace zul {
 /// "<prefix>.<monotonic ns>.<counter>.<attempt>", making its parents where needed. `error` may be
 /// null.
 [[nodiscard]] bool CreateUniqueSiblingDirectory(const fs::Path& base_path, std::string_view prefix,
-                                                fs::Path& path, std::string* error);
+                                                fs::Path* path, std::string* error);
 
 /// True when this user may still write `required_bytes` on the volume of `stage_dir`. `error` may
 /// be null.

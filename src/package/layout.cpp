@@ -33,10 +33,10 @@ bool IsSafeComponent(const fs::Path& component) {
   });
 }
 
-bool ListSubdirectories(const fs::Path& directory, std::vector<fs::Path>& subdirectories) {
+bool ListSubdirectories(const fs::Path& directory, std::vector<fs::Path>* subdirectories) {
   std::error_code code;
   for (const fs::DirectoryEntry& entry : fs::ListDirectory(directory, code)) {
-    if (entry.kind == fs::EntryKind::kDirectory) subdirectories.push_back(entry.path);
+    if (entry.kind == fs::EntryKind::kDirectory) subdirectories->push_back(entry.path);
   }
   return !code;
 }
@@ -60,36 +60,36 @@ bool ValidateRequiredFileContract(const RequiredFileContract& contract, std::str
 }
 
 bool FindMissingRequiredFiles(const fs::Path& root, const RequiredFileContract& contract,
-                              std::vector<std::string>& missing) {
-  missing.clear();
+                              std::vector<std::string>* missing) {
+  missing->clear();
   std::error_code code;
   if (fs::KindOf(root, fs::Links::kFollow, code) != fs::EntryKind::kDirectory) {
-    missing = contract;
+    *missing = contract;
     return false;
   }
   for (const std::string& name : contract) {
     const auto file_name = PathFromUtf8(name);
     if (!file_name ||
         fs::KindOf(root / *file_name, fs::Links::kDoNotFollow, code) != fs::EntryKind::kRegular) {
-      missing.push_back(name);
+      missing->push_back(name);
     }
   }
-  return missing.empty();
+  return missing->empty();
 }
 
 bool ResolvePayloadLayout(const fs::Path& stage_dir, const RequiredFileContract& contract,
-                          fs::Path& payload_root, std::string* error) {
+                          fs::Path* payload_root, std::string* error) {
   if (!ValidateRequiredFileContract(contract, error)) return false;
   std::vector<std::string> root_missing;
-  if (FindMissingRequiredFiles(stage_dir, contract, root_missing)) {
-    payload_root = stage_dir;
+  if (FindMissingRequiredFiles(stage_dir, contract, &root_missing)) {
+    *payload_root = stage_dir;
     return true;
   }
   std::vector<fs::Path> subdirectories;
   std::vector<std::string> wrapper_missing;
-  if (ListSubdirectories(stage_dir, subdirectories) && subdirectories.size() == 1 &&
-      FindMissingRequiredFiles(subdirectories.front(), contract, wrapper_missing)) {
-    payload_root = subdirectories.front();
+  if (ListSubdirectories(stage_dir, &subdirectories) && subdirectories.size() == 1 &&
+      FindMissingRequiredFiles(subdirectories.front(), contract, &wrapper_missing)) {
+    *payload_root = subdirectories.front();
     return true;
   }
   std::string message = "Update package layout mismatch. Required files are missing: " +

@@ -20,13 +20,13 @@ using RequiredFileContract = std::vector<std::string>;
 /// Finds the payload root in an extracted tree: `stage_dir` itself or its single top-level folder.
 [[nodiscard]] bool ResolvePayloadLayout(const fs::Path& stage_dir,
                                         const RequiredFileContract& contract,
-                                        fs::Path& payload_root, std::string* error);
+                                        fs::Path* payload_root, std::string* error);
 
 /// Fills `missing`, in the contract's order, with the names that are not regular files in `root`.
 /// True when it stays empty.
 [[nodiscard]] bool FindMissingRequiredFiles(const fs::Path& root,
                                             const RequiredFileContract& contract,
-                                            std::vector<std::string>& missing);
+                                            std::vector<std::string>* missing);
 
 /// True when a relative path may be joined to a folder: it has a component and no root, and no
 /// component is empty, "." or "..", or holds a control character (below 32) or one of

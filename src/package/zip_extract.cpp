@@ -42,7 +42,7 @@ class OpenedEntry {
 };
 
 bool MakeParents(const fs::Path& root, std::string_view relative_path,
-                 std::unordered_set<std::string>& created_dirs, std::string* error) {
+                 std::unordered_set<std::string>* created_dirs, std::string* error) {
   for (std::size_t slash = relative_path.find('/'); slash != std::string_view::npos;
        slash = relative_path.find('/', slash + 1)) {
     std::string key(relative_path.substr(0, slash));
@@ -50,7 +50,7 @@ bool MakeParents(const fs::Path& root, std::string_view relative_path,
     if (!relative_directory) return Fail(error, "ZIP entry escapes extraction root");
     const fs::Path directory = (root / *relative_directory).lexically_normal();
     std::error_code code;
-    if (created_dirs.contains(key)) {
+    if (created_dirs->contains(key)) {
       if (fs::KindOf(directory, fs::Links::kDoNotFollow, code) != fs::EntryKind::kDirectory) {
         return Fail(error, "ZIP extraction directory identity changed");
       }
@@ -58,7 +58,7 @@ bool MakeParents(const fs::Path& root, std::string_view relative_path,
     }
     switch (fs::CreateDirectoryOnce(directory, code)) {
       case fs::CreateResult::kCreated:
-        created_dirs.insert(std::move(key));
+        created_dirs->insert(std::move(key));
         break;
       case fs::CreateResult::kExisted:
         return Fail(error, "ZIP directory path collision on target filesystem");
@@ -147,7 +147,7 @@ bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record, const fs::
   }
   OpenedEntry entry(reader);
   ZipEntryRecord checked = record;
-  if (!CheckLocalHeader(reader, checked, error)) return false;
+  if (!CheckLocalHeader(reader, &checked, error)) return false;
 
   std::error_code code;
   const fs::Path root = ResolveStage(stage_dir, pass, code);
@@ -157,7 +157,7 @@ bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record, const fs::
   if (!target.has_filename() || !IsPathInsideRootFolded(root, target)) {
     return Fail(error, "ZIP entry escapes extraction root");
   }
-  if (!MakeParents(root, record.path, pass.created_dirs, error)) return false;
+  if (!MakeParents(root, record.path, &pass.created_dirs, error)) return false;
   // Either nothing has the file's name, or its exclusive creation fails below. So the folder
   // decides where it goes, and a search for a name that is missing, which may list the folder, is
   // saved.
@@ -180,7 +180,7 @@ bool ExtractScannedEntries(std::string_view archive_path, const ZipScanResult& s
                            const fs::Path& stage_dir, std::string* error,
                            fs::KeepAlive keep_alive) {
   ZipReader reader;
-  if (!OpenZipReader(archive_path, reader, error)) return false;
+  if (!OpenZipReader(archive_path, &reader, error)) return false;
   std::uint64_t entry_count = 0;
   if (reader.DeclaredEntryCount(&entry_count) != kZipOk ||
       entry_count != scan.central_entry_count) {
@@ -194,7 +194,7 @@ bool ExtractScannedEntries(std::string_view archive_path, const ZipScanResult& s
     if (status != kZipOk) return Fail(error, kSourceChanged);
     if (wanted != scan.entries.end() && wanted->central_index == index) {
       ZipEntryRecord found;
-      if (!ReadZipEntryRecord(reader, index, found, error)) return false;
+      if (!ReadZipEntryRecord(reader, index, &found, error)) return false;
       if (!IsSameEntry(found, *wanted)) return Fail(error, kSourceChanged);
       if (!ExtractOneEntry(reader, *wanted, stage_dir, pass, error)) return false;
       ++wanted;

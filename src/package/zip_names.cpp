@@ -113,19 +113,19 @@ std::uint64_t LittleEndian64(std::string_view bytes, std::size_t at) {
   return LittleEndian(bytes, at, 8);
 }
 
-std::optional<ZipExtraRecord> TakeZipExtraRecord(std::string_view& rest) {
+std::optional<ZipExtraRecord> TakeZipExtraRecord(std::string_view* rest) {
   constexpr std::size_t kHeaderBytes = 4;
-  if (rest.size() < kHeaderBytes) return std::nullopt;
-  const std::size_t size = LittleEndian16(rest, 2);
-  if (size > rest.size() - kHeaderBytes) return std::nullopt;
-  const ZipExtraRecord record{LittleEndian16(rest, 0), rest.substr(kHeaderBytes, size)};
-  rest.remove_prefix(kHeaderBytes + size);
+  if (rest->size() < kHeaderBytes) return std::nullopt;
+  const std::size_t size = LittleEndian16(*rest, 2);
+  if (size > rest->size() - kHeaderBytes) return std::nullopt;
+  const ZipExtraRecord record{LittleEndian16(*rest, 0), rest->substr(kHeaderBytes, size)};
+  rest->remove_prefix(kHeaderBytes + size);
   return record;
 }
 
 DecodedZipName DecodeZipEntryName(std::string_view raw, std::string_view extra) {
   if (IsValidUtf8(raw)) return {std::string(raw), false};
-  while (const auto record = TakeZipExtraRecord(extra)) {
+  while (const auto record = TakeZipExtraRecord(&extra)) {
     const std::string_view name = UnicodePathOf(*record, raw);
     if (!name.empty()) return {std::string(name), true};
   }
@@ -139,13 +139,13 @@ bool IsZipDirectoryName(std::string_view name) {
   return name.ends_with('/') || name.ends_with('\\');
 }
 
-bool NormalizeZipEntryPath(std::string name, bool is_directory, std::string& path) {
+bool NormalizeZipEntryPath(std::string name, bool is_directory, std::string* path) {
   std::replace(name.begin(), name.end(), '\\', '/');
   if (name.ends_with('/') != is_directory) return false;
   if (is_directory) name.pop_back();
   if (name.starts_with('/') || StartsWithDrive(name)) return false;
   if (!ForEachComponent(name, '/', IsSafeComponent)) return false;
-  path = std::move(name);
+  *path = std::move(name);
   return true;
 }
 

@@ -28,7 +28,7 @@ struct DecodedZipName {
 /// Turns a decoded name into a relative path with `/` between its components and none at the end.
 /// False for a name that could leave the extraction root or that Windows would read as another name
 /// or as a device; `path` is then left alone.
-[[nodiscard]] bool NormalizeZipEntryPath(std::string name, bool is_directory, std::string& path);
+[[nodiscard]] bool NormalizeZipEntryPath(std::string name, bool is_directory, std::string* path);
 
 /// True for what macOS adds to archives of its own accord ("__MACOSX", ".DS_Store", "._name"),
 /// anywhere in the path.
@@ -41,7 +41,7 @@ struct ZipExtraRecord {
 };
 
 /// Takes the next record off the front of `rest`. Nothing when less than a record is left.
-[[nodiscard]] std::optional<ZipExtraRecord> TakeZipExtraRecord(std::string_view& rest);
+[[nodiscard]] std::optional<ZipExtraRecord> TakeZipExtraRecord(std::string_view* rest);
 
 enum class LegacyCodePage { kCp866, kWindows1251 };
 

@@ -35,13 +35,13 @@ constexpr std::size_t kLocalHeaderBytes = 30;
 
 // Zip64 extended information, APPNOTE 4.5.3: it holds, in this order, the 64-bit value of each size
 // whose 32-bit field is all ones.
-void ResolveZip64Sizes(ZipHeaderFields& header) {
+void ResolveZip64Sizes(ZipHeaderFields* header) {
   constexpr std::uint16_t kZip64Id = 1;
-  std::string_view rest = header.extra;
-  while (const auto record = TakeZipExtraRecord(rest)) {
+  std::string_view rest = header->extra;
+  while (const auto record = TakeZipExtraRecord(&rest)) {
     if (record->id != kZip64Id) continue;
     std::string_view values = record->data;
-    for (std::int64_t* size : {&header.uncompressed_size, &header.compressed_size}) {
+    for (std::int64_t* size : {&header->uncompressed_size, &header->compressed_size}) {
       if (*size != UINT32_MAX || values.size() < 8) continue;
       *size = static_cast<std::int64_t>(LittleEndian64(values, 0));
       values.remove_prefix(8);
@@ -53,14 +53,14 @@ std::string_view Bytes(const void* data, std::size_t size) {
   return {static_cast<const char*>(data), data ? size : 0};
 }
 
-void TakeFields(const mz_zip_file& info, ZipHeaderFields& header) {
-  header.flags = info.flag;
-  header.compression_method = info.compression_method;
-  header.crc32 = info.crc;
-  header.compressed_size = info.compressed_size;
-  header.uncompressed_size = info.uncompressed_size;
-  header.name = Bytes(info.filename, info.filename_size);
-  header.extra = Bytes(info.extrafield, info.extrafield_size);
+void TakeFields(const mz_zip_file& info, ZipHeaderFields* header) {
+  header->flags = info.flag;
+  header->compression_method = info.compression_method;
+  header->crc32 = info.crc;
+  header->compressed_size = info.compressed_size;
+  header->uncompressed_size = info.uncompressed_size;
+  header->name = Bytes(info.filename, info.filename_size);
+  header->extra = Bytes(info.extrafield, info.extrafield_size);
 }
 
 }  // namespace
@@ -130,7 +130,7 @@ ZipStatus ZipReader::State::ReadLocalHeader() {
   }
   local.name = std::string_view(local_bytes).substr(0, name_length);
   local.extra = std::string_view(local_bytes).substr(name_length);
-  ResolveZip64Sizes(local);
+  ResolveZip64Sizes(&local);
   return kZipOk;
 }
 
@@ -198,7 +198,7 @@ ZipStatus ZipReader::GoToNextEntry() {
 bool ZipReader::CentralHeader(ZipCentralHeader* header) const {
   const mz_zip_file* info = is_open() ? state_->Entry() : nullptr;
   if (!info || !info->filename) return false;
-  TakeFields(*info, *header);
+  TakeFields(*info, header);
   header->aes_version = info->aes_version;
   header->disk_number = info->disk_number;
   header->local_header_offset = info->disk_offset;
@@ -227,7 +227,7 @@ ZipStatus ZipReader::OpenEntry() {
   mz_zip_file* local = nullptr;
   status = mz_zip_entry_get_local_info(state_->zip, &local);
   if (status == kZipOk) {
-    TakeFields(*local, state_->local);
+    TakeFields(*local, &state_->local);
     status = state_->CheckExtent(state_->stream.position(), entry->compressed_size);
   }
   if (status != kZipOk) static_cast<void>(CloseEntry());
@@ -269,13 +269,13 @@ ZipStatus ZipReader::CloseEntry() {
   return bytes_taken == entry->compressed_size ? kZipOk : kZipDataError;
 }
 
-bool OpenZipReader(std::string_view archive_path, ZipReader& reader, std::string* error) {
-  reader = ZipReader();
-  const ZipStatus status = reader.Open(archive_path);
+bool OpenZipReader(std::string_view archive_path, ZipReader* reader, std::string* error) {
+  *reader = ZipReader();
+  const ZipStatus status = reader->Open(archive_path);
   if (status == kZipOk) return true;
   if (status == kZipMemoryError) return Fail(error, "cannot allocate ZIP reader");
   if (status == kZipOpenError) return Fail(error, "cannot open ZIP");
-  if (!reader.HasZipEndRecord()) return Fail(error, "ZIP end record not found");
+  if (!reader->HasZipEndRecord()) return Fail(error, "ZIP end record not found");
   return Fail(error, "invalid ZIP central directory: ", ZipStatusText(status));
 }
 

@@ -94,7 +94,7 @@ class ZipReader {
 };
 
 /// Opens the archive at `archive_path` (UTF-8) in `reader`. `error` may be null.
-[[nodiscard]] bool OpenZipReader(std::string_view archive_path, ZipReader& reader,
+[[nodiscard]] bool OpenZipReader(std::string_view archive_path, ZipReader* reader,
                                  std::string* error);
 
 }  // namespace zul

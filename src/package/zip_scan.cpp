@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <limits>
+#include <optional>
 #include <unordered_map>
+#include <utility>
 
 #include "core/failure.h"
 #include "core/text.h"
@@ -11,6 +13,137 @@
 namespace zul {
 
 namespace {
+
+// ---------------------------------------------------------------------------------------------
+// One entry
+
+// General purpose bit flag, APPNOTE 4.4.4.
+constexpr std::uint16_t kFlagEncrypted = 1u << 0;
+constexpr std::uint16_t kFlagSizesInDescriptor = 1u << 3;
+constexpr std::uint16_t kFlagMaskedHeaders = 1u << 13;  // the central directory is encrypted
+
+constexpr std::uint16_t kMethodStored = 0;
+constexpr std::uint16_t kMethodDeflated = 8;
+constexpr std::uint16_t kMethodAes = 99;
+
+constexpr std::uint16_t kExtraAes = 0x9901;
+constexpr std::uint16_t kExtraUnicodePath = 0x7075;
+
+bool HasExtraRecord(std::string_view extra, std::uint16_t id) {
+  while (const auto record = TakeZipExtraRecord(&extra)) {
+    if (record->id == id) return true;
+  }
+  return false;
+}
+
+// AES encryption shows in the method and in this extra field; the library fills the version only
+// when it was built to decrypt.
+bool IsAesEncrypted(const ZipCentralHeader& header) {
+  return header.aes_version != 0 || header.compression_method == kMethodAes ||
+         HasExtraRecord(header.extra, kExtraAes);
+}
+
+bool HasNoSizes(const ZipHeaderFields& header) {
+  return header.crc32 == 0 && header.compressed_size == 0 && header.uncompressed_size == 0;
+}
+
+struct EntryName {
+  std::string path;
+  bool unicode_path_used = false;
+  bool is_directory = false;
+};
+
+// Nothing for an unsafe name.
+std::optional<EntryName> NameOf(const ZipHeaderFields& header) {
+  DecodedZipName decoded = DecodeZipEntryName(header.name, header.extra);
+  EntryName name;
+  name.unicode_path_used = decoded.unicode_path_used;
+  name.is_directory = IsZipDirectoryName(decoded.name);
+  if (!NormalizeZipEntryPath(std::move(decoded.name), name.is_directory, &name.path))
+    return std::nullopt;
+  return name;
+}
+
+// The raw names are equal. So the two headers can name the file differently only where one of them
+// has a Unicode path; elsewhere the local reading would be the central one over again.
+bool AdoptLocalName(const ZipHeaderFields& local, ZipEntryRecord* record) {
+  if (!record->unicode_path_used && !HasExtraRecord(local.extra, kExtraUnicodePath)) return true;
+  std::optional<EntryName> name = NameOf(local);
+  if (!name || name->is_directory != record->is_directory) return false;
+  if (name->unicode_path_used == record->unicode_path_used) return name->path == record->path;
+  if (name->unicode_path_used) {
+    record->path = std::move(name->path);
+    record->unicode_path_used = true;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool ReadZipEntryRecord(const ZipReader& reader, std::uint64_t index, ZipEntryRecord* record,
+                        std::string* error) {
+  ZipCentralHeader header;
+  if (!reader.CentralHeader(&header)) {
+    return Fail(error, "cannot read ZIP central directory entry");
+  }
+  if (header.compressed_size < 0 || header.uncompressed_size < 0 ||
+      header.local_header_offset < 0) {
+    return Fail(error, "ZIP entry contains a negative size or offset");
+  }
+  if (header.disk_number != 0) return Fail(error, "multi-disk ZIP is not supported");
+  if (header.flags & kFlagMaskedHeaders) {
+    return Fail(error, "encrypted ZIP central directory is not supported");
+  }
+  if ((header.flags & kFlagEncrypted) || IsAesEncrypted(header)) {
+    return Fail(error, "encrypted ZIP entries are not supported");
+  }
+  if (header.compression_method != kMethodStored && header.compression_method != kMethodDeflated) {
+    return Fail(error, "unsupported ZIP compression method");
+  }
+  std::optional<EntryName> name = NameOf(header);
+  if (!name) return Fail(error, "unsafe ZIP entry path");
+
+  record->path = std::move(name->path);
+  record->raw_name = header.name;
+  record->unicode_path_used = name->unicode_path_used;
+  record->central_index = index;
+  record->flags = header.flags;
+  record->compression_method = header.compression_method;
+  record->crc32 = header.crc32;
+  record->disk_number = header.disk_number;
+  record->compressed_size = header.compressed_size;
+  record->uncompressed_size = header.uncompressed_size;
+  record->local_header_offset = header.local_header_offset;
+  record->is_directory = name->is_directory;
+  return true;
+}
+
+bool CheckLocalHeader(const ZipReader& reader, ZipEntryRecord* record, std::string* error) {
+  if (!reader.is_open()) return Fail(error, "ZIP reader has no active archive");
+  const ZipHeaderFields* local = reader.local_header();
+  if (!local || !local->name.data()) return Fail(error, "cannot read ZIP local header");
+  if (local->compression_method != record->compression_method) {
+    return Fail(error, "local header compression method does not match central directory");
+  }
+  if (local->flags != record->flags) {
+    return Fail(error, "local header flags do not match central directory");
+  }
+  if (local->name != record->raw_name || !AdoptLocalName(*local, record)) {
+    return Fail(error, "local header filename does not match central directory");
+  }
+  const bool sizes_follow = (record->flags & kFlagSizesInDescriptor) && HasNoSizes(*local);
+  if (!sizes_follow &&
+      (local->crc32 != record->crc32 || local->compressed_size != record->compressed_size ||
+       local->uncompressed_size != record->uncompressed_size)) {
+    return Fail(error, "local header sizes or CRC do not match central directory");
+  }
+  return true;
+}
+
+namespace {
+
+// ---------------------------------------------------------------------------------------------
+// The whole archive
 
 // No record of the central directory is shorter (APPNOTE 4.3.12), so the file's size bounds how
 // many there can be, whatever the archive declares. Room for more than any package has is not made
@@ -33,7 +166,7 @@ bool CheckArchive(const ZipReader& reader, std::uint64_t* entry_count, std::stri
   return true;
 }
 
-bool ScanEntry(ZipReader& reader, std::uint64_t index, ZipEntryRecord& record, std::string* error) {
+bool ScanEntry(ZipReader& reader, std::uint64_t index, ZipEntryRecord* record, std::string* error) {
   if (!ReadZipEntryRecord(reader, index, record, error)) return false;
   const ZipStatus open_status = reader.OpenLocalHeader();
   if (open_status != kZipOk) {
@@ -59,18 +192,18 @@ bool HaveOverlap(std::vector<ZipExtent>& extents) {
                             }) != extents.end();
 }
 
-bool ScanEntries(ZipReader& reader, std::uint64_t entry_count, std::vector<ZipEntryRecord>& records,
+bool ScanEntries(ZipReader& reader, std::uint64_t entry_count, std::vector<ZipEntryRecord>* records,
                  std::string* error) {
   const auto room = static_cast<std::size_t>(
       std::min({entry_count, kRecordsReservedMax,
                 static_cast<std::uint64_t>(reader.file_size()) / kCentralRecordBytesMin}));
   std::vector<ZipExtent> extents;
   extents.reserve(room);
-  records.reserve(room);
+  records->reserve(room);
   ZipStatus status = reader.GoToFirstEntry();
   for (std::uint64_t index = 0; index < entry_count; ++index) {
     if (status != kZipOk) return Fail(error, "ZIP central directory is incomplete");
-    if (!ScanEntry(reader, index, records.emplace_back(), error)) return false;
+    if (!ScanEntry(reader, index, &records->emplace_back(), error)) return false;
     extents.push_back(reader.extent());
     status = reader.GoToNextEntry();
   }
@@ -82,16 +215,16 @@ bool ScanEntries(ZipReader& reader, std::uint64_t entry_count, std::vector<ZipEn
   return true;
 }
 
-bool TakeFiles(std::vector<ZipEntryRecord>& records, ZipScanResult& result, std::string* error) {
+bool TakeFiles(std::vector<ZipEntryRecord> records, ZipScanResult* result, std::string* error) {
   std::erase_if(records, [](const ZipEntryRecord& record) { return record.is_directory; });
   for (const ZipEntryRecord& record : records) {
     const auto size = static_cast<std::uint64_t>(record.uncompressed_size);
-    if (size > std::numeric_limits<std::uint64_t>::max() - result.total_uncompressed_bytes) {
+    if (size > std::numeric_limits<std::uint64_t>::max() - result->total_uncompressed_bytes) {
       return Fail(error, "ZIP total uncompressed size overflows");
     }
-    result.total_uncompressed_bytes += size;
+    result->total_uncompressed_bytes += size;
   }
-  result.entries = std::move(records);
+  result->entries = std::move(records);
   return true;
 }
 
@@ -171,16 +304,16 @@ bool CheckZipPathCollisions(const std::vector<ZipEntryRecord>& entries, std::str
   return PathCollisions(entries).Check(error);
 }
 
-bool ScanZipArchive(std::string_view archive_path, ZipScanResult& result, std::string* error) {
-  result = ZipScanResult();
+bool ScanZipArchive(std::string_view archive_path, ZipScanResult* result, std::string* error) {
+  *result = ZipScanResult();
   ZipReader reader;
-  if (!OpenZipReader(archive_path, reader, error)) return false;
-  if (!CheckArchive(reader, &result.central_entry_count, error)) return false;
+  if (!OpenZipReader(archive_path, &reader, error)) return false;
+  if (!CheckArchive(reader, &result->central_entry_count, error)) return false;
   std::vector<ZipEntryRecord> records;
-  if (!ScanEntries(reader, result.central_entry_count, records, error)) return false;
+  if (!ScanEntries(reader, result->central_entry_count, &records, error)) return false;
   std::erase_if(records,
                 [](const ZipEntryRecord& record) { return IsArchiveMetadataPath(record.path); });
-  return CheckZipPathCollisions(records, error) && TakeFiles(records, result, error);
+  return CheckZipPathCollisions(records, error) && TakeFiles(std::move(records), result, error);
 }
 
 }  // namespace zul

@@ -82,7 +82,7 @@ std::int32_t ZipFileStream::Read(void* buffer, std::int32_t size) {
       if (count < 0) return count;
     } else {
       ZipStatus status = kZipOk;
-      const Window* window = WindowAtPosition(status);
+      const Window* window = WindowAtPosition(&status);
       if (!window) return status;
       const auto offset = static_cast<std::int32_t>(position_ - window->start);
       count = std::min(left, window->length - offset);
@@ -105,7 +105,7 @@ ZipStatus ZipFileStream::ReadExactly(void* buffer, std::int32_t size) {
 // The window that holds the current position, filled over the one that was idle longer. Windows
 // start at multiples of their size, so that the search for the end record, which goes backwards,
 // finds its next piece in the same one.
-const ZipFileStream::Window* ZipFileStream::WindowAtPosition(ZipStatus& status) {
+const ZipFileStream::Window* ZipFileStream::WindowAtPosition(ZipStatus* status) {
   const std::int64_t start = position_ - position_ % kWindowBytes;
   Window* oldest = &windows_[0];
   for (Window& window : windows_) {
@@ -118,7 +118,7 @@ const ZipFileStream::Window* ZipFileStream::WindowAtPosition(ZipStatus& status) 
   const std::int32_t read = ReadFile(start, oldest->bytes.data(), kWindowBytes);
   oldest->length = std::max(read, 0);
   if (read < 0) {
-    status = read;
+    *status = read;
     return nullptr;
   }
   oldest->start = start;

@@ -52,7 +52,7 @@ class ZipFileStream {
     std::array<char, kWindowBytes> bytes;
   };
 
-  [[nodiscard]] const Window* WindowAtPosition(ZipStatus& status);
+  [[nodiscard]] const Window* WindowAtPosition(ZipStatus* status);
   [[nodiscard]] std::int32_t ReadFile(std::int64_t at, void* buffer, std::int32_t size);
 
   std::unique_ptr<LibraryStream> library_stream_;

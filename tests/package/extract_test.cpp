@@ -44,7 +44,7 @@ std::string Extract(const fs::Path& archive, const fs::Path& destination) {
   return error;
 }
 
-std::string Scan(const fs::Path& archive, ZipScanResult& result) {
+std::string Scan(const fs::Path& archive, ZipScanResult* result) {
   std::string error;
   const bool accepted = ScanZipArchive(PathToUtf8(archive), result, &error);
   EXPECT_EQ(accepted, error.empty());
@@ -90,14 +90,14 @@ TEST(ScanZipArchive, JudgesDamagedArchives) {
   ZipScanResult result;
   for (std::size_t size = 0; size < good.size(); ++size) {
     WriteFile(archive, good.substr(0, size));
-    EXPECT_NE(Scan(archive, result), "") << size;
+    EXPECT_NE(Scan(archive, &result), "") << size;
   }
   for (std::size_t at = 0; at < good.size(); ++at) {
     for (const char change : {'\x01', '\x80', '\xFF'}) {
       std::string bytes = good;
       bytes[at] = static_cast<char>(bytes[at] ^ change);
       WriteFile(archive, bytes);
-      Scan(archive, result);
+      Scan(archive, &result);
     }
   }
 }
@@ -147,7 +147,7 @@ TEST(ExtractScannedEntries, NoticesAnArchiveThatWasReplaced) {
     const fs::Path archive = folder / "p.zip";
     ZipScanResult scan;
     WriteFile(archive, Packed(Two("a", "hello")));
-    ASSERT_EQ(Scan(archive, scan), "");
+    ASSERT_EQ(Scan(archive, &scan), "");
     WriteFile(archive, Packed(c.build));
     std::string error;
     EXPECT_EQ(ExtractScannedEntries(PathToUtf8(archive), scan, folder.path(), &error),
@@ -167,8 +167,8 @@ struct BetweenTwoEntries {
     std::error_code code;
     std::string error;
     EXPECT_TRUE(fs::CreateDirectories(stage, code));
-    EXPECT_EQ(Scan(folder / "p.zip", scan), "");
-    EXPECT_TRUE(OpenZipReader(PathToUtf8(folder / "p.zip"), reader, &error)) << error;
+    EXPECT_EQ(Scan(folder / "p.zip", &scan), "");
+    EXPECT_TRUE(OpenZipReader(PathToUtf8(folder / "p.zip"), &reader, &error)) << error;
     EXPECT_EQ(reader.GoToFirstEntry(), kZipOk);
     EXPECT_TRUE(ExtractOneEntry(reader, scan.entries.at(0), stage, pass, &error)) << error;
     EXPECT_EQ(reader.GoToNextEntry(), kZipOk);

@@ -76,7 +76,7 @@ TEST(ResolvePayloadLayout, FindsTheFlatRootOrTheSingleWrapper) {
     for (const std::string& file : c.files) WriteFile(folder / file, "x");
     fs::Path root;
     std::string error;
-    EXPECT_EQ(ResolvePayloadLayout(folder.path(), contract, root, &error), c.error.empty());
+    EXPECT_EQ(ResolvePayloadLayout(folder.path(), contract, &root, &error), c.error.empty());
     EXPECT_EQ(error, c.error) << c.what;
     const fs::Path expected = c.root.empty() ? folder.path() : folder / c.root;
     EXPECT_EQ(root, error.empty() ? expected : fs::Path()) << c.what;
@@ -89,10 +89,10 @@ TEST(ResolvePayloadLayout, DoesNotFollowLinks) {
   WriteFile(folder / "stage/readme", "x");
   if (!MakeLink(folder / "real", folder / "stage/wrap")) GTEST_SKIP() << "no links here";
   fs::Path root;
-  EXPECT_FALSE(ResolvePayloadLayout(folder / "stage", {"app.exe"}, root, nullptr));
+  EXPECT_FALSE(ResolvePayloadLayout(folder / "stage", {"app.exe"}, &root, nullptr));
   if (RunsUnderWine()) return;  // there a link to a file looks like the file
   ASSERT_TRUE(MakeLink(folder / "real/app.exe", folder / "stage/app.exe"));
-  EXPECT_FALSE(ResolvePayloadLayout(folder / "stage", {"app.exe"}, root, nullptr));
+  EXPECT_FALSE(ResolvePayloadLayout(folder / "stage", {"app.exe"}, &root, nullptr));
 }
 
 TEST(IsSafeRelativePath, RefusesRootsDotsAndForbiddenCharacters) {

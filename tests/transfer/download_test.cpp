@@ -7,7 +7,6 @@
 #include "tests/support/trace_reader.h"
 #include "tests/transfer/scripted_transport.h"
 #include "tests/ui/fake_screen.h"
-#include "transfer/download_job.h"
 #include "transfer/url_policy.h"
 
 namespace zul {
@@ -34,7 +33,7 @@ struct Rehearsal {
   bool Run() {
     const bool success =
         DownloadPackageOver({transport, [this] { return transport.now_ms; }, max_bytes},
-                            {url, destination, role, window, {}, on_cancel}, result, &error_text);
+                            {url, destination, role, window, {}, on_cancel}, &result, &error_text);
     EXPECT_EQ(success, result.success);
     EXPECT_FALSE(transport.open);
     EXPECT_EQ(trace.Text().find("secret"), std::string::npos);

@@ -40,7 +40,7 @@ TEST(PrepareHttpCall, LetsNothingThroughBetweenTheLinesOfTheHead) {
 TEST(SetHttpFailure, ToldByThePlatformsNumber) {
   for (const int code : {12002, 12029, 12037, 12038, 12045, 12057, 12157, 12175}) {
     HttpResponse response;
-    SetHttpFailure(response, "message", static_cast<std::uint32_t>(code));
+    SetHttpFailure(&response, "message", static_cast<std::uint32_t>(code));
     EXPECT_EQ(response.error, "message");
     EXPECT_EQ(response.platform_error, code);
     EXPECT_EQ(response.timed_out, code == 12002);

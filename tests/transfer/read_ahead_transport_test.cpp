@@ -13,14 +13,14 @@ namespace {
 /// What a caller gets of a body, reading `limit` bytes at a time, and where it ends.
 std::string ReadAll(DownloadTransport& transport, std::size_t limit) {
   std::uint32_t code = 0;
-  EXPECT_TRUE(transport.SendAndReceive(code));
+  EXPECT_TRUE(transport.SendAndReceive(&code));
   for (std::string body;;) {
     std::size_t available = 0;
     std::size_t read = 0;
-    if (!transport.QueryDataAvailable(available, code)) return body + "?" + std::to_string(code);
+    if (!transport.QueryDataAvailable(&available, &code)) return body + "?" + std::to_string(code);
     std::string piece(std::min(available, limit), '\0');
     if (available == 0) return body + ".";
-    if (!transport.ReadData(piece.data(), piece.size(), read, code)) {
+    if (!transport.ReadData(piece.data(), piece.size(), &read, &code)) {
       return body + "!" + std::to_string(code);
     }
     body += piece.substr(0, read);

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "core/text.h"
-#include "transfer/redirect_url.h"
 
 namespace zul {
 namespace {
