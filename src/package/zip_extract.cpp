@@ -20,8 +20,7 @@ bool IsSameEntry(const ZipEntryRecord& a, const ZipEntryRecord& b) {
          a.local_header_offset == b.local_header_offset && a.is_directory == b.is_directory;
 }
 
-// Closes the entry on every way out. Only the close that ends a complete read is asked for its
-// status.
+// Closes the entry on every return. The status matters only after a complete read.
 class OpenedEntry {
  public:
   explicit OpenedEntry(ZipReader& reader) : reader_(reader) {}
@@ -122,8 +121,7 @@ bool FlushAndClose(ExclusiveFile& file, const ZipEntryRecord& record, const Extr
   RunKeepingAlive([&] { flushed = file.flush(&detail); },
                   is_long ? pass.keep_alive : fs::KeepAlive());
   if (!flushed) return Fail(error, "cannot flush extracted file: ", detail);
-  // The file itself is asked, while it is open: what its path has come to mean says nothing of
-  // where the data went.
+  // Asks the open file for its location: the path may name another file by now.
   std::error_code code;
   const fs::Path resolved = file.whereabouts(code);
   if (!file.close(&detail)) return Fail(error, "cannot close extracted file: ", detail);
@@ -131,7 +129,8 @@ bool FlushAndClose(ExclusiveFile& file, const ZipEntryRecord& record, const Extr
          Fail(error, "extracted file resolved outside extraction root");
 }
 
-/// Where the stage is at this moment. It stays open for the pass, so that this costs no open.
+/// The current resolved path of the stage. The folder stays open for the pass to save an open per
+/// entry.
 fs::Path ResolveStage(const fs::Path& stage_dir, ExtractionPass& pass, std::error_code& code) {
   if (!pass.stage.is_open()) pass.stage = fs::OpenFolder(stage_dir, code);
   return pass.stage.is_open() ? pass.stage.Whereabouts(code) : fs::Path();
@@ -158,9 +157,8 @@ bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record, const fs::
     return Fail(error, "ZIP entry escapes extraction root");
   }
   if (!MakeParents(root, record.path, &pass.created_dirs, error)) return false;
-  // Either nothing has the file's name, or its exclusive creation fails below. So the folder
-  // decides where it goes, and a search for a name that is missing, which may list the folder, is
-  // saved.
+  // Resolving the folder is enough: the exclusive creation below fails if the file's name exists.
+  // The resolution of a missing name is slower, because it may list the folder.
   const fs::Path resolved_parent = fs::Canonical(target.parent_path(), code);
   if (code) return Fail(error, "cannot resolve extracted file path");
   if (!IsPathInsideRootFolded(root, resolved_parent / target.filename())) {

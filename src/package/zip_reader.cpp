@@ -21,8 +21,8 @@ namespace zul {
 
 namespace {
 
-// Local file header, APPNOTE 4.3.7: the offsets of its fields and its length without the name and
-// the extra field.
+// Local file header, APPNOTE 4.3.7: the offsets of its fields, and its length without name and
+// extra field.
 constexpr std::uint32_t kLocalHeaderSignature = 0x04034B50;
 constexpr std::size_t kLocalFlags = 6;
 constexpr std::size_t kLocalMethod = 8;
@@ -33,8 +33,8 @@ constexpr std::size_t kLocalNameLength = 26;
 constexpr std::size_t kLocalExtraLength = 28;
 constexpr std::size_t kLocalHeaderBytes = 30;
 
-// Zip64 extended information, APPNOTE 4.5.3: it holds, in this order, the 64-bit value of each size
-// whose 32-bit field is all ones.
+// Zip64 extended information, APPNOTE 4.5.3: the 64-bit value of each size whose 32-bit field is
+// all ones, in this order.
 void ResolveZip64Sizes(ZipHeaderFields* header) {
   constexpr std::uint16_t kZip64Id = 1;
   std::string_view rest = header->extra;
@@ -87,17 +87,17 @@ struct ZipReader::State {
 
   ZipFileStream stream;
   void* zip = nullptr;
-  ZipDirectoryWalk walked;  // begins with the first step of the walk
+  ZipDirectoryWalk walked;  // set by GoToFirstEntry
   Opened opened = Opened::kNothing;
   ZipHeaderFields local;
-  std::string local_bytes;  // name and extra field of a header that was read by itself
+  std::string local_bytes;  // name and extra field that ReadLocalHeader has read
   ZipExtent extent;
   std::uint32_t crc = 0;
   bool read_to_end = false;
 };
 
-// The library walks from the directory that it found for as long as there are records. Whether that
-// is the directory which the end of the file tells of shows when the walk is over.
+// The library walks over the records that it finds. Whether they are the directory that the end
+// records describe is known only at the end of the walk.
 ZipStatus ZipReader::State::Walked(ZipStatus status) {
   if (status == kZipOk) ++walked.entries;
   if (status != kZipEndOfList) return status;
@@ -105,8 +105,8 @@ ZipStatus ZipReader::State::Walked(ZipStatus status) {
   return ZipEndRecordsAgree(stream, walked) ? status : kZipFormatError;
 }
 
-// The library reads a local header only together with setting up a decompressor, which costs many
-// times as much. So the walk over all headers reads them itself.
+// The library reads a local header only when it sets up a decompressor, which takes many times as
+// long. So the scan reads the headers here.
 ZipStatus ZipReader::State::ReadLocalHeader() {
   if (const ZipStatus status = mz_zip_entry_seek_local_header(zip); status != kZipOk) return status;
   extent.begin = stream.position();
@@ -134,8 +134,7 @@ ZipStatus ZipReader::State::ReadLocalHeader() {
   return kZipOk;
 }
 
-// An entry lies before the central directory. One that reaches into it, or past the end of the
-// file, is no entry.
+// An entry must end before the central directory begins.
 ZipStatus ZipReader::State::CheckExtent(std::int64_t data_begin, std::int64_t compressed_size) {
   if (data_begin > walked.begin || compressed_size > walked.begin - data_begin) {
     return kZipFormatError;
@@ -149,8 +148,8 @@ ZipReader::~ZipReader() = default;
 ZipReader::ZipReader(ZipReader&&) noexcept = default;
 ZipReader& ZipReader::operator=(ZipReader&&) noexcept = default;
 
-// The interface of the library that opens files by itself is not used: it inflates an entry of a
-// certain name into memory before anyone could look at it, and opens sibling files for other disks.
+// The library's own reader interface is not used: it inflates an entry with a special name into
+// memory before the entry can be checked, and it opens other files as further disks of the archive.
 ZipStatus ZipReader::Open(std::string_view utf8_path) {
   state_ = std::make_unique<State>();
   ZipStatus status = state_->stream.Open(PathOrEmpty(utf8_path));

@@ -36,8 +36,8 @@ bool HasExtraRecord(std::string_view extra, std::uint16_t id) {
   return false;
 }
 
-// AES encryption shows in the method and in this extra field; the library fills the version only
-// when it was built to decrypt.
+// The method or an extra field declares AES encryption. The library sets the version only when it
+// is built with decryption.
 bool IsAesEncrypted(const ZipCentralHeader& header) {
   return header.aes_version != 0 || header.compression_method == kMethodAes ||
          HasExtraRecord(header.extra, kExtraAes);
@@ -53,7 +53,7 @@ struct EntryName {
   bool is_directory = false;
 };
 
-// Nothing for an unsafe name.
+// The safe form of the name in a header; nothing for an unsafe name.
 std::optional<EntryName> NameOf(const ZipHeaderFields& header) {
   DecodedZipName decoded = DecodeZipEntryName(header.name, header.extra);
   EntryName name;
@@ -64,8 +64,8 @@ std::optional<EntryName> NameOf(const ZipHeaderFields& header) {
   return name;
 }
 
-// The raw names are equal. So the two headers can name the file differently only where one of them
-// has a Unicode path; elsewhere the local reading would be the central one over again.
+// The raw names of both headers are equal here. So the names can differ only if one header has a
+// Unicode path; without one, there is no need to decode the local name.
 bool AdoptLocalName(const ZipHeaderFields& local, ZipEntryRecord* record) {
   if (!record->unicode_path_used && !HasExtraRecord(local.extra, kExtraUnicodePath)) return true;
   std::optional<EntryName> name = NameOf(local);
@@ -145,9 +145,8 @@ namespace {
 // ---------------------------------------------------------------------------------------------
 // The whole archive
 
-// No record of the central directory is shorter (APPNOTE 4.3.12), so the file's size bounds how
-// many there can be, whatever the archive declares. Room for more than any package has is not made
-// in advance.
+// The length of the shortest central record (APPNOTE 4.3.12). It and the size of the file limit how
+// many entries to reserve memory for; the declared count may be false.
 constexpr std::uint64_t kCentralRecordBytesMin = 46;
 constexpr std::uint64_t kRecordsReservedMax = 65536;
 
@@ -180,7 +179,8 @@ bool ScanEntry(ZipReader& reader, std::uint64_t index, ZipEntryRecord* record, s
   return consistent;
 }
 
-// Entries that share bytes are how a small archive holds more than it could; no writer makes them.
+// True when two entries share bytes. No writer makes such archives; a small one can expand to any
+// size.
 bool HaveOverlap(std::vector<ZipExtent>& extents) {
   const auto by_begin = [](const ZipExtent& a, const ZipExtent& b) { return a.begin < b.begin; };
   if (!std::is_sorted(extents.begin(), extents.end(), by_begin)) {
@@ -228,7 +228,7 @@ bool TakeFiles(std::vector<ZipEntryRecord> records, ZipScanResult* result, std::
   return true;
 }
 
-// The exact and the folded spelling of a path, side by side: both have the same length.
+// The exact and the lower-cased spelling of a path. Both have the same length.
 struct Spelling {
   std::string_view exact;
   std::string_view folded;
@@ -243,7 +243,7 @@ class PathCollisions {
   explicit PathCollisions(const std::vector<ZipEntryRecord>& entries) : entries_(entries) {
     std::size_t folded_bytes = 0;
     for (const ZipEntryRecord& entry : entries) folded_bytes += entry.path.size();
-    folded_.reserve(folded_bytes);  // the views into it stay valid
+    folded_.reserve(folded_bytes);  // keeps the views into it valid
     spellings_.reserve(entries.size());
     for (const ZipEntryRecord& entry : entries) {
       const std::size_t begin = folded_.size();
@@ -264,7 +264,7 @@ class PathCollisions {
         return Fail(error, "ZIP directory path collision");
       }
     }
-    // By now each directory above an entry is known once, so it is asked for once.
+    // `directory_spellings_` has each parent directory once, so each is looked up once.
     for (const auto& [folded, exact] : directory_spellings_) {
       const auto entry = is_directory_.find(folded);
       if (entry != is_directory_.end() && !entry->second) {
@@ -279,7 +279,7 @@ class PathCollisions {
     return directory_spellings_.try_emplace(path.folded, path.exact).first->second == path.exact;
   }
 
-  // A directory that is there in the same spelling brought its own parents along.
+  // The parents of a directory that is already known are known too.
   bool EnterParents(const Spelling& path) {
     for (std::size_t slash = path.exact.rfind('/'); slash != std::string_view::npos && slash > 0;
          slash = path.exact.rfind('/', slash - 1)) {
@@ -292,7 +292,7 @@ class PathCollisions {
   }
 
   const std::vector<ZipEntryRecord>& entries_;
-  std::string folded_;  // all folded paths, one behind the other
+  std::string folded_;  // all lower-cased paths, concatenated
   std::vector<Spelling> spellings_;
   std::unordered_map<std::string_view, bool> is_directory_;
   std::unordered_map<std::string_view, std::string_view> directory_spellings_;
