@@ -1,5 +1,6 @@
-// Extracts packages as the updater does. Each line of standard input is an archive and, behind a
-// tab, the folder to be made; the line that answers it is empty or says why there is none.
+// Extracts packages as the updater does. Each line of standard input is the path of an archive, a
+// tab and the path of the folder to create. Each line of output is empty, or the reason of a
+// failure.
 
 #include <iostream>
 #include <string>

@@ -1,7 +1,7 @@
 #pragma once
 
-// A transport that plays a script: what each step answers, where it fails, and how long the reads
-// take.
+// A transport with scripted results: the answer of each step, the step that fails, and the duration
+// of a read.
 
 #include <algorithm>
 #include <cstring>
