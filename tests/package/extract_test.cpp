@@ -49,7 +49,8 @@ std::string Extract(const fs::Path& archive, const fs::Path& destination) {
 
 std::string Scan(const fs::Path& archive, ZipScanResult* result) {
   std::string error;
-  EXPECT_EQ(ScanZipArchive(PathToUtf8(archive), result, &error), error.empty());
+  const bool accepted = ScanZipArchive(PathToUtf8(archive), result, &error);
+  EXPECT_EQ(accepted, error.empty());
   return error;
 }
 
@@ -65,13 +66,14 @@ TEST(ExtractPackage, RequiresTheExtensionZip) {
   EXPECT_EQ(ListTree(folder.path()), "package\n");
 }
 
-TEST(ExtractPackage, WorksBelowAFolderWithALongPath) {
+TEST(ExtractPackage, WorksWithPathsBeyond260Characters) {
   const TempFolder folder;
-  fs::Path deep = folder.path();
-  for (const char letter : {'a', 'b', 'c'}) deep /= std::string(100, letter);  // 260 is MAX_PATH
-  WriteFile(deep / "p.zip", Packed({{"new/file", "contents"}}));
-  EXPECT_EQ(Extract(deep / "p.zip", deep / "stage"), "");
-  EXPECT_EQ(test::FilesBelow(deep / "stage"), (test::Files{{"new/file", "contents"}}));
+  const std::size_t length = RunsUnderWine() ? 205 : 280;  // Wine resolves no stage beyond 260
+  const fs::Path deep = folder / std::string(length - folder.path().native().size(), 'd');
+  const fs::Path archive = deep / (std::string(60, 'p') + ".zip");
+  WriteFile(archive, Packed({{"d/file", "contents"}}));
+  EXPECT_EQ(Extract(archive, deep / "s"), "");
+  EXPECT_EQ(test::FilesBelow(deep / "s"), (test::Files{{"d/file", "contents"}}));
 }
 
 TEST(ExtractPackage, ReplacesAFileOrALinkButNotTheTargetOfTheLink) {

@@ -123,7 +123,8 @@ TEST(ValidatePayloadTarget, RequiresATargetBelowTheFolder) {
   }
   const auto refusal = [&](const fs::Path& target_dir, const fs::Path& target) {
     std::string error;
-    EXPECT_EQ(ValidatePayloadTarget(target_dir, target, &error), error.empty());
+    const bool valid = ValidatePayloadTarget(target_dir, target, &error);
+    EXPECT_EQ(valid, error.empty());
     return error;
   };
   for (const auto& [path, inside] : cases) {
