@@ -1,10 +1,10 @@
-"""Compares what the package room extracts with what other readers extract from the same archives.
+"""Holds what the package room extracts against what other readers make of the same archives.
 
-usage: agreement.py EXTRACT_PACKAGES [FOLDER...]      also the archives in these folders
+usage: agreement.py EXTRACT_PACKAGES [FOLDER...]      with the archives of more folders
 
-Archives: the rows of hostile_archives.py, the seeds and findings of the fuzzer, and packages of real
-files by the writers on this machine. At least two of Python, bsdtar, 7z and unzip must read the same
-names and bytes from each archive that we accept.
+Archives: the table of hostile ones, the seeds and findings of the fuzzer, and packages of up to a few
+thousand real files made by the writers that this machine has. Whatever we accept, at least two of
+Python, bsdtar, 7z and unzip must read as the same names and bytes.
 """
 
 import os
@@ -13,7 +13,7 @@ import subprocess
 import sys
 import tempfile
 import zipfile
-from collections.abc import Callable, Iterator
+from collections.abc import Callable, Iterable, Iterator
 from dataclasses import dataclass
 from itertools import islice
 from pathlib import Path
@@ -24,14 +24,14 @@ sys.path.insert(0, str(ROOT / "tests" / "rig"))
 import hostile_archives  # noqa: E402
 from hostile_archives import Expected, Tree  # noqa: E402
 
-# Readers decode names without the UTF-8 flag by one of these. Our reading must equal one of theirs.
+# Names without the flag of UTF-8 are read in each of these; what we read must be one of the readings.
 CHARSETS = {"utf-8": "65001", "cp866": "866", "cp1251": "1251"}
 
-# Archives that we deliberately read in another way, with the reason. Their rows check the result.
+# Where we hold a reading of our own, with the reason; what these accept is checked by their rows.
 OWN_READING = {
-    "Windows-1251 said to be UTF-8": "bytes that are not UTF-8 are a legacy name, also with the flag",
-    "Unicode path in the local header only": "a Unicode path counts in either header",
-    "Unicode path for a name that is UTF-8": "a Unicode path does not replace a name that is UTF-8",
+    "Windows-1251 said to be UTF-8": "bytes that are no UTF-8 are a legacy name, whatever the flag says",
+    "Unicode path in the local header only": "a Unicode path counts wherever it stands",
+    "Unicode path for a name that is UTF-8": "a name that needs no Unicode path is not overruled by one",
     "corpus names": "one archive with names in three encodings",
 }
 
@@ -40,15 +40,12 @@ OWN_READING = {
 class Archive:
     name: str
     path: Path
-    expected: Expected | None = None  # None: only the other readers decide
+    expected: Expected | None = None  # None: whatever others say
 
 
-# -- readers: the files of an archive, or None when the reader refuses it
+# -- readers: the files of an archive, or None for one that the reader does not take
 
-Reader = Callable[[Path, str, Path], Tree | None]
-
-
-def python(path: Path, charset: str, _scratch: Path) -> Tree | None:
+def python_reads(path: Path, charset: str, _scratch: Path) -> Tree | None:
     try:
         with zipfile.ZipFile(path, metadata_encoding=charset) as archive:
             return {info.filename: archive.read(info) for info in archive.infolist()
@@ -57,40 +54,47 @@ def python(path: Path, charset: str, _scratch: Path) -> Tree | None:
         return None
 
 
-def program(*command: str) -> Reader:
-    def reads(path: Path, charset: str, scratch: Path) -> Tree | None:
-        words = {"PATH": path, "TO": scratch, "CHARSET": charset, "PAGE": CHARSETS[charset]}
-        done = subprocess.run([part.format(**words) for part in command], stdin=subprocess.DEVNULL,
-                              capture_output=True, timeout=120, env={**os.environ, "LC_ALL": "C.UTF-8"})
-        return files_below(scratch) if done.returncode in (0, 1) else None  # 1 is a warning
-    return reads
+def bsdtar_reads(path: Path, charset: str, scratch: Path) -> Tree | None:
+    return extracted_by(scratch, "bsdtar", "-xf", path, "-C", scratch, "--options", f"zip:hdrcharset={charset}")
 
 
-READERS = {"Python": python,
-           "bsdtar": program("bsdtar", "-xf", "{PATH}", "-C", "{TO}", "--options", "zip:hdrcharset={CHARSET}"),
-           "7z": program("7z", "x", "-y", "-mcp={PAGE}", "-o{TO}", "{PATH}"),
-           "unzip": program("unzip", "-qq", "{PATH}", "-d", "{TO}")}
+def seven_zip_reads(path: Path, charset: str, scratch: Path) -> Tree | None:
+    return extracted_by(scratch, "7z", "x", "-y", f"-mcp={CHARSETS[charset]}", f"-o{scratch}", path)
+
+
+def extracted_by(scratch: Path, *command: object) -> Tree | None:
+    done = subprocess.run([str(part) for part in command], stdin=subprocess.DEVNULL, capture_output=True,
+                          timeout=120, env={**os.environ, "LC_ALL": "C.UTF-8"})
+    return files_below(scratch) if done.returncode in (0, 1) else None  # 1 is a warning
+
+
+def unzip_reads(path: Path, _charset: str, scratch: Path) -> Tree | None:
+    return extracted_by(scratch, "unzip", "-qq", path, "-d", scratch)
+
+
+Reader = Callable[[Path, str, Path], Tree | None]
+READERS: tuple[Reader, ...] = (python_reads, bsdtar_reads, seven_zip_reads, unzip_reads)
 
 
 def files_below(folder: Path) -> Tree:
-    """A link counts as a file that holds the path of its target, which is what an archive stores."""
+    """A link counts as a file that holds its target, as it stands in an archive."""
     return {str(path.relative_to(folder)): os.fsencode(path.readlink()) if path.is_symlink() else path.read_bytes()
             for path in folder.rglob("*") if path.is_symlink() or path.is_file()}
 
 
-def without_macos_files(tree: Tree) -> Tree:
-    def is_macos(part: str) -> bool:
+def without_clutter(tree: Tree) -> Tree:
+    def is_clutter(part: str) -> bool:
         return part.startswith("._") or part.lower() in ("__macosx", ".ds_store")
 
     plain = {name.replace("\\", "/"): data for name, data in tree.items()}
-    return {name: data for name, data in plain.items() if not any(map(is_macos, name.split("/")))}
+    return {name: data for name, data in plain.items() if not any(map(is_clutter, name.split("/")))}
 
 
 def agrees(reads: Reader, archive: Archive, ours: Tree) -> bool:
     for charset in CHARSETS:
         with tempfile.TemporaryDirectory() as scratch:
             theirs = reads(archive.path, charset, Path(scratch))
-        if theirs is not None and without_macos_files(theirs) == ours:
+        if theirs is not None and without_clutter(theirs) == ours:
             return True
     return False
 
@@ -119,7 +123,7 @@ WRITERS = {  # each runs in the folder that holds "tree"
     "zip, stored": "zip -qr -0 ARCHIVE tree",
     "zip, Zip64": "zip -qr -fz ARCHIVE tree",
     "7z": "7z a -bd -tzip ARCHIVE tree",
-    "7z, UTF-8 for all names": "7z a -bd -tzip -mcu=on -mx=1 ARCHIVE tree",
+    "7z, UTF-8 throughout": "7z a -bd -tzip -mcu=on -mx=1 ARCHIVE tree",
     "Python": "python3 -m zipfile -c ARCHIVE tree",
     "Python to a pipe": "python3 -c \"import pathlib,sys,zipfile; z=zipfile.ZipFile(sys.stdout.buffer,'w',8);"
                         "[z.write(p) for p in sorted(pathlib.Path('tree').rglob('*'))]; z.close()\" | cat > ARCHIVE",
@@ -127,7 +131,7 @@ WRITERS = {  # each runs in the folder that holds "tree"
 
 
 def plant_tree(tree: Path, count: int) -> None:
-    """Real files, and copies of some of them under long, Cyrillic and deep names."""
+    """Real files, some of them once more under names that are long, Cyrillic or deep."""
     sources = [path for folder in sorted(Path("/").glob(REAL_FILES[1:])) for path in sorted(folder.rglob("*"))
                if path.is_file() and not path.is_symlink()][:count]
     for number, source in enumerate(sources):
@@ -141,46 +145,50 @@ def plant_tree(tree: Path, count: int) -> None:
             shutil.copyfile(source, tree / name)
 
 
-def made_by_writers(folder: Path) -> Iterator[Archive]:
-    plant_tree(folder / "tree", 400)  # so that a directory is longer than a window of the reader
-    planted = {f"tree/{name}": data for name, data in files_below(folder / "tree").items()}
-    for number, (name, command) in enumerate(WRITERS.items()):
+def made_by_writers(folder: Path, count: int, writers: Iterable[str]) -> Iterator[Archive]:
+    plant_tree(folder / "tree", count)
+    for number, name in enumerate(writers):
         path = folder / f"{number}.zip"
-        subprocess.run(["sh", "-c", command.replace("ARCHIVE", path.name)], cwd=folder, check=True, timeout=300,
+        subprocess.run(["sh", "-c", WRITERS[name].replace("ARCHIVE", path.name)], cwd=folder, check=True, timeout=300,
                        stdout=subprocess.DEVNULL, env={**os.environ, "LC_ALL": "C.UTF-8"})
-        yield Archive(f"made by {name}", path, planted)
+        yield Archive(f"{count} files by {name}", path)
 
 
-# -- the comparison
+# -- what has to hold
 
-def extract(tool: str, archives: list[Archive]) -> list[tuple[Archive, str, Tree]]:
-    """For each archive our message, empty for success, and the files that we extracted."""
+def extract(program: str, archives: list[Archive]) -> list[tuple[Archive, str, Tree]]:
+    """What we say to each archive, and the files that we make of it."""
     lines = "".join(f"{archive.path}\t{archive.path.with_suffix('.out')}\n" for archive in archives)
-    done = subprocess.run([tool], input=lines, capture_output=True, text=True, timeout=300)
+    done = subprocess.run([program], input=lines, capture_output=True, text=True, timeout=300)
     if done.returncode != 0:
-        raise RuntimeError(f"{tool} ended with {done.returncode}: {done.stderr}")
+        raise RuntimeError(f"{program} ended with {done.returncode}: {done.stderr}")
     return [(archive, said, files_below(archive.path.with_suffix(".out")))
             for archive, said in zip(archives, done.stdout.splitlines(), strict=True)]
 
 
-def main(tool: str, *folders: str) -> int:
+def main(program: str, *folders: str) -> int:
     faults = []
-    accepted = 0
     with tempfile.TemporaryDirectory() as name:
         work = Path(name)
-        archives = [*made_by_hand(work / "hand"), *of_the_fuzzer(work / "fuzzer", *map(Path, folders)),
-                    *made_by_writers(work / "writers")]
-        for archive, said, tree in extract(tool, archives):
+        few = [*made_by_hand(work / "hand"), *of_the_fuzzer(work / "fuzzer", *map(Path, folders)),
+               *made_by_writers(work / "few", 40, WRITERS)]
+        accepted = 0
+        for archive, said, tree in extract(program, few):
             if not hostile_archives.meets(archive.expected, said or tree):
-                faults.append(f"{archive.name}: {said or sorted(tree)}, which is not what its row expects")
+                faults.append(f"{archive.name}: {said or tree} instead of {archive.expected}")
             if said or archive.name in OWN_READING:
                 continue
             accepted += 1
-            readers = list(islice((reader for reader, reads in READERS.items() if agrees(reads, archive, tree)), 2))
+            readers = [reads.__name__ for reads in islice((r for r in READERS if agrees(r, archive, tree)), 2)]
             if len(readers) < 2:
-                faults.append(f"{archive.name}: only {readers} read the same")
+                faults.append(f"{archive.name}: agrees with {readers or 'no other reader'}")
+        many = list(made_by_writers(work / "many", 4000, ("zip", "7z", "Python")))
+        planted = {f"tree/{name}": data for name, data in files_below(work / "many" / "tree").items()}
+        for archive, said, tree in extract(program, many):
+            if said or tree != planted:
+                faults.append(f"{archive.name}: {said or 'not the files that were packed'}")
     print(*faults, sep="\n")
-    print(f"{len(archives)} archives, of which {accepted} are accepted and read alike by other readers")
+    print(f"{len(few)} archives, {accepted} accepted as others read them; {len(many)} packages of {len(planted)} files")
     return 1 if faults else 0
 
 

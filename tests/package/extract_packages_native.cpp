@@ -1,6 +1,5 @@
-// Extracts packages as the updater does. Each line of standard input is the path of an archive, a
-// tab and the path of the folder to create. Each line of output is empty, or the reason of a
-// failure.
+// Extracts packages as the updater does. Each line of standard input is an archive and, behind a
+// tab, the folder to be made; the line that answers it is empty or says why there is none.
 
 #include <iostream>
 #include <string>
