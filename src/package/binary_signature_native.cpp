@@ -1,4 +1,4 @@
-// Authenticode is judged by Windows alone; nothing counts as signed where there is no judge.
+// Only Windows can verify Authenticode signatures. Without it no file counts as signed.
 
 #include "package/payload_signatures.h"
 

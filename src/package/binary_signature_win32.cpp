@@ -20,7 +20,8 @@ namespace {
 constexpr wchar_t kTrustLibrary[] = L"wintrust.dll";
 constexpr wchar_t kCryptLibrary[] = L"crypt32.dll";
 
-/// What ReadSignerDisplayName calls; nothing of it is loaded before the first signed payload.
+/// The functions that ReadSignerDisplayName calls. The library is loaded with the first signed
+/// file.
 struct CryptApi {
   SystemFunction<decltype(::CryptQueryObject)> query_object{kCryptLibrary, "CryptQueryObject"};
   SystemFunction<decltype(::CryptMsgGetParam)> message_parameter{kCryptLibrary, "CryptMsgGetParam"};
@@ -59,14 +60,14 @@ struct CertificateTraits {
   static void Close(PCCERT_CONTEXT certificate) { Crypt().free_certificate(certificate); }
 };
 
-/// The path as the trust provider is asked about it. It gets plain paths as far as those go: what
-/// providers make of the prefix for long ones is their own affair. Empty for malformed UTF-8.
+/// The path in the form that trust providers take: without the long-path prefix while it is short
+/// enough, because not every provider handles the prefix. Empty for malformed UTF-8.
 std::wstring ProviderPath(const std::string& path) {
   std::wstring wide = Utf8ToWide(path).value_or(std::wstring());
   return wide.size() < MAX_PATH ? wide : fs::ApiPath(wide);
 }
 
-/// The signer's record in a signed message, a CMSG_SIGNER_INFO with what it points to.
+/// A CMSG_SIGNER_INFO with the data that it points to; empty when it cannot be read.
 std::vector<std::byte> SignerInfo(HCRYPTMSG message) {
   DWORD size = 0;
   if (!Crypt().message_parameter(message, CMSG_SIGNER_INFO_PARAM, 0, nullptr, &size) ||
@@ -93,7 +94,7 @@ std::string DisplayName(PCCERT_CONTEXT certificate) {
   return WideToUtf8(name).value_or(std::string());
 }
 
-/// One question to the trust provider, and the release of what it took to answer it.
+/// The status of WinVerifyTrust; nothing on a system without it.
 std::optional<LONG> AskTrustProvider(const std::wstring& path) {
   static const LateLibraries for_images{L"imagehlp.dll"};
   static const SystemFunction<decltype(::WinVerifyTrust)> verify_trust(kTrustLibrary,

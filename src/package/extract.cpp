@@ -1,5 +1,6 @@
 #include "package/extract.h"
 
+#include "core/failure.h"
 #include "core/file_layer.h"
 #include "core/text.h"
 #include "package/extraction_directory.h"
@@ -16,41 +17,27 @@ bool HasZipExtension(const fs::Path& archive_path) {
   return dot != std::string::npos && AsciiLower(std::string_view(name).substr(dot + 1)) == "zip";
 }
 
-bool ExtractThroughStage(const fs::Path& archive_path, const fs::Path& destination,
-                         std::string& error, const fs::KeepAlive& keep_alive) {
-  if (!HasZipExtension(archive_path)) {
-    error = "Not a ZIP archive";
-    return false;
-  }
-  if (destination.empty()) {
-    error = "Destination directory is empty";
-    return false;
-  }
-  const std::string archive = PathToUtf8(archive_path);
-  ZipScanResult scan;
-  if (!ScanZipArchive(archive, scan, &error)) return false;
-  fs::Path stage_dir;
-  if (!CreateUniqueSiblingDirectory(destination, ".qorva-zip-stage", stage_dir, &error)) {
-    return false;
-  }
-  if (CheckFreeSpaceForExtraction(stage_dir, scan.total_uncompressed_bytes, &error) &&
-      ExtractScannedEntries(archive, scan, stage_dir, &error, keep_alive) &&
-      CommitExtractionDirectory(stage_dir, destination, &error)) {
-    return true;
-  }
-  std::error_code ignored;
-  fs::RemoveTree(stage_dir, ignored);
-  return false;
-}
-
 }  // namespace
 
 bool ExtractPackage(const fs::Path& archive_path, const fs::Path& destination, std::string* error,
                     const fs::KeepAlive& keep_alive) {
-  if (error) error->clear();
-  std::string reason;
-  if (ExtractThroughStage(archive_path, destination, reason, keep_alive)) return true;
-  if (error) *error = std::move(reason);
+  if (error != nullptr) error->clear();
+  if (!HasZipExtension(archive_path)) return Fail(error, "Not a ZIP archive");
+  if (destination.empty()) return Fail(error, "Destination directory is empty");
+  const std::string archive = PathToUtf8(archive_path);
+  ZipScanResult scan;
+  if (!ScanZipArchive(archive, &scan, error)) return false;
+  fs::Path stage_dir;
+  if (!CreateUniqueSiblingDirectory(destination, ".qorva-zip-stage", &stage_dir, error)) {
+    return false;
+  }
+  if (CheckFreeSpaceForExtraction(stage_dir, scan.total_uncompressed_bytes, error) &&
+      ExtractScannedEntries(archive, scan, stage_dir, error, keep_alive) &&
+      CommitExtractionDirectory(stage_dir, destination, error)) {
+    return true;
+  }
+  std::error_code ignored;
+  fs::RemoveTree(stage_dir, ignored);
   return false;
 }
 

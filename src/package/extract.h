@@ -1,11 +1,11 @@
 #pragma once
 
-// From a downloaded archive to a complete directory, or no change at all. Entries go to a private
-// directory ".qorva-zip-stage.*" beside the destination, and one rename publishes the finished
-// tree. A tree that stands at the destination is moved into ".qorva-zip-backup.*/previous" first
-// and put back if the publish fails: at each instant a complete tree stands in one of the two
-// places. A process that dies half way leaves such a directory behind and never a half-filled
-// destination.
+// Turns a downloaded archive into a complete directory, or changes nothing. Entries are written to
+// a private directory ".qorva-zip-stage.*" beside the destination, and one rename publishes the
+// finished tree. A previous tree at the destination is first moved to
+// ".qorva-zip-backup.*/previous", and moved back if the publish fails: at any time a complete tree
+// is in one of the two places. If the process ends in between, one of these directories
+// remains, but never a partial destination.
 
 #include <string>
 #include <string_view>
@@ -14,9 +14,10 @@
 
 namespace zul {
 
-/// Extracts the ZIP at `archive_path` to `destination`. On failure nothing at the destination has
-/// changed (unless the text says where the previous tree was preserved) and `error` (may be null)
-/// has the reason. `keep_alive` is also called for each entry.
+/// Extracts the ZIP at `archive_path` to `destination`. On failure the destination is unchanged,
+/// unless the error says where the previous tree was preserved. `error` (may be null) receives the
+/// reason and is empty on success. `keep_alive` is called at least once for each entry that is not
+/// empty. Blocks.
 [[nodiscard]] bool ExtractPackage(const fs::Path& archive_path, const fs::Path& destination,
                                   std::string* error, const fs::KeepAlive& keep_alive = {});
 

@@ -18,7 +18,7 @@ constexpr int kNameAttempts = 128;
 constexpr int kRenameRetries = 40;
 constexpr std::chrono::milliseconds kRenameRetryDelay{50};
 
-bool MayPassSoon(const std::error_code& code) {
+bool IsTransient(const std::error_code& code) {
   return code == std::errc::permission_denied || code == std::errc::device_or_resource_busy ||
          code == std::errc::resource_unavailable_try_again || code == std::errc::text_file_busy;
 }
@@ -40,18 +40,17 @@ void RemoveOldBackup(const fs::Path& backup_dir) {
                   PathToUtf8(backup_dir), "': ", FormatFileError(code));
 }
 
-// Moves the displaced tree back after a failed publish, and words the outcome.
-bool RollBack(const fs::Path& backup_dir, const fs::Path& previous, const fs::Path& destination,
-              const std::error_code& publish_error, std::string* error, const RetrySleep& sleep) {
-  std::string message = "Cannot finalize extraction directory: " + FormatFileError(publish_error);
+// Moves the previous tree back after a failed publish. Returns what the failure's message has to
+// add: empty when the tree is back.
+std::string RestorePrevious(const fs::Path& backup_dir, const fs::Path& previous,
+                            const fs::Path& destination) {
   std::error_code code;
-  if (RenameWithRetry(previous, destination, code, sleep)) {
+  if (RenameWithRetry(previous, destination, code)) {
     RemoveTreeIfPossible(backup_dir);
-  } else {
-    message += "; rollback failed: " + FormatFileError(code) +
-               "; previous destination preserved at " + PathToUtf8(previous);
+    return {};
   }
-  return Fail(error, message);
+  return "; rollback failed: " + FormatFileError(code) + "; previous destination preserved at " +
+         PathToUtf8(previous);
 }
 
 }  // namespace
@@ -60,12 +59,8 @@ std::string FormatFileError(const std::error_code& error_code) {
   return DescribeSystemError(error_code);
 }
 
-void SleepBetweenRetries(std::chrono::milliseconds duration) {
-  std::this_thread::sleep_for(duration);
-}
-
 bool CreateUniqueSiblingDirectory(const fs::Path& base_path, std::string_view prefix,
-                                  fs::Path& path, std::string* error) {
+                                  fs::Path* path, std::string* error) {
   static std::atomic<std::uint64_t> counter{0};
   const fs::Path parent = base_path.has_parent_path() ? base_path.parent_path() : fs::Path(".");
   std::error_code code;
@@ -77,8 +72,8 @@ bool CreateUniqueSiblingDirectory(const fs::Path& base_path, std::string_view pr
   for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
     const std::string name = std::string(prefix) + "." + std::to_string(time_ns) + "." +
                              std::to_string(counter++) + "." + std::to_string(attempt);
-    path = parent / name;
-    switch (fs::CreateDirectoryOnce(path, code)) {
+    *path = parent / name;
+    switch (fs::CreateDirectoryOnce(*path, code)) {
       case fs::CreateResult::kCreated:
         return true;
       case fs::CreateResult::kExisted:
@@ -111,39 +106,44 @@ bool RenameWithRetry(const fs::Path& from, const fs::Path& to, std::error_code& 
                      const RetrySleep& sleep) {
   for (int retries = 0;; ++retries) {
     if (fs::Rename(from, to, error_code)) return true;
-    if (retries == kRenameRetries || !MayPassSoon(error_code)) return false;
-    sleep(kRenameRetryDelay);
+    if (retries == kRenameRetries || !IsTransient(error_code)) return false;
+    if (sleep) {
+      sleep(kRenameRetryDelay);
+    } else {
+      std::this_thread::sleep_for(kRenameRetryDelay);
+    }
   }
 }
 
 bool CommitExtractionDirectory(const fs::Path& stage_dir, const fs::Path& destination,
-                               std::string* error, const RetrySleep& sleep) {
+                               std::string* error) {
   std::error_code code;
   const fs::EntryKind kind = fs::KindOf(destination, fs::Links::kDoNotFollow, code);
   if (kind == fs::EntryKind::kUnknown) {
     return Fail(error, "Cannot inspect extraction destination: ", code);
   }
   if (kind == fs::EntryKind::kNotFound) {
-    return RenameWithRetry(stage_dir, destination, code, sleep) ||
+    return RenameWithRetry(stage_dir, destination, code) ||
            Fail(error, "Cannot finalize extraction directory: ", FormatFileError(code));
   }
   fs::Path backup_dir;
-  if (!CreateUniqueSiblingDirectory(destination, ".qorva-zip-backup", backup_dir, error)) {
+  if (!CreateUniqueSiblingDirectory(destination, ".qorva-zip-backup", &backup_dir, error)) {
     return false;
   }
   const fs::Path previous = backup_dir / "previous";
-  if (!RenameWithRetry(destination, previous, code, sleep)) {
+  if (!RenameWithRetry(destination, previous, code)) {
     std::error_code ignored;
     fs::Remove(backup_dir, ignored);
     return Fail(error, "Cannot stage previous extraction directory: ", FormatFileError(code));
   }
-  if (RenameWithRetry(stage_dir, destination, code, sleep)) {
+  if (RenameWithRetry(stage_dir, destination, code)) {
     RemoveOldBackup(backup_dir);
     return true;
   }
-  const bool rolled_back = RollBack(backup_dir, previous, destination, code, error, sleep);
+  std::string message = "Cannot finalize extraction directory: " + FormatFileError(code);
+  message += RestorePrevious(backup_dir, previous, destination);
   RemoveTreeIfPossible(stage_dir);
-  return rolled_back;
+  return Fail(error, message);
 }
 
 }  // namespace zul

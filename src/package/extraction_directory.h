@@ -1,8 +1,8 @@
 #pragma once
 
-// The directories that an extraction works in, all siblings of its destination: the private stage
-// that is filled, the backup that keeps a displaced tree, and the renames that publish the one and
-// restore the other.
+// The directories of an extraction, all siblings of its destination: the private stage that the
+// entries are written to, and the backup that holds the previous tree. Also the renames that
+// publish the stage and restore the backup.
 
 #include <chrono>
 #include <cstdint>
@@ -15,40 +15,36 @@
 
 namespace zul {
 
-/// Creates a directory beside `base_path` that did not exist before, named
-/// "<prefix>.<monotonic ns>.<counter>.<attempt>", making its parents where needed. `error` may be
-/// null.
+/// Creates a new directory beside `base_path`, named "<prefix>.<monotonic ns>.<counter>.<attempt>",
+/// and stores its path in `*path`. Creates missing parents. An existing directory is never taken.
+/// `error` may be null.
 [[nodiscard]] bool CreateUniqueSiblingDirectory(const fs::Path& base_path, std::string_view prefix,
-                                                fs::Path& path, std::string* error);
+                                                fs::Path* path, std::string* error);
 
-/// True when this user may still write `required_bytes` on the volume of `stage_dir`. `error` may
-/// be null.
+/// True when this user may write `required_bytes` more to the volume of `stage_dir`. `error` may be
+/// null.
 [[nodiscard]] bool CheckFreeSpaceForExtraction(const fs::Path& stage_dir,
                                                std::uint64_t required_bytes, std::string* error);
 
-/// True when `candidate` lies below `root`, compared component by component with A to Z folded. A
-/// path is not inside itself.
+/// True when `candidate` is below `root`, compared component by component without regard to ASCII
+/// case. A path is not inside itself. Purely lexical.
 [[nodiscard]] bool IsPathInsideRootFolded(const fs::Path& root, const fs::Path& candidate);
 
+/// Waits between two tries; empty for the system's sleep.
 using RetrySleep = std::function<void(std::chrono::milliseconds)>;
 
-/// Sleeps for real.
-void SleepBetweenRetries(std::chrono::milliseconds duration);
-
-/// Renames, trying again every 50 ms for up to 2 s while the failure looks like another process
-/// that will soon let go.
+/// Renames. Tries again every 50 ms, up to 40 times, while another process seems to use the entry
+/// (sharing violation, access denied, busy). Blocks.
 [[nodiscard]] bool RenameWithRetry(const fs::Path& from, const fs::Path& to,
-                                   std::error_code& error_code,
-                                   const RetrySleep& sleep = SleepBetweenRetries);
+                                   std::error_code& error_code, const RetrySleep& sleep = {});
 
-/// Publishes a complete stage at `destination`. What stood there is moved to "previous" in a backup
-/// directory first and put back when the stage cannot be published; should that fail too, the text
-/// says where it is. `error` may be null.
+/// Publishes a complete stage at `destination` by one rename. A previous entry there is first moved
+/// to "previous" in a backup directory, and moved back when the stage cannot be published. When
+/// that fails too, the error says where the previous entry is. `error` may be null.
 [[nodiscard]] bool CommitExtractionDirectory(const fs::Path& stage_dir, const fs::Path& destination,
-                                             std::string* error,
-                                             const RetrySleep& sleep = SleepBetweenRetries);
+                                             std::string* error);
 
-/// "code=<number>, message='<the system's text>'".
+/// The number and the system's text of an error code, as messages quote them.
 [[nodiscard]] std::string FormatFileError(const std::error_code& error_code);
 
 }  // namespace zul

@@ -24,10 +24,19 @@ bool IsSafeRequiredName(std::string_view name) {
          std::all_of(name.begin(), name.end(), IsNameCharacter);
 }
 
-bool ListSubdirectories(const fs::Path& directory, std::vector<fs::Path>& subdirectories) {
+bool IsSafeComponent(const fs::Path& component) {
+  constexpr std::string_view kForbidden = "\"*/:<>?\\|";
+  const std::string text = PathToUtf8(component);
+  if (text.empty() || text == "." || text == "..") return false;
+  return std::none_of(text.begin(), text.end(), [&](char c) {
+    return static_cast<unsigned char>(c) < 0x20 || kForbidden.find(c) != std::string_view::npos;
+  });
+}
+
+bool ListSubdirectories(const fs::Path& directory, std::vector<fs::Path>* subdirectories) {
   std::error_code code;
   for (const fs::DirectoryEntry& entry : fs::ListDirectory(directory, code)) {
-    if (entry.kind == fs::EntryKind::kDirectory) subdirectories.push_back(entry.path);
+    if (entry.kind == fs::EntryKind::kDirectory) subdirectories->push_back(entry.path);
   }
   return !code;
 }
@@ -51,36 +60,36 @@ bool ValidateRequiredFileContract(const RequiredFileContract& contract, std::str
 }
 
 bool FindMissingRequiredFiles(const fs::Path& root, const RequiredFileContract& contract,
-                              std::vector<std::string>& missing) {
-  missing.clear();
+                              std::vector<std::string>* missing) {
+  missing->clear();
   std::error_code code;
   if (fs::KindOf(root, fs::Links::kFollow, code) != fs::EntryKind::kDirectory) {
-    missing = contract;
+    *missing = contract;
     return false;
   }
   for (const std::string& name : contract) {
     const auto file_name = PathFromUtf8(name);
     if (!file_name ||
         fs::KindOf(root / *file_name, fs::Links::kDoNotFollow, code) != fs::EntryKind::kRegular) {
-      missing.push_back(name);
+      missing->push_back(name);
     }
   }
-  return missing.empty();
+  return missing->empty();
 }
 
 bool ResolvePayloadLayout(const fs::Path& stage_dir, const RequiredFileContract& contract,
-                          fs::Path& payload_root, std::string* error) {
+                          fs::Path* payload_root, std::string* error) {
   if (!ValidateRequiredFileContract(contract, error)) return false;
   std::vector<std::string> root_missing;
-  if (FindMissingRequiredFiles(stage_dir, contract, root_missing)) {
-    payload_root = stage_dir;
+  if (FindMissingRequiredFiles(stage_dir, contract, &root_missing)) {
+    *payload_root = stage_dir;
     return true;
   }
   std::vector<fs::Path> subdirectories;
   std::vector<std::string> wrapper_missing;
-  if (ListSubdirectories(stage_dir, subdirectories) && subdirectories.size() == 1 &&
-      FindMissingRequiredFiles(subdirectories.front(), contract, wrapper_missing)) {
-    payload_root = subdirectories.front();
+  if (ListSubdirectories(stage_dir, &subdirectories) && subdirectories.size() == 1 &&
+      FindMissingRequiredFiles(subdirectories.front(), contract, &wrapper_missing)) {
+    *payload_root = subdirectories.front();
     return true;
   }
   std::string message = "Update package layout mismatch. Required files are missing: " +
@@ -91,6 +100,11 @@ bool ResolvePayloadLayout(const fs::Path& stage_dir, const RequiredFileContract&
         "those files.";
   }
   return Fail(error, message);
+}
+
+bool IsSafeRelativePath(const fs::Path& relative) {
+  return !relative.empty() && !relative.has_root_path() &&
+         std::all_of(relative.begin(), relative.end(), IsSafeComponent);
 }
 
 bool IsPathInsideDirectory(const fs::Path& base, const fs::Path& candidate) {

@@ -1,43 +1,37 @@
 #include "package/payload_signatures.h"
 
-#include <algorithm>
-
 #include "core/failure.h"
 #include "core/file_layer.h"
 #include "core/system_error.h"
 #include "core/text.h"
+#include "package/layout.h"
 
 namespace zul {
 
 namespace {
 
-// WinError.h of the platform's SDK.
+// winerror.h: TRUST_E_NOSIGNATURE, TRUST_E_SUBJECT_FORM_UNKNOWN, TRUST_E_PROVIDER_UNKNOWN.
 constexpr std::uint32_t kTrustNoSignature = 0x800B0100;
 constexpr std::uint32_t kTrustSubjectFormUnknown = 0x800B0003;
 constexpr std::uint32_t kTrustProviderUnknown = 0x800B0001;
-
-std::string CodeAndMessage(const std::error_code& ec) {
-  return "' (" + DescribeSystemError(ec) + ")";
-}
 
 bool IsBinaryName(const fs::Path& path) {
   const std::string extension = AsciiLower(PathToUtf8(path.extension()));
   return extension == ".exe" || extension == ".dll";
 }
 
-bool IsSafeComponent(const std::string& component) {
-  constexpr std::string_view kForbidden = "\"*/:<>?\\|";
-  if (component.empty() || component == "." || component == "..") return false;
-  return std::none_of(component.begin(), component.end(), [&](char c) {
-    return static_cast<unsigned char>(c) < 0x20 || kForbidden.find(c) != std::string_view::npos;
-  });
-}
-
-bool IsSafeRelativePath(const fs::Path& relative) {
-  if (relative.empty() || relative.has_root_path()) return false;
-  return std::all_of(relative.begin(), relative.end(), [](const fs::Path& component) {
-    return IsSafeComponent(PathToUtf8(component));
-  });
+std::string_view SignatureStatusWord(PayloadSignatureStatus status) {
+  switch (status) {
+    case PayloadSignatureStatus::kValid:
+      return "valid";
+    case PayloadSignatureStatus::kUnsigned:
+      return "unsigned";
+    case PayloadSignatureStatus::kInvalid:
+      return "invalid";
+    case PayloadSignatureStatus::kVerificationError:
+      return "verification_error";
+  }
+  return "unknown";
 }
 
 /// One pass over a staged tree.
@@ -57,19 +51,19 @@ class SignaturePass {
     bool started = false;
     while (walker.Next(&entry, ec)) {
       started = true;
-      if (IsRegularFile(entry) && !Judge(entry.path)) return false;
+      if (IsRegularFile(entry) && !Check(entry.path)) return false;
     }
     if (!ec) return true;
     if (started) {
       return Fail(error_, "Update payload signature enumeration failed: " + SystemErrorText(ec));
     }
     return Fail(error_, "Cannot enumerate staged update tree for signature validation: '" +
-                            PathToUtf8(staged_root_) + CodeAndMessage(ec));
+                            PathToUtf8(staged_root_) + "' (" + DescribeSystemError(ec) + ")");
   }
 
  private:
-  /// A link counts as what it leads to. A file that cannot be told from a folder is never passed
-  /// over in silence: it might be the binary that must not come through.
+  /// A link counts as its target. An entry of unknown type is an error and not skipped: it may be
+  /// an unsigned binary.
   static bool IsRegularFile(const fs::DirectoryEntry& entry) {
     if (entry.kind != fs::EntryKind::kLink && entry.kind != fs::EntryKind::kUnknown) {
       return entry.kind == fs::EntryKind::kRegular;
@@ -82,13 +76,13 @@ class SignaturePass {
     return kind == fs::EntryKind::kRegular;
   }
 
-  bool Judge(const fs::Path& path) {
+  bool Check(const fs::Path& path) {
     std::error_code ec;
     if (resolved_root_.empty()) resolved_root_ = fs::WeaklyCanonical(staged_root_, ec);
     const fs::Path resolved = ec ? fs::Path() : fs::WeaklyCanonical(path, ec);
     if (ec) {
       return Fail(error_, "Cannot resolve staged relative path during signature validation for '" +
-                              PathToUtf8(path) + CodeAndMessage(ec));
+                              PathToUtf8(path) + "' (" + DescribeSystemError(ec) + ")");
     }
     const fs::Path relative = resolved.lexically_relative(resolved_root_);
     if (!IsSafeRelativePath(relative)) {
@@ -120,20 +114,6 @@ class SignaturePass {
 };
 
 }  // namespace
-
-std::string_view SignatureStatusWord(PayloadSignatureStatus status) {
-  switch (status) {
-    case PayloadSignatureStatus::kValid:
-      return "valid";
-    case PayloadSignatureStatus::kUnsigned:
-      return "unsigned";
-    case PayloadSignatureStatus::kInvalid:
-      return "invalid";
-    case PayloadSignatureStatus::kVerificationError:
-      return "verification_error";
-  }
-  return "unknown";
-}
 
 bool VerifyStagedPayloadSignatures(const fs::Path& staged_root, bool require_signed,
                                    const PayloadSignatureVerifier& verifier,

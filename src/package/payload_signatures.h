@@ -1,8 +1,7 @@
 #pragma once
 
-// Whether the executables and libraries of a staged payload carry signatures that this machine's
-// policy trusts. The trust decision is the platform's; the signer's name is collected for the
-// record only and decides nothing.
+// Checks that the executables and libraries of a staged payload have signatures that this machine
+// trusts. The platform decides about trust. The signer's name is recorded for information only.
 
 #include <cstdint>
 #include <functional>
@@ -27,32 +26,30 @@ struct UpdatePayloadBinarySignatureResult {
   std::string publisher;  ///< display name of the signing certificate; empty unless valid
 };
 
-/// Judges the signature of one file, given by its absolute UTF-8 path.
+/// Checks the signature of one file. `path` is absolute, UTF-8.
 using PayloadSignatureVerifier =
     std::function<UpdatePayloadBinarySignatureResult(const std::string& path)>;
 
-/// The word for a status in messages; "unknown" for any other value.
-[[nodiscard]] std::string_view SignatureStatusWord(PayloadSignatureStatus status);
-
-/// Walks `staged_root` and has `verifier` judge every .exe and .dll; the first that is not valid
-/// ends the pass. Without `require_signed` nothing is looked at. `verified_files` (may be null)
-/// receives the paths relative to the root with `/` separators, UTF-8, in the order of the walk. On
-/// failure `error` (may be null) has the reason. Throws std::filesystem::filesystem_error for an
-/// entry whose type cannot be had.
+/// Calls `verifier` for every .exe and .dll below `staged_root`; the first file that is not valid
+/// ends the pass. Without `require_signed` it returns true and reads nothing. `verified_files` (may
+/// be null) receives the paths that were checked, relative to the root, UTF-8, with `/` separators,
+/// in the order of the walk. On failure `error` (may be null) has the reason. Throws
+/// std::filesystem::filesystem_error for an entry whose type cannot be read.
 [[nodiscard]] bool VerifyStagedPayloadSignatures(const fs::Path& staged_root, bool require_signed,
                                                  const PayloadSignatureVerifier& verifier,
                                                  std::vector<std::string>* verified_files,
                                                  std::string* error);
 
-/// What the platform's verdict (a HRESULT of WinVerifyTrust) means.
+/// The result for a status of WinVerifyTrust (an HRESULT).
 [[nodiscard]] UpdatePayloadBinarySignatureResult MapTrustStatus(std::int32_t trust_status);
 
-/// The platform's verifier: no user interface, no revocation checks, nothing fetched from the
-/// network. A system without a trust provider gives kVerificationError.
+/// The platform's verifier (WinVerifyTrust): no user interface, no revocation checks, no network.
+/// The trust provider opens the file itself. kVerificationError on a system without a trust
+/// provider.
 [[nodiscard]] UpdatePayloadBinarySignatureResult VerifyBinarySignature(const std::string& path);
 
-/// Simple display name of the certificate that signed the file, UTF-8; empty when it cannot be
-/// read.
+/// The simple display name of the certificate that signed the file at `path` (UTF-8), UTF-8; empty
+/// when it cannot be read.
 [[nodiscard]] std::string ReadSignerDisplayName(const std::string& path);
 
 }  // namespace zul

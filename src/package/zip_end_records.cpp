@@ -30,7 +30,7 @@ constexpr std::string_view kLocatorSignature = "PK\6\7";
 constexpr std::size_t kLocatorOffset = 8;
 constexpr std::size_t kLocatorBytes = 20;
 
-// Up to `size` bytes; fewer when the file has no more.
+// Up to `size` bytes; fewer at the end of the file.
 std::string ReadAt(ZipFileStream& stream, std::int64_t at, std::int64_t size) {
   std::string bytes(static_cast<std::size_t>(size), '\0');
   if (stream.Seek(at) != kZipOk) return {};
@@ -44,27 +44,28 @@ std::string ReadTail(ZipFileStream& stream) {
   return ReadAt(stream, stream.size() - size, size);
 }
 
-// What an end record states, of either kind.
+// What an end record or a Zip64 end record states.
 struct Stated {
   std::uint64_t entries = 0;
   std::uint64_t size = 0;
   std::uint64_t offset = 0;
 };
 
-// A field of the end record that is all ones may leave its value to the Zip64 record.
-bool SaysTheSame(const Stated& end, const Stated& zip64) {
+// A field of the end record whose bits are all ones refers to the Zip64 record.
+bool StatesTheSame(const Stated& end, const Stated& zip64) {
   return (end.entries == UINT16_MAX || end.entries == zip64.entries) &&
          (end.size == UINT32_MAX || end.size == zip64.size) &&
          (end.offset == UINT32_MAX || end.offset == zip64.offset);
 }
 
-bool IsAbout(const Stated& stated, const ZipDirectoryWalk& walked) {
+bool Describes(const Stated& stated, const ZipDirectoryWalk& walked) {
   return stated.entries == walked.entries &&
          stated.size == static_cast<std::uint64_t>(walked.end - walked.begin) &&
          stated.offset <= static_cast<std::uint64_t>(walked.begin);
 }
 
-// The Zip64 record and its locator, which fill what lies between the directory and the end record.
+// `between` is the bytes between the directory and the end record: the Zip64 record and its
+// locator.
 bool Zip64RecordsAgree(std::string_view between, const Stated& end,
                        const ZipDirectoryWalk& walked) {
   if (between.size() < kEnd64Bytes + kLocatorBytes || !between.starts_with(kEnd64Signature)) {
@@ -79,7 +80,7 @@ bool Zip64RecordsAgree(std::string_view between, const Stated& end,
          LittleEndian64(between, kEnd64Rest) ==
              between.size() - kLocatorBytes - kFieldsBeforeRest &&
          LittleEndian64(locator, kLocatorOffset) == stated.offset + stated.size &&
-         IsAbout(stated, walked) && SaysTheSame(end, stated);
+         Describes(stated, walked) && StatesTheSame(end, stated);
 }
 
 }  // namespace
@@ -102,7 +103,7 @@ bool ZipEndRecordsAgree(ZipFileStream& stream, const ZipDirectoryWalk& walked) {
                       .size = LittleEndian32(tail, at + kEndDirectorySize),
                       .offset = LittleEndian32(tail, at + kEndDirectoryOffset)};
   const std::int64_t end_at = stream.size() - static_cast<std::int64_t>(tail.size() - at);
-  if (end_at == walked.end) return IsAbout(end, walked);
+  if (end_at == walked.end) return Describes(end, walked);
   const std::int64_t between = end_at - walked.end;
   if (between < 0 || between > kEndAndCommentMax) return false;
   return Zip64RecordsAgree(ReadAt(stream, walked.end, between), end, walked);

@@ -1,9 +1,9 @@
 #pragma once
 
-// The records at the end of an archive, which say where its central directory is. Readers differ in
-// what they believe when these contradict each other, or when a directory stands at the stated
-// place and another one before the end record. Such an archive holds different files for different
-// readers.
+// The records at the end of an archive, which state where the central directory is. When these
+// contradict each other, or when one directory is at the stated offset and another one before the
+// end record, ZIP readers choose differently. Such an archive holds different files for different
+// readers, so it is refused.
 
 #include <cstdint>
 
@@ -11,7 +11,7 @@
 
 namespace zul {
 
-/// A central directory as a walk over its records found it, [begin, end) in the file.
+/// A central directory as a walk over its records found it: the bytes [begin, end) of the file.
 struct ZipDirectoryWalk {
   std::int64_t begin = 0;
   std::int64_t end = 0;
@@ -21,10 +21,10 @@ struct ZipDirectoryWalk {
 /// True when the file ends in an end of central directory record whose comment ends with the file.
 [[nodiscard]] bool HasExactZipEndRecord(ZipFileStream& stream);
 
-/// True when the end record, the last of the file, follows the walked directory and states its
-/// size, its number of entries and a place that does not lie behind it. Between the two may stand
-/// the Zip64 record and its locator, which then state the same. Bytes in front of the archive may
-/// shift all places alike.
+/// True when the last end record of the file comes directly after the walked directory and states
+/// its size, its number of entries and an offset that is not greater than its own. A Zip64 record
+/// and its locator may be between the two and must then state the same. Bytes before the archive
+/// are allowed: they shift all offsets by the same amount.
 [[nodiscard]] bool ZipEndRecordsAgree(ZipFileStream& stream, const ZipDirectoryWalk& walked);
 
 }  // namespace zul

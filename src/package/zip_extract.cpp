@@ -20,8 +20,7 @@ bool IsSameEntry(const ZipEntryRecord& a, const ZipEntryRecord& b) {
          a.local_header_offset == b.local_header_offset && a.is_directory == b.is_directory;
 }
 
-// Closes the entry on every way out. Only the close that ends a complete read is asked for its
-// status.
+// Closes the entry on every return. The status matters only after a complete read.
 class OpenedEntry {
  public:
   explicit OpenedEntry(ZipReader& reader) : reader_(reader) {}
@@ -42,7 +41,7 @@ class OpenedEntry {
 };
 
 bool MakeParents(const fs::Path& root, std::string_view relative_path,
-                 std::unordered_set<std::string>& created_dirs, std::string* error) {
+                 std::unordered_set<std::string>* created_dirs, std::string* error) {
   for (std::size_t slash = relative_path.find('/'); slash != std::string_view::npos;
        slash = relative_path.find('/', slash + 1)) {
     std::string key(relative_path.substr(0, slash));
@@ -50,7 +49,7 @@ bool MakeParents(const fs::Path& root, std::string_view relative_path,
     if (!relative_directory) return Fail(error, "ZIP entry escapes extraction root");
     const fs::Path directory = (root / *relative_directory).lexically_normal();
     std::error_code code;
-    if (created_dirs.contains(key)) {
+    if (created_dirs->contains(key)) {
       if (fs::KindOf(directory, fs::Links::kDoNotFollow, code) != fs::EntryKind::kDirectory) {
         return Fail(error, "ZIP extraction directory identity changed");
       }
@@ -58,7 +57,7 @@ bool MakeParents(const fs::Path& root, std::string_view relative_path,
     }
     switch (fs::CreateDirectoryOnce(directory, code)) {
       case fs::CreateResult::kCreated:
-        created_dirs.insert(std::move(key));
+        created_dirs->insert(std::move(key));
         break;
       case fs::CreateResult::kExisted:
         return Fail(error, "ZIP directory path collision on target filesystem");
@@ -122,8 +121,7 @@ bool FlushAndClose(ExclusiveFile& file, const ZipEntryRecord& record, const Extr
   RunKeepingAlive([&] { flushed = file.flush(&detail); },
                   is_long ? pass.keep_alive : fs::KeepAlive());
   if (!flushed) return Fail(error, "cannot flush extracted file: ", detail);
-  // The file itself is asked, while it is open: what its path has come to mean says nothing of
-  // where the data went.
+  // Asks the open file for its location: the path may name another file by now.
   std::error_code code;
   const fs::Path resolved = file.whereabouts(code);
   if (!file.close(&detail)) return Fail(error, "cannot close extracted file: ", detail);
@@ -131,7 +129,8 @@ bool FlushAndClose(ExclusiveFile& file, const ZipEntryRecord& record, const Extr
          Fail(error, "extracted file resolved outside extraction root");
 }
 
-/// Where the stage is at this moment. It stays open for the pass, so that this costs no open.
+/// The current resolved path of the stage. The folder stays open for the pass to save an open per
+/// entry.
 fs::Path ResolveStage(const fs::Path& stage_dir, ExtractionPass& pass, std::error_code& code) {
   if (!pass.stage.is_open()) pass.stage = fs::OpenFolder(stage_dir, code);
   return pass.stage.is_open() ? pass.stage.Whereabouts(code) : fs::Path();
@@ -147,7 +146,7 @@ bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record, const fs::
   }
   OpenedEntry entry(reader);
   ZipEntryRecord checked = record;
-  if (!CheckLocalHeader(reader, checked, error)) return false;
+  if (!CheckLocalHeader(reader, &checked, error)) return false;
 
   std::error_code code;
   const fs::Path root = ResolveStage(stage_dir, pass, code);
@@ -157,10 +156,9 @@ bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record, const fs::
   if (!target.has_filename() || !IsPathInsideRootFolded(root, target)) {
     return Fail(error, "ZIP entry escapes extraction root");
   }
-  if (!MakeParents(root, record.path, pass.created_dirs, error)) return false;
-  // Either nothing has the file's name, or its exclusive creation fails below. So the folder
-  // decides where it goes, and a search for a name that is missing, which may list the folder, is
-  // saved.
+  if (!MakeParents(root, record.path, &pass.created_dirs, error)) return false;
+  // Resolving the folder is enough: the exclusive creation below fails if the file's name exists.
+  // The resolution of a missing name is slower, because it may list the folder.
   const fs::Path resolved_parent = fs::Canonical(target.parent_path(), code);
   if (code) return Fail(error, "cannot resolve extracted file path");
   if (!IsPathInsideRootFolded(root, resolved_parent / target.filename())) {
@@ -180,7 +178,7 @@ bool ExtractScannedEntries(std::string_view archive_path, const ZipScanResult& s
                            const fs::Path& stage_dir, std::string* error,
                            fs::KeepAlive keep_alive) {
   ZipReader reader;
-  if (!OpenZipReader(archive_path, reader, error)) return false;
+  if (!OpenZipReader(archive_path, &reader, error)) return false;
   std::uint64_t entry_count = 0;
   if (reader.DeclaredEntryCount(&entry_count) != kZipOk ||
       entry_count != scan.central_entry_count) {
@@ -194,7 +192,7 @@ bool ExtractScannedEntries(std::string_view archive_path, const ZipScanResult& s
     if (status != kZipOk) return Fail(error, kSourceChanged);
     if (wanted != scan.entries.end() && wanted->central_index == index) {
       ZipEntryRecord found;
-      if (!ReadZipEntryRecord(reader, index, found, error)) return false;
+      if (!ReadZipEntryRecord(reader, index, &found, error)) return false;
       if (!IsSameEntry(found, *wanted)) return Fail(error, kSourceChanged);
       if (!ExtractOneEntry(reader, *wanted, stage_dir, pass, error)) return false;
       ++wanted;

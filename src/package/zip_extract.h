@@ -1,8 +1,8 @@
 #pragma once
 
-// The second pass over an archive that a scan has accepted. It trusts the scan's records and
-// nothing else of the first pass: each entry is read again and must be the one that was judged, and
-// each path is resolved again when it is used.
+// The second pass over an archive that a scan has accepted. The archive may have changed since, so
+// each entry is read again and must equal the record of the scan. The folders may have changed too,
+// so each path is resolved again when it is used.
 
 #include <cstddef>
 #include <memory>
@@ -15,13 +15,13 @@
 
 namespace zul {
 
-/// What lives for one pass.
+/// The state of one pass.
 struct ExtractionPass {
   static constexpr std::size_t kBufferBytes = 1048576;
 
   /// Directories that this pass created, relative to the stage, UTF-8, `/` separators.
   std::unordered_set<std::string> created_dirs;
-  /// The stage, from the first entry on.
+  /// The open stage folder, from the first entry on.
   fs::File stage;
   std::unique_ptr<std::byte[]> buffer = std::make_unique<std::byte[]>(kBufferBytes);
   /// Called for each piece of an entry's data and while a large entry is flushed.
@@ -29,13 +29,13 @@ struct ExtractionPass {
 };
 
 /// Extracts the entries of `scan` from the archive at `archive_path` (UTF-8) into `stage_dir`.
-/// After a failure the stage holds what was complete before it. `error` may be null.
+/// After a failure the files that were complete remain in the stage. `error` may be null.
 [[nodiscard]] bool ExtractScannedEntries(std::string_view archive_path, const ZipScanResult& scan,
                                          const fs::Path& stage_dir, std::string* error,
                                          fs::KeepAlive keep_alive = {});
 
-/// Extracts the entry that `reader` has reached, which is `record`. A file that was not written to
-/// its end, or whose data is not what was declared, does not stay. `error` may be null.
+/// Extracts the entry that `reader` has reached and that equals `record`. Removes a file that is
+/// incomplete or whose data is not as declared. `error` may be null.
 [[nodiscard]] bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record,
                                    const fs::Path& stage_dir, ExtractionPass& pass,
                                    std::string* error);

@@ -10,7 +10,7 @@ namespace {
 
 using HighHalf = std::array<char16_t, 128>;  // the code points of the bytes 0x80 to 0xFF
 
-// Unicode consortium, VENDORS/MICSFT/PC/CP866.TXT.
+// Unicode Consortium, VENDORS/MICSFT/PC/CP866.TXT.
 constexpr HighHalf kCp866 = {
     0x0410, 0x0411, 0x0412, 0x0413, 0x0414, 0x0415, 0x0416, 0x0417,  // 80
     0x0418, 0x0419, 0x041A, 0x041B, 0x041C, 0x041D, 0x041E, 0x041F,  // 88
@@ -30,7 +30,7 @@ constexpr HighHalf kCp866 = {
     0x00B0, 0x2219, 0x00B7, 0x221A, 0x2116, 0x00A4, 0x25A0, 0x00A0,  // F8
 };
 
-// Unicode consortium, VENDORS/MICSFT/WINDOWS/CP1251.TXT. 0x98 is not assigned.
+// Unicode Consortium, VENDORS/MICSFT/WINDOWS/CP1251.TXT. 0x98 is not assigned.
 constexpr HighHalf kWindows1251 = {
     0x0402, 0x0403, 0x201A, 0x0453, 0x201E, 0x2026, 0x2020, 0x2021,  // 80
     0x20AC, 0x2030, 0x0409, 0x2039, 0x040A, 0x040C, 0x040B, 0x040F,  // 88
@@ -54,8 +54,8 @@ bool IsOneOf(char32_t code_point, std::u32string_view set) {
   return set.find(code_point) != std::u32string_view::npos;
 }
 
-// How often a letter stands in Russian words, roughly: vowels first, the rare letters of the
-// neighbouring languages last.
+// Roughly the frequency of a letter in Russian words: vowels have the highest score, letters of
+// other Cyrillic languages the lowest.
 int CyrillicScore(char32_t code_point) {
   const char32_t folded =
       code_point >= U'\u0410' && code_point <= U'\u042F' ? code_point + 32 : code_point;

@@ -22,8 +22,8 @@ std::uint64_t LittleEndian(std::string_view bytes, std::size_t at, std::size_t w
   return value;
 }
 
-// The name in an Info-ZIP Unicode path record (APPNOTE 4.6.9): version 1, CRC-32 of the name field
-// that it stands for, UTF-8 name. Empty when the record does not speak for `raw`.
+// The name in an Info-ZIP Unicode path record (APPNOTE 4.6.9): version 1, CRC-32 of the name field,
+// UTF-8 name. Empty when the record is of another kind, or not for `raw`.
 std::string_view UnicodePathOf(const ZipExtraRecord& record, std::string_view raw) {
   constexpr std::uint16_t kUnicodePathId = 0x7075;
   constexpr std::size_t kFixedPart = 5;
@@ -38,8 +38,8 @@ std::string_view UnicodePathOf(const ZipExtraRecord& record, std::string_view ra
   return usable ? name : std::string_view();
 }
 
-// CON, COM1 and the like are devices in every directory and with every extension. Windows takes
-// the superscript digits of Latin-1 for digits here.
+// CON, COM1 and so on are devices in every directory and with every extension. Windows accepts the
+// superscript digits of Latin-1 as digits here.
 bool IsReservedName(std::string_view component) {
   constexpr std::size_t kShortest = 3;
   constexpr std::size_t kLongest = 5;  // "com" and a superscript of two bytes
@@ -83,12 +83,12 @@ bool StartsWithDrive(std::string_view path) {
 bool IsMetadataComponent(std::string_view component) {
   if (component.starts_with("._")) return true;
   const char first = component.empty() ? '\0' : component.front();
-  if (first != '.' && first != '_') return false;  // nearly all
+  if (first != '.' && first != '_') return false;  // most names
   const std::string folded = AsciiLower(component);
   return folded == "__macosx" || folded == ".ds_store";
 }
 
-// Calls `accept` for each part between separators, empty ones included, until it says no.
+// Calls `accept` for each part between separators, including empty ones, until it returns false.
 template <typename Accept>
 bool ForEachComponent(std::string_view path, char separator, Accept accept) {
   for (;;) {
@@ -113,19 +113,19 @@ std::uint64_t LittleEndian64(std::string_view bytes, std::size_t at) {
   return LittleEndian(bytes, at, 8);
 }
 
-std::optional<ZipExtraRecord> TakeZipExtraRecord(std::string_view& rest) {
+std::optional<ZipExtraRecord> TakeZipExtraRecord(std::string_view* rest) {
   constexpr std::size_t kHeaderBytes = 4;
-  if (rest.size() < kHeaderBytes) return std::nullopt;
-  const std::size_t size = LittleEndian16(rest, 2);
-  if (size > rest.size() - kHeaderBytes) return std::nullopt;
-  const ZipExtraRecord record{LittleEndian16(rest, 0), rest.substr(kHeaderBytes, size)};
-  rest.remove_prefix(kHeaderBytes + size);
+  if (rest->size() < kHeaderBytes) return std::nullopt;
+  const std::size_t size = LittleEndian16(*rest, 2);
+  if (size > rest->size() - kHeaderBytes) return std::nullopt;
+  const ZipExtraRecord record{LittleEndian16(*rest, 0), rest->substr(kHeaderBytes, size)};
+  rest->remove_prefix(kHeaderBytes + size);
   return record;
 }
 
 DecodedZipName DecodeZipEntryName(std::string_view raw, std::string_view extra) {
   if (IsValidUtf8(raw)) return {std::string(raw), false};
-  while (const auto record = TakeZipExtraRecord(extra)) {
+  while (const auto record = TakeZipExtraRecord(&extra)) {
     const std::string_view name = UnicodePathOf(*record, raw);
     if (!name.empty()) return {std::string(name), true};
   }
@@ -139,13 +139,13 @@ bool IsZipDirectoryName(std::string_view name) {
   return name.ends_with('/') || name.ends_with('\\');
 }
 
-bool NormalizeZipEntryPath(std::string name, bool is_directory, std::string& path) {
+bool NormalizeZipEntryPath(std::string name, bool is_directory, std::string* path) {
   std::replace(name.begin(), name.end(), '\\', '/');
   if (name.ends_with('/') != is_directory) return false;
   if (is_directory) name.pop_back();
   if (name.starts_with('/') || StartsWithDrive(name)) return false;
   if (!ForEachComponent(name, '/', IsSafeComponent)) return false;
-  path = std::move(name);
+  *path = std::move(name);
   return true;
 }
 

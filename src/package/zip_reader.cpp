@@ -21,8 +21,8 @@ namespace zul {
 
 namespace {
 
-// Local file header, APPNOTE 4.3.7: the offsets of its fields and its length without the name and
-// the extra field.
+// Local file header, APPNOTE 4.3.7: the offsets of its fields, and its length without name and
+// extra field.
 constexpr std::uint32_t kLocalHeaderSignature = 0x04034B50;
 constexpr std::size_t kLocalFlags = 6;
 constexpr std::size_t kLocalMethod = 8;
@@ -33,15 +33,15 @@ constexpr std::size_t kLocalNameLength = 26;
 constexpr std::size_t kLocalExtraLength = 28;
 constexpr std::size_t kLocalHeaderBytes = 30;
 
-// Zip64 extended information, APPNOTE 4.5.3: it holds, in this order, the 64-bit value of each size
-// whose 32-bit field is all ones.
-void ResolveZip64Sizes(ZipHeaderFields& header) {
+// Zip64 extended information, APPNOTE 4.5.3: the 64-bit value of each size whose 32-bit field is
+// all ones, in this order.
+void ResolveZip64Sizes(ZipHeaderFields* header) {
   constexpr std::uint16_t kZip64Id = 1;
-  std::string_view rest = header.extra;
-  while (const auto record = TakeZipExtraRecord(rest)) {
+  std::string_view rest = header->extra;
+  while (const auto record = TakeZipExtraRecord(&rest)) {
     if (record->id != kZip64Id) continue;
     std::string_view values = record->data;
-    for (std::int64_t* size : {&header.uncompressed_size, &header.compressed_size}) {
+    for (std::int64_t* size : {&header->uncompressed_size, &header->compressed_size}) {
       if (*size != UINT32_MAX || values.size() < 8) continue;
       *size = static_cast<std::int64_t>(LittleEndian64(values, 0));
       values.remove_prefix(8);
@@ -53,14 +53,14 @@ std::string_view Bytes(const void* data, std::size_t size) {
   return {static_cast<const char*>(data), data ? size : 0};
 }
 
-void TakeFields(const mz_zip_file& info, ZipHeaderFields& header) {
-  header.flags = info.flag;
-  header.compression_method = info.compression_method;
-  header.crc32 = info.crc;
-  header.compressed_size = info.compressed_size;
-  header.uncompressed_size = info.uncompressed_size;
-  header.name = Bytes(info.filename, info.filename_size);
-  header.extra = Bytes(info.extrafield, info.extrafield_size);
+void TakeFields(const mz_zip_file& info, ZipHeaderFields* header) {
+  header->flags = info.flag;
+  header->compression_method = info.compression_method;
+  header->crc32 = info.crc;
+  header->compressed_size = info.compressed_size;
+  header->uncompressed_size = info.uncompressed_size;
+  header->name = Bytes(info.filename, info.filename_size);
+  header->extra = Bytes(info.extrafield, info.extrafield_size);
 }
 
 }  // namespace
@@ -87,17 +87,17 @@ struct ZipReader::State {
 
   ZipFileStream stream;
   void* zip = nullptr;
-  ZipDirectoryWalk walked;  // begins with the first step of the walk
+  ZipDirectoryWalk walked;  // set by GoToFirstEntry
   Opened opened = Opened::kNothing;
   ZipHeaderFields local;
-  std::string local_bytes;  // name and extra field of a header that was read by itself
+  std::string local_bytes;  // name and extra field that ReadLocalHeader has read
   ZipExtent extent;
   std::uint32_t crc = 0;
   bool read_to_end = false;
 };
 
-// The library walks from the directory that it found for as long as there are records. Whether that
-// is the directory which the end of the file tells of shows when the walk is over.
+// The library walks over the records that it finds. Whether they are the directory that the end
+// records describe is known only at the end of the walk.
 ZipStatus ZipReader::State::Walked(ZipStatus status) {
   if (status == kZipOk) ++walked.entries;
   if (status != kZipEndOfList) return status;
@@ -105,8 +105,8 @@ ZipStatus ZipReader::State::Walked(ZipStatus status) {
   return ZipEndRecordsAgree(stream, walked) ? status : kZipFormatError;
 }
 
-// The library reads a local header only together with setting up a decompressor, which costs many
-// times as much. So the walk over all headers reads them itself.
+// The library reads a local header only when it sets up a decompressor, which takes many times as
+// long. So the scan reads the headers here.
 ZipStatus ZipReader::State::ReadLocalHeader() {
   if (const ZipStatus status = mz_zip_entry_seek_local_header(zip); status != kZipOk) return status;
   extent.begin = stream.position();
@@ -130,12 +130,11 @@ ZipStatus ZipReader::State::ReadLocalHeader() {
   }
   local.name = std::string_view(local_bytes).substr(0, name_length);
   local.extra = std::string_view(local_bytes).substr(name_length);
-  ResolveZip64Sizes(local);
+  ResolveZip64Sizes(&local);
   return kZipOk;
 }
 
-// An entry lies before the central directory. One that reaches into it, or past the end of the
-// file, is no entry.
+// An entry must end before the central directory begins.
 ZipStatus ZipReader::State::CheckExtent(std::int64_t data_begin, std::int64_t compressed_size) {
   if (data_begin > walked.begin || compressed_size > walked.begin - data_begin) {
     return kZipFormatError;
@@ -149,8 +148,8 @@ ZipReader::~ZipReader() = default;
 ZipReader::ZipReader(ZipReader&&) noexcept = default;
 ZipReader& ZipReader::operator=(ZipReader&&) noexcept = default;
 
-// The interface of the library that opens files by itself is not used: it inflates an entry of a
-// certain name into memory before anyone could look at it, and opens sibling files for other disks.
+// The library's own reader interface is not used: it inflates an entry with a special name into
+// memory before the entry can be checked, and it opens other files as further disks of the archive.
 ZipStatus ZipReader::Open(std::string_view utf8_path) {
   state_ = std::make_unique<State>();
   ZipStatus status = state_->stream.Open(PathOrEmpty(utf8_path));
@@ -198,7 +197,7 @@ ZipStatus ZipReader::GoToNextEntry() {
 bool ZipReader::CentralHeader(ZipCentralHeader* header) const {
   const mz_zip_file* info = is_open() ? state_->Entry() : nullptr;
   if (!info || !info->filename) return false;
-  TakeFields(*info, *header);
+  TakeFields(*info, header);
   header->aes_version = info->aes_version;
   header->disk_number = info->disk_number;
   header->local_header_offset = info->disk_offset;
@@ -227,7 +226,7 @@ ZipStatus ZipReader::OpenEntry() {
   mz_zip_file* local = nullptr;
   status = mz_zip_entry_get_local_info(state_->zip, &local);
   if (status == kZipOk) {
-    TakeFields(*local, state_->local);
+    TakeFields(*local, &state_->local);
     status = state_->CheckExtent(state_->stream.position(), entry->compressed_size);
   }
   if (status != kZipOk) static_cast<void>(CloseEntry());
@@ -269,13 +268,13 @@ ZipStatus ZipReader::CloseEntry() {
   return bytes_taken == entry->compressed_size ? kZipOk : kZipDataError;
 }
 
-bool OpenZipReader(std::string_view archive_path, ZipReader& reader, std::string* error) {
-  reader = ZipReader();
-  const ZipStatus status = reader.Open(archive_path);
+bool OpenZipReader(std::string_view archive_path, ZipReader* reader, std::string* error) {
+  *reader = ZipReader();
+  const ZipStatus status = reader->Open(archive_path);
   if (status == kZipOk) return true;
   if (status == kZipMemoryError) return Fail(error, "cannot allocate ZIP reader");
   if (status == kZipOpenError) return Fail(error, "cannot open ZIP");
-  if (!reader.HasZipEndRecord()) return Fail(error, "ZIP end record not found");
+  if (!reader->HasZipEndRecord()) return Fail(error, "ZIP end record not found");
   return Fail(error, "invalid ZIP central directory: ", ZipStatusText(status));
 }
 

@@ -1,13 +1,13 @@
 #pragma once
 
-// The archive library's status codes, by name and as text.
+// The status codes of the archive library, by name and as text.
 
 #include <cstdint>
 #include <string_view>
 
 namespace zul {
 
-/// minizip-ng's status. The numbers are the library's.
+/// A status of minizip-ng (mz.h).
 using ZipStatus = std::int32_t;
 
 inline constexpr ZipStatus kZipOk = 0;
@@ -22,7 +22,7 @@ inline constexpr ZipStatus kZipOpenError = -111;
 inline constexpr ZipStatus kZipSeekError = -113;
 inline constexpr ZipStatus kZipReadError = -115;
 
-/// The text for a status, as messages quote it.
+/// The text of a status in messages; "unknown error" for a number that is not in the list.
 [[nodiscard]] std::string_view ZipStatusText(ZipStatus status);
 
 }  // namespace zul

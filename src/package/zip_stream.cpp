@@ -11,8 +11,8 @@
 
 namespace zul {
 
-// What the library calls. Its first member is the library's own record, as its streams are laid
-// out.
+// The functions that the library calls. As in every stream of the library, the first member is a
+// mz_stream.
 struct ZipFileStream::LibraryStream {
   mz_stream stream;
   ZipFileStream* owner;
@@ -82,14 +82,14 @@ std::int32_t ZipFileStream::Read(void* buffer, std::int32_t size) {
       if (count < 0) return count;
     } else {
       ZipStatus status = kZipOk;
-      const Window* window = WindowAtPosition(status);
+      const Window* window = WindowAtPosition(&status);
       if (!window) return status;
       const auto offset = static_cast<std::int32_t>(position_ - window->start);
       count = std::min(left, window->length - offset);
       if (count > 0)
         std::memcpy(target, window->bytes.data() + offset, static_cast<std::size_t>(count));
     }
-    if (count <= 0) break;  // the file has become shorter
+    if (count <= 0) break;  // the file became shorter
     done += count;
     position_ += count;
   }
@@ -102,10 +102,10 @@ ZipStatus ZipFileStream::ReadExactly(void* buffer, std::int32_t size) {
   return read == size ? kZipOk : kZipEndOfStream;
 }
 
-// The window that holds the current position, filled over the one that was idle longer. Windows
-// start at multiples of their size, so that the search for the end record, which goes backwards,
-// finds its next piece in the same one.
-const ZipFileStream::Window* ZipFileStream::WindowAtPosition(ZipStatus& status) {
+// The window that holds the current position; fills the least recently used one if necessary.
+// Windows start at multiples of their size, so that the search for the end record, which reads
+// backwards, finds its next piece in the same window.
+const ZipFileStream::Window* ZipFileStream::WindowAtPosition(ZipStatus* status) {
   const std::int64_t start = position_ - position_ % kWindowBytes;
   Window* oldest = &windows_[0];
   for (Window& window : windows_) {
@@ -118,7 +118,7 @@ const ZipFileStream::Window* ZipFileStream::WindowAtPosition(ZipStatus& status) 
   const std::int32_t read = ReadFile(start, oldest->bytes.data(), kWindowBytes);
   oldest->length = std::max(read, 0);
   if (read < 0) {
-    status = read;
+    *status = read;
     return nullptr;
   }
   oldest->start = start;
@@ -126,7 +126,7 @@ const ZipFileStream::Window* ZipFileStream::WindowAtPosition(ZipStatus& status) 
   return oldest;
 }
 
-// Reads from the file itself, as far as it was long at the start.
+// Reads from the file, at most up to its size at the open.
 std::int32_t ZipFileStream::ReadFile(std::int64_t at, void* buffer, std::int32_t size) {
   const auto wanted = static_cast<std::size_t>(std::min<std::int64_t>(size, size_ - at));
   std::size_t read = 0;

@@ -1,9 +1,10 @@
 #pragma once
 
-// The archive file as the archive library reads it: a read-only stream with a fixed size and two
-// windows of buffer. Reading a ZIP goes to and fro between the central directory and the entries,
-// so a single buffer would be refilled at every turn. The library's own buffered stream has one,
-// and it writes past its end when a file grows behind a short read.
+// The archive file as a stream of the archive library: read-only, of fixed size, over
+// core/file_layer.h, with two buffered windows. Reading a ZIP alternates between the central
+// directory and the entries, so a single buffer would be refilled at each step. The library's own
+// file streams are not used: they open the file without the long-path prefix, and the buffered one
+// has a single buffer and writes past its end when the file grows after a short read.
 
 #include <array>
 #include <cstddef>
@@ -16,6 +17,7 @@
 
 namespace zul {
 
+/// One open archive file. Not for use by two threads at once.
 class ZipFileStream {
  public:
   ZipFileStream();
@@ -23,22 +25,27 @@ class ZipFileStream {
   ZipFileStream(const ZipFileStream&) = delete;
   ZipFileStream& operator=(const ZipFileStream&) = delete;
 
-  /// Opens the file at `path`. What is added to the file later is not seen.
+  /// Opens the file at `path` and fixes the size: bytes added to the file later are not read.
+  /// kZipOpenError when it cannot be opened or is not a disk file.
   [[nodiscard]] ZipStatus Open(const fs::Path& path);
 
+  /// In bytes, as it was when the file was opened.
   [[nodiscard]] std::int64_t size() const { return size_; }
+  /// The offset in bytes of the next read.
   [[nodiscard]] std::int64_t position() const { return position_; }
 
-  /// Moves to a position, which may lie past the end; touches nothing on disk.
+  /// Sets the position, which may be past the end. kZipSeekError when it is negative. No disk
+  /// access.
   [[nodiscard]] ZipStatus Seek(std::int64_t position);
 
-  /// Reads up to `size` bytes and moves on. Less than `size` only at the end; negative is a status.
+  /// Reads up to `size` bytes and advances the position. Returns the number of bytes read, less
+  /// than `size` only at the end of the file, or a negative status.
   [[nodiscard]] std::int32_t Read(void* buffer, std::int32_t size);
 
-  /// As `Read`, but anything less than `size` is kZipEndOfStream.
+  /// As `Read`; kZipEndOfStream when fewer than `size` bytes are left.
   [[nodiscard]] ZipStatus ReadExactly(void* buffer, std::int32_t size);
 
-  /// The stream object for the library's calls (a mz_stream). Lives as long as this object.
+  /// The mz_stream for the library's calls. Owned by this object.
   [[nodiscard]] void* library_stream();
 
  private:
@@ -52,7 +59,7 @@ class ZipFileStream {
     std::array<char, kWindowBytes> bytes;
   };
 
-  [[nodiscard]] const Window* WindowAtPosition(ZipStatus& status);
+  [[nodiscard]] const Window* WindowAtPosition(ZipStatus* status);
   [[nodiscard]] std::int32_t ReadFile(std::int64_t at, void* buffer, std::int32_t size);
 
   std::unique_ptr<LibraryStream> library_stream_;

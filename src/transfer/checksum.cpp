@@ -29,9 +29,9 @@ bool VerifyPackageChecksum(const ChecksumStageContext& context, std::string_view
     EmitChainEvent("checksum_verify", fields);
   };
   emit("start", {"sha256_expected", context.request.sha256});
-  if (!VerifyFileSha256(context.package_path, context.request.sha256, &context.stage_error,
+  if (!VerifyFileSha256(context.package_path, context.request.sha256, context.stage_error,
                         KeepingAlive(context.progress_window))) {
-    emit("fail", {"error", context.stage_error});
+    emit("fail", {"error", *context.stage_error});
     return false;
   }
   emit("ok", {});

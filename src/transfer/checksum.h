@@ -1,6 +1,6 @@
 #pragma once
 
-// The check of a downloaded package against the digest of the request.
+// Compares a downloaded package with the SHA-256 of the request.
 
 #include <string>
 #include <string_view>
@@ -11,21 +11,20 @@
 
 namespace zul {
 
-/// True when the file's digest equals `expected`, which may have white space around it and upper
-/// case.
+/// True when the SHA-256 of the file equals `expected`: hexadecimal digits in either case, with or
+/// without white space around them. On failure `error` (may be null) has the reason.
 [[nodiscard]] bool VerifyFileSha256(const fs::Path& path, std::string_view expected,
                                     std::string* error, const fs::KeepAlive& keep_alive = {});
 
-/// What the checksum stage borrows from the run, for the length of the call.
+/// What the checksum stage uses of the run, borrowed for the length of the call.
 struct ChecksumStageContext {
   UpdateProgressWindow* progress_window;  ///< may be null
   const UpdateRequest& request;
   const fs::Path& package_path;
-  std::string& stage_error;
+  std::string* stage_error;  ///< receives the reason of a failure
 };
 
-/// The checksum stage: window text, trace events and the check. On false `stage_error` has the
-/// reason.
+/// The checksum stage: sets the window's text, writes the trace events and compares the digests.
 [[nodiscard]] bool VerifyPackageChecksum(const ChecksumStageContext& context,
                                          std::string_view origin_role);
 

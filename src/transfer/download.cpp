@@ -6,7 +6,7 @@
 
 #include "core/file_layer.h"
 #include "trace/chain_events.h"
-#include "transfer/download_job.h"
+#include "transfer/download_transport.h"
 #include "transfer/url_policy.h"
 
 namespace zul {
@@ -20,21 +20,21 @@ constexpr std::uint32_t kResolveTimeoutMs = 5000;
 constexpr std::uint32_t kConnectTimeoutMs = 5000;
 constexpr std::uint32_t kSendTimeoutMs = 30000;
 constexpr std::uint32_t kReceiveTimeoutMs = 30000;
-/// A caller that can cancel wants to be asked again soon.
+/// The callback is asked again only after a read has ended, so a read must end soon.
 constexpr std::uint32_t kCancellableReceiveTimeoutMs = 5000;
 
-/// A read or a wait that ran into its time-out is told apart: the server is slow, not gone.
+/// A time-out has a kind of its own: the server is slow, not gone.
 DownloadFailureKind KindOfTransferError(std::uint32_t code) {
   return code == kTransportTimeoutCode ? DownloadFailureKind::kTimeout
                                        : DownloadFailureKind::kTransport;
 }
 
-/// A value beyond 64 bits reads as the largest one and so lies above every cap.
+/// A value beyond 64 bits becomes the largest one, which is above every cap.
 std::uint64_t ParseDeclaredLength(const std::string& text) {
   return std::strtoull(text.c_str(), nullptr, 10);
 }
 
-/// How a failure shows in `download_fail`: its reason word and the fields around it.
+/// What the event `download_fail` says about a failure: the reason word and extra fields.
 struct FailureTrace {
   std::string reason;
   std::vector<ChainEventField> extra = {};
@@ -44,9 +44,9 @@ struct FailureTrace {
 /// One download from start to end. Each step returns false after it has reported its failure.
 class Download {
  public:
-  Download(const DownloadWorld& world, const DownloadJob& job, DownloadResult& result,
+  Download(const DownloadWorld& world, const DownloadJob& job, DownloadResult* result,
            std::string* error_text)
-      : world_(world), job_(job), result_(result), error_text_(error_text) {}
+      : world_(world), job_(job), result_(*result), error_text_(error_text) {}
 
   bool Run() {
     Start();
@@ -107,7 +107,7 @@ bool Download::Connect() {
                 {"url_parse", {{"error", target_.error}}});
   }
   std::uint32_t code = 0;
-  if (!world_.transport.OpenSession(kUserAgent, code)) {
+  if (!world_.transport.OpenSession(kUserAgent, &code)) {
     return FailWithCode(DownloadFailureKind::kTransport, "WinHttpOpen failed", "winhttp_open",
                         code);
   }
@@ -115,7 +115,7 @@ bool Download::Connect() {
       {kResolveTimeoutMs, kConnectTimeoutMs, kSendTimeoutMs,
        job_.cancel_callback ? kCancellableReceiveTimeoutMs : kReceiveTimeoutMs});
   if (!NotCancelled("cancelled_after_session_open")) return false;
-  if (!world_.transport.Connect(target_.host, target_.port, code)) {
+  if (!world_.transport.Connect(target_.host, target_.port, &code)) {
     return FailWithCode(DownloadFailureKind::kTransport, "WinHttpConnect failed", "winhttp_connect",
                         code);
   }
@@ -124,12 +124,12 @@ bool Download::Connect() {
 
 bool Download::SendRequest() {
   std::uint32_t code = 0;
-  if (!world_.transport.OpenRequest(target_.path_and_query, target_.secure, code)) {
+  if (!world_.transport.OpenRequest(target_.path_and_query, target_.secure, &code)) {
     return FailWithCode(DownloadFailureKind::kTransport, "WinHttpOpenRequest failed",
                         "winhttp_open_request", code);
   }
   if (!NotCancelled("cancelled_before_send")) return false;
-  if (!world_.transport.SendAndReceive(code)) {
+  if (!world_.transport.SendAndReceive(&code)) {
     return FailWithCode(KindOfTransferError(code), "WinHTTP send/receive failed",
                         "winhttp_send_receive", code);
   }
@@ -138,7 +138,7 @@ bool Download::SendRequest() {
 
 bool Download::JudgeResponse() {
   std::uint32_t code = 0;
-  if (!world_.transport.QueryStatus(result_.http_status, code)) {
+  if (!world_.transport.QueryStatus(&result_.http_status, &code)) {
     return FailWithCode(DownloadFailureKind::kTransport, "WinHTTP status query failed",
                         "status_query", code);
   }
@@ -159,7 +159,7 @@ bool Download::JudgeEffectiveUrl() {
   std::string resolved = world_.transport.EffectiveUrl();
   if (resolved.empty()) resolved = job_.url;
   result_.effective_url = StripUrlQuery(resolved);
-  // With its query: a host that hides behind the first `?` would pass without it.
+  // Parsed with its query: in `https://good?@evil/` a parser may take `evil` for the host.
   const UpdateUrlParts parts = ParseUpdateUrl(resolved);
   if (!parts.ok) {
     return Fail(DownloadFailureKind::kTransport,
@@ -179,7 +179,7 @@ bool Download::JudgeEffectiveUrl() {
 
 bool Download::OpenOutput() {
   std::error_code ec;
-  // What went wrong here shows when the file is opened.
+  // A failure is reported by the open that follows.
   static_cast<void>(fs::CreateDirectories(job_.destination.parent_path(), ec));
   output_ = fs::CreateTruncatedFile(job_.destination, ec);
   if (!output_.is_open()) {
@@ -197,14 +197,14 @@ bool Download::ReceiveBody() {
     }
     std::uint32_t code = 0;
     std::size_t available = 0;
-    if (!world_.transport.QueryDataAvailable(available, code)) {
+    if (!world_.transport.QueryDataAvailable(&available, &code)) {
       return FailWithCode(KindOfTransferError(code), "WinHttpQueryDataAvailable failed",
                           "query_data_available", code);
     }
     if (available == 0) return true;
     if (buffer_.size() < available) buffer_.resize(available);
     std::size_t read = 0;
-    if (!world_.transport.ReadData(buffer_.data(), available, read, code)) {
+    if (!world_.transport.ReadData(buffer_.data(), available, &read, &code)) {
       return FailWithCode(KindOfTransferError(code), "WinHttpReadData failed", "read_data", code);
     }
     if (read == 0) return true;
@@ -261,8 +261,8 @@ void Download::ReportProgress() {
   }
 }
 
-/// One step a chunk: after a chunk of several steps the following ones report until the step has
-/// caught up.
+/// At most one event per chunk. After a chunk of several steps, each of the next chunks emits one
+/// until the step has caught up.
 void Download::EmitProgressWhenDue() {
   if (result_.bytes_downloaded < next_progress_event_) return;
   EmitChainEvent("download_progress",
@@ -308,7 +308,7 @@ bool Download::FailWithCode(DownloadFailureKind kind, std::string message, std::
 
 }  // namespace
 
-bool DownloadPackageOver(const DownloadWorld& world, const DownloadJob& job, DownloadResult& result,
+bool DownloadPackageOver(const DownloadWorld& world, const DownloadJob& job, DownloadResult* result,
                          std::string* error_text) {
   return Download(world, job, result, error_text).Run();
 }

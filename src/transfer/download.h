@@ -1,7 +1,7 @@
 #pragma once
 
-// Fetching one package from one origin into one file, once: no fallback, no retry, no resume. What
-// arrived of a failed download stays on disk; the caller owns the workspace.
+// Downloads one package from one origin into one file, once: no fallback, no retry, no resume. The
+// partial file of a failed download stays on disk; the caller owns the workspace.
 
 #include <cstdint>
 #include <functional>
@@ -13,11 +13,13 @@
 
 namespace zul {
 
+class DownloadTransport;
+
 enum class DownloadFailureKind : std::int32_t {
   kNone = 0,
   kTransport = 1,
   kTimeout = 2,
-  kStall = 3,  ///< reserved in the vocabulary; honoured by ShouldTryFallback
+  kStall = 3,  ///< reserved: no download reports it, ShouldTryFallback accepts it
   kHttpStatus = 4,
   kFileIo = 5,
 };
@@ -38,7 +40,7 @@ struct DownloadResult {
 };
 
 inline constexpr std::uint64_t kMaxUpdatePackageBytes = 0x40000000;
-inline constexpr std::uint64_t kDownloadProgressEventStep = 1048576;
+inline constexpr std::uint64_t kDownloadProgressEventStep = 1048576;  ///< bytes
 
 /// Called after each chunk and at the end: origin role, bytes so far, total, bytes per second.
 using DownloadProgressCallback =
@@ -46,16 +48,39 @@ using DownloadProgressCallback =
 /// Returns true to cancel.
 using DownloadCancelCallback = std::function<bool()>;
 
-/// Downloads `url` (UTF-8) to `destination_path`. Blocks; drives `progress_window` (may be null)
-/// from its read loop. On failure `error_text` (may be null) gets the message with the platform's
-/// code. With a cancel callback the receive time-out is 5 s instead of 30 s.
+/// Downloads `url` (UTF-8) to `destination_path` over WinHTTP. Blocks; drives `progress_window`
+/// (may be null) from its read loop. `*result` is reset first. On failure `error_text` (may be
+/// null) gets the message with the platform's code. With a cancel callback the receive time-out is
+/// 5 s instead of 30 s. Windows only.
 [[nodiscard]] bool DownloadPackage(std::string_view url, const fs::Path& destination_path,
-                                   std::string_view origin_role, DownloadResult& result,
+                                   std::string_view origin_role, DownloadResult* result,
                                    std::string* error_text, UpdateProgressWindow* progress_window,
                                    const DownloadProgressCallback& progress_callback,
                                    const DownloadCancelCallback& cancel_callback);
 
-/// True when the failure is of a kind that a mirror may cure.
+/// The arguments of DownloadPackage, borrowed for the length of the call.
+struct DownloadJob {
+  std::string_view url;
+  const fs::Path& destination;
+  std::string_view origin_role;
+  UpdateProgressWindow* progress_window;              ///< may be null
+  const DownloadProgressCallback& progress_callback;  ///< may be empty
+  const DownloadCancelCallback& cancel_callback;      ///< may be empty
+};
+
+/// The outside world of a download.
+struct DownloadWorld {
+  DownloadTransport& transport;           ///< closed when the download returns
+  std::function<std::uint64_t()> now_ms;  ///< a monotonic clock
+  std::uint64_t max_bytes = kMaxUpdatePackageBytes;
+};
+
+/// As DownloadPackage, over `world`.
+[[nodiscard]] bool DownloadPackageOver(const DownloadWorld& world, const DownloadJob& job,
+                                       DownloadResult* result, std::string* error_text);
+
+/// True when the mirror may succeed where this download failed: the network failed, or the server
+/// answered 5xx.
 [[nodiscard]] bool ShouldTryFallback(const DownloadResult& result);
 
 /// The word for a kind in traces; "unknown" for any other value.

@@ -9,43 +9,43 @@ namespace zul {
 
 namespace {
 
-/// The caller looks for pieces this often by itself, and is woken only when there are many: so the
-/// reader of a fast download goes on reading instead of waking somebody for each piece.
+/// The caller looks for pieces this often, and the reader wakes it earlier only when there are
+/// many. A wake for each piece would slow down a fast download.
 constexpr std::chrono::milliseconds kLookPeriod{10};
 constexpr std::size_t kManyPieces = ReadAheadTransport::kMaxPieces / 2;
 constexpr std::size_t kManyBytes = ReadAheadTransport::kMaxBytes / 2;
 
 }  // namespace
 
-bool ReadAheadTransport::SendAndReceive(std::uint32_t& code) {
+bool ReadAheadTransport::SendAndReceive(std::uint32_t* code) {
   bool succeeded = false;
   RunKeepingAlive([&] { succeeded = inner_.SendAndReceive(code); }, keep_alive_);
   return succeeded;
 }
 
-bool ReadAheadTransport::QueryDataAvailable(std::size_t& available, std::uint32_t& code) {
+bool ReadAheadTransport::QueryDataAvailable(std::size_t* available, std::uint32_t* code) {
   if (!HasReader()) return inner_.QueryDataAvailable(available, code);
   const Piece& piece = AwaitPiece();
-  available = piece.available - piece.taken;
-  code = piece.announced ? 0 : piece.code;
+  *available = piece.available - piece.taken;
+  *code = piece.announced ? 0 : piece.code;
   return piece.announced;
 }
 
-bool ReadAheadTransport::ReadData(void* buffer, std::size_t size, std::size_t& read,
-                                  std::uint32_t& code) {
+bool ReadAheadTransport::ReadData(void* buffer, std::size_t size, std::size_t* read,
+                                  std::uint32_t* code) {
   if (!HasReader()) return inner_.ReadData(buffer, size, read, code);
   Piece& piece = AwaitPiece();
-  code = piece.code;
-  read = std::min(size, piece.size - piece.taken);
-  if (read != 0) std::memcpy(buffer, piece.data.data() + piece.taken, read);
-  piece.taken += read;
+  *code = piece.code;
+  *read = std::min(size, piece.size - piece.taken);
+  if (*read != 0) std::memcpy(buffer, piece.data.data() + piece.taken, *read);
+  piece.taken += *read;
   const bool received = piece.received;
   if (!piece.IsLast() && piece.taken == piece.size) DropPiece();
   return received;
 }
 
-/// Starts the reader when it is needed for the first time. Without a thread to be had this
-/// transport goes on as one that does not keep alive.
+/// Starts the reader with the first call. When the system cannot create a thread, the transport
+/// continues without keep-alive.
 bool ReadAheadTransport::HasReader() {
   if (!keep_alive_ || reader_.valid()) return static_cast<bool>(keep_alive_);
   try {
@@ -95,14 +95,14 @@ void ReadAheadTransport::ReadBody() {
   bool more = true;
   while (more && AwaitRoom()) {
     Piece& piece = pieces_[next_free_];
-    Receive(piece);
+    Receive(&piece);
     more = !piece.IsLast();
     next_free_ = (next_free_ + 1) % kMaxPieces;
     Publish(piece);
   }
 }
 
-/// False when nobody wants more.
+/// False when the transport is being closed.
 bool ReadAheadTransport::AwaitRoom() {
   std::unique_lock lock(mutex_);
   reader_waits_ = true;
@@ -111,14 +111,15 @@ bool ReadAheadTransport::AwaitRoom() {
   return !stop_;
 }
 
-void ReadAheadTransport::Receive(Piece& piece) {
-  piece.received = false;
-  piece.available = piece.size = piece.taken = 0;
-  piece.code = 0;
-  piece.announced = inner_.QueryDataAvailable(piece.available, piece.code);
-  if (!piece.announced || piece.available == 0) return;
-  if (piece.data.size() < piece.available) piece.data.resize(piece.available);
-  piece.received = inner_.ReadData(piece.data.data(), piece.available, piece.size, piece.code);
+void ReadAheadTransport::Receive(Piece* piece) {
+  piece->received = false;
+  piece->available = piece->size = piece->taken = 0;
+  piece->code = 0;
+  piece->announced = inner_.QueryDataAvailable(&piece->available, &piece->code);
+  if (!piece->announced || piece->available == 0) return;
+  if (piece->data.size() < piece->available) piece->data.resize(piece->available);
+  piece->received =
+      inner_.ReadData(piece->data.data(), piece->available, &piece->size, &piece->code);
 }
 
 void ReadAheadTransport::Publish(const Piece& piece) {

@@ -1,4 +1,4 @@
-// Package download URLs: the platform's components, judged.
+// Package download URLs: the check of the components that the platform found.
 
 #include <algorithm>
 #include <optional>
@@ -13,8 +13,8 @@ namespace {
 
 constexpr std::uint16_t kHttpsPort = 443;
 
-/// No URL holds a control character (RFC 3986, section 2). Some parsers drop them, others stop at
-/// them, and a NUL would cut the text short on its way to the platform.
+/// A URL holds no control characters (RFC 3986, section 2). Some parsers drop them and others stop
+/// at them; a NUL would end the text that is passed to the platform.
 bool HasControlCharacter(std::string_view text) {
   return std::any_of(text.begin(), text.end(), [](char c) {
     const auto byte = static_cast<unsigned char>(c);
@@ -29,7 +29,7 @@ std::string ComparableHost(std::string_view host) {
   return AsciiLower(host);
 }
 
-/// A text that NormalizeUrl refuses is no disagreement: the allow-list refuses it with its own
+/// A text that NormalizeUrl refuses is not a disagreement: the allow-list refuses it with its own
 /// message.
 bool ParsersDisagree(std::string_view text, const UpdateUrlParts& parts) {
   const NormalizedUrl normalized = NormalizeUrl(text, true);
@@ -71,7 +71,7 @@ UpdateUrlParts ParseUpdateUrl(std::string_view text) {
     return refused;
   }
   CrackedUrl cracked;
-  if (HasControlCharacter(text) || !CrackUrl(*wide, cracked)) {
+  if (HasControlCharacter(text) || !CrackUrl(*wide, &cracked)) {
     refused.error = "Cannot parse update URL";
     return refused;
   }

@@ -1,5 +1,4 @@
-// The component split that WinHttpCrackUrl documents, so that what is decided on it can be tested
-// away from Windows.
+// Splits a URL as WinHttpCrackUrl documents it, so that ParseUpdateUrl runs on other systems too.
 
 #include "transfer/url_cracker.h"
 
@@ -20,7 +19,7 @@ std::optional<UrlScheme> SchemeOf(std::wstring_view name) {
   return std::nullopt;
 }
 
-/// The port that `text` names, `default_port` for an empty text, nothing for what is no port.
+/// The port in `text`; `default_port` when it is empty, nothing when it is not a port.
 std::optional<std::uint16_t> PortOf(std::wstring_view text, std::uint16_t default_port) {
   if (text.empty()) return default_port;
   std::uint32_t value = 0;
@@ -34,7 +33,7 @@ std::optional<std::uint16_t> PortOf(std::wstring_view text, std::uint16_t defaul
 
 }  // namespace
 
-bool CrackUrl(const std::wstring& url, CrackedUrl& cracked) {
+bool CrackUrl(const std::wstring& url, CrackedUrl* cracked) {
   std::wstring_view rest = url;
   const std::size_t colon = rest.find(L':');
   if (colon == std::wstring_view::npos) return false;
@@ -49,7 +48,7 @@ bool CrackUrl(const std::wstring& url, CrackedUrl& cracked) {
   if (const std::size_t at = host.rfind(L'@'); at != std::wstring_view::npos) {
     host.remove_prefix(at + 1);
   }
-  // A colon inside the brackets of an IPv6 address does not begin a port.
+  // A colon inside the brackets of an IPv6 address is not followed by a port.
   std::wstring_view port_text;
   const std::size_t port_colon = host.rfind(L':');
   const std::size_t bracket = host.rfind(L']');
@@ -63,8 +62,8 @@ bool CrackUrl(const std::wstring& url, CrackedUrl& cracked) {
   if (!port) return false;
 
   const std::size_t extra = std::min(tail.find_first_of(L"?#"), tail.size());
-  cracked = {*scheme, std::wstring(host), *port, std::wstring(tail.substr(0, extra)),
-             std::wstring(tail.substr(extra))};
+  *cracked = {*scheme, std::wstring(host), *port, std::wstring(tail.substr(0, extra)),
+              std::wstring(tail.substr(extra))};
   return true;
 }
 

@@ -115,7 +115,7 @@ StageResult ExtractStage(UpdateRun& run) {
     EmitChainEvent("extract_fail", {{"error", run.stage_error}});
     return FailRunWithStageError(run, "Cannot extract update package: ");
   }
-  if (!ResolvePayloadLayout(run.stage_dir, run.request.required_payload_files, run.payload_root,
+  if (!ResolvePayloadLayout(run.stage_dir, run.request.required_payload_files, &run.payload_root,
                             &run.stage_error)) {
     EmitChainEvent("extract_fail",
                    {{"error", run.stage_error}, {"reason", "package_layout_contract"}});

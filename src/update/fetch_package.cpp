@@ -19,14 +19,14 @@ bool HasDistinctFallback(const UpdateRequest& request) {
 }
 
 bool DownloadFrom(UpdateRun& run, const std::string& url, std::string_view origin_label,
-                  DownloadResult& result) {
+                  DownloadResult* result) {
   return DownloadPackage(url, run.package_path, origin_label, result, &run.stage_error,
                          &run.progress_window, {}, {});
 }
 
 bool VerifyFrom(UpdateRun& run, std::string_view origin_label) {
   return VerifyPackageChecksum(
-      {&run.progress_window, run.request, run.package_path, run.stage_error}, origin_label);
+      {&run.progress_window, run.request, run.package_path, &run.stage_error}, origin_label);
 }
 
 void EmitDownloadFailure(std::string_view event, const std::string& error,
@@ -41,7 +41,7 @@ void EmitDownloadFailure(std::string_view event, const std::string& error,
 }
 
 StageResult FetchFromFallback(UpdateRun& run) {
-  if (!DownloadFrom(run, run.request.fallback_download_url, kRfFallback, run.fallback_result)) {
+  if (!DownloadFrom(run, run.request.fallback_download_url, kRfFallback, &run.fallback_result)) {
     EmitDownloadFailure("download_fallback_fail", run.stage_error, run.fallback_result);
     return FailRunWithStageError(run, "Update download failed on primary and RF fallback: ");
   }
@@ -73,7 +73,7 @@ StageResult ReplaceBadPrimaryPackage(UpdateRun& run) {
 }
 
 StageResult FetchFromOrigins(UpdateRun& run) {
-  if (DownloadFrom(run, run.request.download_url, kPrimary, run.primary_result)) {
+  if (DownloadFrom(run, run.request.download_url, kPrimary, &run.primary_result)) {
     run.selected_url = run.request.download_url;
     return VerifyFrom(run, kPrimary) ? std::nullopt : ReplaceBadPrimaryPackage(run);
   }

@@ -7,7 +7,6 @@
 
 #include "core/text.h"
 #include "tests/fuzz/fuzz_target.h"
-#include "transfer/redirect_url.h"
 #include "transfer/url_cracker.h"
 #include "transfer/url_policy.h"
 
@@ -51,7 +50,7 @@ void RequireSoundUrl(std::string_view text) {
 // `other`.
 void RequireJudgement(std::string_view text, std::string_view other) {
   CrackedUrl cracked;
-  if (!CrackUrl(Utf8ToWide(other).value_or(std::wstring()), cracked)) return;
+  if (!CrackUrl(Utf8ToWide(other).value_or(std::wstring()), &cracked)) return;
   const NormalizedUrl url = NormalizeUrl(text, true);
   const UpdateUrlParts update = JudgeCrackedUrl(text, cracked);
   Require(!update.ok || !url.ok || (SameServer(update, url) && cracked.scheme == UrlScheme::kHttps),

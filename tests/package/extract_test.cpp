@@ -1,5 +1,5 @@
-// What an extraction meets beside the archive: other processes, the disk, and an archive that is
-// not what it was. What is refused at which archive stands in tests/rig/hostile_archives.py.
+// What can go wrong around an extraction: other processes, the disk, and an archive that changes.
+// tests/rig/hostile_archives.py has the archives that are refused for what they contain.
 
 #include "package/extract.h"
 
@@ -24,15 +24,18 @@ using test::MakeLink;
 using test::RunsUnderWine;
 using test::TempFolder;
 using test::WriteFile;
-using test::ZipBuilder;
 using test::ZipEntryBuilder;
 using test::ZipField;
 
-using Build = std::function<void(ZipBuilder&)>;
-
-std::string Packed(const Build& build) {
-  ZipBuilder zip;
-  build(zip);
+// An archive of these files, after `change` was applied to the first.
+std::string Packed(
+    const std::vector<std::pair<const char*, const char*>>& files,
+    const std::function<void(ZipEntryBuilder&)>& change = [](auto&) {}) {
+  test::ZipBuilder zip;
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    ZipEntryBuilder& entry = zip.File(files[i].first, files[i].second);
+    if (i == 0) change(entry);
+  }
   return zip.Build();
 }
 
@@ -44,16 +47,16 @@ std::string Extract(const fs::Path& archive, const fs::Path& destination) {
   return error;
 }
 
-std::string Scan(const fs::Path& archive, ZipScanResult& result) {
+std::string Scan(const fs::Path& archive, ZipScanResult* result) {
   std::string error;
   const bool accepted = ScanZipArchive(PathToUtf8(archive), result, &error);
   EXPECT_EQ(accepted, error.empty());
   return error;
 }
 
-TEST(ExtractPackage, RefusesWhatIsNoArchiveByName) {
+TEST(ExtractPackage, RequiresTheExtensionZip) {
   const TempFolder folder;
-  WriteFile(folder / "package", Packed([](ZipBuilder& zip) { zip.File("a", "x"); }));
+  WriteFile(folder / "package", Packed({{"a", "x"}}));
   for (const char* name : {"package", "package.", "package.zip.exe", "zip", "package.zipx"}) {
     EXPECT_EQ(Extract(folder / name, folder / "out/stage"), "Not a ZIP archive") << name;
   }
@@ -63,9 +66,19 @@ TEST(ExtractPackage, RefusesWhatIsNoArchiveByName) {
   EXPECT_EQ(ListTree(folder.path()), "package\n");
 }
 
-TEST(ExtractPackage, DisplacesAFileOrALinkAndNotWhatTheLinkLeadsTo) {
+TEST(ExtractPackage, WorksWithPathsBeyond260Characters) {
   const TempFolder folder;
-  WriteFile(folder / "p.zip", Packed([](ZipBuilder& zip) { zip.File("new", "x"); }));
+  const std::size_t length = RunsUnderWine() ? 205 : 280;  // Wine resolves no stage beyond 260
+  const fs::Path deep = folder / std::string(length - folder.path().native().size(), 'd');
+  const fs::Path archive = deep / (std::string(60, 'p') + ".zip");
+  WriteFile(archive, Packed({{"d/file", "contents"}}));
+  EXPECT_EQ(Extract(archive, deep / "s"), "");
+  EXPECT_EQ(test::FilesBelow(deep / "s"), (test::Files{{"d/file", "contents"}}));
+}
+
+TEST(ExtractPackage, ReplacesAFileOrALinkButNotTheTargetOfTheLink) {
+  const TempFolder folder;
+  WriteFile(folder / "p.zip", Packed({{"new", "x"}}));
   WriteFile(folder / "outside/keep", "x");
   WriteFile(folder / "out/stage", "a file");
   EXPECT_EQ(Extract(folder / "p.zip", folder / "out/stage"), "");
@@ -79,78 +92,52 @@ TEST(ExtractPackage, DisplacesAFileOrALinkAndNotWhatTheLinkLeadsTo) {
   EXPECT_EQ(ListTree(folder / "outside"), "keep\n");
 }
 
-// Cut anywhere an archive is refused; with any byte changed it is refused or read.
-TEST(ScanZipArchive, JudgesDamagedArchives) {
+TEST(ScanZipArchive, RefusesAnArchiveThatEndsAnywhereBeforeItsEnd) {
   const TempFolder folder;
-  const fs::Path archive = folder / "package.zip";
-  const std::string good = Packed([](ZipBuilder& zip) {
-    zip.File("a.txt", "hello");
-    zip.File("b.txt", "world").Deflated().Zip64();
-  });
+  const std::string good = Packed({{"a.txt", "hello"}, {"b.txt", "world"}},
+                                  [](ZipEntryBuilder& entry) { entry.Deflated().Zip64(); });
   ZipScanResult result;
   for (std::size_t size = 0; size < good.size(); ++size) {
-    WriteFile(archive, good.substr(0, size));
-    EXPECT_NE(Scan(archive, result), "") << size;
-  }
-  for (std::size_t at = 0; at < good.size(); ++at) {
-    for (const char change : {'\x01', '\x80', '\xFF'}) {
-      std::string bytes = good;
-      bytes[at] = static_cast<char>(bytes[at] ^ change);
-      WriteFile(archive, bytes);
-      Scan(archive, result);
-    }
+    WriteFile(folder / "p.zip", good.substr(0, size));
+    EXPECT_NE(Scan(folder / "p.zip", &result), "") << size;
   }
 }
 
-// An entry, and one behind it that the scan drops.
-Build Two(
-    const char* name, const char* data,
-    const std::function<void(ZipEntryBuilder&)>& change = [](auto&) {}) {
-  return [=](ZipBuilder& zip) {
-    change(zip.File(name, data));
-    zip.File(".DS_Store", "clutter");
-  };
-}
-
-TEST(ExtractScannedEntries, NoticesAnArchiveThatWasReplaced) {
+TEST(ExtractScannedEntries, RefusesAnArchiveThatWasReplacedAfterTheScan) {
   const std::string changed = "ZIP source changed during extraction";
+  const std::pair<const char*, const char*> skipped = {".DS_Store", "not extracted"};
   const struct {
     const char* what;
-    Build build;
-    std::string error;
+    std::string archive, error;
   } cases[] = {
-      {"nothing", Two("a", "hello"), ""},
-      {"dropped entry",
-       [](ZipBuilder& zip) {
-         zip.File("a", "hello");
-         zip.File("/no matter", "other").Deflated();
-       },
-       ""},
-      {"contents", Two("a", "jello"), changed},
-      {"name", Two("b", "hello"), changed},
-      {"kind", Two("a", "hello", [](auto& a) { a.Deflated(); }), changed},
-      {"position",
-       [](ZipBuilder& zip) {
-         zip.File("c", "clutter").Central(ZipField::kLocalOffset, 0);
-         zip.File("a", "hello");
-       },
+      {"nothing", Packed({{"a", "hello"}, skipped}), ""},
+      {"an entry that is not extracted", Packed({{"a", "hello"}, {"/unsafe", "other"}}), ""},
+      {"contents", Packed({{"a", "jello"}, skipped}), changed},
+      {"name", Packed({{"b", "hello"}, skipped}), changed},
+      {"method", Packed({{"a", "hello"}, skipped}, [](auto& a) { a.Deflated(); }), changed},
+      {"offset",
+       Packed({{"a", "hello"}, {"a", "hello"}},
+              [](auto& a) { a.Central(ZipField::kLocalOffset, 36); }),
        changed},
-      {"one entry less", [](ZipBuilder& zip) { zip.File("a", "hello"); }, changed},
-      {"unsafe name", Two("../a", "hello"), "unsafe ZIP entry path"},
-      {"local header", Two("a", "hello", [](auto& a) { a.Local(ZipField::kFlags, 2); }),
+      {"one entry less", Packed({{"a", "hello"}}), changed},
+      {"unsafe name", Packed({{"../a", "hello"}, skipped}), "unsafe ZIP entry path"},
+      {"local header",
+       Packed({{"a", "hello"}, skipped}, [](auto& a) { a.Local(ZipField::kFlags, 2); }),
        "local header flags do not match central directory"},
-      {"no local header", Two("a", "hello", [](auto& a) { a.Local(ZipField::kSignature, 0); }),
+      {"no local header",
+       Packed({{"a", "hello"}, skipped}, [](auto& a) { a.Local(ZipField::kSignature, 0); }),
        "cannot open ZIP entry: invalid format"},
   };
+  const TempFolder folder;
+  const fs::Path archive = folder / "p.zip";
+  ZipScanResult scan;
+  WriteFile(archive, cases[0].archive);
+  ASSERT_EQ(Scan(archive, &scan), "");
   for (const auto& c : cases) {
-    const TempFolder folder;
-    const fs::Path archive = folder / "p.zip";
-    ZipScanResult scan;
-    WriteFile(archive, Packed(Two("a", "hello")));
-    ASSERT_EQ(Scan(archive, scan), "");
-    WriteFile(archive, Packed(c.build));
+    const TempFolder stage;
+    WriteFile(archive, c.archive);
     std::string error;
-    EXPECT_EQ(ExtractScannedEntries(PathToUtf8(archive), scan, folder.path(), &error),
+    EXPECT_EQ(ExtractScannedEntries(PathToUtf8(archive), scan, stage.path(), &error),
               c.error.empty());
     EXPECT_EQ(error, c.error) << c.what;
   }
@@ -159,16 +146,13 @@ TEST(ExtractScannedEntries, NoticesAnArchiveThatWasReplaced) {
 // An archive of d/a and d/b, whose first entry is extracted, and a folder outside the stage.
 struct BetweenTwoEntries {
   BetweenTwoEntries() {
-    WriteFile(folder / "p.zip", Packed([](ZipBuilder& zip) {
-                zip.File("d/a", "first");
-                zip.File("d/b", "second");
-              }));
+    WriteFile(folder / "p.zip", Packed({{"d/a", "first"}, {"d/b", "second"}}));
     WriteFile(outside / "keep", "x");
     std::error_code code;
     std::string error;
     EXPECT_TRUE(fs::CreateDirectories(stage, code));
-    EXPECT_EQ(Scan(folder / "p.zip", scan), "");
-    EXPECT_TRUE(OpenZipReader(PathToUtf8(folder / "p.zip"), reader, &error)) << error;
+    EXPECT_EQ(Scan(folder / "p.zip", &scan), "");
+    EXPECT_TRUE(OpenZipReader(PathToUtf8(folder / "p.zip"), &reader, &error)) << error;
     EXPECT_EQ(reader.GoToFirstEntry(), kZipOk);
     EXPECT_TRUE(ExtractOneEntry(reader, scan.entries.at(0), stage, pass, &error)) << error;
     EXPECT_EQ(reader.GoToNextEntry(), kZipOk);
@@ -179,10 +163,15 @@ struct BetweenTwoEntries {
     return fs::RemoveTree(stage / "d", code);
   }
 
-  // A record that a scan would never have made.
+  bool Write(const char* path) {
+    WriteFile(stage / path, "theirs");
+    return true;
+  }
+
+  // Makes a record that no scan returns.
   bool RenameSecond(const char* path) {
     scan.entries.at(1).path = path;
-    scan.entries.at(1).unicode_path_used = true;  // so that the local header's name does not count
+    scan.entries.at(1).unicode_path_used = true;  // so that the name of the local header is ignored
     return true;
   }
 
@@ -198,68 +187,50 @@ TEST(ExtractOneEntry, NeverLeavesTheStage) {
   const std::string replaced = "ZIP extraction directory identity changed";
   const std::string escapes = "ZIP entry escapes extraction root";
   const std::string taken = "cannot create extracted file exclusively: path already exists";
+  using It = BetweenTwoEntries&;
   const struct {
     const char* what;
-    std::function<bool(BetweenTwoEntries&)> tamper;  // false where this cannot be done
+    std::function<bool(It)> tamper;  // false where this is not possible
     std::string error;
   } cases[] = {
-      {"the folder is gone", [](auto& it) { return it.RemoveFolder(); }, replaced},
-      {"a link in its place",
-       [](auto& it) { return it.RemoveFolder() && MakeLink(it.outside, it.stage / "d"); },
-       replaced},
-      {"another's folder",
-       [](auto& it) {
-         WriteFile(it.stage / "e" / "theirs", "x");
-         return it.RenameSecond("e/b");
-       },
+      {"no folder", [](It it) { return it.RemoveFolder(); }, replaced},
+      {"a link in place of the folder",
+       [](It it) { return it.RemoveFolder() && MakeLink(it.outside, it.stage / "d"); }, replaced},
+      {"the folder of another process",
+       [](It it) { return it.Write("e/theirs") && it.RenameSecond("e/b"); },
        "ZIP directory path collision on target filesystem"},
-      {"another's file",
-       [](auto& it) {
-         WriteFile(it.stage / "d" / "b", "theirs");
-         return true;
-       },
+      {"the file of another process", [](It it) { return it.Write("d/b"); }, taken},
+      {"a link in place of the file",  // Wine does not see a link without a target
+       [](It it) { return !RunsUnderWine() && MakeLink(it.outside / "new", it.stage / "d/b"); },
        taken},
-      {"a link in the file's place",
-       [](auto& it) {  // Wine does not see a link without a target
-         return !RunsUnderWine() && MakeLink(it.outside / "new", it.stage / "d" / "b");
-       },
-       taken},
-      {"climbing", [](auto& it) { return it.RenameSecond("../a"); }, escapes},
-      {"climbing at last", [](auto& it) { return it.RenameSecond("d/../../a"); }, escapes},
-      {"rooted", [](auto& it) { return it.RenameSecond("/a"); }, escapes},
-      {"no name", [](auto& it) { return it.RenameSecond(""); }, escapes},
+      {"parent", [](It it) { return it.RenameSecond("../a"); }, escapes},
+      {"parent at the end", [](It it) { return it.RenameSecond("d/../../a"); }, escapes},
+      {"root", [](It it) { return it.RenameSecond("/a"); }, escapes},
+      {"no name", [](It it) { return it.RenameSecond(""); }, escapes},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    BetweenTwoEntries between;
-    if (!c.tamper(between)) continue;
+    BetweenTwoEntries it;
+    if (!c.tamper(it)) continue;
     std::string error;
-    EXPECT_FALSE(ExtractOneEntry(between.reader, between.scan.entries.at(1), between.stage,
-                                 between.pass, &error));
+    EXPECT_FALSE(ExtractOneEntry(it.reader, it.scan.entries.at(1), it.stage, it.pass, &error));
     EXPECT_EQ(error, c.error);
-    EXPECT_EQ(ListTree(between.outside), "keep\n");
-    EXPECT_FALSE(test::Exists(between.folder / "a"));
-    test::RemoveHostTree(between.folder.path());
+    EXPECT_EQ(ListTree(it.outside), "keep\n");
+    EXPECT_FALSE(test::Exists(it.folder / "a"));
+    test::RemoveHostTree(it.folder.path());
   }
 }
 
 TEST(IsPathInsideRootFolded, ComparesComponents) {
-  const struct {
-    const char* root;
-    const char* candidate;
-    bool inside;
-  } cases[] = {
-      {"/a/b", "/a/b/c", true},  {"/a/b", "/A/B/c/d", true}, {"/a/b", "/a/b", false},
-      {"/a/b", "/a/bc", false},  {"/a/b", "/a", false},      {"/a/b", "a/b/c", false},
-      {"/a/б", "/a/Б/c", false}, {"/", "/a", true},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(IsPathInsideRootFolded(*PathFromUtf8(c.root), *PathFromUtf8(c.candidate)), c.inside)
-        << c.root << " " << c.candidate;
+  const std::pair<const char*, bool> cases[] = {
+      {"/a/б/c", true}, {"/A/б/c/d", true}, {"/a/б", false},  {"/a/бc", false},
+      {"/a", false},    {"a/б/c", false},   {"/a/Б/c", false}};
+  for (const auto& [candidate, inside] : cases) {
+    EXPECT_EQ(IsPathInsideRootFolded(PathOrEmpty("/a/б"), PathOrEmpty(candidate)), inside);
   }
 }
 
-TEST(CheckFreeSpaceForExtraction, NeedsExactlyTheSpaceThatItAsksFor) {
+TEST(CheckFreeSpaceForExtraction, RequiresTheExactSpace) {
   const test::SmallVolume volume;
   if (volume.path().empty()) GTEST_SKIP() << volume.why_not();
   std::error_code code;
@@ -267,9 +238,6 @@ TEST(CheckFreeSpaceForExtraction, NeedsExactlyTheSpaceThatItAsksFor) {
   std::string error;
   EXPECT_TRUE(CheckFreeSpaceForExtraction(volume.path(), available, &error)) << error;
   EXPECT_FALSE(CheckFreeSpaceForExtraction(volume.path(), available + 1, &error));
-  EXPECT_EQ(error, "not enough disk space for ZIP extraction: required " +
-                       std::to_string(available + 1) + " bytes, available " +
-                       std::to_string(available) + " bytes");
 }
 
 }  // namespace

@@ -23,15 +23,11 @@ RequiredFileContract Names(int count) {
   return contract;
 }
 
-TEST(ValidateRequiredFileContract, TakesSingleSafeNames) {
+TEST(ValidateRequiredFileContract, AcceptsSingleSafeNames) {
   const std::string size_message = "Update package required file contract is empty or too large.";
   const std::string unsafe = "Update package required file name is unsafe: ";
   const std::string longest(128, 'a');
-  struct Case {
-    RequiredFileContract contract;
-    std::string error;
-  };
-  std::vector<Case> cases = {
+  std::vector<std::pair<RequiredFileContract, std::string>> cases = {
       {Names(64), ""},
       {{"A-b_c.9", "...", longest}, ""},
       {{}, size_message},
@@ -42,10 +38,10 @@ TEST(ValidateRequiredFileContract, TakesSingleSafeNames) {
   for (const char* name : {"", ".", "..", "a/b", "a\\b", "a:b", "a b", "é"}) {
     cases.push_back({{"good", name}, unsafe + name});
   }
-  for (const Case& c : cases) {
+  for (const auto& [contract, message] : cases) {
     std::string error;
-    EXPECT_EQ(ValidateRequiredFileContract(c.contract, &error), c.error.empty());
-    EXPECT_EQ(error, c.error);
+    EXPECT_EQ(ValidateRequiredFileContract(contract, &error), message.empty());
+    EXPECT_EQ(error, message);
   }
 }
 
@@ -61,10 +57,10 @@ TEST(ResolvePayloadLayout, FindsTheFlatRootOrTheSingleWrapper) {
     const char* what;
     std::vector<std::string> files;
     std::string root;  // below the stage
-    std::string error;
+    std::string error = {};
   } cases[] = {
-      {"flat", {"app.exe", "core.dll", "data/x", "more/y"}, "", ""},
-      {"wrapper", {"wrap/app.exe", "wrap/core.dll", "readme.txt"}, "wrap", ""},
+      {"flat", {"app.exe", "core.dll", "data/x", "more/y"}, ""},
+      {"wrapper", {"wrap/app.exe", "wrap/core.dll", "readme.txt"}, "wrap"},
       {"two folders", {"wrap/app.exe", "wrap/core.dll", "x/y"}, "", both + supported},
       {"wrapped twice", {"a/b/app.exe", "a/b/core.dll"}, "", both + supported},
       {"over two levels", {"app.exe", "wrap/core.dll"}, "", second},
@@ -76,7 +72,7 @@ TEST(ResolvePayloadLayout, FindsTheFlatRootOrTheSingleWrapper) {
     for (const std::string& file : c.files) WriteFile(folder / file, "x");
     fs::Path root;
     std::string error;
-    EXPECT_EQ(ResolvePayloadLayout(folder.path(), contract, root, &error), c.error.empty());
+    EXPECT_EQ(ResolvePayloadLayout(folder.path(), contract, &root, &error), c.error.empty());
     EXPECT_EQ(error, c.error) << c.what;
     const fs::Path expected = c.root.empty() ? folder.path() : folder / c.root;
     EXPECT_EQ(root, error.empty() ? expected : fs::Path()) << c.what;
@@ -89,56 +85,60 @@ TEST(ResolvePayloadLayout, DoesNotFollowLinks) {
   WriteFile(folder / "stage/readme", "x");
   if (!MakeLink(folder / "real", folder / "stage/wrap")) GTEST_SKIP() << "no links here";
   fs::Path root;
-  EXPECT_FALSE(ResolvePayloadLayout(folder / "stage", {"app.exe"}, root, nullptr));
+  EXPECT_FALSE(ResolvePayloadLayout(folder / "stage", {"app.exe"}, &root, nullptr));
   if (RunsUnderWine()) return;  // there a link to a file looks like the file
   ASSERT_TRUE(MakeLink(folder / "real/app.exe", folder / "stage/app.exe"));
-  EXPECT_FALSE(ResolvePayloadLayout(folder / "stage", {"app.exe"}, root, nullptr));
+  EXPECT_FALSE(ResolvePayloadLayout(folder / "stage", {"app.exe"}, &root, nullptr));
 }
 
-TEST(ValidatePayloadTarget, StaysBelowTheTarget) {
+TEST(IsSafeRelativePath, RefusesRootsDotsAndForbiddenCharacters) {
+  std::vector<std::string> refused = {"",    "/a", "..",  "../a", "a/../b",
+                                      "./a", "a/", "C:a", "a\x1F"};
+  for (const char c : std::string("\"*:<>?|")) refused.push_back(std::string("d") + c + "x/a");
+  if (!test::kOnWindows) refused.push_back("a\\b");  // a separator on Windows
+  for (const std::string& text : refused) {
+    EXPECT_FALSE(IsSafeRelativePath(PathOrEmpty(text))) << text;
+  }
+  EXPECT_TRUE(IsSafeRelativePath(PathOrEmpty("a/..b/\xC5\xBElu\xC5\xA5 1/\xE2\x80\xA2.dll")));
+}
+
+TEST(ValidatePayloadTarget, RequiresATargetBelowTheFolder) {
   const TempFolder folder;
   const fs::Path base = folder / "a";
-  WriteFile(base / "d" / "file", "x");
+  WriteFile(base / "d/file", "x");
   WriteFile(folder / "ab/file", "x");
-  struct Case {
-    fs::Path target;
-    bool inside;
+  std::vector<std::pair<const char*, bool>> cases = {
+      {"a/d/file", true},    {"a/new/deeper/file", true},
+      {"a/x/../file", true}, {"a/..a", true},
+      {"a", false},          {"a/", false},
+      {"a/..", false},       {"a/../ab/file", false},
   };
-  std::vector<Case> cases = {
-      {base / "d" / "file", true},
-      {base / "new/deeper" / "file", true},
-      {base / "x" / ".." / "file", true},
-      {base / "..a", true},
-      {base, false},
-      {base / "", false},
-      {base / "..", false},
-      {base / ".." / "ab" / "file", false},
-  };
-  if (MakeLink(folder / "ab", base / "out")) {
+  const bool has_links = MakeLink(folder / "ab", base / "out");
+  if (has_links) {
     ASSERT_TRUE(MakeLink(base / "d", base / "in"));
     ASSERT_TRUE(MakeLink(base, folder / "alias"));
-    cases.push_back({base / "out" / "file", false});
-    cases.push_back({base / "out" / "new", false});
-    cases.push_back({base / "in" / "file", true});
-    cases.push_back({folder / "alias/d/file", true});
+    cases.insert(
+        cases.end(),
+        {{"a/out/file", false}, {"a/out/new", false}, {"a/in/file", true}, {"alias/d/file", true}});
   }
-  for (const Case& c : cases) {
-    const std::string path = PathToUtf8(c.target);
-    EXPECT_EQ(IsPathInsideDirectory(base, c.target), c.inside) << path;
+  const auto refusal = [&](const fs::Path& target_dir, const fs::Path& target) {
     std::string error;
-    EXPECT_EQ(ValidatePayloadTarget(base, c.target, &error), c.inside) << path;
-    EXPECT_EQ(error,
-              c.inside ? "" : "Update payload target escapes the update directory: '" + path + "'");
+    const bool valid = ValidatePayloadTarget(target_dir, target, &error);
+    EXPECT_EQ(valid, error.empty());
+    return error;
+  };
+  for (const auto& [path, inside] : cases) {
+    const fs::Path target = folder / path;
+    EXPECT_EQ(IsPathInsideDirectory(base, target), inside) << path;
+    const std::string text = PathToUtf8(target);
+    EXPECT_EQ(refusal(base, target),
+              inside ? "" : "Update payload target escapes the update directory: '" + text + "'");
   }
-  // A link that leads nowhere is not seen under Wine.
-  if (RunsUnderWine() || !MakeLink("loop", base / "loop")) return;
-  std::string error;
-  EXPECT_FALSE(ValidatePayloadTarget(base, base / "loop" / "x", &error));
-  EXPECT_EQ(error, "Update payload target cannot be normalized: '" +
-                       PathToUtf8(base / "loop" / "x") + "'");
-  EXPECT_FALSE(ValidatePayloadTarget(base / "loop", base / "d", &error));
-  EXPECT_EQ(error,
-            "Update target directory cannot be normalized: '" + PathToUtf8(base / "loop") + "'");
+  // Wine does not see a link without a target.
+  if (RunsUnderWine() || !has_links || !MakeLink("loop", base / "loop")) return;
+  const std::string loop = "cannot be normalized: '" + PathToUtf8(base / "loop");
+  EXPECT_EQ(refusal(base, base / "loop/x"), "Update payload target " + loop + "/x'");
+  EXPECT_EQ(refusal(base / "loop", base / "d"), "Update target directory " + loop + "'");
 }
 
 }  // namespace

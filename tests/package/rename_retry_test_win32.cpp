@@ -1,4 +1,4 @@
-// Elsewhere nothing that this user may make keeps a folder from being renamed.
+// Windows only: on other systems an open file does not keep its folder from being renamed.
 
 #include <gtest/gtest.h>
 
@@ -8,26 +8,25 @@
 namespace zul {
 namespace {
 
-TEST(RenameWithRetry, WaitsTwoSecondsForAHeldFile) {
-  using std::chrono::milliseconds;
-  for (const int let_go_at : {3, 40, 1000}) {
+using std::chrono::milliseconds;
+
+TEST(RenameWithRetry, WaitsAtMostTwoSecondsForASharingViolation) {
+  for (const int closed_at : {3, 40, 1000}) {
     const test::TempFolder folder;
     std::error_code code;
+    std::error_code ignored;
     fs::File held = fs::CreateNewFile(folder / "from", fs::NewFileAccess::kWrite, code);
     ASSERT_TRUE(held.is_open());
     int sleeps = 0;
-    EXPECT_EQ(RenameWithRetry(folder / "from", folder / "to", code,
-                              [&](milliseconds duration) {
-                                EXPECT_EQ(duration, milliseconds(50));
-                                std::error_code ignored;
-                                if (++sleeps == let_go_at) (void)held.Close(ignored);
-                              }),
-              let_go_at <= 40);
-    EXPECT_EQ(sleeps, std::min(let_go_at, 40));
-    (void)held.Close(code);
-    // What will not pass is not waited for.
+    const RetrySleep sleep = [&](milliseconds duration) {
+      EXPECT_EQ(duration, milliseconds(50));
+      if (++sleeps == closed_at) static_cast<void>(held.Close(ignored));
+    };
+    EXPECT_EQ(RenameWithRetry(folder / "from", folder / "to", code, sleep), closed_at <= 40);
+    EXPECT_EQ(sleeps, std::min(closed_at, 40));
+    static_cast<void>(held.Close(ignored));
     EXPECT_FALSE(RenameWithRetry(folder / "missing", folder / "to", code,
-                                 [](milliseconds) { ADD_FAILURE() << "slept"; }));
+                                 [](milliseconds) { ADD_FAILURE() << "not transient"; }));
   }
 }
 

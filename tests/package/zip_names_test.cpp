@@ -18,9 +18,8 @@ std::string HighHalf() {
   return bytes;
 }
 
-// The expected texts are what Python's codecs make of the bytes 0x80 to 0xFF. The scores tell file
-// names from accidents.
-TEST(DecodeLegacyZipName, MapsAsThePublishedTablesDo) {
+// The expected texts are the bytes 0x80 to 0xFF as Python's codecs decode them.
+TEST(DecodeLegacyZipName, FollowsThePublishedTables) {
   using namespace std::string_literals;
   const struct {
     LegacyCodePage code_page;
@@ -48,8 +47,8 @@ TEST(DecodeLegacyZipName, MapsAsThePublishedTablesDo) {
   }
 }
 
-// The plain encodings and whole Unicode paths are rows of tests/rig/hostile_archives.py.
-TEST(DecodeZipEntryName, TakesAUnicodePathOrTheLikelierCodePage) {
+// tests/rig/hostile_archives.py has the plain encodings and complete Unicode paths.
+TEST(DecodeZipEntryName, PrefersAUnicodePathToTheMoreLikelyCodePage) {
   const std::string legacy = "\x8E\xE2\xE7\xF1\xE2.txt";  // "Отчёт.txt" in CP866
   const std::string unicode = UnicodePathExtra(legacy, "и");
   const struct {
@@ -62,13 +61,13 @@ TEST(DecodeZipEntryName, TakesAUnicodePathOrTheLikelierCodePage) {
       {"empty", "", UnicodePathExtra("", "x"), ""},
       {"Windows-1251 that is box drawing in CP866", "\xCF\xD0\xCE\xD4\xC8\xCB\xDC", "", "ПРОФИЛЬ"},
       {"a tie", "caf\xE9.txt", "", "cafщ.txt"},
-      {"behind another record", legacy, ZipExtra(7, "zz") + unicode, "и", true},
-      {"behind one for other bytes", legacy, UnicodePathExtra("other", "no") + unicode, "и", true},
-      {"without a name", legacy, UnicodePathExtra(legacy, ""), "Отчёт.txt"},
+      {"after another record", legacy, ZipExtra(7, "zz") + unicode, "и", true},
+      {"after one for other bytes", legacy, UnicodePathExtra("other", "no") + unicode, "и", true},
+      {"with an empty name", legacy, UnicodePathExtra(legacy, ""), "Отчёт.txt"},
       {"not UTF-8", legacy, UnicodePathExtra(legacy, "\xC0\x80"), "Отчёт.txt"},
       {"too short", legacy, ZipExtra(0x7075, "\1abc"), "Отчёт.txt"},
       {"cut off", legacy, unicode.substr(0, unicode.size() - 1), "Отчёт.txt"},
-      {"behind a record that runs past the end", legacy,
+      {"after a record that extends past the end", legacy,
        ZipExtra(7, "").replace(2, 1, "\xFF") + unicode, "Отчёт.txt"},
   };
   for (const auto& c : cases) {

@@ -7,7 +7,6 @@
 #include "tests/support/trace_reader.h"
 #include "tests/transfer/scripted_transport.h"
 #include "tests/ui/fake_screen.h"
-#include "transfer/download_job.h"
 #include "transfer/url_policy.h"
 
 namespace zul {
@@ -34,7 +33,7 @@ struct Rehearsal {
   bool Run() {
     const bool success =
         DownloadPackageOver({transport, [this] { return transport.now_ms; }, max_bytes},
-                            {url, destination, role, window, {}, on_cancel}, result, &error_text);
+                            {url, destination, role, window, {}, on_cancel}, &result, &error_text);
     EXPECT_EQ(success, result.success);
     EXPECT_FALSE(transport.open);
     EXPECT_EQ(trace.Text().find("secret"), std::string::npos);
@@ -42,13 +41,12 @@ struct Rehearsal {
   }
 };
 
-TEST(DownloadPackage, FollowsItsStepsAndWritesTheFile) {
+TEST(DownloadPackage, WritesTheFileAndReportsItsSteps) {
   Rehearsal run;
   run.role = "rf_fallback";
   run.result.error = "stale";
-  const std::uint64_t step = kDownloadProgressEventStep;
-  run.transport.chunks = {std::string(step - 1, 'a'), std::string(step + 1, 'b'), "c", "d"};
-  run.transport.content_length = std::to_string(2 * step + 2);
+  run.transport.chunks = {std::string(1048575, 'a'), std::string(1048577, 'b'), "c", "d"};
+  run.transport.content_length = "2097154";
   run.transport.effective_url = "https://" + kHost + "/final.zip?token=secret";
   run.transport.ms_per_read = 1000;
   test::FakeScreen screen;
@@ -56,29 +54,27 @@ TEST(DownloadPackage, FollowsItsStepsAndWritesTheFile) {
   run.window = &window;
   EXPECT_TRUE(run.Run());
   EXPECT_EQ(run.result.error, "");
-  EXPECT_EQ(run.result.total_bytes, 2 * step + 2);
+  EXPECT_EQ(run.result.total_bytes, 2097154u);
   EXPECT_TRUE(test::ReadFile(run.destination) ==
-              std::string(step - 1, 'a') + std::string(step + 1, 'b') + "cd");
+              run.transport.chunks[0] + run.transport.chunks[1] + "cd");
   EXPECT_EQ(screen.paints.at(0),
             "Connecting to RF mirror... | Preparing download... | Working... | ");
   EXPECT_TRUE(screen.paints.at(1).starts_with("Downloading update from RF mirror... | "));
 
   const std::string url = "https://" + kHost + "/pkg.zip";
   const std::string final_url = "https://" + kHost + "/final.zip";
-  const auto figures = [](std::uint64_t bytes, std::uint64_t ms) {
-    return "avg_throughput_bps=" + std::to_string(bytes * 1000 / ms) +
-           " bytes_downloaded=" + std::to_string(bytes);
-  };
   const std::string role = " origin_role=rf_fallback";
-  // A chunk of several steps is caught up with, one step a chunk.
+  const std::string progress = "download_progress avg_throughput_bps=";
+  // After a chunk of two steps, the next chunk emits an event too.
   EXPECT_EQ(run.trace.Events(),
             (Strings{"download_start" + role + " url=" + url,
                      "download_redirect_resolution effective_url=" + final_url + role +
                          " requested_url=" + url,
-                     "download_progress " + figures(2 * step, 2000) + " elapsed_ms=2000" + role,
-                     "download_progress " + figures(2 * step + 1, 3000) + " elapsed_ms=3000" + role,
-                     "download_complete " + figures(2 * step + 2, 4000) +
-                         " effective_url=" + final_url + " elapsed_ms=4000" + role}));
+                     progress + "1048576 bytes_downloaded=2097152 elapsed_ms=2000" + role,
+                     progress + "699051 bytes_downloaded=2097153 elapsed_ms=3000" + role,
+                     "download_complete avg_throughput_bps=524288 bytes_downloaded=2097154"
+                     " effective_url=" +
+                         final_url + " elapsed_ms=4000" + role}));
 }
 
 /// Changes what a run meets.
@@ -99,31 +95,29 @@ Script Answers(std::int32_t status, const char* length = "") {
 Script LeadsTo(const std::string& url) {
   return [=](Rehearsal& r) { r.transport.effective_url = url; };
 }
-TEST(DownloadPackage, EndsWellOrWithAFailureInItsOwnWords) {
+
+TEST(DownloadPackage, SucceedsOrReportsTheKindAndReasonOfTheFailure) {
   const struct {
     Script script;
     std::string text, kind, reason;
-    std::string extra = {};  ///< the one field of the event beside those of every failure
+    std::string extra = {};  ///< a field that only this event has
   } rows[] = {
-      // What lies on the bounds is taken.
+      // Values at the limits.
       {Answers(299, "1073741824"), "", "none", ""},
       {Answers(200, "many"), "", "none", ""},
       {[](Rehearsal& r) { r.max_bytes = 8; }, "", "none", ""},
       {LeadsTo("https://" + DefaultUpdateDownloadHosts().back() + "/x"), "", "none", ""},
       {[](Rehearsal& r) { test::WriteFile(r.destination, "longer than it"); }, "", "none", ""},
 
-      {FailsAt("OpenSession", 12), "WinHttpOpen failed (code=12)", "transport", "winhttp_open"},
-      {FailsAt("Connect", 12002), "WinHttpConnect failed (code=12002)", "transport",
-       "winhttp_connect"},
-      {FailsAt("OpenRequest", 0), "WinHttpOpenRequest failed", "transport", "winhttp_open_request",
-       "winhttp_error_code=0"},
-      {FailsAt("SendAndReceive", 12002), "WinHTTP send/receive failed (code=12002)", "timeout",
+      {FailsAt("OpenSession", 12), "WinHttpOpen failed", "transport", "winhttp_open"},
+      {FailsAt("Connect", 12002), "WinHttpConnect failed", "transport", "winhttp_connect"},
+      {FailsAt("OpenRequest", 0), "WinHttpOpenRequest failed", "transport", "winhttp_open_request"},
+      {FailsAt("SendAndReceive", 12002), "WinHTTP send/receive failed", "timeout",
        "winhttp_send_receive"},
-      {FailsAt("QueryStatus", 12150), "WinHTTP status query failed (code=12150)", "transport",
-       "status_query"},
-      {FailsAt("QueryDataAvailable", 12002), "WinHttpQueryDataAvailable failed (code=12002)",
-       "timeout", "query_data_available"},
-      {FailsAt("ReadData", 12030), "WinHttpReadData failed (code=12030)", "transport", "read_data"},
+      {FailsAt("QueryStatus", 12150), "WinHTTP status query failed", "transport", "status_query"},
+      {FailsAt("QueryDataAvailable", 12002), "WinHttpQueryDataAvailable failed", "timeout",
+       "query_data_available"},
+      {FailsAt("ReadData", 12030), "WinHttpReadData failed", "transport", "read_data"},
       {[](Rehearsal& r) { r.on_cancel = [asked = 0]() mutable { return ++asked == 5; }; },
        "Download cancelled.", "timeout", "cancelled_during_download", "bytes_downloaded=4"},
       {[](Rehearsal& r) { r.url = "http://" + kHost + "/pkg.zip?secret"; },
@@ -150,27 +144,29 @@ TEST(DownloadPackage, EndsWellOrWithAFailureInItsOwnWords) {
     Rehearsal run;
     run.transport.chunks = {"four", "more"};
     row.script(run);
-    // Only some systems have a device that is always full.
+    // Not every system has a device that is always full.
     if (run.destination == "/dev/full" && !test::Exists(run.destination)) continue;
     EXPECT_EQ(run.Run(), row.text.empty());
-    EXPECT_EQ(run.error_text, row.text);
+    EXPECT_EQ(run.result.error, row.text);
     EXPECT_EQ(FailureKindName(run.result.failure_kind), row.kind);
     EXPECT_EQ(ShouldTryFallback(run.result),
               row.kind == "transport" || row.kind == "timeout" || run.result.http_status == 500);
-    // The file is begun only after the final URL was judged.
-    const bool judged = run.trace.Text().find("download_redirect_resolution") != std::string::npos;
-    EXPECT_EQ(test::Exists(run.destination), judged);
+    // The file is created only after the final URL was accepted.
+    const bool accepted =
+        run.trace.Text().find("download_redirect_resolution") != std::string::npos;
+    EXPECT_EQ(test::Exists(run.destination), accepted);
     if (row.text.empty()) {
       EXPECT_EQ(test::ReadFile(run.destination), "fourmore");
       continue;
     }
     const std::uint32_t code = run.transport.failure_code;
+    const std::string code_text = std::to_string(code);
     EXPECT_EQ(run.result.winhttp_error_code, code);
-    EXPECT_EQ(run.result.error, row.text.substr(0, row.text.find(" (code=")));
+    EXPECT_EQ(run.error_text, row.text + (code == 0 ? "" : " (code=" + code_text + ")"));
     std::set<std::string> fields = {"failure_kind=" + row.kind, "origin_role=primary",
                                     "reason=" + row.reason, "url=" + StripUrlQuery(run.url)};
     if (!row.extra.empty()) fields.insert(row.extra);
-    if (code != 0) fields.insert("winhttp_error_code=" + std::to_string(code));
+    if (!run.transport.failing_step.empty()) fields.insert("winhttp_error_code=" + code_text);
     std::string event = "download_fail";
     for (const std::string& field : fields) event += " " + field;
     EXPECT_EQ(run.trace.Events().back(), event);

@@ -1,5 +1,5 @@
-// What an HTTP request is refused for before a session exists, and how a failure is told. What is
-// sent otherwise, the end-to-end runs of the report upload show.
+// Requests that are refused before a session exists, and the record of a failure. The end-to-end
+// runs of the report upload test what is sent.
 
 #include "transfer/net/http_call.h"
 
@@ -8,7 +8,7 @@
 namespace zul::net {
 namespace {
 
-TEST(PrepareHttpCall, LetsNothingThroughBetweenTheLinesOfTheHead) {
+TEST(PrepareHttpCall, RefusesTextThatAddsALineToTheHead) {
   const std::string url = "https://host/";
   const struct {
     std::string error, url;
@@ -37,12 +37,12 @@ TEST(PrepareHttpCall, LetsNothingThroughBetweenTheLinesOfTheHead) {
   }
 }
 
-TEST(SetHttpFailure, ToldByThePlatformsNumber) {
+TEST(SetHttpFailure, ClassifiesThePlatformsCode) {
   for (const int code : {12002, 12029, 12037, 12038, 12045, 12057, 12157, 12175}) {
     HttpResponse response;
-    SetHttpFailure(response, "message", static_cast<std::uint32_t>(code));
-    EXPECT_EQ(response.error, "message");
-    EXPECT_EQ(response.platform_error, code);
+    SetHttpFailure(&response, "message", static_cast<std::uint32_t>(code));
+    EXPECT_EQ(response.error + std::to_string(response.platform_error),
+              "message" + std::to_string(code));
     EXPECT_EQ(response.timed_out, code == 12002);
     EXPECT_EQ(response.tls_error, code != 12002 && code != 12029 && code != 12157);
   }

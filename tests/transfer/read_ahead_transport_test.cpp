@@ -10,26 +10,26 @@
 namespace zul {
 namespace {
 
-/// What a caller gets of a body, reading `limit` bytes at a time, and where it ends.
+/// The body as a caller reads it, `limit` bytes at a time, and a mark for how it ends.
 std::string ReadAll(DownloadTransport& transport, std::size_t limit) {
   std::uint32_t code = 0;
-  EXPECT_TRUE(transport.SendAndReceive(code));
+  EXPECT_TRUE(transport.SendAndReceive(&code));
   for (std::string body;;) {
     std::size_t available = 0;
     std::size_t read = 0;
-    if (!transport.QueryDataAvailable(available, code)) return body + "?" + std::to_string(code);
+    if (!transport.QueryDataAvailable(&available, &code)) return body + "?" + std::to_string(code);
     std::string piece(std::min(available, limit), '\0');
     if (available == 0) return body + ".";
-    if (!transport.ReadData(piece.data(), piece.size(), read, code)) {
+    if (!transport.ReadData(piece.data(), piece.size(), &read, &code)) {
       return body + "!" + std::to_string(code);
     }
     body += piece.substr(0, read);
   }
 }
 
-TEST(ReadAheadTransport, HandsOutWhatTheOtherOneReadsAndKeepsItsCallerAlive) {
+TEST(ReadAheadTransport, ReturnsTheBodyAndCallsKeepAliveOnTheCallersThread) {
   std::string many;
-  std::vector<std::string> pieces;  // more than it holds at once
+  std::vector<std::string> pieces;  // more than kMaxPieces
   for (unsigned i = 0; i < 500; ++i) many += pieces.emplace_back(1 + i, static_cast<char>(i));
   const struct {
     std::vector<std::string> chunks;
@@ -57,7 +57,7 @@ TEST(ReadAheadTransport, HandsOutWhatTheOtherOneReadsAndKeepsItsCallerAlive) {
       int calls = 0;
       ReadAheadTransport transport(inner, [&] {
         EXPECT_EQ(std::this_thread::get_id(), caller);
-        if (++calls == 3) let_go = true;  // nothing else would end this test
+        if (++calls == 3) let_go = true;  // the blocked step waits for this
       });
       EXPECT_TRUE(ReadAll(transport, c.limit) == c.expected);
       EXPECT_TRUE(let_go);

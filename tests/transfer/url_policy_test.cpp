@@ -3,27 +3,27 @@
 #include <gtest/gtest.h>
 
 #include "core/text.h"
-#include "transfer/redirect_url.h"
+#include "transfer/url_cracker.h"
 
 namespace zul {
 namespace {
 
 using namespace std::string_literals;
 
-/// What one answer stands for, and all the texts that get it.
+/// One result, and all the texts that have it.
 struct Row {
-  std::string answer;
+  std::string result;
   std::vector<std::string> texts;
 };
 
-TEST(NormalizeUrl, SplitsOrSaysWhyNot) {
+TEST(NormalizeUrl, SplitsAUrlOrNamesTheFault) {
   const Row rows[] = {
       {"https host 443 /", {"https://host", "https://host:/", "https://host#/a?b"}},
       {"https host.example 443 /Path?Query", {" \t\vHTTPS://HOST.Example/Path?Query#c?d\n"}},
       {"https host 65535 /", {"https://host:065535/"}},
       {"https host 443 /?@evil/", {"https://host?@evil/"}},
       {"https FE80::1 8443 /?x", {"https://[FE80::1]:8443?x"}},
-      {"URL must include http or https scheme", {"", "host", "https:\\\\host\\", " ://host"}},
+      {"URL must include http or https scheme", {"", "host", "https:\\host\\", " ://host"}},
       {"URL scheme must be http or https", {"ftp://host", "https ://host", "//host/a://b"}},
       {"URL host is empty or contains user info",
        {"https:///path", "https://?x", "https://@host/", "https://good\\@evil/"}},
@@ -40,17 +40,19 @@ TEST(NormalizeUrl, SplitsOrSaysWhyNot) {
   for (const Row& row : rows) {
     for (const std::string& text : row.texts) {
       const NormalizedUrl url = NormalizeUrl(text, false);
-      EXPECT_EQ(url.ok ? url.scheme + " " + url.host + " " + std::to_string(url.port) + " " +
-                             url.path_and_query
-                       : url.error,
-                row.answer)
-          << text;
+      const std::string parts =
+          url.scheme + " " + url.host + " " + std::to_string(url.port) + " " + url.path_and_query;
+      EXPECT_EQ(url.ok ? parts : url.error, row.result) << text;
     }
   }
 }
 
-// That a cracker which sees another host or port is not believed, the fuzzer's inputs show; so they
-// do where Wine's cracker is weak: a host that ends at `?` or `#`, a port that is no number.
+std::string Shown(const UpdateUrlParts& parts) {
+  EXPECT_EQ(parts.ok, parts.error.empty());
+  return parts.error + "|" + WideToUtf8Lossy(parts.host) + " " + std::to_string(parts.port) + " " +
+         WideToUtf8Lossy(parts.path_and_query);
+}
+
 TEST(ParseUpdateUrl, PreparesHostPortAndPath) {
   const Row rows[] = {
       {"|Host.Example 443 /Path", {" https://Host.Example/Path \n"}},
@@ -66,17 +68,31 @@ TEST(ParseUpdateUrl, PreparesHostPortAndPath) {
   };
   for (const Row& row : rows) {
     for (const std::string& text : row.texts) {
-      const UpdateUrlParts parts = ParseUpdateUrl(text);
-      EXPECT_EQ(parts.ok, parts.error.empty());
-      EXPECT_EQ(parts.error + "|" + WideToUtf8Lossy(parts.host) + " " + std::to_string(parts.port) +
-                    " " + WideToUtf8Lossy(parts.path_and_query),
-                row.answer)
-          << text;
+      EXPECT_EQ(Shown(ParseUpdateUrl(text)), row.result) << text;
     }
   }
 }
 
-TEST(IsAllowedDownloadUrl, TakesExactHostsOnly) {
+TEST(JudgeCrackedUrl, RefusesAHostOrPortThatNormalizeUrlDoesNotFind) {
+  const std::string differs = "Cannot parse update URL|";
+  const struct {
+    std::string text;
+    std::wstring host;
+    std::uint16_t port;
+    std::string result;
+  } rows[] = {
+      {"https://[FE80::1]/", L"[fe80::1]", 0, "|[fe80::1] 443 /"},
+      {"https://good?@evil/", L"evil", 443, differs + "evil 443 /"},
+      {"https://host:8443/", L"host", 443, differs + "host 443 /"},
+      {"https://host/", L"host", 8443, differs + "host 8443 /"},
+  };
+  for (const auto& row : rows) {
+    const CrackedUrl cracked = {UrlScheme::kHttps, row.host, row.port, L"/", L""};
+    EXPECT_EQ(Shown(JudgeCrackedUrl(row.text, cracked)), row.result) << row.text;
+  }
+}
+
+TEST(IsAllowedDownloadUrl, RequiresTheExactHost) {
   const std::string first = DefaultUpdateDownloadHosts().front();
   const std::string refused = "Update download host is not allowed: ";
   const std::pair<std::string, std::string> rows[] = {
@@ -94,14 +110,14 @@ TEST(IsAllowedDownloadUrl, TakesExactHostsOnly) {
   EXPECT_TRUE(IsAllowedDownloadUrl("https://" + first + "/", {"  ", ""}, nullptr));
 }
 
-TEST(ResolveRedirect, LeadsWhereClientsAgree) {
-  const char* const rows[][2] = {
+TEST(ResolveRedirect, ResolvesARelativeLocation) {
+  const std::pair<const char*, const char*> rows[] = {
       {"https://i/c", "https://i/c"},
       {"/c?r", "https://h:1/c?r"},
       {"c/d:e", "https://h:1/a/c/d:e"},
       {"?r", "https://h:1/a/b?r"},
       {"", "https://h:1/a/b"},
-      // Not a URL by any check: whether these name a host is read in two ways.
+      // Clients do not agree on whether these name a host; no URL check accepts them.
       {"//evil/c", "//evil/c"},
       {"/\\evil/c", "/\\evil/c"},
   };

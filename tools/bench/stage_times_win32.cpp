@@ -32,7 +32,7 @@
 #include "package/zip_scan.h"
 #include "trace/chain_events.h"
 #include "transfer/download.h"
-#include "transfer/download_job.h"
+#include "transfer/download_transport.h"
 #include "ui/progress_window.h"
 
 namespace {
@@ -49,7 +49,7 @@ int TimeScan(const std::string& package) {
   zul::ZipScanResult scan;
   std::string error;
   const auto started = Clock::now();
-  if (!zul::ScanZipArchive(package, scan, &error)) return Fail(error);
+  if (!zul::ScanZipArchive(package, &scan, &error)) return Fail(error);
   std::printf("%.6f\n", Seconds(Clock::now() - started).count());
   return 0;
 }
@@ -57,30 +57,30 @@ int TimeScan(const std::string& package) {
 /// WinHTTP, and how long its two calls for a chunk took.
 class TimedTransport final : public zul::DownloadTransport {
  public:
-  bool OpenSession(std::string_view agent, std::uint32_t& code) override {
+  bool OpenSession(std::string_view agent, std::uint32_t* code) override {
     return inner_->OpenSession(agent, code);
   }
   void SetTimeouts(const zul::TransportTimeouts& timeouts) override {
     inner_->SetTimeouts(timeouts);
   }
-  bool Connect(const std::wstring& host, std::uint16_t port, std::uint32_t& code) override {
+  bool Connect(const std::wstring& host, std::uint16_t port, std::uint32_t* code) override {
     return inner_->Connect(host, port, code);
   }
-  bool OpenRequest(const std::wstring& path, bool secure, std::uint32_t& code) override {
+  bool OpenRequest(const std::wstring& path, bool secure, std::uint32_t* code) override {
     return inner_->OpenRequest(path, secure, code);
   }
-  bool SendAndReceive(std::uint32_t& code) override { return inner_->SendAndReceive(code); }
-  bool QueryStatus(std::int32_t& status, std::uint32_t& code) override {
+  bool SendAndReceive(std::uint32_t* code) override { return inner_->SendAndReceive(code); }
+  bool QueryStatus(std::int32_t* status, std::uint32_t* code) override {
     return inner_->QueryStatus(status, code);
   }
   std::string ContentLengthText() override { return inner_->ContentLengthText(); }
   std::string EffectiveUrl() override { return inner_->EffectiveUrl(); }
-  bool QueryDataAvailable(std::size_t& available, std::uint32_t& code) override {
+  bool QueryDataAvailable(std::size_t* available, std::uint32_t* code) override {
     began_ = Clock::now();
     if (first_read_ == Clock::time_point()) first_read_ = began_;
     return inner_->QueryDataAvailable(available, code);
   }
-  bool ReadData(void* buffer, std::size_t size, std::size_t& read, std::uint32_t& code) override {
+  bool ReadData(void* buffer, std::size_t size, std::size_t* read, std::uint32_t* code) override {
     const bool ok = inner_->ReadData(buffer, size, read, code);
     seconds_ += Clock::now() - began_;
     return ok;
@@ -115,8 +115,9 @@ int TimeWindow(const std::string& url, const std::string& file) {
   zul::DownloadResult result;
   std::string error;
   const auto started = Clock::now();
-  if (!zul::DownloadPackageOver(
-          {transport, now_ms}, {url, destination, "primary", &window, shown, {}}, result, &error)) {
+  if (!zul::DownloadPackageOver({transport, now_ms},
+                                {url, destination, "primary", &window, shown, {}}, &result,
+                                &error)) {
     return Fail(error);
   }
   std::printf("%.6f %.6f %.6f %.6f\n", Seconds(Clock::now() - started).count(),

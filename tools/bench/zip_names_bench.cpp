@@ -28,7 +28,7 @@ BENCHMARK_CAPTURE(DecodeName, code_page, kCp866);
 void NormalizeName(benchmark::State& state, const char* name) {
   std::string path;
   while (state.KeepRunning()) {
-    benchmark::DoNotOptimize(zul::NormalizeZipEntryPath(name, false, path));
+    benchmark::DoNotOptimize(zul::NormalizeZipEntryPath(name, false, &path));
   }
   state.SetItemsProcessed(state.iterations());
 }

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
 #include <utility>
+#include <vector>
 
 #include "core/text.h"
 #include "transfer/url_policy.h"
@@ -15,8 +17,8 @@ constexpr std::string_view kDefaultUserAgent = "qorva_http/1.0";
 constexpr std::string_view kInvalidHeader = "Invalid HTTP header";
 constexpr std::string_view kInvalidEncoding = "Invalid HTTP request encoding";
 
-/// Errors of WinHTTP's documentation that concern the server's certificate or the channel: date
-/// invalid, common name invalid, unknown authority, revocation check failed, secure failure.
+/// Errors of winhttp.h about the server's certificate or the secure channel: CERT_DATE_INVALID,
+/// CERT_CN_INVALID, INVALID_CA, CERT_REV_FAILED, SECURE_FAILURE.
 constexpr std::array<std::uint32_t, 5> kTlsErrorCodes = {12037, 12038, 12045, 12057, 12175};
 
 std::wstring_view MethodWord(HttpMethod method) {
@@ -55,26 +57,26 @@ TransportTimeouts Timeouts(const HttpRequest& request) {
           or_default(request.receive_timeout_ms, 15000)};
 }
 
-/// Fills everything but headers and time-outs; the reason of a refusal, or empty.
+/// Fills `*call` except headers and time-outs. Returns the message of a refusal; empty on success.
 std::string_view ConvertTexts(const HttpRequest& request, const NormalizedUrl& url,
-                              HttpCall& call) {
+                              HttpCall* call) {
   const std::string_view agent =
       request.user_agent.empty() ? kDefaultUserAgent : std::string_view(request.user_agent);
   if (HasLineEnd(agent)) return kInvalidHeader;
   if (HasControlCharacter(url.path_and_query)) return kInvalidEncoding;
-  call.method = MethodWord(request.method);
-  call.host = Utf8ToWide(url.host).value_or(std::wstring());
-  call.port = static_cast<std::uint16_t>(url.port);
-  call.path_and_query = Utf8ToWide(url.path_and_query).value_or(std::wstring());
-  call.user_agent = Utf8ToWide(agent).value_or(std::wstring());
+  call->method = MethodWord(request.method);
+  call->host = Utf8ToWide(url.host).value_or(std::wstring());
+  call->port = static_cast<std::uint16_t>(url.port);
+  call->path_and_query = Utf8ToWide(url.path_and_query).value_or(std::wstring());
+  call->user_agent = Utf8ToWide(agent).value_or(std::wstring());
   const bool converted =
-      !call.host.empty() && !call.path_and_query.empty() && !call.user_agent.empty();
+      !call->host.empty() && !call->path_and_query.empty() && !call->user_agent.empty();
   return converted ? std::string_view() : kInvalidEncoding;
 }
 
-}  // namespace
-
-std::optional<std::wstring> RenderHttpHeaders(const std::vector<HttpHeader>& headers) {
+/// The lines `Name: value` CR LF. Nothing when a name is empty or holds CR, LF or a colon, when a
+/// value holds CR or LF, or when either is not UTF-8.
+std::optional<std::wstring> RenderHeaders(const std::vector<HttpHeader>& headers) {
   std::wstring lines;
   for (const auto& [name, value] : headers) {
     if (name.empty() || HasLineEnd(name) || name.find(':') != std::string::npos ||
@@ -89,6 +91,8 @@ std::optional<std::wstring> RenderHttpHeaders(const std::vector<HttpHeader>& hea
   return lines;
 }
 
+}  // namespace
+
 HttpCall PrepareHttpCall(const HttpRequest& request) {
   HttpCall call;
   const NormalizedUrl url = NormalizeUrl(request.url, true);
@@ -96,22 +100,22 @@ HttpCall PrepareHttpCall(const HttpRequest& request) {
     call.error = url.error;
     return call;
   }
-  std::optional<std::wstring> headers = RenderHttpHeaders(request.headers);
+  std::optional<std::wstring> headers = RenderHeaders(request.headers);
   if (!headers) {
     call.error = kInvalidHeader;
     return call;
   }
   call.headers = *std::move(headers);
-  call.error = ConvertTexts(request, url, call);
+  call.error = ConvertTexts(request, url, &call);
   call.timeouts = Timeouts(request);
   return call;
 }
 
-void SetHttpFailure(HttpResponse& response, std::string_view message, std::uint32_t code) {
-  response.error = message;
-  response.platform_error = static_cast<std::int32_t>(code);
-  response.timed_out = code == kTransportTimeoutCode;
-  response.tls_error =
+void SetHttpFailure(HttpResponse* response, std::string_view message, std::uint32_t code) {
+  response->error = message;
+  response->platform_error = static_cast<std::int32_t>(code);
+  response->timed_out = code == kTransportTimeoutCode;
+  response->tls_error =
       std::find(kTlsErrorCodes.begin(), kTlsErrorCodes.end(), code) != kTlsErrorCodes.end();
 }
 

@@ -1,20 +1,18 @@
 #pragma once
 
-// A request made ready for the platform: everything about it that can be judged before a session
-// exists. Inside the room only.
+// A request prepared for the platform: everything that can be checked before a session exists.
+// Inside the room only.
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "transfer/download_transport.h"
 #include "transfer/net/http_client.h"
 
 namespace zul::net {
 
-/// What the platform's calls take. After a refusal only `error` means anything.
+/// The arguments of the platform's calls. After a refusal only `error` is valid.
 struct HttpCall {
   std::string error;  ///< empty when the request may be sent
   std::wstring method;
@@ -26,15 +24,12 @@ struct HttpCall {
   TransportTimeouts timeouts{};
 };
 
-/// Judges and converts `request`. What would end up between the lines of the request's head is
-/// refused: a line end in a header or in the agent, a control character in the path.
+/// Checks and converts `request`. A text that could add a line to the head of the request is
+/// refused: a header or agent with a line end, a path with a control character.
 [[nodiscard]] HttpCall PrepareHttpCall(const HttpRequest& request);
 
-/// The lines `Name: value` CR LF. Nothing when a name is empty or holds CR, LF or a colon, when a
-/// value holds CR or LF, or when either is not UTF-8.
-[[nodiscard]] std::optional<std::wstring> RenderHttpHeaders(const std::vector<HttpHeader>& headers);
-
-/// Stores a failure and what the platform's code says about it.
-void SetHttpFailure(HttpResponse& response, std::string_view message, std::uint32_t code);
+/// Stores the message and the platform's code of a failure, and sets the flags that follow from the
+/// code.
+void SetHttpFailure(HttpResponse* response, std::string_view message, std::uint32_t code);
 
 }  // namespace zul::net

@@ -1,8 +1,7 @@
 #pragma once
 
-// One request and its response, whole in memory, over HTTPS and nothing else: what the report
-// upload sends through. A package download streams into a file and has a transport of its own
-// (transfer/download.h).
+// One request and its response, both whole in memory, over HTTPS only. The report upload uses it. A
+// package download streams into a file and has its own transport (transfer/download.h).
 
 #include <cstdint>
 #include <memory>
@@ -32,39 +31,40 @@ struct HttpRequest {
   std::string body;                                 ///< any bytes
   std::int32_t resolve_and_connect_timeout_ms = 0;  ///< 5000 when not above 0
   std::int32_t send_timeout_ms = 0;                 ///< 10000 when not above 0
-  std::int32_t receive_timeout_ms = 0;   ///< 15000 when not above 0; also of the body as a whole
+  std::int32_t receive_timeout_ms =
+      0;  ///< 15000 when not above 0; also the limit for the whole body
   std::uint64_t max_response_bytes = 0;  ///< 0 for no limit
   bool follow_redirects = false;         ///< never from https to http
   std::string user_agent;                ///< UTF-8; "qorva_http/1.0" when empty
 };
 
-/// What came back. The request failed exactly when `error` is not empty; what had been read until
-/// then stands in the other fields. A status of 4xx or 5xx is no failure.
+/// The request failed if and only if `error` is not empty; the other fields then hold what was read
+/// before the failure. A status of 4xx or 5xx is not a failure.
 struct HttpResponse {
-  std::int32_t status = 0;          ///< 0 when none was read
+  std::int32_t status = 0;          ///< 0 when no status was read
   std::string body;                 ///< any bytes
   std::string effective_url;        ///< after redirects; empty when no status was read
-  std::int32_t platform_error = 0;  ///< of a failure that the platform has a number for
+  std::int32_t platform_error = 0;  ///< the platform's code of the failure; 0 when there is none
   std::string error;
   bool timed_out = false;
   bool tls_error = false;
-  bool response_too_large = false;  ///< `body` holds what fit into the limit
+  bool response_too_large = false;  ///< `body` holds what was read before the limit
 };
 
-/// Has no state: one client may send from several threads at once, or be made for one request.
+/// Has no state: several threads may send through one client at once.
 class HttpClient {
  public:
   virtual ~HttpClient() = default;
 
-  /// Blocks until the response is whole, the limit is passed, or the request has failed. Nothing
-  /// cancels it; each wait for the network is bounded by the request's time-outs.
+  /// Blocks until the response is complete, its limit is exceeded, or the request has failed. It
+  /// cannot be cancelled; the request's time-outs bound each wait for the network.
   [[nodiscard]] virtual HttpResponse send(const HttpRequest& request) = 0;
 };
 
-/// The client over the platform's HTTP library; null where there is none.
+/// The client over WinHTTP; null when the system has no WinHTTP.
 [[nodiscard]] std::unique_ptr<HttpClient> CreateDefaultHttpClient();
 
-/// Sends through a default client. Without one the response's error says so.
+/// Sends through a default client. When there is none, the response has an error.
 [[nodiscard]] HttpResponse SendHttpRequest(const HttpRequest& request);
 
 }  // namespace zul::net
