@@ -24,6 +24,15 @@ bool IsSafeRequiredName(std::string_view name) {
          std::all_of(name.begin(), name.end(), IsNameCharacter);
 }
 
+bool IsSafeComponent(const fs::Path& component) {
+  constexpr std::string_view kForbidden = "\"*/:<>?\\|";
+  const std::string text = PathToUtf8(component);
+  if (text.empty() || text == "." || text == "..") return false;
+  return std::none_of(text.begin(), text.end(), [&](char c) {
+    return static_cast<unsigned char>(c) < 0x20 || kForbidden.find(c) != std::string_view::npos;
+  });
+}
+
 bool ListSubdirectories(const fs::Path& directory, std::vector<fs::Path>& subdirectories) {
   std::error_code code;
   for (const fs::DirectoryEntry& entry : fs::ListDirectory(directory, code)) {
@@ -91,6 +100,11 @@ bool ResolvePayloadLayout(const fs::Path& stage_dir, const RequiredFileContract&
         "those files.";
   }
   return Fail(error, message);
+}
+
+bool IsSafeRelativePath(const fs::Path& relative) {
+  return !relative.empty() && !relative.has_root_path() &&
+         std::all_of(relative.begin(), relative.end(), IsSafeComponent);
 }
 
 bool IsPathInsideDirectory(const fs::Path& base, const fs::Path& candidate) {

@@ -1,7 +1,7 @@
 #pragma once
 
-// The layout contract of a package: which files it must hold and where its payload root is, and the
-// containment test for the targets of the apply stage.
+// The layout contract of a package: which files it must hold and where its payload root is. Also
+// the checks on paths that every stage which reads or writes payload files applies.
 
 #include <string>
 #include <string_view>
@@ -27,6 +27,11 @@ using RequiredFileContract = std::vector<std::string>;
 [[nodiscard]] bool FindMissingRequiredFiles(const fs::Path& root,
                                             const RequiredFileContract& contract,
                                             std::vector<std::string>& missing);
+
+/// True when a relative path may be joined to a folder: it has a component and no root, and no
+/// component is empty, "." or "..", or holds a control character (below 32) or one of
+/// " * / : < > ? \ |. Purely lexical.
+[[nodiscard]] bool IsSafeRelativePath(const fs::Path& relative);
 
 /// True when `candidate`, with links resolved, lies below `base`. A folder is not inside itself,
 /// and a path that cannot be resolved is inside nothing.

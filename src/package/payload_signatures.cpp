@@ -1,11 +1,10 @@
 #include "package/payload_signatures.h"
 
-#include <algorithm>
-
 #include "core/failure.h"
 #include "core/file_layer.h"
 #include "core/system_error.h"
 #include "core/text.h"
+#include "package/layout.h"
 
 namespace zul {
 
@@ -23,21 +22,6 @@ std::string CodeAndMessage(const std::error_code& ec) {
 bool IsBinaryName(const fs::Path& path) {
   const std::string extension = AsciiLower(PathToUtf8(path.extension()));
   return extension == ".exe" || extension == ".dll";
-}
-
-bool IsSafeComponent(const std::string& component) {
-  constexpr std::string_view kForbidden = "\"*/:<>?\\|";
-  if (component.empty() || component == "." || component == "..") return false;
-  return std::none_of(component.begin(), component.end(), [&](char c) {
-    return static_cast<unsigned char>(c) < 0x20 || kForbidden.find(c) != std::string_view::npos;
-  });
-}
-
-bool IsSafeRelativePath(const fs::Path& relative) {
-  if (relative.empty() || relative.has_root_path()) return false;
-  return std::all_of(relative.begin(), relative.end(), [](const fs::Path& component) {
-    return IsSafeComponent(PathToUtf8(component));
-  });
 }
 
 /// One pass over a staged tree.

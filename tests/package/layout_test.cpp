@@ -95,6 +95,19 @@ TEST(ResolvePayloadLayout, DoesNotFollowLinks) {
   EXPECT_FALSE(ResolvePayloadLayout(folder / "stage", {"app.exe"}, root, nullptr));
 }
 
+TEST(IsSafeRelativePath, RefusesRootsDotsAndForbiddenCharacters) {
+  std::vector<std::string> refused = {"",    "/a", "..",  "../a", "a/../b",
+                                      "./a", "a/", "C:a", "a\x1F"};
+  for (const char c : std::string("\"*:<>?|")) refused.push_back(std::string("d") + c + "x/a");
+  if (!test::kOnWindows) refused.push_back("a\\b");  // a separator on Windows
+  for (const std::string& text : refused) {
+    EXPECT_FALSE(IsSafeRelativePath(PathFromUtf8(text).value())) << text;
+  }
+  for (const char* text : {"a", "a/..b/c.", "\xC5\xBElu\xC5\xA5 1/\xE2\x80\xA2.dll"}) {
+    EXPECT_TRUE(IsSafeRelativePath(PathFromUtf8(text).value())) << text;
+  }
+}
+
 TEST(ValidatePayloadTarget, StaysBelowTheTarget) {
   const TempFolder folder;
   const fs::Path base = folder / "a";
