@@ -42,7 +42,7 @@ TEST(IsolatedHelperTest, CopiesEverythingOrFails) {
     WriteFile(path, too_big);
     IsolatedHelper prepared{"left", "over", {"x"}};
     std::string error;
-    EXPECT_FALSE(PrepareIsolatedHelper(updater, prepared, &error));
+    EXPECT_FALSE(PrepareIsolatedHelper(updater, &prepared, &error));
     EXPECT_TRUE(error.starts_with(context + PathToUtf8(path))) << error;
     EXPECT_TRUE(prepared.helper.empty() && prepared.copied_libraries.empty());
   }

@@ -1,6 +1,6 @@
 // The texts of owners and failures are in tests/rig/test_locks.py.
 
-#include "apply/lock_probe.h"
+#include "apply/target_lock.h"
 
 #include <gtest/gtest.h>
 
@@ -45,7 +45,7 @@ TEST(LockProbeTest, WalksUpTheProcessTree) {
       {99, 99, true}, {30, 0, false}, {0, 8, false},  {1000, 1128, true}, {1000, 1129, false},
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(IsInProcessTree(c.pid, c.main_pid, parents), c.inside) << c.pid << " " << c.main_pid;
+    EXPECT_EQ(MakeLockOwner({c.pid, "", 0, ""}, c.main_pid, parents).main_tree, c.inside) << c.pid << " " << c.main_pid;
   }
 }
 
@@ -54,19 +54,19 @@ TEST(LockProbeTest, AsksForOwnersOnlyWhenTheFileIsHeld) {
   test::WriteFile(folder / "free.dll", "free");
   int queries = 0;
   const LockOwnerQuery query = [&](const fs::Path&, std::uint32_t main_pid,
-                                   std::vector<LockOwner>& owners, std::string&) {
-    owners = {{main_pid, "left by a query that failed", false, "", true}};
+                                   std::vector<LockOwner>* owners, std::string*) {
+    *owners = {{main_pid, "left by a query that failed", false, "", true}};
     return ++queries > 1;
   };
   LockProbeResult result{false, "left over", 1, "left over", {{1, "", false, "", true}}, true, "x"};
   for (const char* free : {"free.dll", "missing.dll", "missing/folder.dll"}) {
-    EXPECT_TRUE(ProbeTargetLock(folder / free, 8, result, nullptr, query)) << free;
+    EXPECT_TRUE(ProbeTargetLock(folder / free, 8, &result, nullptr, query)) << free;
     EXPECT_TRUE(result.ok && result.owners.empty() && queries == 0);
   }
   // A folder can never be opened as a file: as good as a lock here.
-  EXPECT_FALSE(ProbeTargetLock(folder.path(), 8, result, nullptr, query));
+  EXPECT_FALSE(ProbeTargetLock(folder.path(), 8, &result, nullptr, query));
   EXPECT_TRUE(result.owners.empty());
-  EXPECT_FALSE(ProbeTargetLock(folder.path(), 8, result, nullptr, query));
+  EXPECT_FALSE(ProbeTargetLock(folder.path(), 8, &result, nullptr, query));
   EXPECT_EQ(result.reason, "main_process_tree_still_alive");
 }
 

@@ -6,7 +6,6 @@
 
 #include <thread>
 
-#include "apply/main_process_wait.h"
 #include "apply/retry_file_ops.h"
 #include "apply/target_lock.h"
 #include "core/handle_win32.h"
@@ -34,10 +33,10 @@ TEST(SystemLocksTest, AnyOtherHandleIsALock) {
          ++share) {
       LockProbeResult result;
       UniqueFileHandle holder = Hold(target, access, share);
-      EXPECT_FALSE(ProbeTargetLock(target, 0, result, nullptr)) << access << " " << share;
+      EXPECT_FALSE(ProbeTargetLock(target, 0, &result, nullptr)) << access << " " << share;
       EXPECT_EQ(result.system_error, DWORD{ERROR_SHARING_VIOLATION}) << access << " " << share;
       holder.Reset();
-      EXPECT_TRUE(ProbeTargetLock(target, 0, result, nullptr)) << access << " " << share;
+      EXPECT_TRUE(ProbeTargetLock(target, 0, &result, nullptr)) << access << " " << share;
     }
   }
 }

@@ -50,11 +50,11 @@ struct Clearing {
     unsigned probes = 0;
     unsigned waits = 0;
     TargetLockActions actions;
-    actions.probe = [&](const fs::Path&, LockProbeResult& result) {
+    actions.probe = [&](const fs::Path&, LockProbeResult* result) {
       const Met met = meet(++probes);
-      result = {met.code == 0, "", met.code, "", met.owners, true, ""};
-      result.reason = ClassifyLock(result);
-      return result.ok;
+      *result = {met.code == 0, "", met.code, "", met.owners, true, ""};
+      result->reason = ClassifyLock(*result);
+      return result->ok;
     };
     actions.application_pids = [](const LockProbeResult& result) {
       return std::vector<std::uint32_t>(result.owners.size() == 2 ? 1 : 0, 77);
@@ -72,7 +72,7 @@ struct Clearing {
       Note(std::to_string(duration.count()));
       if (++waits == press_at_wait) window.PressForceClose();
     };
-    return ResolveTargetLock("app.dll", &context, error, actions);
+    return ResolveTargetLock("app.dll", &context, &error, actions);
   }
 };
 

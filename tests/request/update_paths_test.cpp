@@ -74,7 +74,7 @@ TEST(UpdatePaths, AsksTheDiskAndComparesTheRealPlaces) {
   Case{"/app", "/link/QORVA_gui.exe", ""}.Check(root);
   Case{"/app", "/app/zul_rip.exe", kOutside}.Check(root);
   fs::Path helper;
-  EXPECT_FALSE(ResolveUpdaterHelper(root + "/app/QORVA_gui.exe", helper, nullptr));
+  EXPECT_FALSE(ResolveUpdaterHelper(root + "/app/QORVA_gui.exe", &helper, nullptr));
 }
 
 TEST(UpdaterHelper, PrefersTheCurrentNameSpelledExactly) {
@@ -92,7 +92,7 @@ TEST(UpdaterHelper, PrefersTheCurrentNameSpelledExactly) {
   for (const auto& c : cases) {
     const TempFolder folder;
     for (const char* file : c.files) test::WriteFile(folder / file, "");
-    const bool found = ResolveUpdaterHelper(PathToUtf8(folder / "qorva.exe"), helper, &error);
+    const bool found = ResolveUpdaterHelper(PathToUtf8(folder / "qorva.exe"), &helper, &error);
     EXPECT_EQ(found ? PathToUtf8(helper.lexically_relative(folder.path())) : error, c.found);
   }
 }
