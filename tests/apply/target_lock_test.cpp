@@ -28,7 +28,7 @@ TEST(LockProbe, ClassifiesByErrorAndOwners) {
       {1224, none, "filesystem_error"}, {5, foreign, "external_process_lock"},
   };
   for (const auto& c : cases) {
-    LockProbeResult result{.ok = false, .system_error = c.code, .owners = c.owners};
+    const LockProbeResult result{false, "", c.code, "", c.owners, true, ""};
     EXPECT_EQ(ClassifyLock(result), c.reason) << c.code;
   }
 }
@@ -46,7 +46,7 @@ TEST(LockProbe, FindsTheMainProcessAmongTheParents) {
       {99, 99, true}, {30, 0, false}, {0, 8, false},  {1000, 1128, true}, {1000, 1129, false},
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(MakeLockOwner({.pid = c.pid}, c.main_pid, parents).main_tree, c.is_inside)
+    EXPECT_EQ(MakeLockOwner({c.pid, "", 0, ""}, c.main_pid, parents).main_tree, c.is_inside)
         << c.pid << " " << c.main_pid;
   }
 }
