@@ -1,15 +1,13 @@
 #include "apply/apply.h"
 
 #include <algorithm>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
-#include "apply/retired_executables.h"
-#include "apply/retry_file_ops.h"
-#include "apply/rollback.h"
-#include "apply/staged_tree.h"
+#include "apply/apply_targets.h"
+#include "apply/installation_changes.h"
 #include "apply/target_lock.h"
+#include "core/failure.h"
 #include "core/process_environment.h"
 #include "core/text.h"
 #include "package/payload_signatures.h"
@@ -28,9 +26,9 @@ constexpr StagedTreeTexts kInstallTexts = {
     "Cannot enumerate staged update tree: '", "Cannot resolve staged relative path for '",
     "Staged update changed during apply and now contains an unsafe payload path: '"};
 
-/// The resolved path of this process's executable; empty when it cannot be had.
+/// The resolved path of this process's executable; empty when it is unavailable.
 fs::Path ResolveOwnExecutable() {
-  constexpr std::uint32_t kMaxPathUnits = 260;
+  constexpr std::uint32_t kMaxPathUnits = 260;  // MAX_PATH of the platform's SDK
   const fs::Path path = CurrentExecutablePath(kMaxPathUnits);
   if (path.empty()) return {};
   std::error_code ec;
@@ -38,60 +36,46 @@ fs::Path ResolveOwnExecutable() {
   return ec ? fs::Path() : resolved;
 }
 
-/// Creates folders, each one once: most files lie in a folder that one before them needed too.
-class FolderMaker {
- public:
-  bool Ensure(const fs::Path& folder, std::error_code& ec) {
-    if (made_.contains(folder.native())) return true;
-    if (!fs::CreateDirectories(folder, ec)) return false;
-    made_.insert(folder.native());
-    return true;
-  }
-
- private:
-  std::unordered_set<fs::Path::string_type> made_;
-};
-
 enum class SignaturePolicy { kNone, kRequireTrusted };
 
-/// One apply. Each stage returns false with its text in `error_` when it fails.
+/// One apply. A stage that fails returns false and leaves its text in `error_`.
 class Transaction {
  public:
   Transaction(const fs::Path& staged_root, const fs::Path& target_root, std::uint32_t main_pid,
               ApplyCloseContext* close_context, SignaturePolicy signature_policy,
-              const ApplyFaultInjection& faults, std::string& error, ApplyOutcome& outcome)
+              const ApplyFaultInjection& faults)
       : staged_root_(staged_root),
         target_root_(target_root),
         main_pid_(main_pid),
         close_context_(close_context),
-        window_(close_context != nullptr ? close_context->progress_window : nullptr),
+        keep_alive_(
+            KeepingAlive(close_context != nullptr ? close_context->progress_window : nullptr)),
         signature_policy_(signature_policy),
-        faults_(faults),
-        error_(error),
-        outcome_(outcome),
-        own_executable_(ResolveOwnExecutable()) {}
+        fail_after_replacements_(faults.fail_after_replacements),
+        own_executable_(ResolveOwnExecutable()),
+        backup_root_(staged_root.parent_path() / "rollback_backup"),
+        changes_(backup_root_, faults, keep_alive_) {}
 
-  bool Run() {
+  ApplyOutcome Run() {
     if (!ValidateStagedTree() || !VerifySignatures() || !ListRetired() || !WaitForLocks() ||
-        !PrepareBackupRoot()) {
-      return FailBeforeChange();
+        !PrepareBackups()) {
+      return Failed(ApplyOutcomeKind::kFailedBeforeChange);
     }
     if (RemoveRetired() && InstallStagedFiles()) return Commit();
-    return changes_.empty() ? FailBeforeChange() : RollBack();
+    return changes_.count() == 0 ? Failed(ApplyOutcomeKind::kFailedBeforeChange) : RollBack();
   }
 
  private:
-  // The stages that change nothing in the target folder.
+  // The stages before the first change.
 
   bool ValidateStagedTree() {
     std::error_code ec;
     if (fs::KindOf(staged_root_, fs::Links::kFollow, ec) != fs::EntryKind::kDirectory) {
-      error_ = "Staged update directory is missing: '" + PathToUtf8(staged_root_) + "'.";
-      return false;
+      return Fail(&error_,
+                  "Staged update directory is missing: '" + PathToUtf8(staged_root_) + "'.");
     }
     return WalkStagedTree(kValidationTexts, StagedTreeWalk::Resolution::kEachFile,
                           [this](const StagedFile& file) {
-                            KeepWindowAlive();
                             AddToLockList(file.target);
                             return true;
                           });
@@ -102,7 +86,7 @@ class Transaction {
     std::vector<std::string> checked;
     const PayloadSignatureVerifier verifier = [this](const std::string& path) {
       UpdatePayloadBinarySignatureResult result;
-      RunKeepingAlive([&] { result = VerifyBinarySignature(path); }, retry_policy_.keep_alive);
+      RunKeepingAlive([&] { result = VerifyBinarySignature(path); }, keep_alive_);
       return result;
     };
     if (!VerifyStagedPayloadSignatures(staged_root_, required, verifier, &checked, &error_)) {
@@ -122,8 +106,8 @@ class Transaction {
     return true;
   }
 
-  /// Code that is in use is what the application and its neighbours hold; other files are left to
-  /// the retries of each replacement.
+  /// Programs and libraries are what the application holds while it runs. A lock on another file
+  /// is short, so the retries of its replacement are enough.
   void AddToLockList(const fs::Path& target) {
     const std::string extension = AsciiLower(PathToUtf8(target.extension()));
     if (extension == ".dll" || extension == ".exe") lock_list_.push_back(target);
@@ -134,170 +118,110 @@ class Transaction {
     lock_list_.erase(std::unique(lock_list_.begin(), lock_list_.end()), lock_list_.end());
     return std::all_of(lock_list_.begin(), lock_list_.end(), [this](const fs::Path& target) {
       KeepWindowAlive();
-      return ResolveTargetLock(target, target_root_, main_pid_, close_context_, error_);
+      return ResolveTargetLock(target, target_root_, main_pid_, close_context_, &error_);
     });
   }
 
-  /// Throws away what an earlier failed run left at the same place.
-  bool PrepareBackupRoot() {
-    backup_root_ = staged_root_.parent_path() / "rollback_backup";
-    outcome_.backup_root = PathToUtf8(backup_root_);
-    std::error_code ec;
-    fs::RemoveTree(backup_root_, ec, retry_policy_.keep_alive);
-    return MakeFolder(backup_root_, "Cannot create rollback backup directory: '");
+  bool PrepareBackups() {
+    reported_backup_root_ = PathToUtf8(backup_root_);
+    return changes_.PrepareBackups(&error_);
   }
 
-  // The stages that change it.
+  // The stages that change the installation.
 
   bool RemoveRetired() {
-    for (const fs::Path& target : retired_) {
+    return std::all_of(retired_.begin(), retired_.end(), [this](const fs::Path& target) {
       KeepWindowAlive();
-      const fs::Path name = target.filename();
-      const RollbackRecord record{target, backup_root_ / name, true};
-      if (!RetryCopyFile(target, record.backup, "retired executable rollback backup failed",
-                         &error_, retry_policy_)) {
-        return false;
-      }
-      // Before the removal, so that one which fails half way is undone too.
-      changes_.push_back(record);
-      if (!RetryRemoveFile(target, "retired executable removal failed", &error_, retry_policy_))
-        return false;
+      if (!changes_.RemoveRetired(target, &error_)) return false;
       EmitChainEvent("retired_install_executable_removed",
-                     {{"path", PathToUtf8(name)}, {"rollback", "protected"}});
-    }
-    return true;
+                     {{"path", PathToUtf8(target.filename())}, {"rollback", "protected"}});
+      return true;
+    });
   }
 
   bool InstallStagedFiles() {
     return WalkStagedTree(kInstallTexts, StagedTreeWalk::Resolution::kEachFolder,
                           [this](const StagedFile& file) {
-                            KeepWindowAlive();
-                            return Install(file) && !InjectedFailure();
+                            return changes_.Install(file, &error_) && !InjectFailure();
                           });
   }
 
-  bool Install(const StagedFile& file) {
-    if (!MakeFolder(file.target.parent_path(), "Cannot create target directory for update: '")) {
-      return false;
-    }
-    RollbackRecord record{file.target, {}, false};
-    if (Exists(file.target) && !BackUp(file, &record)) return false;
-    if (!RetryReplaceFile(file.source, file.target, "apply update copy failed", &error_,
-                          retry_policy_)) {
-      return false;  // the target is as it was: nothing to undo
-    }
-    changes_.push_back(std::move(record));
-    return true;
-  }
-
-  bool BackUp(const StagedFile& file, RollbackRecord* record) {
-    record->backup = backup_root_ / file.relative;
-    record->had_backup = true;
-    return MakeFolder(record->backup.parent_path(), "Cannot create rollback path: '") &&
-           RetryCopyFile(file.target, record->backup, "rollback backup copy failed", &error_,
-                         retry_policy_);
-  }
-
-  bool InjectedFailure() {
-    if (faults_.fail_after_replacements == 0) return false;
-    if (changes_.size() < faults_.fail_after_replacements) return false;
-    error_ = "fault injection: apply failed after " + std::to_string(changes_.size()) +
+  bool InjectFailure() {
+    if (fail_after_replacements_ == 0 || changes_.count() < fail_after_replacements_) return false;
+    error_ = "fault injection: apply failed after " + std::to_string(changes_.count()) +
              " successful replacement(s).";
     return true;
   }
 
-  // The ways out.
+  // The ways to end.
 
-  bool Commit() {
-    std::error_code ignored;
-    fs::RemoveTree(backup_root_, ignored, retry_policy_.keep_alive);
-    outcome_ = {ApplyOutcomeKind::kApplied, {}, {}};
-    return true;
+  ApplyOutcome Commit() {
+    changes_.DiscardBackups();
+    return {ApplyOutcomeKind::kApplied, {}, {}};
   }
 
-  bool FailBeforeChange() { return Fail(ApplyOutcomeKind::kFailedBeforeChange); }
-
-  bool RollBack() {
+  ApplyOutcome RollBack() {
     const std::string cause = error_;
-    const std::string record_count = std::to_string(changes_.size());
+    const std::string record_count = std::to_string(changes_.count());
     EmitChainEvent("rollback_start",
-                   {{"backup_root", outcome_.backup_root}, {"record_count", record_count}});
-    const std::vector<std::string> failures = RollBackChanges(changes_, faults_, window_);
+                   {{"backup_root", reported_backup_root_}, {"record_count", record_count}});
+    const std::vector<std::string> failures = changes_.RollBack();
     if (failures.empty()) {
       error_ = cause + " Rollback completed and every restored target was verified.";
       EmitChainEvent("rollback_ok",
-                     {{"backup_root", outcome_.backup_root}, {"record_count", record_count}});
-      return Fail(ApplyOutcomeKind::kRolledBack);
+                     {{"backup_root", reported_backup_root_}, {"record_count", record_count}});
+      return Failed(ApplyOutcomeKind::kRolledBack);
     }
     error_ = "RECOVERY_REQUIRED: update apply failed: " + cause +
              " Rollback was incomplete; do not start QORVA from this folder. " +
-             "Rollback backup was preserved at '" + outcome_.backup_root +
+             "Rollback backup was preserved at '" + reported_backup_root_ +
              "'. Run the current QORVA installer to repair the installation. " +
              "Rollback failure(s): " + JoinText(failures, " | ");
     EmitChainEvent("rollback_recovery_required",
-                   {{"backup_root", outcome_.backup_root},
+                   {{"backup_root", reported_backup_root_},
                     {"failure_count", std::to_string(failures.size())},
                     {"error", error_}});
-    return Fail(ApplyOutcomeKind::kRecoveryRequired);
+    return Failed(ApplyOutcomeKind::kRecoveryRequired);
   }
 
-  bool Fail(ApplyOutcomeKind kind) {
-    outcome_.kind = kind;
-    outcome_.message = error_;
-    return false;
+  [[nodiscard]] ApplyOutcome Failed(ApplyOutcomeKind kind) const {
+    return {kind, error_, reported_backup_root_};
   }
 
   // What the stages share.
 
-  /// Hands each file that may be installed to `visit`, until that returns false.
+  /// Calls `visit` for each file that may be installed until `visit` returns false.
   template <typename Visit>
   bool WalkStagedTree(const StagedTreeTexts& texts, StagedTreeWalk::Resolution resolution,
                       Visit&& visit) {
     StagedTreeWalk walk(staged_root_, target_root_, own_executable_, texts, resolution);
     StagedFile file;
     StagedTreeWalk::Step step;
-    while ((step = walk.Next(&file, error_)) == StagedTreeWalk::Step::kFile) {
+    while ((step = walk.Next(&file, &error_)) == StagedTreeWalk::Step::kFile) {
+      KeepWindowAlive();
       if (!visit(std::as_const(file))) return false;
     }
     return step == StagedTreeWalk::Step::kEnd;
   }
 
-  bool MakeFolder(const fs::Path& folder, std::string_view failure_prefix) {
-    std::error_code ec;
-    if (folders_.Ensure(folder, ec)) return true;
-    error_ = FormatSystemFailure(failure_prefix, folder, ec);
-    return false;
-  }
-
-  /// A file that is there and taken for a new one would be replaced without a backup, and removed
-  /// by a rollback. So where its kind cannot be had, the file itself is asked.
-  static bool Exists(const fs::Path& target) {
-    std::error_code ec;
-    const fs::EntryKind kind = fs::KindOf(target, fs::Links::kFollow, ec);
-    if (kind == fs::EntryKind::kUnknown) return fs::OpenForRead(target, ec).is_open();
-    return kind != fs::EntryKind::kNotFound;
-  }
-
-  void KeepWindowAlive() {
-    if (window_ != nullptr) window_->PumpMessages();
+  void KeepWindowAlive() const {
+    if (keep_alive_) keep_alive_();
   }
 
   const fs::Path& staged_root_;
   const fs::Path& target_root_;
   const std::uint32_t main_pid_;
   ApplyCloseContext* const close_context_;
-  UpdateProgressWindow* const window_;
+  const KeepAlive keep_alive_;
   const SignaturePolicy signature_policy_;
-  const ApplyFaultInjection faults_;
-  std::string& error_;
-  ApplyOutcome& outcome_;
+  const std::uint32_t fail_after_replacements_;
   const fs::Path own_executable_;
-  const RetryPolicy retry_policy_{.keep_alive = KeepingAlive(window_)};
-  fs::Path backup_root_;
-  FolderMaker folders_;
+  const fs::Path backup_root_;
+  std::string reported_backup_root_;  // empty until the folder is needed
   std::vector<fs::Path> retired_;
-  std::vector<fs::Path> lock_list_;      // what must be free before anything changes
-  std::vector<RollbackRecord> changes_;  // in the order in which they were made
+  std::vector<fs::Path> lock_list_;  // targets that must be free before the first change
+  InstallationChanges changes_;
+  std::string error_;
 };
 
 }  // namespace
@@ -306,15 +230,14 @@ bool ApplyStagedUpdate(const fs::Path& staged_root, const fs::Path& target_root,
                        std::uint32_t main_pid, ApplyCloseContext* close_context,
                        bool require_signatures, std::string* error, ApplyOutcome* outcome,
                        const ApplyFaultInjection* faults) {
-  std::string text;
-  ApplyOutcome result;
   const SignaturePolicy signature_policy =
       require_signatures ? SignaturePolicy::kRequireTrusted : SignaturePolicy::kNone;
-  const bool applied =
+  ApplyOutcome result =
       Transaction(staged_root, target_root, main_pid, close_context, signature_policy,
-                  faults != nullptr ? *faults : ApplyFaultInjection{}, text, result)
+                  faults != nullptr ? *faults : ApplyFaultInjection{})
           .Run();
-  if (error != nullptr) *error = std::move(text);
+  const bool applied = result.kind == ApplyOutcomeKind::kApplied;
+  if (error != nullptr) *error = result.message;
   if (outcome != nullptr) *outcome = std::move(result);
   return applied;
 }

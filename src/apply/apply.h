@@ -1,10 +1,11 @@
 #pragma once
 
-// Installing a staged tree over an installation as one transaction: every staged file ends up in
-// the target folder, or every change is undone and proved by SHA-256, or the text says plainly that
-// the folder is damaged and where the backups are. The changes made so far live in memory only; a
-// process that dies in the middle leaves every replaced file's old content in "rollback_backup"
-// beside the staged tree.
+// Installs a staged tree over an installation as one transaction. An apply ends in one of three
+// ways: every staged file is installed; every change is undone and each restored file is verified
+// by its SHA-256; or the message says that the installation is damaged and where the backups are.
+//
+// The records of the changes are kept in memory only. A process that dies during the changes leaves
+// the old content of every replaced file in the folder "rollback_backup" beside the staged tree.
 
 #include <cstdint>
 #include <string>
@@ -14,35 +15,37 @@
 
 namespace zul {
 
+/// How an apply ended.
 enum class ApplyOutcomeKind : std::uint32_t {
   kApplied = 0,
-  kFailedBeforeChange = 1,
-  kRolledBack = 2,
-  kRecoveryRequired = 3,
+  kFailedBeforeChange = 1,  ///< the installation is untouched
+  kRolledBack = 2,          ///< the installation is restored and verified
+  kRecoveryRequired = 3,    ///< the installation is damaged; the backups are kept
 };
 
 struct ApplyOutcome {
   ApplyOutcomeKind kind = ApplyOutcomeKind::kFailedBeforeChange;
   std::string message;      ///< the final error text; empty for kApplied
-  std::string backup_root;  ///< UTF-8; empty for kApplied
+  std::string backup_root;  ///< UTF-8; empty for kApplied and until the folder is needed
 };
 
-/// Borrowed for the length of the call.
+/// What closing the application needs. Borrowed for the length of the call.
 struct ApplyCloseContext {
   UpdateProgressWindow* progress_window = nullptr;  ///< may be null
-  bool force_close = false;
+  bool force_close = false;  ///< end the application without waiting for the Force close button
 };
 
-/// Faults that a caller may ask for. The product never does.
+/// Failures to inject into an apply. The product never injects any.
 struct ApplyFaultInjection {
-  std::uint32_t fail_after_replacements = 0;  ///< 0 switches it off
+  std::uint32_t fail_after_replacements = 0;  ///< 0 means never
   bool fail_first_restore = false;
   bool fail_first_remove = false;
   bool corrupt_first_restore = false;
 };
 
-/// Applies `staged_root` to `target_root`. True only for kApplied. `error`, `outcome` and `faults`
-/// may be null.
+/// Applies `staged_root` to `target_root`. Returns true only for kApplied. Waits for locks, so it
+/// can block for minutes; the window is kept alive meanwhile. `error` receives the same text as
+/// `outcome->message`. `close_context`, `error`, `outcome` and `faults` may be null.
 [[nodiscard]] bool ApplyStagedUpdate(const fs::Path& staged_root, const fs::Path& target_root,
                                      std::uint32_t main_pid, ApplyCloseContext* close_context,
                                      bool require_signatures, std::string* error,

@@ -1,14 +1,11 @@
 #pragma once
 
-// The updater is installed inside the folder that it must update. When it runs from there it copies
-// itself, with the runtime libraries beside it, into a private temporary folder, starts that copy
-// with the same request and ends, so that nothing of the folder is held. Helper folders of more
-// than a week ago are removed on the way.
+// The updater is installed in the folder that it must update. When it runs from there, it copies
+// itself and the runtime libraries beside it to a new folder in the temporary folder, starts that
+// copy with the same request, and ends. So no file of the installation is in use by the updater.
+// The copy cannot remove its own folder; a later run removes folders that are older than a week.
 
-#include <array>
-#include <chrono>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "core/path.h"
@@ -16,35 +13,32 @@
 
 namespace zul {
 
-/// Libraries that are copied with the updater where they stand beside it: candidates, not
-/// requirements.
-[[nodiscard]] const std::array<std::string_view, 44>& HelperRuntimeLibraries();
-
-/// A helper that stands ready in its own folder.
+/// A helper that is ready to be started.
 struct IsolatedHelper {
-  fs::Path helper;
-  fs::Path runtime_dir;
-  std::vector<std::string> copied_libraries;  ///< in the table's order
+  fs::Path helper;                            ///< the executable
+  fs::Path runtime_dir;                       ///< its folder
+  std::vector<std::string> copied_libraries;  ///< file names of the runtime libraries beside it
 };
 
-/// Starts a copy outside when this process runs from the request's target folder; `relaunched` then
-/// says that this process must end. True with `relaunched` false: carry on here. `error` (may be
-/// null) has the reason on false. Windows only.
-[[nodiscard]] bool RelaunchFromTargetIfNeeded(const UpdateRequest& request, bool& relaunched,
+/// Starts a copy outside the target folder when this process runs from that folder. On true,
+/// `relaunched` says whether a copy was started; this process must then end. False with the reason
+/// in `error` (may be null). Windows only.
+[[nodiscard]] bool RelaunchFromTargetIfNeeded(const UpdateRequest& request, bool* relaunched,
                                               std::string* error);
 
-/// Prepares a helper from `source_helper` and starts it with `request`; not waited for. Windows
-/// only.
+/// Prepares a helper from `source_helper` and starts it with `request`. Does not wait for it. False
+/// with the reason in `error` (may be null). Windows only.
 [[nodiscard]] bool LaunchIsolatedHelper(const fs::Path& source_helper, const UpdateRequest& request,
                                         std::string* error);
 
-/// Makes a new helper folder in the temporary folder and copies the helper and its libraries there.
-/// A failed copy fails the whole. `error` may be null.
-[[nodiscard]] bool PrepareIsolatedHelper(const fs::Path& source_helper, IsolatedHelper& prepared,
+/// Creates a new helper folder in the temporary folder and copies `source_helper` and the runtime
+/// libraries beside it there. False with the reason in `error` (may be null) when one of the copies
+/// fails; `prepared` is then empty. The folder is never removed here.
+[[nodiscard]] bool PrepareIsolatedHelper(const fs::Path& source_helper, IsolatedHelper* prepared,
                                          std::string* error);
 
-/// Removes helper folders that are at least 7 days old from the temporary folder. Whatever cannot
-/// be removed stays until a later run.
+/// Removes helper folders that are at least 7 days old from the temporary folder. A folder that
+/// cannot be removed stays until a later run.
 void RemoveStaleHelperFolders();
 
 }  // namespace zul

@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include "core/failure.h"
 #include "core/file_layer.h"
 #include "core/handle_win32.h"
 #include "core/process_environment.h"
@@ -11,8 +12,6 @@
 namespace zul {
 
 namespace {
-
-// GetModuleFileNameW's longest answer.
 
 bool RunsFrom(const fs::Path& folder) {
   const fs::Path own = CurrentExecutablePath();
@@ -25,7 +24,7 @@ bool RunsFrom(const fs::Path& folder) {
 }
 
 bool Start(const IsolatedHelper& prepared, const UpdateRequest& request) {
-  // CreateProcessW may write into the command line, hence a text of our own.
+  // CreateProcessW may write into the buffer of the command line.
   std::wstring command_line = RenderHelperCommandLine(prepared.helper, request);
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
@@ -42,37 +41,34 @@ bool Start(const IsolatedHelper& prepared, const UpdateRequest& request) {
 
 }  // namespace
 
-bool RelaunchFromTargetIfNeeded(const UpdateRequest& request, bool& relaunched,
+bool RelaunchFromTargetIfNeeded(const UpdateRequest& request, bool* relaunched,
                                 std::string* error) {
-  relaunched = false;
+  *relaunched = false;
   const fs::Path target = PathOrEmpty(request.target_dir);
   if (target.empty() || !RunsFrom(target)) return true;
   fs::Path installed;
-  if (!ResolveUpdaterHelper(request.restart_exe, installed, error)) return false;
+  if (!ResolveUpdaterHelper(request.restart_exe, &installed, error)) return false;
   EmitChainEvent("relaunch_installed_helper_from_target_root",
                  {{"installed_helper", PathToUtf8(installed)},
                   {"target_dir", request.target_dir},
                   {"restart_exe", request.restart_exe}});
-  relaunched = LaunchIsolatedHelper(installed, request, error);
-  return relaunched;
+  *relaunched = LaunchIsolatedHelper(installed, request, error);
+  return *relaunched;
 }
 
 bool LaunchIsolatedHelper(const fs::Path& source_helper, const UpdateRequest& request,
                           std::string* error) {
   IsolatedHelper prepared;
-  if (!PrepareIsolatedHelper(source_helper, prepared, error)) return false;
+  if (!PrepareIsolatedHelper(source_helper, &prepared, error)) return false;
   EmitChainEvent("launch_isolated_updater_helper",
                  {{"installed_helper", PathToUtf8(source_helper)},
                   {"isolated_helper", PathToUtf8(prepared.helper)},
                   {"runtime_dir", PathToUtf8(prepared.runtime_dir)},
                   {"copied_runtime_dlls", std::to_string(prepared.copied_libraries.size())}});
-  if (Start(prepared, request)) return true;
-  if (error != nullptr) {
-    *error = "Cannot launch isolated updater helper process: helper='" +
-             PathToUtf8(prepared.helper) + "', runtime_dir='" + PathToUtf8(prepared.runtime_dir) +
-             "'.";
-  }
-  return false;
+  return Start(prepared, request) ||
+         Fail(error, "Cannot launch isolated updater helper process: helper='",
+              PathToUtf8(prepared.helper) + "', runtime_dir='" + PathToUtf8(prepared.runtime_dir) +
+                  "'.");
 }
 
 }  // namespace zul

@@ -15,8 +15,8 @@ namespace {
 constexpr unsigned kTemporaryNames = 32;
 constexpr std::chrono::milliseconds kKeepAlivePeriod{20};
 
-/// Why an attempt failed; nothing when it succeeded. The code may be 0: a system call can fail
-/// without one.
+/// Why an attempt failed; nothing when it succeeded. The code may be 0, because a system call can
+/// fail without a code.
 using AttemptFailure = std::optional<std::error_code>;
 
 struct Operation {
@@ -36,7 +36,8 @@ void Wait(const RetryPolicy& policy) {
   std::this_thread::sleep_until(end);
 }
 
-/// Calls `attempt` with its number, from 1, as often as the policy and its failures allow.
+/// Calls `attempt` with its number, from 1, until it succeeds, fails for another reason than a
+/// lock, or the policy's attempts are used up.
 template <typename Attempt>
 bool RetryWhileLocked(const Operation& operation, const RetryPolicy& policy, std::string* error,
                       Attempt&& attempt) {
@@ -53,7 +54,7 @@ bool RetryWhileLocked(const Operation& operation, const RetryPolicy& policy, std
                          std::string(operation.verb) + " retry failure.");
 }
 
-/// An existing target, such as what a failed attempt left behind, makes way for the copy.
+/// Removes an existing target first, for example the remainder of a failed attempt.
 AttemptFailure CopyOnce(const fs::Path& source, const fs::Path& target,
                         const fs::KeepAlive& keep_alive) {
   std::error_code ec;
@@ -70,9 +71,9 @@ AttemptFailure CopyOnce(const fs::Path& source, const fs::Path& target,
   return ec;
 }
 
-/// Copies `source` to a free name beside `target`, which `candidate` gets; nothing stays of a copy
-/// that fails. The process id in the name keeps two updaters apart, the attempt number keeps an
-/// attempt from the leftovers of the one before.
+/// Copies `source` to a free name beside `target` and stores that name in `candidate`. A failed
+/// copy is removed. Two updaters use different names because the name holds the process id; two
+/// attempts use different names because it holds the attempt number.
 AttemptFailure CopyBeside(const fs::Path& source, const fs::Path& target, unsigned attempt,
                           const fs::KeepAlive& keep_alive, fs::Path* candidate) {
   const std::string stem =
@@ -81,8 +82,8 @@ AttemptFailure CopyBeside(const fs::Path& source, const fs::Path& target, unsign
     *candidate = target;
     *candidate += stem + std::to_string(suffix);
     std::error_code ec;
-    // The exclusive creation tells that a name is taken; a look beforehand would cost every file a
-    // search for a name that is nearly always free.
+    // The exclusive creation fails for a name that is taken. A query beforehand would cost time for
+    // every file, although the first name is nearly always free.
     if (fs::CopyFileDurably(source, *candidate, ec, keep_alive)) return std::nullopt;
     if (IsExistsError(ec)) continue;
     std::error_code ignored;
@@ -97,11 +98,12 @@ AttemptFailure CopyBeside(const fs::Path& source, const fs::Path& target, unsign
 
 AttemptFailure ReplaceOnce(const fs::Path& source, const fs::Path& target, unsigned attempt,
                            const fs::KeepAlive& keep_alive) {
-  // The copy is on the device before the move makes it the target: a power cut leaves the old file
-  // or the new one, never a torn one.
+  // The copy is flushed to the device before the move makes it the target, so a power failure
+  // leaves the old file or the new one.
   fs::Path candidate;
-  AttemptFailure failure = CopyBeside(source, target, attempt, keep_alive, &candidate);
-  if (failure) return failure;
+  if (AttemptFailure failure = CopyBeside(source, target, attempt, keep_alive, &candidate)) {
+    return failure;
+  }
   std::error_code ec;
   if (fs::MoveReplacing(candidate, target, ec)) return std::nullopt;
   std::error_code ignored;
@@ -169,7 +171,7 @@ std::string FormatFileFailure(std::string_view context, const fs::Path& source,
 
 std::string FormatSystemFailure(std::string_view prefix, const fs::Path& path,
                                 const std::error_code& code) {
-  return std::string(prefix) + PathToUtf8(path) + "' " + "(" + DescribeSystemError(code) + ").";
+  return std::string(prefix) + PathToUtf8(path) + "' (" + DescribeSystemError(code) + ").";
 }
 
 }  // namespace zul

@@ -9,10 +9,11 @@ namespace zul {
 
 namespace {
 
-std::string DescribeMove(const char* what, const fs::Path& source, const fs::Path& target,
-                         const std::error_code& ec) {
-  return std::string(what) + ": source='" + PathToUtf8(source) + "', target='" +
-         PathToUtf8(target) + "', " + DescribeSystemError(ec) + ".";
+bool FailMove(std::string* error, std::string_view what, const fs::Path& source,
+              const fs::Path& target, const std::error_code& ec) {
+  return Fail(error, what,
+              ": source='" + PathToUtf8(source) + "', target='" + PathToUtf8(target) + "', " +
+                  DescribeSystemError(ec) + ".");
 }
 
 }  // namespace
@@ -27,13 +28,11 @@ fs::Path NextCopyPath(const fs::Path& target) {
 bool ReplaceUpdaterDeferred(const fs::Path& source, const fs::Path& target, std::string* error,
                             const UpdaterMove& move_now, const UpdaterMove& move_later) {
   std::error_code ec;
-  if (!fs::Exists(source)) {
-    return Fail(error, "Deferred updater source file is missing.");
-  }
+  if (!fs::Exists(source)) return Fail(error, "Deferred updater source file is missing.");
   if (target.empty()) return Fail(error, "Deferred updater target path is empty.");
   if (move_now(source, target, ec)) return true;
   if (!IsLockedOrDeniedError(ec)) {
-    return Fail(error, DescribeMove("Cannot replace updater file immediately", source, target, ec));
+    return FailMove(error, "Cannot replace updater file immediately", source, target, ec);
   }
   EmitChainEvent("deferred_self_replace_warning",
                  {{"source", PathToUtf8(source)},
@@ -42,8 +41,7 @@ bool ReplaceUpdaterDeferred(const fs::Path& source, const fs::Path& target, std:
                   {"immediate_error", SystemErrorText(ec)},
                   {"fallback", "movefileex_replace_existing_delayed_until_reboot"}});
   if (move_later(source, target, ec)) return true;
-  return Fail(error,
-              DescribeMove("Cannot schedule updater replacement on reboot", source, target, ec));
+  return FailMove(error, "Cannot schedule updater replacement on reboot", source, target, ec);
 }
 
 }  // namespace zul

@@ -1,8 +1,8 @@
 #pragma once
 
-// Replacing the updater's own file, which the apply stage passes over while it runs. The new copy
-// stands beside its target under a ".next" name; after the apply it is moved over the target at
-// once or, when the target is in use, by the system at the next start.
+// Replaces the updater's own file. The apply does not replace the executable that runs, so the new
+// copy is placed beside it under a ".next" name. After the apply the copy is moved over the running
+// file at once or, when that file is in use, by the system at its next start.
 
 #include <functional>
 #include <string>
@@ -12,16 +12,17 @@
 
 namespace zul {
 
-/// The name of the new copy: stem, ".next" and extension, as in qorva_updater.next.exe.
+/// The path of the new copy, beside `target`: stem, ".next" and extension, as in
+/// qorva_updater.next.exe.
 [[nodiscard]] fs::Path NextCopyPath(const fs::Path& target);
 
-/// Moves one file over another; the code says why not.
+/// Moves one file over another. False with the reason in `ec`.
 using UpdaterMove =
     std::function<bool(const fs::Path& from, const fs::Path& to, std::error_code& ec)>;
 
-/// Moves `source` over `target` with one attempt now and, for a target in use, arranges the move
-/// for the next start of the system; `source` then stays until it. `error` (may be null) has the
-/// reason on false. The two moves are the file layer's unless given.
+/// Moves `source` over `target` with one attempt. When `target` is locked, schedules the move for
+/// the next start of the system, and `source` stays until then. False with the reason in `error`
+/// (may be null). `move_now` and `move_later` are the file layer's by default.
 [[nodiscard]] bool ReplaceUpdaterDeferred(
     const fs::Path& source, const fs::Path& target, std::string* error,
     const UpdaterMove& move_now = fs::MoveReplacing,

@@ -1,17 +1,17 @@
 #include "request/application_owner.h"
 
-#include <string_view>
+#include <algorithm>
+#include <array>
 
 #include "core/file_layer.h"
 #include "core/text.h"
-#include "request/path_text.h"
 
 namespace zul {
 
 namespace {
 
-/// A path's text for a comparison that may not ask the disk. Letter case is ignored, as the
-/// systems that we run on do: there the same folder may be spelt in either.
+/// The text of a path for a comparison without the disk. Letter case is ignored, because on Windows
+/// two spellings in different case name the same folder.
 std::string LexicalKey(const fs::Path& path) {
   std::string key = AsciiLower(PathToGenericUtf8(path.lexically_normal()));
   while (key.size() > 1 && key.back() == '/') key.pop_back();
@@ -28,6 +28,17 @@ bool IsSameFolder(const fs::Path& a, const fs::Path& b) {
 }
 
 }  // namespace
+
+std::string_view FileNameOf(std::string_view path_text) {
+  const std::size_t last = path_text.find_last_of("\\/");
+  return last == std::string_view::npos ? path_text : path_text.substr(last + 1);
+}
+
+bool IsApplicationImageName(std::string_view file_name) {
+  constexpr std::array<std::string_view, 4> kNames = {"qorva_gui.exe", "qorva.exe",
+                                                      "zul_rip_gui.exe", "zul_rip.exe"};
+  return std::find(kNames.begin(), kNames.end(), AsciiLower(file_name)) != kNames.end();
+}
 
 bool IsApplicationOwner(const ProcessEntry& process, const fs::Path& target_dir) {
   if (!process.image_path) return IsApplicationImageName(process.name);

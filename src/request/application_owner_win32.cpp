@@ -5,13 +5,14 @@
 #include <vector>
 
 #include "core/handle_win32.h"
+#include "core/process_environment.h"
 
 namespace zul {
 
 std::optional<fs::Path> ProcessImagePath(std::uint32_t pid) {
   const UniqueKernelHandle process(::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid));
   if (!process) return std::nullopt;
-  std::vector<wchar_t> buffer(32768);  // the longest path that the system has
+  std::vector<wchar_t> buffer(kLongestPathUnits);
   auto length = static_cast<DWORD>(buffer.size());
   if (::QueryFullProcessImageNameW(process.get(), 0, buffer.data(), &length) == 0) {
     return std::nullopt;

@@ -4,8 +4,8 @@
 #include <string>
 
 #include "apply/isolated_helper.h"
-#include "apply/main_process_wait.h"
 #include "apply/self_replace.h"
+#include "apply/target_lock.h"
 #include "core/process_environment.h"
 #include "core/system_error.h"
 #include "core/text.h"
@@ -50,7 +50,7 @@ StageResult RefuseArchiveModeStage(UpdateRun& run) {
 StageResult IsolateHelperStage(UpdateRun& run) {
   bool relaunched = false;
   std::string error;
-  if (!RelaunchFromTargetIfNeeded(run.request, relaunched, &error)) {
+  if (!RelaunchFromTargetIfNeeded(run.request, &relaunched, &error)) {
     return FailBeforeWindow(
         run.request, "isolate_helper",
         error.empty() ? "Cannot relaunch updater helper outside the update target directory."

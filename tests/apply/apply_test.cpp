@@ -1,4 +1,4 @@
-// Failures and deaths at every step are in tests/faults, held files in tests/rig/test_apply.py.
+// Failures and deaths at every step are in tests/faults, locked files in tests/rig/test_apply.py.
 
 #include "apply/apply.h"
 
@@ -11,11 +11,11 @@
 namespace zul {
 namespace {
 
+using test::Files;
+using test::FilesBelow;
 using test::Installation;
-using test::Snapshot;
-using test::TakeSnapshot;
 
-TEST(ApplyTest, InstallsTheStagedTreeAndRetiresOldExecutables) {
+TEST(Apply, InstallsTheStagedTreeAndRemovesRetiredExecutables) {
   Installation installation;
   const std::string big(3'000'001, 'x');
   installation.Install("data/a.icc", "old profile, longer than the new one");
@@ -29,13 +29,12 @@ TEST(ApplyTest, InstallsTheStagedTreeAndRetiresOldExecutables) {
   ASSERT_TRUE(fs::CreateDirectories(installation.staged_root / "nothing/in here", ec));
   test::WriteFile(installation.backup_root / "app.exe", "of an earlier failed run");
   EXPECT_TRUE(installation.Apply()) << installation.error;
-  EXPECT_EQ(TakeSnapshot(installation.target_root),
-            (Snapshot{{"data/", ""},
-                      {"data/a.icc", std::string("n\0w", 3)},
-                      {"data/zul_rip.exe", "not at the top level"},
-                      {"p\xC5\x99\xC3\xADklad/", ""},
-                      {"p\xC5\x99\xC3\xADklad/empty.bin", ""},
-                      {"qorva.exe", big}}));
+  EXPECT_EQ(FilesBelow(installation.target_root),
+            (Files{{"data/a.icc", std::string("n\0w", 3)},
+                   {"data/zul_rip.exe", "not at the top level"},
+                   {"p\xC5\x99\xC3\xADklad/empty.bin", ""},
+                   {"qorva.exe", big}}));
+  EXPECT_FALSE(test::Exists(installation.target_root / "nothing"));
   EXPECT_FALSE(test::Exists(installation.backup_root));
   EXPECT_EQ(installation.trace.Events(),
             std::vector<std::string>{
@@ -44,24 +43,7 @@ TEST(ApplyTest, InstallsTheStagedTreeAndRetiresOldExecutables) {
             "");
 }
 
-// With the record of a retired executable there is something to undo, without it there is not.
-TEST(ApplyTest, UndoesWhatWasDone) {
-  Installation installation;
-  installation.Install("data/inside.txt", "kept");
-  installation.Stage("data", "cannot take a folder's place");
-  for (const bool retired : {false, true}) {
-    if (retired) installation.Install("qorva.exe", "retired");
-    const Snapshot before = TakeSnapshot(installation.target_root);
-    EXPECT_FALSE(installation.Apply());
-    EXPECT_TRUE(installation.error.starts_with("rollback backup copy failed: source='"));
-    EXPECT_EQ(installation.outcome.kind,
-              retired ? ApplyOutcomeKind::kRolledBack : ApplyOutcomeKind::kFailedBeforeChange);
-    EXPECT_EQ(TakeSnapshot(installation.target_root), before);
-    EXPECT_EQ(installation.trace.Events().empty(), !retired);
-  }
-}
-
-TEST(ApplyTest, PassesOverTheRunningExecutable) {
+TEST(Apply, NeverReplacesTheRunningExecutable) {
   Installation installation;
   const fs::Path own = CurrentExecutablePath(260);
   std::error_code ec;
@@ -75,51 +57,42 @@ TEST(ApplyTest, PassesOverTheRunningExecutable) {
   EXPECT_EQ(fs::SizeOf(own, ec), size);
 }
 
-// A retired executable goes, one file is replaced or added, and the apply fails.
-TEST(ApplyTest, SaysWhatItCouldNotUndo) {
+// Two retired executables are removed, a file is added, and then the apply fails.
+TEST(Apply, NamesEachFileThatCouldNotBeRestored) {
   Installation installation;
+  installation.Install("qorva.exe", "first");
+  installation.Install("zul_rip.exe", "second");
   installation.Stage("app.exe", "new");
-  const auto in_quotes = [](const fs::Path& path) { return "'" + PathToUtf8(path) + "'"; };
-  const std::string target = in_quotes(installation.target_root / "app.exe");
-  const std::string backup = in_quotes(installation.backup_root / "app.exe");
+  EXPECT_FALSE(installation.Apply({.fail_after_replacements = 3,
+                                   .fail_first_restore = true,
+                                   .fail_first_remove = true,
+                                   .corrupt_first_restore = true}));
+  const auto target = [&](const char* name) {
+    return "'" + PathToUtf8(installation.target_root / name) + "'";
+  };
+  const auto backup = [&](const char* name) {
+    return "'" + PathToUtf8(installation.backup_root / name) + "'";
+  };
   const std::string injected = ", reason=filesystem_error, code=13, message='" +
                                SystemErrorText(std::make_error_code(std::errc::permission_denied)) +
                                "' (fault injected)";
-  const struct {
-    bool is_added;
-    ApplyFaultInjection faults;
-    std::string failures;
-    Snapshot left;
-  } cases[] = {
-      {false,
-       {2, false, false, true},
-       "rollback verification hash mismatch: backup=" + backup + ", target=" + target + ".",
-       {{"app.exe", "fault-injected rollback corruption"}, {"qorva.exe", "gone"}}},
-      {true,
-       {2, true, true, false},
-       "rollback remove failed: target=" + target + injected +
-           " | rollback verification failed: newly installed target " + target +
-           " still exists after removal. | rollback restore failed: source=" +
-           in_quotes(installation.backup_root / "qorva.exe") +
-           ", target=" + in_quotes(installation.target_root / "qorva.exe") + injected,
-       {{"app.exe", "new"}}},
-  };
-  for (const auto& c : cases) {
-    installation.Install("qorva.exe", "gone");
-    installation.Install("app.exe", "old");
-    std::error_code ec;
-    if (c.is_added) fs::Remove(installation.target_root / "app.exe", ec);
-    EXPECT_FALSE(installation.Apply(c.faults));
-    EXPECT_TRUE(installation.error.starts_with(
-        "RECOVERY_REQUIRED: update apply failed: fault injection: apply failed after 2 successful "
-        "replacement(s). Rollback was incomplete; do not start QORVA from this folder. "))
-        << installation.error;
-    EXPECT_TRUE(installation.error.ends_with(" Rollback failure(s): " + c.failures))
-        << installation.error;
-    EXPECT_EQ(installation.outcome.kind, ApplyOutcomeKind::kRecoveryRequired);
-    EXPECT_EQ(TakeSnapshot(installation.target_root), c.left);
-    EXPECT_EQ(test::ReadFile(installation.backup_root / "qorva.exe"), "gone");
-  }
+  EXPECT_EQ(installation.error,
+            "RECOVERY_REQUIRED: update apply failed: fault injection: apply failed after 3 "
+            "successful replacement(s). Rollback was incomplete; do not start QORVA from this "
+            "folder. Rollback backup was preserved at '" +
+                PathToUtf8(installation.backup_root) +
+                "'. Run the current QORVA installer to repair the installation. " +
+                "Rollback failure(s): rollback remove failed: target=" + target("app.exe") +
+                injected + " | rollback verification failed: newly installed target " +
+                target("app.exe") + " still exists after removal. | rollback restore failed: " +
+                "source=" + backup("zul_rip.exe") + ", target=" + target("zul_rip.exe") + injected +
+                " | rollback verification hash mismatch: backup=" + backup("qorva.exe") +
+                ", target=" + target("qorva.exe") + ".");
+  EXPECT_EQ(installation.outcome.kind, ApplyOutcomeKind::kRecoveryRequired);
+  EXPECT_EQ(FilesBelow(installation.target_root),
+            (Files{{"app.exe", "new"}, {"qorva.exe", "fault-injected rollback corruption"}}));
+  EXPECT_EQ(FilesBelow(installation.backup_root),
+            (Files{{"qorva.exe", "first"}, {"zul_rip.exe", "second"}}));
 }
 
 }  // namespace

@@ -1,11 +1,9 @@
 #pragma once
 
-// An installation, a staged update beside it, and one apply of the one to the other.
+// An installation, a staged update, and applies of that update to the installation.
 
 #include <gtest/gtest.h>
 
-#include <map>
-#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -16,19 +14,7 @@
 
 namespace zul::test {
 
-/// Relative path (a folder with "/" behind it) to contents, which folders have none of.
-using Snapshot = std::map<std::string, std::string>;
-
-inline Snapshot TakeSnapshot(const fs::Path& root) {
-  Snapshot snapshot;
-  std::istringstream lines(ListTree(root));
-  for (std::string line; std::getline(lines, line);) {
-    snapshot[line] = line.ends_with('/') ? "" : ReadFile(root / PathFromUtf8(line).value());
-  }
-  return snapshot;
-}
-
-/// The trace of this process goes into a folder of its own.
+/// The trace of this process is written to a temporary folder.
 class Installation {
  public:
   Installation() {
@@ -36,7 +22,7 @@ class Installation {
     EXPECT_TRUE(fs::CreateDirectories(staged_root, ec) && fs::CreateDirectories(target_root, ec));
   }
 
-  // Names are UTF-8, relative to the two roots, with "/" between their parts.
+  // Names are UTF-8 and relative to the root of the installation or of the staged tree.
   void Install(std::string_view name, std::string_view contents) const {
     WriteFile(target_root / PathFromUtf8(name).value(), contents);
   }
@@ -57,7 +43,7 @@ class Installation {
   const fs::Path target_root = folder / "app";
   const fs::Path backup_root = folder.path() / "work" / "rollback_backup";
 
-  // What the last apply left.
+  // The results of the last apply.
   std::string error;
   ApplyOutcome outcome;
 };

@@ -11,10 +11,9 @@ namespace {
 using test::TempFolder;
 using test::WriteFile;
 
-const RetryPolicy kNoWait{8, std::chrono::milliseconds(200),
-                          [](std::chrono::milliseconds) { ADD_FAILURE() << "waited"; }};
+const RetryPolicy kNoWait{.sleep = [](std::chrono::milliseconds) { ADD_FAILURE() << "waited"; }};
 
-TEST(RetryFileOpsTest, GivesUpAtOnceOnWhatIsNoLock) {
+TEST(RetryFileOps, NeverRetryAFailureThatIsNotALock) {
   const TempFolder folder;
   WriteFile(folder / "file", "old");
   WriteFile(folder / "full/inside", "kept");
@@ -34,7 +33,7 @@ TEST(RetryFileOpsTest, GivesUpAtOnceOnWhatIsNoLock) {
   EXPECT_EQ(test::ReadFile(folder / "file"), "old");
 }
 
-TEST(RetryFileOpsTest, StepsPastLeftOverTemporaries) {
+TEST(RetryFileOps, SkipTemporaryNamesThatAreTaken) {
   const TempFolder folder;
   const fs::Path source = folder / "source";
   const fs::Path target = folder / "target";

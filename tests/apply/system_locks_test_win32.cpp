@@ -1,4 +1,4 @@
-// Locks as other processes hold them, a second handle on the file, and the ends of processes.
+// Locks by a second handle on the file, as another process holds it, and the end of a process.
 
 #include <windows.h>
 
@@ -6,12 +6,11 @@
 
 #include <thread>
 
-#include "apply/main_process_wait.h"
 #include "apply/retry_file_ops.h"
 #include "apply/target_lock.h"
 #include "core/handle_win32.h"
 #include "core/process_environment.h"
-#include "tests/apply/installation.h"
+#include "tests/support/temp_folder.h"
 
 namespace zul {
 namespace {
@@ -25,7 +24,7 @@ UniqueFileHandle Hold(const fs::Path& path, DWORD access, DWORD sharing) {
   return handle;
 }
 
-TEST(SystemLocksTest, AnyOtherHandleIsALock) {
+TEST(SystemLocks, EveryOtherHandleIsALock) {
   const test::TempFolder folder;
   const fs::Path target = folder / "held.dll";
   test::WriteFile(target, "held");
@@ -34,15 +33,15 @@ TEST(SystemLocksTest, AnyOtherHandleIsALock) {
          ++share) {
       LockProbeResult result;
       UniqueFileHandle holder = Hold(target, access, share);
-      EXPECT_FALSE(ProbeTargetLock(target, 0, result, nullptr)) << access << " " << share;
+      EXPECT_FALSE(ProbeTargetLock(target, 0, &result, nullptr)) << access << " " << share;
       EXPECT_EQ(result.system_error, DWORD{ERROR_SHARING_VIOLATION}) << access << " " << share;
       holder.Reset();
-      EXPECT_TRUE(ProbeTargetLock(target, 0, result, nullptr)) << access << " " << share;
+      EXPECT_TRUE(ProbeTargetLock(target, 0, &result, nullptr)) << access << " " << share;
     }
   }
 }
 
-TEST(SystemLocksTest, ReplacementsAndRemovalsTryEightTimes) {
+TEST(SystemLocks, ReplacementsAndRemovalsMakeEightAttempts) {
   for (const bool remove : {false, true}) {
     for (const int clears_after : {1, 7, 8}) {
       SCOPED_TRACE(clears_after);
@@ -64,22 +63,19 @@ TEST(SystemLocksTest, ReplacementsAndRemovalsTryEightTimes) {
       if (clears_after < 8) continue;
       EXPECT_NE(error.find("reason=permission_or_lock, code="), std::string::npos) << error;
       EXPECT_TRUE(error.ends_with("', attempts=8")) << error;
-      EXPECT_EQ(test::TakeSnapshot(folder.path()),
-                (test::Snapshot{{"source", "new"}, {"target", "old"}}));
+      EXPECT_EQ(test::FilesBelow(folder.path()),
+                (test::Files{{"source", "new"}, {"target", "old"}}));
     }
   }
 }
 
-TEST(ForceCloseProcessTest, NeverEndsNobodyOrItself) {
-  for (const std::uint32_t pid : {std::uint32_t{0}, CurrentProcessId()}) {
-    std::string error;
-    EXPECT_FALSE(ForceCloseProcess(pid, &error));
-    EXPECT_EQ(error, "Refusing to terminate invalid updater process id.");
-  }
+TEST(ForceCloseProcess, RefusesPidZeroAndItsOwn) {
+  EXPECT_FALSE(ForceCloseProcess(0, nullptr));
+  EXPECT_FALSE(ForceCloseProcess(CurrentProcessId(), nullptr));
 }
 
-// Input neither ends the wait nor starts its time anew.
-TEST(WaitForMainProcessTest, TimesOutAndAnswersMessagesMeanwhile) {
+// Input neither ends the wait nor restarts its time.
+TEST(WaitForMainProcess, TimesOutAndHandlesMessagesMeanwhile) {
   std::thread poster([thread = ::GetCurrentThreadId()] {
     for (int i = 0; i < 5; ++i) {
       std::this_thread::sleep_for(milliseconds(100));

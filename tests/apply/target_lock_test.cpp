@@ -1,5 +1,5 @@
-// What is done, and when, to clear the lock on one target. Real holders are in
-// tests/rig/test_locks.py.
+// Probes, and the steps that clear the lock on one target. Locks that other processes hold are in
+// system_locks_test_win32.cpp and tests/rig/test_locks.py, which also has the texts of owners.
 
 #include "apply/target_lock.h"
 
@@ -11,23 +11,75 @@
 namespace zul {
 namespace {
 
-/// What one probe meets.
-struct Met {
-  std::uint32_t code = 32;  ///< 0: the file is free
-  std::vector<LockOwner> owners;
+using Owners = std::vector<LockOwner>;
+
+TEST(LockProbe, ClassifiesByErrorAndOwners) {
+  const Owners none;
+  const Owners foreign = {{7, "scan.exe", false, "", false}};
+  const Owners both = {{7, "scan.exe", false, "", false}, {8, "", false, "", true}};
+  const struct {
+    std::uint32_t code;
+    const Owners& owners;
+    const char* reason;
+  } cases[] = {
+      {2, none, "missing_path"},        {3, both, "missing_path"},
+      {5, none, "permission_issue"},    {1314, none, "permission_issue"},
+      {32, none, "unknown_lock_owner"}, {33, none, "unknown_lock_owner"},
+      {1224, none, "filesystem_error"}, {5, foreign, "external_process_lock"},
+  };
+  for (const auto& c : cases) {
+    const LockProbeResult result{false, "", c.code, "", c.owners, true, ""};
+    EXPECT_EQ(ClassifyLock(result), c.reason) << c.code;
+  }
+}
+
+TEST(LockProbe, FindsTheMainProcessAmongTheParents) {
+  // 1 is its own parent. 20 and 21 form a cycle, as reused process ids can.
+  ProcessParents parents = {{10, 9}, {9, 8}, {8, 1}, {1, 1}, {20, 21}, {21, 20}, {30, 0}};
+  for (std::uint32_t pid = 1000; pid < 1200; ++pid) parents[pid] = pid + 1;
+  const struct {
+    std::uint32_t pid;
+    std::uint32_t main_pid;
+    bool is_inside;
+  } cases[] = {
+      {8, 8, true},   {10, 8, true},  {8, 10, false}, {10, 7, false},     {20, 8, false},
+      {99, 99, true}, {30, 0, false}, {0, 8, false},  {1000, 1128, true}, {1000, 1129, false},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(MakeLockOwner({c.pid, "", 0, ""}, c.main_pid, parents).main_tree, c.is_inside)
+        << c.pid << " " << c.main_pid;
+  }
+}
+
+TEST(LockProbe, AsksForOwnersOnlyWhenTheFileIsLocked) {
+  const test::TempFolder folder;
+  test::WriteFile(folder / "free.dll", "free");
+  int queries = 0;
+  const LockOwnerQuery query = [&](const fs::Path&, std::uint32_t main_pid, Owners* owners,
+                                   std::string*) {
+    *owners = {{main_pid, "left by a query that failed", false, "", true}};
+    return ++queries > 1;
+  };
+  LockProbeResult result{false, "left over", 1, "left over", {{1, "", false, "", true}}, true, "x"};
+  for (const char* free : {"free.dll", "missing.dll", "missing/folder.dll"}) {
+    EXPECT_TRUE(ProbeTargetLock(folder / free, 8, &result, nullptr, query)) << free;
+    EXPECT_TRUE(result.ok && result.owners.empty() && queries == 0);
+  }
+  // The exclusive open of a folder fails, as that of a locked file does.
+  EXPECT_FALSE(ProbeTargetLock(folder.path(), 8, &result, nullptr, query));
+  EXPECT_TRUE(result.owners.empty());
+  EXPECT_FALSE(ProbeTargetLock(folder.path(), 8, &result, nullptr, query));
+  EXPECT_EQ(result.reason, "main_process_tree_still_alive");
+}
+
+/// The result of a probe.
+struct Probe {
+  std::uint32_t code = 32;  ///< 0 for a free file
+  Owners owners;
 };
-const Met kFree{0, {}};
-const Met kScanned{5, {{99, "scan.exe", true, "scansvc", false}}};
-const Met kRunning{32, {{77, "qorva.exe", false, "", true}, {99, "scan.exe", false, "", false}}};
-
-using Meet = std::function<Met(unsigned probe)>;  // from 1
-
-Meet Until(unsigned free_at, const Met& before) {
-  return [free_at, before](unsigned probe) { return probe >= free_at ? kFree : before; };
-}
-Meet Always(const Met& met) {
-  return [met](unsigned) { return met; };
-}
+const Probe kFree{0, {}};
+const Probe kScanned{5, {{99, "scan.exe", true, "scansvc", false}}};
+const Probe kRunning{32, {{77, "qorva.exe", false, "", true}, {99, "scan.exe", false, "", false}}};
 
 std::string Times(int count, std::string_view text) {
   std::string repeated;
@@ -35,8 +87,8 @@ std::string Times(int count, std::string_view text) {
   return repeated;
 }
 
-/// The world of one target, and a journal of everything that is done to it: "close", "force77" and
-/// a wait's milliseconds, with a "+" while the button is offered.
+/// Clears a lock whose probes are given, and writes a journal of the actions: "close", "force77"
+/// and the milliseconds of each wait, with "+" while the button is shown.
 struct Clearing {
   test::TraceInTempFolder trace;
   UpdateProgressWindow window{std::make_unique<test::UnseenSurface>()};
@@ -44,17 +96,20 @@ struct Clearing {
   std::string journal;
   std::string error;
 
-  void Note(const std::string& what) { journal += what + (window.force_visible() ? "+ " : " "); }
+  void Note(const std::string& action) {
+    journal += action + (window.force_visible() ? "+ " : " ");
+  }
 
-  bool Resolve(const Meet& meet, unsigned press_at_wait = 0) {
+  /// The first `count` probes have the result `first`, the others `then`.
+  bool Resolve(unsigned count, const Probe& first, const Probe& then, unsigned press_at_wait = 0) {
     unsigned probes = 0;
     unsigned waits = 0;
     TargetLockActions actions;
-    actions.probe = [&](const fs::Path&, LockProbeResult& result) {
-      const Met met = meet(++probes);
-      result = {met.code == 0, "", met.code, "", met.owners, true, ""};
-      result.reason = ClassifyLock(result);
-      return result.ok;
+    actions.probe = [&](const fs::Path&, LockProbeResult* result) {
+      const Probe& probe = probes++ < count ? first : then;
+      *result = {probe.code == 0, "", probe.code, "", probe.owners, true, ""};
+      result->reason = ClassifyLock(*result);
+      return result->ok;
     };
     actions.application_pids = [](const LockProbeResult& result) {
       return std::vector<std::uint32_t>(result.owners.size() == 2 ? 1 : 0, 77);
@@ -70,9 +125,11 @@ struct Clearing {
     };
     actions.wait = [&](std::chrono::milliseconds duration) {
       Note(std::to_string(duration.count()));
+      EXPECT_TRUE(!window.force_visible() ||
+                  window.shown_title() == L"Waiting for QORVA to close...");
       if (++waits == press_at_wait) window.PressForceClose();
     };
-    return ResolveTargetLock("app.dll", &context, error, actions);
+    return ResolveTargetLock("app.dll", &context, &error, actions);
   }
 };
 
@@ -82,34 +139,42 @@ const std::string kScanner =
 
 const struct {
   const char* name;
-  Meet meet;
+  unsigned count;
+  Probe first;
+  Probe then;
   std::string journal;
-  std::string failure;  ///< behind the target; empty when the lock clears
+  std::string failure;  ///< after the target; empty when the lock clears
   unsigned press_at_wait = 0;
   bool force_from_start = false;
 } kCases[] = {
-    {"free at once", Always(kFree), "", ""},
-    {"held for good", Always(kScanned), Times(11, "250 "), kScanner},
-    {"an error that waiting does not mend", Always({1224, {}}), "",
+    {"free at once", 0, {}, kFree, "", ""},
+    {"locked for good", 0, {}, kScanned, Times(11, "250 "), kScanner},
+    {"an error that a wait cannot clear",
+     0,
+     {},
+     {1224, {}},
+     "",
      "filesystem_error, code=1224, owners=[]"},
-    {"an application that stays", Always(kRunning),
+    {"an application that stays",
+     0,
+     {},
+     kRunning,
      "close+ " + Times(9, "500+ ") + Times(23, "close+ " + Times(10, "500+ ")) + "close+ 500+ " +
          Times(11, "250 "),
      "main_process_tree_still_alive, code=32, attempts=12, owners=[" + kOwners + "]"},
-    {"an application, then a scanner: cycles are no attempts",
-     [](unsigned probe) { return probe <= 5 ? kRunning : kScanned; },
+    {"an application, then a scanner: close cycles are not attempts", 5, kRunning, kScanned,
      "close+ " + Times(5, "500+ ") + Times(11, "250 "), kScanner},
-    {"the button pressed", Until(5, kRunning), "close+ 500+ 500+ force77+ 500+ force77+ 500+ ", "",
-     2},
-    {"force asked for by the caller", Until(2, kRunning), "force77+ 500+ ", "", 0, true},
+    {"the button is pressed", 4, kRunning, kFree, "close+ 500+ 500+ force77+ 500+ force77+ 500+ ",
+     "", 2},
+    {"the caller asks for force", 1, kRunning, kFree, "force77+ 500+ ", "", 0, true},
 };
 
-TEST(TargetLockTest, ClearsOrReports) {
+TEST(ResolveTargetLock, ClearsTheLockOrReportsIt) {
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
     Clearing clearing;
     clearing.context.force_close = c.force_from_start;
-    EXPECT_EQ(clearing.Resolve(c.meet, c.press_at_wait), c.failure.empty());
+    EXPECT_EQ(clearing.Resolve(c.count, c.first, c.then, c.press_at_wait), c.failure.empty());
     EXPECT_EQ(clearing.journal, c.journal);
     const std::string start = "pre-apply lock probe failed: target='app.dll', reason=";
     EXPECT_EQ(clearing.error, c.failure.empty() ? "" : start + c.failure);
@@ -117,16 +182,12 @@ TEST(TargetLockTest, ClearsOrReports) {
   }
 }
 
-TEST(TargetLockTest, APressHoldsForOneTarget) {
+TEST(ResolveTargetLock, ForgetsAPressAfterEachTarget) {
   Clearing clearing;
-  EXPECT_TRUE(clearing.Resolve(Until(3, kRunning), 1));
+  EXPECT_TRUE(clearing.Resolve(2, kRunning, kFree, 1));
   EXPECT_EQ(clearing.window.shown_title(), L"Installing update...");
   clearing.journal.clear();
-  EXPECT_TRUE(clearing.Resolve([&](unsigned probe) {
-    if (probe == 1) return kRunning;
-    EXPECT_EQ(clearing.window.shown_title(), L"Waiting for QORVA to close...");
-    return kFree;
-  }));
+  EXPECT_TRUE(clearing.Resolve(1, kRunning, kFree));
   EXPECT_EQ(clearing.journal, "close+ 500+ ");
   const std::string close = "apply_request_close_locking_zul_process owners=" + kOwners +
                             " pids=77 target=app.dll wm_close_messages=3";

@@ -7,7 +7,7 @@
 
 namespace zul::test {
 
-/// A window that nobody sees, and a hook in the messages that it answers.
+/// A progress window without a native window. Calls a hook whenever messages are pumped.
 class UnseenSurface final : public ProgressSurface {
  public:
   explicit UnseenSurface(std::function<void()> on_pump = {}) : on_pump_(std::move(on_pump)) {}

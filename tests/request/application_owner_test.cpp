@@ -7,7 +7,7 @@
 namespace zul {
 namespace {
 
-TEST(ApplicationOwner, NeedsTheNameAndWhereKnownTheFolder) {
+TEST(IsApplicationOwner, ComparesTheNameAndTheFolderWhenItIsKnown) {
   const test::TempFolder folder;
   test::WriteFile(folder / "app/qorva.exe", "");
   const fs::Path target = folder / "app";
@@ -18,7 +18,7 @@ TEST(ApplicationOwner, NeedsTheNameAndWhereKnownTheFolder) {
   } cases[] = {
       {target / "Qorva_GUI.exe", "", true},
       {folder / "app/../app/qorva.exe", "", true},
-      {folder / "copy/qorva.exe", "qorva.exe", false},
+      {folder / "app2/qorva.exe", "qorva.exe", false},
       {target / "qorva_updater.exe", "qorva.exe", false},  // the image decides, not the list
       {std::nullopt, "ZUL_RIP.exe", true},
       {std::nullopt, "qorva", false},

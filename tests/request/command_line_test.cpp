@@ -14,19 +14,18 @@ UpdateRequest Parse(const std::vector<std::wstring>& arguments) {
   return ParseUpdateRequest(static_cast<int>(argv.size()), argv.data());
 }
 
-// That a request comes back from its rendered line as it was, the fuzzer's inputs show.
+// The replayed inputs of the fuzzer show that a rendered line is parsed to the same request.
 
-TEST(UpdateRequest, ReadsThePidAsTheCLibraryDoes) {
+TEST(ParseUpdateRequest, ReadsThePidAsStrtoulDoes) {
   const std::pair<const wchar_t*, std::uint32_t> cases[] = {
-      {L"12abc", 12},       {L"abc", 0},          {L"0x10", 0},
-      {L" \t\v+7", 7},      {L"- 7", 0},          {L"-1", 4294967295},
-      {L"4294967295", ~0U}, {L"4294967296", ~0U}, {L"-4294967296", ~0U}};
+      {L"12abc", 12}, {L"0x10", 0},         {L" \t\v+7", 7},      {L"- 7", 0},
+      {L"-1", ~0U},   {L"4294967295", ~0U}, {L"4294967296", ~0U}, {L"-4294967296", ~0U}};
   for (const auto& [text, pid] : cases) {
     EXPECT_EQ(Parse({std::wstring(L"--pid=") + text}).pid, pid) << WideToUtf8Lossy(text);
   }
 }
 
-TEST(UpdateRequest, EmptyUnknownAndMalformedArgumentsChangeNothing) {
+TEST(ParseUpdateRequest, IgnoresEmptyUnknownAndMalformedArguments) {
   UpdateRequest expected;
   expected.pid = 5;
   expected.target_dir = "C:\\b";
@@ -37,12 +36,12 @@ TEST(UpdateRequest, EmptyUnknownAndMalformedArgumentsChangeNothing) {
             expected);
 }
 
-TEST(UpdateRequest, TheTwoBoolsTakeDifferentWords) {
+TEST(ParseUpdateRequest, AcceptsDifferentWordsForTheTwoBools) {
   const std::tuple<const wchar_t*, bool, bool> cases[] = {
       {L" 1\t", true, true}, {L"true", false, true}, {L" YES ", false, true}, {L"On", false, true},
       {L"0", false, false},  {L" ", false, false},   {L"11", false, false}};
   for (const auto& [word, headless, require_signed] : cases) {
-    // Each word also has to win over an earlier "1".
+    // Each word overrides an earlier "1".
     const UpdateRequest request =
         Parse({L"--headless-restart-version-proof=1", L"--require-signed-payload-binaries=1",
                std::wstring(L"--headless-restart-version-proof=") + word,

@@ -1,10 +1,8 @@
-// Our reading of the splitting rules, which the fuzzer relies on, against the system itself.
+// Compares SplitCommandLine, which the fuzzer uses, and QuoteCommandArgument with the system.
 #include <windows.h>
 
 #include <gtest/gtest.h>
 #include <shellapi.h>
-
-#include <cstdint>
 
 #include "core/text.h"
 #include "request/update_request.h"
@@ -21,23 +19,21 @@ std::vector<std::wstring> SystemSplit(const std::wstring& line) {
   return result;
 }
 
-// Texts of the characters that mean something to the splitting, the same in every run.
-std::wstring NextText(std::uint32_t& state) {
-  constexpr std::wstring_view kAlphabet = L"\\\\\"\" \ta=\u017D\n";
+// Number 0 is empty; the next numbers are all texts of characters that the splitting treats
+// specially.
+std::wstring TextOfNumber(unsigned number) {
+  constexpr std::wstring_view kAlphabet = L"\\\" \ta";
   std::wstring text;
-  for (;;) {
-    state = state * 1664525 + 1013904223;
-    const std::size_t choice = (state >> 16) % (kAlphabet.size() + 1);
-    if (choice == kAlphabet.size()) return text;
-    text.push_back(kAlphabet[choice]);
+  for (; number != 0; number = (number - 1) / kAlphabet.size()) {
+    text.push_back(kAlphabet[(number - 1) % kAlphabet.size()]);
   }
+  return text;
 }
 
-TEST(HelperCommandLineOnWindows, TheSystemSplitsAnyTextAsTheOracleDoes) {
-  std::uint32_t state = 1;
-  for (int i = 0; i < 5000; ++i) {
-    const std::vector<std::wstring> arguments = {L"C:\\temp dir\\a.exe", NextText(state),
-                                                 NextText(state)};
+TEST(QuoteCommandArgument, IsUndoneByTheSystemAndBySplitCommandLine) {
+  for (unsigned number = 0; number < 5000; ++number) {
+    const std::vector<std::wstring> arguments = {L"C:\\temp dir\\a.exe", TextOfNumber(number),
+                                                 TextOfNumber(number / 7)};
     const std::wstring raw = L"a " + arguments[1] + arguments[2];
     ASSERT_EQ(SystemSplit(raw), test::SplitCommandLine(raw)) << WideToUtf8Lossy(raw);
     std::wstring quoted;

@@ -156,7 +156,7 @@ int TimeProbe(const std::filesystem::path& installation) {
   std::string error;
   const auto started = Clock::now();
   for (const std::filesystem::path& file : files) {
-    if (!zul::ResolveTargetLock(file, installation, 0, nullptr, error)) return Fail(error);
+    if (!zul::ResolveTargetLock(file, installation, 0, nullptr, &error)) return Fail(error);
   }
   std::printf("%.6f %zu\n", Seconds(Clock::now() - started).count(), files.size());
   return 0;

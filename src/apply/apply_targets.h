@@ -1,0 +1,83 @@
+#pragma once
+
+// The files that an apply changes: the files of the staged tree, which it installs, and the retired
+// executables, which it removes.
+
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "core/file_layer.h"
+
+namespace zul {
+
+/// One file to install.
+struct StagedFile {
+  fs::Path source;    ///< in the staged tree, as it was listed
+  fs::Path relative;  ///< relative to the staged root, links resolved
+  fs::Path target;    ///< the target root joined with `relative`
+};
+
+/// The failure texts of a walk, each up to and including the quote before the path.
+struct StagedTreeTexts {
+  std::string_view enumeration;
+  std::string_view resolution;
+  std::string_view unsafe_path;
+};
+
+/// One walk over the files of a staged tree, in the system's order. An apply walks the tree twice:
+/// once to validate it before the first change, and once to install it. Another process can change
+/// the tree in between, so both walks check every file. Folders, links to folders and other entries
+/// that are not files are left out. So is the running executable, which an apply never replaces.
+class StagedTreeWalk {
+ public:
+  enum class Step { kFile, kEnd, kFailed };
+
+  /// Which paths are resolved to find a file's place in the tree. Resolving costs one open, so the
+  /// second walk resolves each folder only. The kind of an entry shows a file that has become a
+  /// link since the first walk; such a link is resolved in both.
+  enum class Resolution { kEachFile, kEachFolder };
+
+  /// `own_executable` is the resolved path of the running executable; the empty path matches no
+  /// file.
+  StagedTreeWalk(fs::Path staged_root, fs::Path target_root, fs::Path own_executable,
+                 const StagedTreeTexts& texts, Resolution resolution);
+
+  /// Finds the next file that may be installed. The walk is over after kEnd and after kFailed,
+  /// which leaves the reason in `error`.
+  [[nodiscard]] Step Next(StagedFile* file, std::string* error);
+
+ private:
+  enum class Verdict { kInstall, kLeaveOut, kRefuse };
+
+  [[nodiscard]] Verdict Judge(const fs::DirectoryEntry& entry, StagedFile* file,
+                              std::string* error);
+  [[nodiscard]] fs::Path RelativeOf(const fs::DirectoryEntry& entry, std::error_code& ec);
+  [[nodiscard]] bool MayBeWritten(const fs::Path& target, const fs::Path& resolved_target,
+                                  std::string* error);
+
+  const fs::Path staged_root_;
+  const fs::Path target_root_;
+  const fs::Path own_executable_;
+  const StagedTreeTexts texts_;
+  const Resolution resolution_;
+  fs::TreeWalker walker_;
+  // The two roots, links resolved; empty before the first file.
+  fs::Path resolved_staged_root_;
+  fs::Path resolved_target_root_;
+  // The folder that was resolved last, and its resolved path relative to the staged root.
+  fs::Path folder_;
+  fs::Path relative_folder_;
+  std::unordered_set<fs::Path::string_type> found_;  // the relative path of each file
+};
+
+/// Lists the retired executables: programs of earlier versions whose names the current layout no
+/// longer uses. If they stayed in the installation, a shortcut could start an old program. Fills
+/// `removals`, in the fixed order of the names, with the paths of those that are in `target_root`
+/// and not in `staged_root`. False with the reason in `error` when one cannot be inspected, is not
+/// a regular file or may not be written. Changes nothing.
+[[nodiscard]] bool ListRetiredExecutables(const fs::Path& staged_root, const fs::Path& target_root,
+                                          std::vector<fs::Path>* removals, std::string* error);
+
+}  // namespace zul
