@@ -1,0 +1,562 @@
+// The driver from validation to restart, with every way in which a run ends.
+
+#include "update/driver.h"
+
+#include <gtest/gtest.h>
+
+#include "core/build_identity.h"
+#include "core/deployment.h"
+#include "tests/diagnostics/started_diagnostics.h"
+#include "tests/update/update_scene.h"
+
+namespace zul {
+namespace {
+
+using test::UpdateScene;
+
+const std::string kPage(deployment::kPageUrl);
+const std::string kOfferedInstaller =
+    "\n\nDownload and run the current QORVA installer from:\n" + kPage;
+const std::string kMigrationNotice =
+    std::string(InstallerMigrationMessage()) + kOfferedInstaller +
+    "\n\nAfter installation, close this old copy and start QORVA from the Start Menu/Desktop "
+    "shortcut or from the folder chosen in the installer.\n\nYes opens the download page now. No "
+    "copies the link to the clipboard.";
+
+std::string ApplyFailureNotice(const std::string& message) {
+  return "Automatic update failed during apply stage.\n\n" + message + kOfferedInstaller +
+         "\n\nUse Yes to open the download page now, No to copy the link to clipboard.";
+}
+
+/// The one box of a run that ended in a report; the leading number is the style of MessageBoxW.
+std::string BoxOf(const std::string& stage, const std::string& message) {
+  if (stage == "archive_installer_migration_required") return "67: " + kMigrationNotice;
+  return stage == "apply" ? "19: " + ApplyFailureNotice(message) : "16: " + message;
+}
+
+// --- Before anything is touched
+
+TEST(Driver, RefusesARequestBeforeAnySideEffect) {
+  const std::string incomplete = "Update payload is incomplete.";
+  const struct {
+    const char* name;
+    void (*change)(UpdateRequest& request);
+    std::string message;
+  } cases[] = {
+      {"no url", [](auto& r) { r.download_url.clear(); }, incomplete},
+      {"no digest", [](auto& r) { r.sha256.clear(); }, incomplete},
+      {"no target", [](auto& r) { r.target_dir.clear(); }, incomplete},
+      {"no application", [](auto& r) { r.restart_exe.clear(); }, incomplete},
+      {"restart arguments", [](auto& r) { r.restart_args = "x"; },
+       "Updater restart arguments are not supported."},
+      // Refused before any path is looked at.
+      {"proof that waits",
+       [](auto& r) {
+         r.headless_restart_version_proof = true;
+         r.target_dir = "x";
+       },
+       "Headless installed-update proof requires an isolated updater request."},
+      {"proof of unsigned files",
+       [](auto& r) {
+         r.headless_restart_version_proof = true;
+         r.pid = 0;
+       },
+       "Headless installed-update proof requires signed payload verification."},
+      {"path", [](auto& r) { r.target_dir = "x"; },
+       "Update target directory must be an absolute path."},
+      {"plain text", [](auto& r) { r.download_url.replace(0, 5, "http"); },
+       "Update URL must use HTTPS"},
+      {"foreign host", [](auto& r) { r.download_url = "https://h.example/p.zip"; },
+       "Update download host is not allowed: h.example"},
+      {"foreign mirror", [](auto& r) { r.fallback_download_url = "https://h.example/p.zip"; },
+       "Update download host is not allowed: h.example"},
+      {"digest", [](auto& r) { r.sha256.back() = 'g'; },
+       "Update SHA-256 must be a 64-character hex string."},
+      {"required name",
+       [](auto& r) {
+         r.required_payload_files = {"a.dll", "../b.dll"};
+       },
+       "Update package required file name is unsafe: ../b.dll"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    UpdateScene scene;
+    c.change(scene.request);
+    EXPECT_EQ(scene.Run(), 2);
+    EXPECT_EQ(scene.calls, "report box shutdown");
+    EXPECT_EQ(scene.report, "validate: " + c.message);
+    EXPECT_EQ(scene.boxes, std::vector{"16: " + c.message});
+    EXPECT_EQ(scene.Events() + scene.Kept() + scene.Installed(), "-old");
+  }
+}
+
+TEST(Driver, PrintsTheVersionAndDoesNothingElse) {
+  UpdateScene scene;
+  EXPECT_EQ(scene.RunWith({L"updater.exe", L"--pid=1", L"--print-app-version-json", L"more"}), 0);
+  EXPECT_EQ(scene.printed, BuildAppVersionJson() + "\n");
+  EXPECT_EQ(scene.calls + scene.Events(), "");
+}
+
+// --- The stages and their failures
+
+const std::string kEnd = " report window-gone box shutdown";
+const std::string kDone = " wait apply start <install>/qorva_gui.exe window-gone";
+
+// Events of the trace, in the order in which the stages write them.
+const std::string kStart = "updater_run_start";
+const std::string kNotGot = " download_start download_fail";
+const std::string kGot =
+    " download_start download_redirect_resolution download_complete checksum_verify "
+    "checksum_verify";
+const std::string kFetched = kStart + kGot + " download_selected";
+const std::string kExtracted = kFetched + " extract_start extract_ok";
+const std::string kApplied = kExtracted + " apply_start apply_ok";
+const std::string kRestarted = kApplied + " restart_start restart_ok";
+
+/// One run and what it must leave.
+struct Case {
+  const char* name;
+  std::function<void(UpdateScene&)> arrange;
+  int exit_code;
+  std::string calls;
+  std::string report;  ///< "stage: message"; empty without one
+  std::string events;
+  std::string kept;  ///< in the workspace; "-" without one
+  std::string installed;
+  bool next_copy_left = false;
+
+  void Check() const {
+    SCOPED_TRACE(name);
+    UpdateScene scene;
+    arrange(scene);
+    EXPECT_EQ(scene.Run(), exit_code);
+    EXPECT_EQ(scene.calls, calls);
+    EXPECT_EQ(scene.report, report);
+    const std::size_t colon = report.find(": ");
+    EXPECT_EQ(scene.boxes, colon == report.npos ? std::vector<std::string>()
+                                                : std::vector{BoxOf(report.substr(0, colon),
+                                                                    report.substr(colon + 2))});
+    EXPECT_EQ(scene.Events(), events);
+    EXPECT_EQ(scene.Kept(), kept);
+    EXPECT_EQ(scene.Installed(), installed);
+    EXPECT_EQ(scene.next_copy_left, next_copy_left);
+    EXPECT_EQ(scene.trace.Text().find("secret"), std::string::npos);
+  }
+};
+
+TEST(Driver, EndsBeforeTheDownload) {
+  const Case cases[] = {
+      {"archive mode", [](auto& s) { s.Uninstall("qorva_installation.json"); }, 18,
+       "report box shutdown",
+       "archive_installer_migration_required: QORVA archive mode requires installer migration; "
+       "reject normal portable update package for archive mode; target reason: product executable "
+       "outside installer directory",
+       "", "-", "old"},
+      {"a copy takes over", [](auto& s) { s.relaunched = true; }, 0, "isolate shutdown", "", "",
+       "-", "old"},
+      {"no copy takes over", [](auto& s) { s.relaunch_error = "no helper"; }, 2,
+       "isolate report box shutdown", "isolate_helper: no helper", "", "-", "old"},
+      {"no temporary folder", [](auto& s) { test::WriteFile(s.temp, ""); }, 2, "isolate" + kEnd,
+       "error: Cannot create updater temp directory.", kStart, "-", "old"},
+  };
+  for (const Case& c : cases) c.Check();
+}
+
+/// What an origin of a scene answers.
+using Reply = std::function<void(UpdateScene&, test::ScriptedTransport&)>;
+
+Reply Status(std::int32_t status) {
+  return [=](auto&, auto& origin) { origin.status = status; };
+}
+Reply Sends(const char* bytes) {
+  return [=](auto&, auto& origin) { origin.chunks = {bytes}; };
+}
+Reply BreaksIn(const char* step, std::uint32_t code) {
+  return [=](auto&, auto& origin) {
+    origin.failing_step = step;
+    origin.failure_code = code;
+  };
+}
+
+TEST(Driver, AsksTheMirrorOnlyAfterAFailureThatAMirrorMayCure) {
+  const Reply good = [](auto&, auto&) {};
+  const Reply good_into_no_file = [](UpdateScene& scene, auto& origin) {
+    origin.before = [&scene](const std::string& step) {
+      if (step == "OpenSession") EXPECT_EQ(scene.Kept(), "") << "the bad package is still there";
+    };
+  };
+  const Reply disk_is_full = [](UpdateScene& scene, auto& origin) {
+    origin.before = [&scene](const std::string& step) {
+      if (step == "QueryStatus") test::WriteFile(scene.Workspace() / "update_package.zip/x", "");
+    };
+  };
+  const Reply foreign_redirect = [](auto&, auto& origin) {
+    origin.effective_url = "https://h.example/p.zip";
+  };
+  const Reply too_large = [](auto&, auto& origin) { origin.content_length = "1073741825"; };
+
+  const std::string failed = "error: Update download failed: ";
+  const std::string both_failed = "error: Update download failed on primary and RF fallback: ";
+  const std::string mismatch = "Downloaded package checksum mismatch.";
+  const std::string not_got = kStart + kNotGot + " download_primary_fail";
+  const std::string broken_off =
+      kStart + " download_start download_redirect_resolution download_fail download_primary_fail";
+  const std::string wrong = kStart + kGot + " checksum_primary_fail";
+  const struct {
+    const char* name;
+    Reply primary, mirror;  ///< an empty mirror is not in the request
+    const char* asked;
+    std::string report;  ///< empty for a success
+    std::string events;  ///< of a success, up to the mirror
+    const char* kept;
+  } cases[] = {
+      {"500", Status(500), good, "primary mirror", "", not_got, ""},
+      {"499", Status(499), good, "primary", failed + "Update download HTTP status 499", not_got,
+       ""},
+      {"too large", too_large, good, "primary",
+       failed + "Update package exceeds maximum allowed size", not_got, ""},
+      {"full disk", disk_is_full, good, "primary",
+       failed + "Cannot open update package destination file", broken_off, "update_package.zip"},
+      {"no connection", BreaksIn("SendAndReceive", 12029), good, "primary mirror", "", not_got, ""},
+      {"time-out", BreaksIn("ReadData", 12002), good, "primary mirror", "", broken_off, ""},
+      {"redirect off the list", foreign_redirect, good, "primary mirror", "", not_got, ""},
+      {"wrong digest", Sends("wrong"), good_into_no_file, "primary mirror", "", wrong, ""},
+      {"503, no mirror",
+       Status(503),
+       {},
+       "primary",
+       failed + "Update download HTTP status 503",
+       not_got,
+       ""},
+      {"wrong digest, no mirror",
+       Sends("wrong"),
+       {},
+       "primary",
+       "error: Update checksum validation failed: " + mismatch,
+       kStart + kGot,
+       "update_package.zip"},
+      {"503, then 404", Status(503), Status(404), "primary mirror",
+       both_failed + "Update download HTTP status 404",
+       not_got + kNotGot + " download_fallback_fail", ""},
+      {"wrong digest, then no connection", Sends("wrong"), BreaksIn("Connect", 12007),
+       "primary mirror", both_failed + "WinHttpConnect failed (code=12007)",
+       wrong + kNotGot + " download_fallback_fail", ""},
+      {"wrong digest twice", Sends("wrong"), Sends("wrong too"), "primary mirror",
+       "error: Update checksum validation failed on RF fallback: " + mismatch, wrong + kGot,
+       "update_package.zip"},
+  };
+  const std::string from_mirror =
+      kGot + " download_fallback_ok download_selected" + kRestarted.substr(kFetched.size());
+  for (const auto& c : cases) {
+    const bool succeeds = c.report.empty();
+    const auto arrange = [&c](UpdateScene& scene) {
+      c.primary(scene, scene.primary);
+      if (!c.mirror) return;
+      scene.NameMirror();
+      c.mirror(scene, scene.mirror);
+    };
+    Case{c.name,
+         arrange,
+         succeeds ? 0 : 2,
+         "isolate " + (c.asked + (succeeds ? kDone : kEnd)),
+         c.report,
+         c.events + (succeeds ? from_mirror : ""),
+         succeeds ? "-" : c.kept,
+         succeeds ? "new" : "old"}
+        .Check();
+  }
+}
+
+TEST(Driver, DoesNotAskTheSameUrlTwice) {
+  for (const Reply& reply : {Status(503), Sends("wrong")}) {
+    UpdateScene scene;
+    scene.request.fallback_download_url = scene.request.download_url;
+    reply(scene, scene.primary);
+    EXPECT_EQ(scene.Run(), 2);
+    EXPECT_EQ(scene.calls, "isolate primary" + kEnd);
+  }
+}
+
+TEST(Driver, EndsAtTheFirstStageThatFails) {
+  const std::string got = "isolate primary", package = "update_package.zip",
+                    staged = "stage update_package.zip", mixed = "rollback_backup " + staged;
+  const Case cases[] = {
+      {"no ZIP",
+       [](auto& s) {
+         s.request.download_url += "?token=secret.zip#";
+         s.ServeBytes("PK\3");
+       },
+       2, got + kEnd, "error: Unsupported update package format. Only .zip packages are supported.",
+       kFetched, package, "old"},
+      {"a ZIP only by name", [](auto& s) { s.ServeBytes("PK\3"); }, 2, got + kEnd,
+       "error: Cannot extract update package: ZIP end record not found",
+       kFetched + " extract_start extract_fail", package, "old"},
+      {"an incomplete package", [](auto& s) { s.request.required_payload_files = {"x.dll"}; }, 2,
+       got + kEnd,
+       "error: Update package contract validation failed: Update package layout mismatch. Required "
+       "files are missing: x.dll. Supported layout is either flat ZIP root or a single top-level "
+       "wrapper folder containing those files.",
+       kFetched + " extract_start extract_fail", staged, "old"},
+      {"an application that stays", [](auto& s) { s.wait_error = "Timed out."; }, 2,
+       got + " wait" + kEnd, "error: Timed out.", kExtracted + " apply_wait_main_process_fail",
+       staged, "old"},
+      {"an apply that changes nothing",
+       [](auto& s) {
+         s.Install({{"zul_rip.exe/x", ""}});
+       },
+       2, got + " wait apply" + kEnd, "apply: Cannot apply update safely: <apply error>",
+       kExtracted + " apply_start apply_fail", staged, "old"},
+      {"an apply that is rolled back",
+       [](auto& s) {
+         s.Install({{"a", "no folder"}});
+       },
+       2, got + " wait apply" + kEnd, "apply: Cannot apply update safely: <apply error>",
+       kExtracted + " apply_start rollback_start rollback_ok apply_fail", mixed, "old"},
+      {"an apply that needs recovery",
+       [](auto& s) {
+         s.faults.fail_after_replacements = 2;
+         s.faults.fail_first_restore = s.faults.fail_first_remove = true;
+       },
+       2, got + " wait apply" + kEnd, "apply: Cannot apply update safely: <apply error>",
+       kExtracted +
+           " apply_start rollback_start rollback_recovery_required apply_recovery_required",
+       mixed, "neither"},
+      {"an application that does not start", [](auto& s) { s.launch_error = "No."; }, 2,
+       got + " wait apply start <install>/qorva_gui.exe" + kEnd, "error: No.",
+       kApplied + " restart_start restart_fail", staged, "new"},
+  };
+  for (const Case& c : cases) c.Check();
+}
+
+TEST(Driver, Updates) {
+  const std::string applied = "isolate primary wait apply ", done = "-";
+  const Case cases[] = {
+      {"a URL with a query",
+       [](auto& s) {
+         s.request.download_url += "?token=secret";
+         s.request.sha256 = " \t" + s.request.sha256 + "\n";
+       },
+       0, "isolate primary" + kDone, "", kRestarted, done, "new"},
+      {"a legacy name",
+       [](auto& s) {
+         s.Install({{"zul_rip_gui.exe", "old name"}});
+         s.request.restart_exe = PathToUtf8(s.install / "zul_rip_gui.exe");
+         s.payload["zul_rip_gui.exe"] = "still here";
+         s.Serve(test::Files(s.payload));
+       },
+       0, "isolate primary" + kDone, "", kRestarted, done, "new"},
+  };
+  for (const Case& c : cases) c.Check();
+}
+
+// A run that was not isolated replaces the updater's own file.
+TEST(Driver, LeavesNoCopyOfItsOwnAfterAFailure) {
+  const std::string got = "isolate primary", applied = got + " wait apply replace-self",
+                    staged = "stage update_package.zip";
+  const Case cases[] = {
+      {"success", [](auto& s) { s.RunFromInside(); }, 0,
+       applied + " start <install>/qorva_gui.exe window-gone", "", kRestarted, "-", "new"},
+      {"the copy fails",
+       [](auto& s) {
+         s.RunFromInside();
+         test::WriteFile(s.install / test::kNextCopyName / "x", "a folder of that name");
+       },
+       2, got + kEnd,
+       "error: Cannot stage deferred updater self-update copy: "
+       "target='<install>/qorva_updater.next.exe', code=N.",
+       kExtracted, staged, "old", true},
+      {"the wait fails",
+       [](auto& s) {
+         s.RunFromInside();
+         s.wait_error = "Timed out.";
+       },
+       2, got + " wait" + kEnd, "error: Timed out.", kExtracted + " apply_wait_main_process_fail",
+       staged, "old"},
+      {"the apply fails",
+       [](auto& s) {
+         s.RunFromInside();
+         s.Install({{"zul_rip.exe/x", ""}});
+       },
+       2, got + " wait apply" + kEnd, "apply: Cannot apply update safely: <apply error>",
+       kExtracted + " apply_start apply_fail", staged, "old"},
+      {"the replacement fails",
+       [](auto& s) {
+         s.RunFromInside();
+         s.replace_error = "In use.";
+       },
+       2, applied + kEnd, "error: Cannot schedule updater self-update: In use.",
+       kApplied + " apply_fail", staged, "new"},
+      {"the system replaces it later",
+       [](auto& s) {
+         s.RunFromInside();
+         s.replaced_at_next_start = true;
+         s.launch_error = "No.";
+       },
+       2, applied + " start <install>/qorva_gui.exe" + kEnd, "error: No.",
+       kApplied + " restart_start restart_fail", staged, "new", true},
+  };
+  for (const Case& c : cases) c.Check();
+}
+
+TEST(Driver, RestartsForAProofOfTheVersion) {
+  UpdateScene scene;
+  scene.request.pid = 0;
+  scene.request.headless_restart_version_proof = true;
+  scene.request.require_signed_payload_binaries = true;
+  scene.request.required_payload_files = {"colors.dat"};  // no binary that could be unsigned
+  scene.Serve({{"colors.dat", "new colors"}});
+  EXPECT_EQ(scene.Run(), 0) << scene.report;
+  EXPECT_TRUE(
+      scene.calls.ends_with(" apply start <install>/qorva_gui.exe --write-app-version-json "
+                            "\"<install>/.qorva_update_restart_proof.json\" window-gone"))
+      << scene.calls;
+}
+
+TEST(Driver, ShowsEachStage) {
+  UpdateScene scene;
+  scene.NameMirror();
+  scene.primary.chunks = {"wrong"};
+  EXPECT_EQ(scene.Run(), 0);
+  EXPECT_EQ(scene.titles,
+            "Preparing update... | Creating temporary workspace. | 0%\n"
+            "Connecting to update server... | Preparing download... | Working...\n"
+            "Verifying update package... | Checking downloaded package SHA-256. | 100%\n"
+            "Primary package failed verification. | Trying RF fallback download. | 0%\n"
+            "Connecting to RF mirror... | Preparing download... | Working...\n"
+            "Verifying update package... | Checking downloaded package SHA-256. | 100%\n"
+            "Extracting update package... | Unpacking files into a temporary staging folder. | "
+            "100%\n"
+            "Waiting for application to close... | The updater will continue automatically. | "
+            "100%\n"
+            "Installing update... | Replacing application files safely. | 100%\n"
+            "Restarting application... | Update installed. Launching QORVA. | 100%\n");
+}
+
+// --- Started by hand
+
+TEST(Driver, OpensTheApplicationWhenItIsStartedByHand) {
+  const std::string lead = "16: QORVA Updater is launched automatically by QORVA.\n\n";
+  const std::string started = "show-running start <install>/";
+  const struct {
+    const char* name;
+    std::function<void(UpdateScene&)> arrange;
+    int exit_code;
+    std::string calls;
+    std::string box;
+  } cases[] = {
+      {"both names",
+       [](auto& s) {
+         s.Install({{"zul_rip_gui.exe", ""}});
+       },
+       0, started + "qorva_gui.exe --show-update-status", ""},
+      {"the legacy name",
+       [](auto& s) {
+         s.Install({{"zul_rip_gui.exe", ""}});
+         s.Uninstall("qorva_gui.exe");
+       },
+       0, started + "zul_rip_gui.exe --show-update-status", ""},
+      {"it runs", [](auto& s) { s.application_runs = true; }, 0, "show-running", ""},
+      {"an archive copy",
+       [](auto& s) {
+         s.application_runs = true;
+         s.Uninstall("qorva_installation.json");
+       },
+       18, "box", "67: " + kMigrationNotice},
+      {"it does not start", [](auto& s) { s.launch_error = "No."; }, 2,
+       started + "qorva_gui.exe --show-update-status box", "16: No."},
+      {"no application", [](auto& s) { s.Uninstall("qorva_gui.exe"); }, 2, "show-running box",
+       lead + "Cannot find qorva_gui.exe next to the updater. Please open QORVA and use Settings > "
+              "Update."},
+      {"a path of 260 units",
+       [](auto& s) {
+         const std::size_t length = s.install.native().size();
+         s.world.own_executable = s.install / std::string(260 - length - 5, 'x').append(".exe");
+       },
+       2, "show-running box", lead + "Please open QORVA and use Settings > Update."},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    UpdateScene scene;
+    scene.world.own_executable = scene.install / test::kUpdaterName;
+    c.arrange(scene);
+    EXPECT_EQ(scene.RunWith({L"updater.exe"}), c.exit_code);
+    EXPECT_EQ(scene.calls, c.calls);
+    EXPECT_EQ(JoinText(scene.boxes, "\n"), c.box);
+  }
+}
+
+// --- Dialogs
+
+TEST(Dialogs, OfferTheInstallersPage) {
+  const struct {
+    BoxAnswer answer;
+    bool works;
+    bool opens, copies;
+    const char* warning;
+  } cases[] = {
+      {BoxAnswer::kYes, true, true, false, ""},
+      {BoxAnswer::kNo, true, false, true, ""},
+      {BoxAnswer::kOther, false, false, false, ""},
+      {BoxAnswer::kYes, false, true, false, "48: Cannot open browser automatically.\n\n"},
+      {BoxAnswer::kNo, false, false, true, "48: Cannot copy download link to clipboard.\n\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(&c - cases);
+    for (const bool migration : {false, true}) {
+      UpdateScene scene;
+      scene.answer = c.answer;
+      scene.browser_works = scene.clipboard_works = c.works;
+      if (migration) {
+        ShowInstallerMigrationDialog(scene.world, "");
+      } else {
+        ShowApplyFailureDialog(scene.world, "m", scene.request.download_url);
+      }
+      const auto page_if = [](bool used) { return std::vector<std::string>(used ? 1 : 0, kPage); };
+      EXPECT_EQ(scene.opened, page_if(c.opens));
+      EXPECT_EQ(scene.copied, page_if(c.copies));
+      std::vector boxes = {migration ? "67: " + kMigrationNotice
+                                     : "19: " + ApplyFailureNotice("m")};
+      if (c.warning[0] != '\0') boxes.push_back(c.warning + kPage);
+      EXPECT_EQ(scene.boxes, boxes);
+    }
+  }
+}
+
+TEST(Dialogs, ShowATextOfTheirOwnInsteadOfNone) {
+  UpdateScene scene;
+  ShowUpdaterError(scene.world, "");
+  ShowUpdaterError(scene.world, "\xff");
+  ShowApplyFailureDialog(scene.world, "", "");
+  ShowApplyFailureDialog(scene.world, "\xff", "");
+  ShowInstallerMigrationDialog(scene.world, "\xff");
+  EXPECT_EQ(scene.boxes,
+            (std::vector<std::string>{"16: Updater failed.", "16: Updater failed.",
+                                      "19: " + ApplyFailureNotice("No additional error details."),
+                                      "19: Automatic update failed.",
+                                      "67: QORVA installer migration is required."}));
+}
+
+// --- The report
+
+class UpdaterReport : public test::StartedDiagnostics {};
+
+TEST_F(UpdaterReport, HoldsTheTraceAndTheRequestWithoutQueries) {
+  const test::TraceInTempFolder trace;
+  EmitChainEvent("download_primary_fail", {});
+  UpdateRequest request;
+  request.download_url = "https://h.example/p.zip?token=secret";
+  ReportUpdaterError(request, "validate", "");
+  const test::Files files = test::FilesBelow(queue());
+  ASSERT_EQ(files.size(), 1u);
+  const auto& [name, text] = *files.begin();
+  const nlohmann::json report = nlohmann::json::parse(text);
+  EXPECT_TRUE(name.starts_with("qorva_updater_error_")) << name;
+  EXPECT_EQ(report["kind"], "updater_error");
+  EXPECT_EQ(report["reason"], "validate") << "the stage where there is no message";
+  EXPECT_EQ(report["details"]["stage"], "validate");
+  EXPECT_NE(report["report_text"].get<std::string>().find("download_primary_fail"), text.npos);
+  EXPECT_EQ(text.find("secret"), text.npos);
+}
+
+}  // namespace
+}  // namespace zul
