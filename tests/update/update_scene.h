@@ -44,9 +44,9 @@ class UpdateScene {
     request.target_dir = PathToUtf8(install);
     request.restart_exe = PathToUtf8(install / "qorva_gui.exe");
     request.required_payload_files = {"qorva_gui.exe"};
-    Install({{"qorva_gui.exe", "old program"},
-             {"colors.dat", "old colors"},
-             {"qorva_installation.json", "{}"}});
+    Install("qorva_gui.exe", "old program");
+    Install("colors.dat", "old colors");
+    Install("qorva_installation.json", "{}");
     Serve({{"qorva_gui.exe", "new program"}, {"colors.dat", "new colors"}, {"a/new.dat", "new"}});
     FillWorld();
   }
@@ -64,27 +64,28 @@ class UpdateScene {
   bool browser_works = true, clipboard_works = true;
   UpdateWorld world;
 
-  void Install(const Files& files) const {
-    for (const auto& [name, contents] : files) WriteFile(install / name, contents);
+  void Install(const char* name, const char* contents = "") const {
+    WriteFile(install / name, contents);
   }
-
   void Uninstall(const char* name) const {
     std::error_code ec;
     EXPECT_TRUE(fs::Remove(install / name, ec)) << name;
   }
 
-  /// Both origins serve a package of `files`, and the request has its digest.
+  /// Both origins serve a package of `files`.
   void Serve(const Files& files) {
+    payload = files;
     ZipBuilder zip;
     for (const auto& [name, contents] : files) zip.File(name, contents).Deflated();
     ServeBytes(zip.Build());
-    payload = files;
   }
 
-  void ServeBytes(const std::string& bytes) {
+  /// Both origins serve `bytes`, and the request has their digest and `query` in its URL.
+  void ServeBytes(const std::string& bytes, const char* query = "") {
     primary.chunks = mirror.chunks = {bytes};
     WriteFile(folder / "served", bytes);
     EXPECT_TRUE(ComputeFileSha256(folder / "served", &request.sha256, nullptr));
+    request.download_url += query;
   }
 
   void NameMirror() {
@@ -94,9 +95,10 @@ class UpdateScene {
 
   /// The package replaces the updater that runs, and the run was not isolated.
   void RunFromInside() {
-    Install({{kUpdaterName, "old updater"}});
-    payload[kUpdaterName] = "new updater";
-    Serve(Files(payload));
+    Install(kUpdaterName, "old updater");
+    Files files = payload;
+    files[kUpdaterName] = "new updater";
+    Serve(files);
     world.own_executable = install / kUpdaterName;
   }
 
@@ -113,13 +115,12 @@ class UpdateScene {
 
   // --- What the run left
 
-  std::string calls;               ///< what was asked of the world, in order
-  std::string report;              ///< "stage: message" of the report
-  bool next_copy_left = false;     ///< the updater's staged copy, at the time of the report
-  std::vector<std::string> boxes;  ///< "style: text", the style as its number
+  std::string calls;            ///< what was asked of the world, in order
+  std::string report;           ///< "stage: message" of the report
+  bool next_copy_left = false;  ///< the updater's staged copy, at the time of the report
+  std::string boxes;            ///< "style: text" of each, the style as its number
   std::string titles;  ///< lines "title | detail | percent" of the window, without download figures
-  std::vector<std::string> opened, copied;
-  std::string printed;
+  std::string opened, copied, printed;
   Files installed;  ///< before the run
 
   /// The names of the trace's events.
@@ -266,15 +267,15 @@ class UpdateScene {
     world.create_screen_surface = [this] { return std::make_unique<Surface>(*this); };
     world.show_box = [this](const std::string& text, BoxStyle style) {
       Note("box");
-      boxes.push_back(std::to_string(static_cast<int>(style)) + ": " + Plain(text));
+      boxes += std::to_string(static_cast<int>(style)) + ": " + Plain(text);
       return answer;
     };
     world.open_url_in_browser = [this](std::string_view url) {
-      opened.emplace_back(url);
+      opened += url;
       return browser_works;
     };
     world.copy_text_to_clipboard = [this](std::string_view text) {
-      copied.emplace_back(text);
+      copied += text;
       return clipboard_works;
     };
     world.print = [this](std::string_view text) { printed += text; };
