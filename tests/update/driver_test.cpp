@@ -83,6 +83,7 @@ TEST(Driver, RefusesARequestBeforeAnySideEffect) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     UpdateScene scene;
+    scene.Uninstall("qorva_installation.json");  // validation comes before the archive refusal
     c.change(scene.request);
     EXPECT_EQ(scene.Run(), 2);
     EXPECT_EQ(scene.calls, "report box shutdown");
@@ -152,7 +153,12 @@ TEST(Driver, RunsItsStagesUntilOneFails) {
                     staged = "stage update_package.zip", backed_up = "rollback_backup " + staged;
   const std::string apply_failure = "apply: Cannot apply update safely: <apply error>";
   const Case cases[] = {
-      {"success", [](auto&) {}, 0, fetched + kDone, "", kRestarted, "-", "new"},
+      {"a package without the running updater",
+       [](auto& s) {
+         s.Install(test::kUpdaterName);
+         s.world.own_executable = s.install / test::kUpdaterName;
+       },
+       0, fetched + kDone, "", kRestarted, "-", "new"},
       // Where the URL does not end in ".zip", the first bytes decide.
       {"a URL with a query", [](auto& s) { s.request.download_url += "?token=secret"; }, 0,
        fetched + kDone, "", kRestarted, "-", "new"},
@@ -174,7 +180,7 @@ TEST(Driver, RunsItsStagesUntilOneFails) {
       {"not a ZIP", [](auto& s) { s.ServeBytes("PK\3?", "?token=secret.zip#"); }, 2, fetched + kEnd,
        "error: Unsupported update package format. Only .zip packages are supported.", kFetched,
        package},
-      {"a ZIP by name only", [](auto& s) { s.ServeBytes("PK\3?"); }, 2, fetched + kEnd,
+      {"a ZIP by name only", [](auto& s) { s.ServeBytes("PK\3?", "/Q.ZIP"); }, 2, fetched + kEnd,
        "error: Cannot extract update package: ZIP end record not found", kNotExtracted, package},
       {"a package without a required file",
        [](auto& s) { s.request.required_payload_files = {"x.dll"}; }, 2, fetched + kEnd,
@@ -184,10 +190,10 @@ TEST(Driver, RunsItsStagesUntilOneFails) {
        kNotExtracted, staged},
       {"an application that stays", [](auto& s) { s.wait_error = "Timed out."; }, 2,
        fetched + " wait" + kEnd, "error: Timed out.", kNotWaited, staged},
-      {"an apply that changes nothing", [](auto& s) { s.Install("zul_rip.exe/x"); }, 2,
+      {"an unsigned binary", [](auto& s) { s.request.require_signed_payload_binaries = true; }, 2,
        fetched + " wait apply" + kEnd, apply_failure, kExtracted + " apply_start apply_fail",
        staged},
-      {"an apply that is rolled back", [](auto& s) { s.Install("a", "not a folder"); }, 2,
+      {"an apply that is rolled back", [](auto& s) { s.faults.fail_after_replacements = 1; }, 2,
        fetched + " wait apply" + kEnd, apply_failure,
        kExtracted + " apply_start rollback_start rollback_ok apply_fail", backed_up},
       {"an apply that needs recovery",
@@ -342,8 +348,10 @@ TEST(Driver, DoesNotAskTheSameUrlTwice) {
   }
 }
 
-TEST(Driver, RestartsForAProofOfTheVersion) {
+TEST(Driver, RestartsTheCurrentNameForAProofOfTheVersion) {
   UpdateScene scene;
+  scene.Install("zul_rip_gui.exe");
+  scene.request.restart_exe = PathToUtf8(scene.install / "zul_rip_gui.exe");
   scene.request.pid = 0;
   scene.request.headless_restart_version_proof = true;
   scene.request.require_signed_payload_binaries = true;
@@ -356,11 +364,15 @@ TEST(Driver, RestartsForAProofOfTheVersion) {
       << scene.calls;
 }
 
-TEST(Driver, ShowsEachStage) {
+TEST(Driver, ShowsEachStageAndTracesTheSelectedOrigin) {
   UpdateScene scene;
   scene.NameMirror();
   scene.primary.chunks = {"wrong"};
   EXPECT_EQ(scene.Run(), 0);
+  const std::string selected =
+      "download_selected selected_url=" + scene.request.fallback_download_url;
+  const std::vector<std::string> events = scene.trace.Events();
+  EXPECT_EQ(std::count(events.begin(), events.end(), selected), 1);
   EXPECT_EQ(scene.titles,
             "Preparing update... | Creating temporary workspace. | 0%\n"
             "Connecting to update server... | Preparing download... | Working...\n"
@@ -491,8 +503,10 @@ TEST_F(UpdaterReport, HoldsTheTraceAndTheRequestWithoutQueries) {
   EXPECT_EQ(report["kind"], "updater_error");
   EXPECT_EQ(report["reason"], "validate") << "the stage where there is no message";
   EXPECT_EQ(report["details"]["stage"], "validate");
+  EXPECT_EQ(report["details"]["download_url"], "https://h.example/p.zip");
   EXPECT_NE(report["report_text"].get<std::string>().find("download_primary_fail"), text.npos);
   EXPECT_EQ(text.find("secret"), text.npos);
+  EXPECT_EQ(test::FilesBelow(crash_ / "session_state").size(), 1u) << "the session has not begun";
 }
 
 }  // namespace
