@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
+
 #include "core/build_identity.h"
 #include "core/deployment.h"
 #include "tests/diagnostics/started_diagnostics.h"
@@ -72,7 +74,9 @@ TEST(Driver, RefusesARequestBeforeAnySideEffect) {
        "Update download host is not allowed: h.example"},
       {"foreign mirror", [](auto& r) { r.fallback_download_url = "https://h.example/p.zip"; },
        "Update download host is not allowed: h.example"},
-      {"digest", [](auto& r) { r.sha256.back() = 'g'; },
+      {"long digest", [](auto& r) { r.sha256 += 'a'; },
+       "Update SHA-256 must be a 64-character hex string."},
+      {"no digit", [](auto& r) { r.sha256.back() = 'g'; },
        "Update SHA-256 must be a 64-character hex string."},
       {"required name",
        [](auto& r) {
@@ -153,18 +157,22 @@ TEST(Driver, RunsItsStagesUntilOneFails) {
                     staged = "stage update_package.zip", backed_up = "rollback_backup " + staged;
   const std::string apply_failure = "apply: Cannot apply update safely: <apply error>";
   const Case cases[] = {
+      {"success", [](auto&) {}, 0, fetched + kDone, "", kRestarted, "-", "new"},
       {"a package without the running updater",
        [](auto& s) {
-         s.Install(test::kUpdaterName);
-         s.world.own_executable = s.install / test::kUpdaterName;
+         s.RunFromInside();
+         s.Serve({{"qorva_gui.exe", "new program"}});
        },
        0, fetched + kDone, "", kRestarted, "-", "new"},
       // Where the URL does not end in ".zip", the first bytes decide.
       {"a URL with a query", [](auto& s) { s.request.download_url += "?token=secret"; }, 0,
        fetched + kDone, "", kRestarted, "-", "new"},
-      {"white space around the digest",
-       [](auto& s) { s.request.sha256 = " \t" + s.request.sha256 + "\n"; }, 0, fetched + kDone, "",
-       kRestarted, "-", "new"},
+      {"another spelling of the digest",
+       [](auto& s) {
+         for (char& c : s.request.sha256) c = static_cast<char>(std::toupper(c));
+         s.request.sha256 = " \t" + s.request.sha256 + "\n";
+       },
+       0, fetched + kDone, "", kRestarted, "-", "new"},
       {"an archive copy", [](auto& s) { s.Uninstall("qorva_installation.json"); }, 18,
        "report box shutdown",
        "archive_installer_migration_required: QORVA archive mode requires installer migration; "
@@ -242,110 +250,49 @@ TEST(Driver, LeavesNoStagedCopyOfTheUpdaterAfterAFailure) {
   for (const Case& c : cases) c.Check([](UpdateScene& scene) { scene.RunFromInside(); });
 }
 
-/// What an origin of a scene answers.
-using Reply = std::function<void(UpdateScene&, test::ScriptedTransport&)>;
-
-Reply Status(std::int32_t status) {
-  return [=](auto&, auto& origin) { origin.status = status; };
-}
-Reply Sends(const char* bytes) {
-  return [=](auto&, auto& origin) { origin.chunks = {bytes}; };
-}
-Reply BreaksIn(const char* step, std::uint32_t code) {
-  return [=](auto&, auto& origin) {
-    origin.failing_step = step;
-    origin.failure_code = code;
-  };
-}
-
 TEST(Driver, AsksTheMirrorOnlyAfterAFailureThatAMirrorMayCure) {
-  const Reply none, good = [](auto&, auto&) {};
-  const Reply good_into_no_file = [](UpdateScene& scene, auto& origin) {
-    origin.before = [&scene](const std::string& step) {
-      EXPECT_TRUE(step != "OpenSession" || scene.Kept().empty()) << "the bad package is there";
-    };
-  };
-  const Reply disk_is_full = [](UpdateScene& scene, auto& origin) {
-    origin.before = [&scene](const std::string& step) {
-      if (step == "QueryStatus") test::WriteFile(scene.Workspace() / "update_package.zip/x", "");
-    };
-  };
-  const Reply foreign_redirect = [](auto&, auto& origin) {
-    origin.effective_url = "https://h.example/p.zip";
-  };
-  const Reply too_large = [](auto&, auto& origin) { origin.content_length = "1073741825"; };
-
-  const std::string failed = "error: Update download failed: ";
-  const std::string both_failed = "error: Update download failed on primary and RF fallback: ";
-  const std::string mismatch = "Downloaded package checksum mismatch.";
+  const std::string primary = "isolate primary", both = "isolate primary mirror",
+                    failed = "error: Update download failed: ", package = "update_package.zip",
+                    not_valid = "error: Update checksum validation failed";
   const std::string not_got = kStart + kNotGot + " download_primary_fail";
-  const std::string broken_off =
-      kStart + " download_start download_redirect_resolution download_fail download_primary_fail";
-  const char* const package = "update_package.zip";
   const std::string wrong = kStart + kGot + " checksum_primary_fail";
-  const struct {
-    const char* name;
-    Reply primary, mirror;  ///< an empty mirror is not in the request
-    const char* asked;
-    std::string report;  ///< empty for a success
-    std::string events;  ///< of a success, up to the mirror
-    const char* kept;
-  } cases[] = {
-      {"500", Status(500), good, "primary mirror", "", not_got, ""},
-      {"499", Status(499), good, "primary", failed + "Update download HTTP status 499", not_got,
-       ""},
-      {"too large", too_large, good, "primary",
-       failed + "Update package exceeds maximum allowed size", not_got, ""},
-      {"full disk", disk_is_full, good, "primary",
-       failed + "Cannot open update package destination file", broken_off, package},
-      {"no connection", BreaksIn("SendAndReceive", 12029), good, "primary mirror", "", not_got, ""},
-      {"time-out", BreaksIn("ReadData", 12002), good, "primary mirror", "", broken_off, ""},
-      {"redirect off the list", foreign_redirect, good, "primary mirror", "", not_got, ""},
-      {"wrong digest", Sends("wrong"), good_into_no_file, "primary mirror", "", wrong, ""},
-      {"503, no mirror", Status(503), none, "primary", failed + "Update download HTTP status 503",
-       not_got, ""},
-      {"wrong digest, no mirror", Sends("wrong"), none, "primary",
-       "error: Update checksum validation failed: " + mismatch, kStart + kGot, package},
-      {"503, then 404", Status(503), Status(404), "primary mirror",
-       both_failed + "Update download HTTP status 404",
-       not_got + kNotGot + " download_fallback_fail", ""},
-      {"wrong digest, then no connection", Sends("wrong"), BreaksIn("Connect", 12007),
-       "primary mirror", both_failed + "WinHttpConnect failed (code=12007)",
-       wrong + kNotGot + " download_fallback_fail", ""},
-      {"wrong digest twice", Sends("wrong"), Sends("wrong too"), "primary mirror",
-       "error: Update checksum validation failed on RF fallback: " + mismatch, wrong + kGot,
-       package},
-  };
   const std::string from_mirror =
       kGot + " download_fallback_ok download_selected" + kRestarted.substr(kFetched.size());
-  for (const auto& c : cases) {
-    const bool succeeds = c.report.empty();
-    const auto arrange = [&c](UpdateScene& scene) {
-      c.primary(scene, scene.primary);
-      if (!c.mirror) return;
-      scene.NameMirror();
-      c.mirror(scene, scene.mirror);
-    };
-    Case{c.name,
-         arrange,
-         succeeds ? 0 : 2,
-         "isolate " + (c.asked + (succeeds ? kDone : kEnd)),
-         c.report,
-         c.events + (succeeds ? from_mirror : ""),
-         succeeds ? "-" : c.kept,
-         succeeds ? "new" : "old"}
-        .Check();
-  }
-}
-
-TEST(Driver, DoesNotAskTheSameUrlTwice) {
-  for (const Reply& reply : {Status(503), Sends("wrong")}) {
-    UpdateScene scene;
-    scene.request.fallback_download_url = scene.request.download_url;
-    reply(scene, scene.primary);
-    EXPECT_EQ(scene.Run(), 2);
-    EXPECT_EQ(scene.calls, "isolate primary" + kEnd);
-  }
+  const Case cases[] = {
+      {"500", [](auto& s) { s.NameMirror().primary.status = 500; }, 0, both + kDone, "",
+       not_got + from_mirror, "-", "new"},
+      {"no connection", [](auto& s) { s.NameMirror().primary.failing_step = "SendAndReceive"; }, 0,
+       both + kDone, "", not_got + from_mirror, "-", "new"},
+      {"wrong digest", [](auto& s) { s.NameMirror().primary.chunks.front() = "wrong"; }, 0,
+       both + kDone, "", wrong + from_mirror, "-", "new"},
+      {"499", [](auto& s) { s.NameMirror().primary.status = 499; }, 2, primary + kEnd,
+       failed + "Update download HTTP status 499", not_got, ""},
+      {"full disk",
+       [](auto& s) {
+         s.NameMirror().primary.before = [&s](const std::string& step) {
+           if (step == "QueryStatus") test::WriteFile(s.Workspace() / "update_package.zip/x", "");
+         };
+       },
+       2, primary + kEnd, failed + "Cannot open update package destination file",
+       kStart + " download_start download_redirect_resolution download_fail download_primary_fail",
+       package},
+      {"503 without a mirror", [](auto& s) { s.primary.status = 503; }, 2, primary + kEnd,
+       failed + "Update download HTTP status 503", not_got, ""},
+      {"503 of a URL that is its own mirror",
+       [](auto& s) { s.NameMirror(s.request.download_url).primary.status = 503; }, 2,
+       primary + kEnd, failed + "Update download HTTP status 503", not_got, ""},
+      {"wrong digest without a mirror", [](auto& s) { s.request.sha256 = std::string(64, '0'); }, 2,
+       primary + kEnd, not_valid + ": Downloaded package checksum mismatch.", kStart + kGot,
+       package},
+      {"503 twice", [](auto& s) { s.NameMirror().primary.status = s.mirror.status = 503; }, 2,
+       both + kEnd,
+       "error: Update download failed on primary and RF fallback: Update download HTTP status 503",
+       not_got + kNotGot + " download_fallback_fail", ""},
+      {"wrong digest twice", [](auto& s) { s.NameMirror().request.sha256 = std::string(64, '0'); },
+       2, both + kEnd, not_valid + " on RF fallback: Downloaded package checksum mismatch.",
+       wrong + kGot, package},
+  };
+  for (const Case& c : cases) c.Check();
 }
 
 TEST(Driver, RestartsTheCurrentNameForAProofOfTheVersion) {
@@ -366,8 +313,7 @@ TEST(Driver, RestartsTheCurrentNameForAProofOfTheVersion) {
 
 TEST(Driver, ShowsEachStageAndTracesTheSelectedOrigin) {
   UpdateScene scene;
-  scene.NameMirror();
-  scene.primary.chunks = {"wrong"};
+  scene.NameMirror().primary.chunks.front() = "wrong";
   EXPECT_EQ(scene.Run(), 0);
   const std::string selected =
       "download_selected selected_url=" + scene.request.fallback_download_url;

@@ -32,22 +32,27 @@
 
 namespace zul::test {
 
+inline const std::string kMirrorUrl =
+    "https://" + DefaultUpdateDownloadHosts().back() + "/package.zip";
 inline constexpr const char* kUpdaterName = "qorva_updater.exe";
 inline constexpr const char* kNextCopyName = "qorva_updater.next.exe";
 
 class UpdateScene {
  public:
   UpdateScene() {
-    const std::string host = DefaultUpdateDownloadHosts().front();
     request.pid = 7;
-    request.download_url = "https://" + host + "/package.zip";
+    request.download_url = "https://" + DefaultUpdateDownloadHosts().front() + "/package.zip";
     request.target_dir = PathToUtf8(install);
     request.restart_exe = PathToUtf8(install / "qorva_gui.exe");
     request.required_payload_files = {"qorva_gui.exe"};
     Install("qorva_gui.exe", "old program");
     Install("colors.dat", "old colors");
+    Install(kUpdaterName, "old updater");
     Install("qorva_installation.json", "{}");
-    Serve({{"qorva_gui.exe", "new program"}, {"colors.dat", "new colors"}, {"a/new.dat", "new"}});
+    Serve({{"qorva_gui.exe", "new program"},
+           {"colors.dat", "new colors"},
+           {kUpdaterName, "new updater"},
+           {"a/new.dat", "new"}});
     FillWorld();
   }
 
@@ -88,19 +93,14 @@ class UpdateScene {
     request.download_url += query;
   }
 
-  void NameMirror() {
-    request.fallback_download_url =
-        "https://" + DefaultUpdateDownloadHosts().back() + "/package.zip";
+  /// The request names a mirror, which serves the package too.
+  UpdateScene& NameMirror(const std::string& url = kMirrorUrl) {
+    request.fallback_download_url = url;
+    return *this;
   }
 
-  /// The package replaces the updater that runs, and the run was not isolated.
-  void RunFromInside() {
-    Install(kUpdaterName, "old updater");
-    Files files = payload;
-    files[kUpdaterName] = "new updater";
-    Serve(files);
-    world.own_executable = install / kUpdaterName;
-  }
+  /// The updater that runs is the installed one: no copy outside has taken over.
+  void RunFromInside() { world.own_executable = install / kUpdaterName; }
 
   // --- The run
 
@@ -296,6 +296,7 @@ class UpdateScene {
     const bool from_mirror = role == "rf_fallback";
     Note(from_mirror ? "mirror" : "primary");
     EXPECT_EQ(url, from_mirror ? request.fallback_download_url : request.download_url);
+    EXPECT_FALSE(Exists(destination)) << "a package that was refused";
     ScriptedTransport& transport = from_mirror ? mirror : primary;
     const DownloadWorld network{transport, [&transport] { return transport.now_ms; }};
     return DownloadPackageOver(network, {url, destination, role, window, progress, cancel}, result,
