@@ -1,5 +1,5 @@
-// The process entry. Its whole job is to split the command line, pick the mode, and start
-// diagnostics for the mode that needs them; it holds no update logic.
+// The process entry: splits the command line, selects the mode, and starts diagnostics for the mode
+// that needs them. It holds no update logic.
 
 #include <windows.h>
 
@@ -14,7 +14,6 @@
 #include "core/system_library_win32.h"
 #include "diagnostics/diagnostics.h"
 #include "update/driver.h"
-#include "update/version_query.h"
 
 namespace zul {
 
@@ -25,7 +24,8 @@ struct LocalMemoryRelease {
 };
 using ArgumentVector = std::unique_ptr<wchar_t*, LocalMemoryRelease>;
 
-/// Only the first argument counts; behind another one it is nothing that an update knows.
+/// Only the first argument selects a mode. In any other position `--observe` is an unknown switch
+/// and is ignored.
 bool IsObserver(int argc, const wchar_t* const* argv) {
   return argc > 1 && argv[1] != nullptr && std::wcscmp(argv[1], L"--observe") == 0;
 }
@@ -41,7 +41,7 @@ int ProcessEntry() {
   RestrictLibrarySearch();
   int argc = 0;
   const ArgumentVector argv(::CommandLineToArgvW(::GetCommandLineW(), &argc));
-  if (!argv) argc = 0;  // a command line that cannot be split is one without arguments
+  if (!argv) argc = 0;  // a command line that cannot be split counts as one without arguments
   if (IsObserver(argc, argv.get())) return RunObserver(argc, argv.get());
   if (!AsksForVersion(argc, argv.get())) StartDiagnostics();
   const int exit_code = RunUpdateDriver(argc, argv.get());

@@ -1,37 +1,39 @@
 #pragma once
 
-// What the user is told when a run ends badly: modal message boxes without an owner window, shown
-// on the run's thread after the progress window has gone. Each call blocks until its box is
-// dismissed. All texts UTF-8.
+// The message boxes of a run that ends badly. A box has no owner window: the progress window is
+// gone by then. Each call blocks until the user has dismissed its box. All texts are UTF-8; one
+// that is empty or malformed shows as a fixed text of its box.
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
 namespace zul {
 
-/// The plain error.
-void ShowUpdaterError(std::string_view message);
+struct UpdateWorld;
 
-/// A failed apply, with the way to the current installer: Yes opens the page, No copies its
-/// address, anything else does nothing. `selected_url` is deliberately ignored: a page is offered,
-/// never the package that has just failed.
-void ShowApplyFailureDialog(std::string_view message, std::string_view selected_url);
+/// Buttons and icon of a box. The values are the flags of the platform's MessageBoxW.
+enum class BoxStyle : std::uint32_t {
+  kError = 0x10,        ///< OK, error icon
+  kWarning = 0x30,      ///< OK, warning icon
+  kErrorChoice = 0x13,  ///< Yes, No and Cancel, error icon
+  kNoticeChoice = 0x43  ///< Yes, No and Cancel, information icon
+};
 
-/// The notice that stops an archive-mode copy, with the same choice. An empty `page_url` selects
-/// the product's page.
-void ShowInstallerMigrationDialog(std::string_view page_url);
+/// The button that closed a box. kOther is every button but Yes and No.
+enum class BoxAnswer { kYes, kNo, kOther };
 
-/// Asks the system to open `url`. False when it could not be started.
-[[nodiscard]] bool OpenUrlInBrowser(std::string_view url);
+/// Shows a plain error.
+void ShowUpdaterError(const UpdateWorld& world, std::string_view message);
 
-/// Puts `text` on the clipboard. False when the clipboard was out of reach.
-[[nodiscard]] bool CopyTextToClipboard(std::string_view text);
+/// Shows that an apply failed and offers the current installer: Yes opens its page, No copies the
+/// page's address. Where that fails a warning shows the address. `selected_url` is ignored on
+/// purpose: the box offers a page, never the package that has just failed.
+void ShowApplyFailureDialog(const UpdateWorld& world, std::string_view message,
+                            std::string_view selected_url);
 
-/// `page_url`, or the product's page when it is empty.
-[[nodiscard]] std::string ResolveInstallerPageUrl(std::string_view page_url);
-
-/// The texts of the two boxes that offer the installer.
-[[nodiscard]] std::string BuildApplyFailureDialogText(std::string_view message);
-[[nodiscard]] std::string BuildMigrationDialogText(std::string_view page_url);
+/// Tells the user of an archive-mode copy to move to the installer, with the same choice. An empty
+/// `page_url` selects the product's page.
+void ShowInstallerMigrationDialog(const UpdateWorld& world, std::string_view page_url);
 
 }  // namespace zul

@@ -1,64 +1,72 @@
 #include "update/driver.h"
 
 #include <array>
+#include <chrono>
 #include <string>
+#include <string_view>
 
-#include "apply/isolated_helper.h"
 #include "apply/self_replace.h"
-#include "apply/target_lock.h"
+#include "core/build_identity.h"
+#include "core/file_layer.h"
 #include "core/process_environment.h"
 #include "core/system_error.h"
 #include "core/text.h"
-#include "diagnostics/diagnostics.h"
 #include "package/extract.h"
 #include "package/layout.h"
 #include "trace/chain_events.h"
 #include "transfer/url_policy.h"
-#include "update/install_classification.h"
-#include "update/restart.h"
-#include "update/run_without_request.h"
 #include "update/update_run.h"
 #include "update/validate_request.h"
-#include "update/version_query.h"
-#include "update/workspace.h"
 
 namespace zul {
 
 namespace {
 
 constexpr std::uint32_t kMainProcessWaitMs = 180000;
-// GetModuleFileNameW's longest answer.
 
 StageResult ValidateStage(UpdateRun& run) {
   std::string error;
   if (ValidateUpdateRequest(run.request, &error)) return std::nullopt;
-  return FailBeforeWindow(run.request, "validate",
-                          error.empty() ? "Updater arguments are invalid." : error);
+  return FailRun(run, error.empty() ? "Updater arguments are invalid." : error, "validate");
 }
 
 StageResult RefuseArchiveModeStage(UpdateRun& run) {
   const InstallClassification target = ClassifyInstallTarget(run.request.restart_exe);
   if (!target.is_archive) return std::nullopt;
-  return RefuseArchiveMode(
-      run.request,
-      "QORVA archive mode requires installer migration; reject normal portable "
-      "update package for archive mode; target reason: " +
-          target.reason);
+  return RefuseArchiveMode(run,
+                           "QORVA archive mode requires installer migration; reject normal "
+                           "portable update package for archive mode; target reason: " +
+                               target.reason);
 }
 
-/// A copy that runs from inside the folder that it must update hands over to one outside.
+/// An updater that runs from the folder that it must update hands over to a copy outside.
 StageResult IsolateHelperStage(UpdateRun& run) {
   bool relaunched = false;
   std::string error;
-  if (!RelaunchFromTargetIfNeeded(run.request, &relaunched, &error)) {
-    return FailBeforeWindow(
-        run.request, "isolate_helper",
-        error.empty() ? "Cannot relaunch updater helper outside the update target directory."
-                      : error);
+  if (!run.world.relaunch_from_target_if_needed(run.request, relaunched, &error)) {
+    return FailRun(run,
+                   error.empty() ? "Cannot relaunch updater helper outside the update target "
+                                   "directory."
+                                 : error,
+                   "isolate_helper");
   }
   if (!relaunched) return std::nullopt;
-  ShutdownDiagnostics();
+  run.world.shutdown_diagnostics();
   return kExitDone;
+}
+
+/// Creates a new folder in the system's temporary folder; empty on any failure.
+fs::Path CreateUpdateWorkspace() {
+  const fs::Path temp = TempDirectory();
+  if (temp.empty()) return {};
+  const auto nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(
+      std::chrono::steady_clock::now().time_since_epoch());
+  fs::Path workspace = temp / ("qorva_updater_" + std::to_string(nanoseconds.count()));
+  std::error_code ec;
+  if (!fs::CreateDirectories(temp, ec)) return {};
+  // A folder of this name that exists belongs to another process.
+  if (fs::CreateDirectoryOnce(workspace, ec) != fs::CreateResult::kCreated) return {};
+  return workspace;
 }
 
 StageResult PrepareStage(UpdateRun& run) {
@@ -73,11 +81,8 @@ StageResult PrepareStage(UpdateRun& run) {
        {"require_signed_payload_binaries", request.require_signed_payload_binaries ? "1" : "0"},
        {"trace_log_path", TraceLogPath()}});
   run.progress_window.set_status("Preparing update...", "Creating temporary workspace.", 0);
-  const std::string workspace = CreateUpdateWorkspace();
-  if (workspace.empty()) {
-    return FailRun({request, run.progress_window}, "Cannot create updater temp directory.");
-  }
-  run.workspace_dir = PathOrEmpty(workspace);
+  run.workspace_dir = CreateUpdateWorkspace();
+  if (run.workspace_dir.empty()) return FailRun(run, "Cannot create updater temp directory.");
   run.package_path = run.workspace_dir / "update_package.zip";
   run.stage_dir = run.workspace_dir / "stage";
   return std::nullopt;
@@ -101,8 +106,7 @@ StageResult CheckFormatStage(UpdateRun& run) {
   if (AsciiLower(run.selected_url).ends_with(".zip") || BeginsLikeZip(run.package_path)) {
     return std::nullopt;
   }
-  return FailRun({run.request, run.progress_window},
-                 "Unsupported update package format. Only .zip packages are supported.");
+  return FailRun(run, "Unsupported update package format. Only .zip packages are supported.");
 }
 
 StageResult ExtractStage(UpdateRun& run) {
@@ -113,41 +117,31 @@ StageResult ExtractStage(UpdateRun& run) {
   if (!ExtractPackage(run.package_path, run.stage_dir, &run.stage_error,
                       KeepingAlive(&run.progress_window))) {
     EmitChainEvent("extract_fail", {{"error", run.stage_error}});
-    return FailRunWithStageError(run, "Cannot extract update package: ");
+    return FailRun(run, "Cannot extract update package: " + run.stage_error);
   }
-  if (!ResolvePayloadLayout(run.stage_dir, run.request.required_payload_files, &run.payload_root,
+  if (!ResolvePayloadLayout(run.stage_dir, run.request.required_payload_files, run.payload_root,
                             &run.stage_error)) {
     EmitChainEvent("extract_fail",
                    {{"error", run.stage_error}, {"reason", "package_layout_contract"}});
-    return FailRunWithStageError(run, "Update package contract validation failed: ");
+    return FailRun(run, "Update package contract validation failed: " + run.stage_error);
   }
   EmitChainEvent("extract_ok", {{"payload_root", PathToUtf8(run.payload_root)}});
   return std::nullopt;
 }
 
-/// The name under which the running updater is about to be replaced; empty when it is not.
+/// The name under which this run would replace the running updater; empty when it would not.
 std::string_view FindSelfUpdateName(const UpdateRun& run, const fs::Path& target) {
-  const fs::Path own = CurrentExecutablePath();
+  std::error_code ec;
+  const fs::Path own = fs::WeaklyCanonical(run.world.own_executable, ec);
+  if (ec) return {};
   for (const std::string_view name : {"qorva_updater.exe", "zul_updater.exe"}) {
-    std::error_code ec;
-    if (fs::KindOf(run.payload_root / name, fs::Links::kFollow, ec) != fs::EntryKind::kRegular) {
-      continue;
-    }
-    const fs::Path installed = fs::WeaklyCanonical(target / name, ec);
-    if (ec || own.empty()) continue;
-    if (installed == fs::WeaklyCanonical(own, ec) && !ec) return name;
+    if (!fs::IsRegularFile(run.payload_root / name)) continue;
+    if (fs::WeaklyCanonical(target / name, ec) == own && !ec) return name;
   }
   return {};
 }
 
-/// A run that ends before its apply leaves nothing new in the target folder.
-void DropNextCopy(UpdateRun& run) {
-  if (run.next_copy_path.empty()) return;
-  std::error_code ignored;
-  fs::Remove(run.next_copy_path, ignored);
-}
-
-/// A safety net: a run that was isolated has no file of its own in the target folder.
+/// A safety net: an isolated run has no file of its own in the target folder.
 StageResult StageSelfUpdate(UpdateRun& run) {
   const fs::Path target = PathOrEmpty(run.request.target_dir);
   const std::string_view name = FindSelfUpdateName(run, target);
@@ -158,22 +152,20 @@ StageResult StageSelfUpdate(UpdateRun& run) {
   if (fs::CopyFileTo(run.payload_root / name, run.next_copy_path, fs::Overwrite::kYes, ec)) {
     return std::nullopt;
   }
-  DropNextCopy(run);
-  return FailRun({run.request, run.progress_window},
-                 "Cannot stage deferred updater self-update copy: target='" +
-                     PathToUtf8(run.next_copy_path) + "', " + DescribeSystemError(ec) + ".");
+  return FailRun(run, "Cannot stage deferred updater self-update copy: target='" +
+                          PathToUtf8(run.next_copy_path) + "', " + DescribeSystemError(ec) + ".");
 }
 
 StageResult WaitStage(UpdateRun& run) {
   run.progress_window.set_status("Waiting for application to close...",
                                  "The updater will continue automatically.", 100);
-  if (WaitForMainProcess(run.request.pid, kMainProcessWaitMs, &run.stage_error, true)) {
+  if (run.world.wait_for_main_process(run.request.pid, kMainProcessWaitMs, &run.stage_error,
+                                      true)) {
     return std::nullopt;
   }
-  DropNextCopy(run);
   EmitChainEvent("apply_wait_main_process_fail",
                  {{"error", run.stage_error}, {"pid", std::to_string(run.request.pid)}});
-  return FailRunWithStageError(run, {});
+  return FailRun(run, run.stage_error);
 }
 
 StageResult ApplyStage(UpdateRun& run) {
@@ -184,34 +176,42 @@ StageResult ApplyStage(UpdateRun& run) {
                                  {"target_dir", request.target_dir}});
   ApplyCloseContext close_context{&run.progress_window, false};
   const fs::Path target = PathOrEmpty(request.target_dir);
-  const bool applied = ApplyStagedUpdate(run.payload_root, target, request.pid, &close_context,
-                                         request.require_signed_payload_binaries, &run.stage_error,
-                                         &run.apply_result, nullptr);
+  const bool applied = run.world.apply_staged_update(
+      run.payload_root, target, request.pid, &close_context,
+      request.require_signed_payload_binaries, &run.stage_error, &run.apply_result, nullptr);
   run.progress_window.set_force_close_available(false);
   if (!applied) {
-    DropNextCopy(run);
     EmitChainEvent(run.apply_result.kind == ApplyOutcomeKind::kRecoveryRequired
                        ? "apply_recovery_required"
                        : "apply_fail",
                    {{"error", run.stage_error},
                     {"target_dir", request.target_dir},
                     {"rollback_backup_root", run.apply_result.backup_root}});
-    return FailApply({request, run.progress_window},
-                     "Cannot apply update safely: " + run.stage_error, run.selected_url);
+    return FailApply(run, "Cannot apply update safely: " + run.stage_error);
   }
   EmitChainEvent("apply_ok", {{"target_dir", request.target_dir}});
   return std::nullopt;
 }
 
-/// The application's files are already new at this point, and there is no way back.
+/// From here on the application's files are new, and a failure does not bring the old ones back.
 StageResult ReplaceSelfStage(UpdateRun& run) {
   if (run.next_copy_path.empty() || run.deferred_target.empty()) return std::nullopt;
-  if (ReplaceUpdaterDeferred(run.next_copy_path, run.deferred_target, &run.stage_error)) {
-    return std::nullopt;
+  if (!run.world.replace_updater_deferred(run.next_copy_path, run.deferred_target,
+                                          &run.stage_error)) {
+    EmitChainEvent("apply_fail", {{"error", run.stage_error}, {"reason", "deferred_self_replace"}});
+    return FailRun(run, "Cannot schedule updater self-update: " + run.stage_error);
   }
-  DropNextCopy(run);
-  EmitChainEvent("apply_fail", {{"error", run.stage_error}, {"reason", "deferred_self_replace"}});
-  return FailRunWithStageError(run, "Cannot schedule updater self-update: ");
+  // The copy may wait for the next start of the system: a later failure must not remove it.
+  run.next_copy_path.clear();
+  return std::nullopt;
+}
+
+/// The argument text for the restarted application: empty, or, in a headless run, the instruction
+/// to write its version as JSON into the target folder. This process never reads that file.
+std::string BuildRestartArguments(const UpdateRequest& request) {
+  if (!request.headless_restart_version_proof) return {};
+  const fs::Path proof = PathOrEmpty(request.target_dir) / ".qorva_update_restart_proof.json";
+  return "--write-app-version-json \"" + PathToUtf8(proof) + "\"";
 }
 
 StageResult RestartStage(UpdateRun& run) {
@@ -219,15 +219,17 @@ StageResult RestartStage(UpdateRun& run) {
   run.progress_window.set_status("Restarting application...", "Update installed. Launching QORVA.",
                                  100);
   const std::string restart_exe = ResolveRestartTarget(request.restart_exe, request.target_dir);
-  const std::string arguments = BuildRestartArguments(request);
-  EmitChainEvent("restart_start", {{"restart_exe", restart_exe},
-                                   {"requested_restart_exe", request.restart_exe},
-                                   {"restart_mode", std::string(RestartModeName(request))}});
-  if (!LaunchApplication(restart_exe, arguments, &run.stage_error)) {
+  EmitChainEvent("restart_start",
+                 {{"restart_exe", restart_exe},
+                  {"requested_restart_exe", request.restart_exe},
+                  {"restart_mode", request.headless_restart_version_proof ? "headless_version_proof"
+                                                                          : "normal_gui"}});
+  if (!run.world.launch_application(restart_exe, BuildRestartArguments(request),
+                                    &run.stage_error)) {
     EmitChainEvent("restart_fail", {{"error", run.stage_error},
                                     {"restart_exe", restart_exe},
                                     {"requested_restart_exe", request.restart_exe}});
-    return FailRunWithStageError(run, {});
+    return FailRun(run, run.stage_error);
   }
   EmitChainEvent("restart_ok",
                  {{"restart_exe", restart_exe}, {"requested_restart_exe", request.restart_exe}});
@@ -243,11 +245,23 @@ int CleanUp(UpdateRun& run) {
 
 }  // namespace
 
-int RunUpdateDriver(int argc, const wchar_t* const* argv) {
-  if (argc < 2) return RunWithoutRequest();
-  if (AsksForVersion(argc, argv)) return PrintAppVersion();
+bool AsksForVersion(int argc, const wchar_t* const* argv) {
+  for (int i = 1; i < argc; ++i) {
+    if (argv[i] != nullptr && std::wstring_view(argv[i]) == L"--print-app-version-json") {
+      return true;
+    }
+  }
+  return false;
+}
 
-  UpdateRun run(ParseUpdateRequest(argc, argv));
+int RunUpdateDriver(const UpdateWorld& world, int argc, const wchar_t* const* argv) {
+  if (argc < 2) return RunWithoutRequest(world);
+  if (AsksForVersion(argc, argv)) {
+    world.print(BuildAppVersionJson() + "\n");
+    return kExitDone;
+  }
+
+  UpdateRun run(world, ParseUpdateRequest(argc, argv));
   constexpr std::array kStages = {
       ValidateStage,    RefuseArchiveModeStage, IsolateHelperStage, PrepareStage, FetchPackage,
       CheckFormatStage, ExtractStage,           StageSelfUpdate,    WaitStage,    ApplyStage,

@@ -1,6 +1,6 @@
 #include <string>
-#include <vector>
 
+#include "core/file_layer.h"
 #include "trace/chain_events.h"
 #include "transfer/checksum.h"
 #include "transfer/url_policy.h"
@@ -19,14 +19,14 @@ bool HasDistinctFallback(const UpdateRequest& request) {
 }
 
 bool DownloadFrom(UpdateRun& run, const std::string& url, std::string_view origin_label,
-                  DownloadResult* result) {
-  return DownloadPackage(url, run.package_path, origin_label, result, &run.stage_error,
-                         &run.progress_window, {}, {});
+                  DownloadResult& result) {
+  return run.world.download_package(url, run.package_path, origin_label, result, &run.stage_error,
+                                    &run.progress_window, {}, {});
 }
 
 bool VerifyFrom(UpdateRun& run, std::string_view origin_label) {
   return VerifyPackageChecksum(
-      {&run.progress_window, run.request, run.package_path, &run.stage_error}, origin_label);
+      {&run.progress_window, run.request, run.package_path, run.stage_error}, origin_label);
 }
 
 void EmitDownloadFailure(std::string_view event, const std::string& error,
@@ -41,13 +41,13 @@ void EmitDownloadFailure(std::string_view event, const std::string& error,
 }
 
 StageResult FetchFromFallback(UpdateRun& run) {
-  if (!DownloadFrom(run, run.request.fallback_download_url, kRfFallback, &run.fallback_result)) {
+  if (!DownloadFrom(run, run.request.fallback_download_url, kRfFallback, run.fallback_result)) {
     EmitDownloadFailure("download_fallback_fail", run.stage_error, run.fallback_result);
-    return FailRunWithStageError(run, "Update download failed on primary and RF fallback: ");
+    return FailRun(run, "Update download failed on primary and RF fallback: " + run.stage_error);
   }
   run.selected_url = run.request.fallback_download_url;
   if (!VerifyFrom(run, kRfFallback)) {
-    return FailRunWithStageError(run, "Update checksum validation failed on RF fallback: ");
+    return FailRun(run, "Update checksum validation failed on RF fallback: " + run.stage_error);
   }
   EmitChainEvent("download_fallback_ok",
                  {{"selected_url", StripUrlQuery(run.selected_url)},
@@ -60,7 +60,7 @@ StageResult FetchFromFallback(UpdateRun& run) {
 /// The primary delivered a package with the wrong digest.
 StageResult ReplaceBadPrimaryPackage(UpdateRun& run) {
   if (!HasDistinctFallback(run.request)) {
-    return FailRunWithStageError(run, "Update checksum validation failed: ");
+    return FailRun(run, "Update checksum validation failed: " + run.stage_error);
   }
   EmitChainEvent("checksum_primary_fail",
                  {{"error", run.stage_error},
@@ -73,13 +73,13 @@ StageResult ReplaceBadPrimaryPackage(UpdateRun& run) {
 }
 
 StageResult FetchFromOrigins(UpdateRun& run) {
-  if (DownloadFrom(run, run.request.download_url, kPrimary, &run.primary_result)) {
+  if (DownloadFrom(run, run.request.download_url, kPrimary, run.primary_result)) {
     run.selected_url = run.request.download_url;
     return VerifyFrom(run, kPrimary) ? std::nullopt : ReplaceBadPrimaryPackage(run);
   }
   EmitDownloadFailure("download_primary_fail", run.stage_error, run.primary_result);
   if (!HasDistinctFallback(run.request) || !ShouldTryFallback(run.primary_result)) {
-    return FailRunWithStageError(run, "Update download failed: ");
+    return FailRun(run, "Update download failed: " + run.stage_error);
   }
   return FetchFromFallback(run);
 }

@@ -26,19 +26,15 @@ bool Contains(const std::array<std::string_view, N>& names, std::string_view nam
   return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-/// The form in which folders are compared: "/" as separator, none at the end, ASCII lower case.
+/// The form in which folders are compared: "/" as separator, no separator at the end, ASCII lower
+/// case.
 std::string ComparisonKey(const fs::Path& path) {
   std::string key = AsciiLower(PathToGenericUtf8(path));
   while (!key.empty() && key.back() == '/') key.pop_back();
   return key;
 }
 
-std::string ComparisonKeyOfText(std::string_view utf8_path) {
-  const std::optional<fs::Path> path = PathFromUtf8(utf8_path);
-  return path ? ComparisonKey(*path) : std::string();
-}
-
-/// The first folder from `folder` upward that looks like a source tree; empty when none does.
+/// The first folder from `folder` upward that looks like a source tree; empty when there is none.
 std::string FindDeveloperRoot(const fs::Path& folder) {
   std::error_code ec;
   fs::Path current = fs::WeaklyCanonical(folder, ec);
@@ -63,8 +59,6 @@ InstallClassification Decide(InstallMode mode, std::string install_dir, std::str
   return result;
 }
 
-}  // namespace
-
 InstallSignals GatherInstallSignals(std::string_view executable_path) {
   InstallSignals signals;
   signals.executable_path = executable_path;
@@ -79,11 +73,13 @@ InstallSignals GatherInstallSignals(std::string_view executable_path) {
   return signals;
 }
 
+}  // namespace
+
 InstallClassification ClassifyInstallSignals(const InstallSignals& signals) {
   const fs::Path executable = PathOrEmpty(signals.executable_path);
   const std::string name = AsciiLower(PathToUtf8(executable.filename()));
   const std::string folder = ComparisonKey(executable.parent_path());
-  const std::string developer_root = ComparisonKeyOfText(signals.developer_root);
+  const std::string developer_root = ComparisonKey(PathOrEmpty(signals.developer_root));
   std::string installer_folder;
   if (!signals.local_app_data.empty()) {
     installer_folder = ComparisonKey(PathOrEmpty(signals.local_app_data) / "Programs" / "QORVA");

@@ -1,46 +1,68 @@
-#include "diagnostics/diagnostics.h"
-#include "update/dialogs.h"
-#include "update/update_report.h"
+#include <functional>
+
+#include "core/file_layer.h"
+#include "core/text.h"
+#include "diagnostics/report_manifest.h"
+#include "trace/chain_events.h"
+#include "transfer/url_policy.h"
 #include "update/update_run.h"
 
 namespace zul {
 
-int FailRun(const RunFailureContext& context, std::string_view message) {
-  ReportUpdaterError(context.request, "error", message);
-  context.progress_window.Destroy();
-  ShowUpdaterError(message);
-  ShutdownDiagnostics();
-  return kExitFailure;
+namespace {
+
+/// A failed run leaves nothing new in the target folder.
+void DropNextCopy(UpdateRun& run) {
+  if (run.next_copy_path.empty()) return;
+  std::error_code ignored;
+  fs::Remove(run.next_copy_path, ignored);
 }
 
-int FailApply(const RunFailureContext& context, std::string_view message,
-              std::string_view selected_url) {
-  ReportUpdaterError(context.request, "apply", message);
-  context.progress_window.Destroy();
-  ShowApplyFailureDialog(message, selected_url);
-  ShutdownDiagnostics();
-  return kExitFailure;
+/// The order of every tail. `show_box` tells the user.
+int EndRun(UpdateRun& run, std::string_view report_stage, std::string_view message,
+           const std::function<void()>& show_box, int exit_code) {
+  DropNextCopy(run);
+  run.world.report_updater_error(run.request, report_stage, message);
+  run.progress_window.Destroy();
+  show_box();
+  run.world.shutdown_diagnostics();
+  return exit_code;
 }
 
-int FailRunWithStageError(UpdateRun& run, std::string_view prefix) {
-  std::string message(prefix);
-  message += run.stage_error;
-  return FailRun({run.request, run.progress_window}, message);
+}  // namespace
+
+int FailRun(UpdateRun& run, std::string_view message, std::string_view report_stage) {
+  return EndRun(
+      run, report_stage, message, [&] { ShowUpdaterError(run.world, message); }, kExitFailure);
 }
 
-int FailBeforeWindow(const UpdateRequest& request, std::string_view stage,
-                     std::string_view message) {
-  ReportUpdaterError(request, stage, message);
-  ShowUpdaterError(message);
-  ShutdownDiagnostics();
-  return kExitFailure;
+int FailApply(UpdateRun& run, std::string_view message) {
+  return EndRun(
+      run, "apply", message, [&] { ShowApplyFailureDialog(run.world, message, run.selected_url); },
+      kExitFailure);
 }
 
-int RefuseArchiveMode(const UpdateRequest& request, std::string_view message) {
-  ReportUpdaterError(request, "archive_installer_migration_required", message);
-  ShowInstallerMigrationDialog({});
-  ShutdownDiagnostics();
-  return kExitArchiveMigrationRequired;
+int RefuseArchiveMode(UpdateRun& run, std::string_view message) {
+  return EndRun(
+      run, "archive_installer_migration_required", message,
+      [&] { ShowInstallerMigrationDialog(run.world, {}); }, kExitArchiveMigrationRequired);
+}
+
+void ReportUpdaterError(const UpdateRequest& request, std::string_view stage,
+                        std::string_view message) {
+  const std::string trace_log_path = TraceLogPath();
+  ReportRequest report;
+  report.kind = "updater_error";
+  report.reason = message.empty() ? stage : message;
+  report.report_file = PathOrEmpty(trace_log_path);
+  report.details = {{"stage", std::string(stage)},
+                    {"trace_log_path", trace_log_path},
+                    {"target_dir", request.target_dir},
+                    {"restart_exe", request.restart_exe},
+                    {"download_url", StripUrlQuery(request.download_url)},
+                    {"fallback_download_url", StripUrlQuery(request.fallback_download_url)}};
+  EnqueueReport(report);
+  StartDiagnosticsSession();
 }
 
 }  // namespace zul

@@ -1,7 +1,7 @@
 #pragma once
 
-// Whether a request may run. Every check comes before the first side effect of a run, and the first
-// one that fails decides the one message that the user sees.
+// Whether a request may run. Every check comes before the first side effect of a run. The first
+// check that fails decides the message that the user sees.
 
 #include <string>
 

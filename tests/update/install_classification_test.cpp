@@ -3,26 +3,27 @@
 #include <gtest/gtest.h>
 
 #include "core/text.h"
+#include "tests/support/environment.h"
 #include "tests/support/temp_folder.h"
 
 namespace zul {
 namespace {
 
-TEST(InstallClassification, TheFirstSignalThatSpeaksDecides) {
+TEST(InstallClassification, DecidesByTheFirstSignalThatApplies) {
   using enum InstallMode;
   const struct {
-    const char *path, *markers;  ///< i installation, u uninstaller, a archive
+    const char *path, *markers;  ///< present ones: i installation, u uninstaller, a archive
     InstallMode mode;
     const char* reason;
     const char* developer_root = "";
   } cases[] = {
       {"D:/odd/zul_rip.exe", "ia", kInstalled, "install marker present"},
-      {"D:/odd/zul_rip.exe", "u", kInstalled, "installer uninstaller present"},
-      {"c:/users/ANN/appdata/local/programs/qorva/qorva_gui.exe", "", kInstalled,
+      {"D:/odd/zul_rip.exe", "ua", kInstalled, "installer uninstaller present"},
+      {"c:/users/ANN/appdata/local/programs/qorva/qorva_gui.exe", "a", kInstalled,
        "standard per-user installer directory"},
       {"D:/src/build/qorva_gui.exe", "a", kArchive, "archive migration marker present", "D:/src"},
       {"D:/src/Build/qorva.exe", "", kUnknown, "developer tree or local build output", "d:/SRC"},
-      // A name that begins alike is not inside.
+      // A folder whose name begins with the tree's name is not inside the tree.
       {"D:/src2/qorva.exe", "", kArchive, "product executable outside installer directory",
        "D:/src"},
       {"E:/stick/ZUL_RIP_GUI.exe", "", kArchive, "legacy archive executable name"},
@@ -46,21 +47,24 @@ TEST(InstallClassification, TheFirstSignalThatSpeaksDecides) {
   }
 }
 
-TEST(InstallClassification, SignalsComeFromTheDisk) {
+TEST(InstallClassification, TakesTheSignalsFromDiskAndEnvironment) {
   const test::TempFolder folder;
-  const auto gather = [&](std::string_view relative) {
-    return GatherInstallSignals(PathToUtf8(folder / relative));
+  const test::ScopedEnvironment profile("LOCALAPPDATA", PathToUtf8(folder / "Profile"));
+  const auto reason = [&](std::string_view relative) {
+    return ClassifyInstallTarget(PathToUtf8(folder / relative)).reason;
   };
-  test::WriteFile(folder / "tree/CMakeLists.txt", "");
-  test::WriteFile(folder / "tree/app/qorva_installation.json", "{}");
-  test::WriteFile(folder / "tree/app/unins000.exe/not a file.txt", "");
-  EXPECT_EQ(gather("tree/app/qorva.exe").developer_root, "") << "a tree needs both signs";
+  EXPECT_EQ(reason("profile/programs/QORVA/qorva.exe"), "standard per-user installer directory");
 
+  const char* const executable = "tree/app/qorva.exe";
+  test::WriteFile(folder / "tree/CMakeLists.txt", "");
+  test::WriteFile(folder / "tree/app/unins000.exe/a folder is no uninstaller", "");
+  EXPECT_EQ(reason(executable), "product executable outside installer directory");
   test::WriteFile(folder / "tree/.git/HEAD", "");
-  const InstallSignals signals = gather("tree/app/qorva.exe");
-  EXPECT_EQ(signals.developer_root, PathToUtf8(folder / "tree"));
-  EXPECT_TRUE(signals.install_marker_present);
-  EXPECT_FALSE(signals.uninstaller_present) << "a folder of that name is no uninstaller";
+  EXPECT_EQ(reason(executable), "developer tree or local build output");
+  test::WriteFile(folder / "tree/app/qorva_archive_migration_required.json", "");
+  EXPECT_EQ(reason(executable), "archive migration marker present");
+  test::WriteFile(folder / "tree/app/qorva_installation.json", "");
+  EXPECT_EQ(reason(executable), "install marker present");
 }
 
 }  // namespace

@@ -1,0 +1,311 @@
+#pragma once
+
+// An installation, a package for it, and a world in which one run of the driver takes place. The
+// disk is real. The network, other processes and the user are fakes with state; they write down
+// what the run asked of them, in order.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <memory>
+#include <regex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "apply/self_replace.h"
+#include "core/file_hash.h"
+#include "core/text.h"
+#include "request/update_request.h"
+#include "tests/support/environment.h"
+#include "tests/support/file_tricks.h"
+#include "tests/support/split_command_line.h"
+#include "tests/support/temp_folder.h"
+#include "tests/support/trace_reader.h"
+#include "tests/support/zip_builder.h"
+#include "tests/transfer/scripted_transport.h"
+#include "transfer/download_job.h"
+#include "transfer/url_policy.h"
+#include "update/driver.h"
+#include "update/update_run.h"
+
+namespace zul::test {
+
+inline const std::string kMirrorUrl =
+    "https://" + DefaultUpdateDownloadHosts().back() + "/package.zip";
+inline constexpr const char* kUpdaterName = "qorva_updater.exe";
+inline constexpr const char* kNextCopyName = "qorva_updater.next.exe";
+
+class UpdateScene {
+ public:
+  UpdateScene() {
+    request.pid = 7;
+    request.download_url = "https://" + DefaultUpdateDownloadHosts().front() + "/package.zip";
+    request.target_dir = PathToUtf8(install);
+    request.restart_exe = PathToUtf8(install / "qorva_gui.exe");
+    request.required_payload_files = {"qorva_gui.exe"};
+    Install("qorva_gui.exe", "old program");
+    Install("colors.dat", "old colors");
+    Install(kUpdaterName, "old updater");
+    Install("qorva_installation.json", "{}");
+    Serve({{"qorva_gui.exe", "new program"},
+           {"colors.dat", "new colors"},
+           {kUpdaterName, "new updater"},
+           {"a/new.dat", "new"}});
+    FillWorld();
+  }
+
+  // --- What a test may change before the run
+
+  UpdateRequest request;
+  ScriptedTransport primary, mirror;
+  std::string relaunch_error, wait_error, replace_error, launch_error;
+  bool relaunched = false;
+  bool replaced_at_next_start = false;  ///< the updater's file is in use
+  ApplyFaultInjection faults;
+  bool application_runs = false;
+  BoxAnswer answer = BoxAnswer::kOther;
+  bool browser_works = true, clipboard_works = true;
+  UpdateWorld world;
+
+  void Install(const char* name, const char* contents = "") const {
+    WriteFile(install / name, contents);
+  }
+  void Uninstall(const char* name) const {
+    std::error_code ec;
+    EXPECT_TRUE(fs::Remove(install / name, ec)) << name;
+  }
+
+  /// Both origins serve a package of `files`.
+  void Serve(const Files& files) {
+    payload = files;
+    ZipBuilder zip;
+    for (const auto& [name, contents] : files) zip.File(name, contents).Deflated();
+    ServeBytes(zip.Build());
+  }
+
+  /// Both origins serve `bytes`, and the request has their digest and `query` in its URL.
+  void ServeBytes(const std::string& bytes, const char* query = "") {
+    primary.chunks = mirror.chunks = {bytes};
+    WriteFile(folder / "served", bytes);
+    EXPECT_TRUE(ComputeFileSha256(folder / "served", &request.sha256, nullptr));
+    request.download_url += query;
+  }
+
+  /// The request names a mirror, which serves the package too.
+  UpdateScene& NameMirror(const std::string& url = kMirrorUrl) {
+    request.fallback_download_url = url;
+    return *this;
+  }
+
+  /// The updater that runs is the installed one: no copy outside has taken over.
+  void RunFromInside() { world.own_executable = install / kUpdaterName; }
+
+  // --- The run
+
+  int Run() { return RunWith(SplitCommandLine(RenderHelperCommandLine("updater.exe", request))); }
+
+  int RunWith(const std::vector<std::wstring>& arguments) {
+    installed = FilesBelow(install);
+    std::vector<const wchar_t*> argv;
+    for (const std::wstring& argument : arguments) argv.push_back(argument.c_str());
+    return RunUpdateDriver(world, static_cast<int>(argv.size()), argv.data());
+  }
+
+  // --- What the run left
+
+  std::string calls;            ///< what was asked of the world, in order
+  std::string report;           ///< "stage: message" of the report
+  bool next_copy_left = false;  ///< the updater's staged copy, at the time of the report
+  std::string boxes;            ///< "style: text" of each, the style as its number
+  std::string titles;  ///< lines "title | detail | percent" of the window, without download figures
+  std::string opened, copied, printed;
+  Files installed;  ///< before the run
+
+  /// The names of the trace's events.
+  std::string Events() const {
+    std::vector<std::string> names;
+    for (const std::string& event : trace.Events())
+      names.push_back(event.substr(0, event.find(' ')));
+    return JoinText(names, " ");
+  }
+
+  /// What the workspace of the run holds, one level; "-" without a workspace.
+  std::string Kept() const {
+    const fs::Path workspace = Workspace();
+    if (workspace.empty()) return "-";
+    std::vector<std::string> names;
+    std::error_code ec;
+    for (const fs::DirectoryEntry& entry : fs::ListDirectory(workspace, ec)) {
+      names.push_back(PathToUtf8(entry.path.filename()));
+    }
+    std::sort(names.begin(), names.end());
+    return JoinText(names, " ");
+  }
+
+  /// "old", "new", or "neither" for the installed files, without the updater's staged copy.
+  std::string Installed() const {
+    Files now = FilesBelow(install);
+    now.erase(kNextCopyName);
+    if (now == installed) return "old";
+    Files updated = payload;
+    updated.insert(installed.begin(), installed.end());
+    return now == updated ? "new" : "neither";
+  }
+
+  fs::Path Workspace() const {
+    std::error_code ec;
+    const std::vector<fs::DirectoryEntry> entries = fs::ListDirectory(temp, ec);
+    return entries.empty() ? fs::Path() : entries.front().path;
+  }
+
+  /// A text with "/" in paths and without what differs from run to run or between systems.
+  std::string Plain(std::string text) const {
+    const auto replace = [&text](const std::string& part, const char* by) {
+      if (part.empty()) return;
+      for (std::size_t at; (at = text.find(part)) != text.npos;) text.replace(at, part.size(), by);
+    };
+    replace(apply_error_, "<apply error>");
+    replace(PathToUtf8(install), "<install>");
+    std::replace(text.begin(), text.end(), '\\', '/');
+    return std::regex_replace(text, std::regex("code=[0-9]+, message='[^']+'"), "code=N");
+  }
+
+  const TraceInTempFolder trace;
+  const TempFolder& folder = trace.folder();
+  const fs::Path install = folder / "install";
+  const fs::Path temp = folder / "temp";
+  Files payload;  ///< of the package
+
+ private:
+  /// The progress window, which a run must have taken off the screen before it shows a box.
+  class Surface final : public ProgressSurface {
+   public:
+    explicit Surface(UpdateScene& scene) : scene_(scene) {}
+    ~Surface() override { scene_.window_ = nullptr; }
+    void EnsureCreated(UpdateProgressWindow& state) override { scene_.window_ = &state; }
+    void Repaint() override {
+      const UpdateProgressWindow& shown = *scene_.window_;
+      if (!shown.figures().empty()) return;
+      std::string title = WideToUtf8Lossy(std::wstring(shown.shown_title()) + L" | " +
+                                          shown.detail() + L" | " + shown.percent_text());
+      if (!scene_.titles.ends_with(title + "\n")) scene_.titles += title + "\n";
+    }
+    void RefreshButton() override {}
+    void PumpMessages() override {}
+    void DestroyWindow() override {
+      if (std::exchange(scene_.window_, nullptr) != nullptr) scene_.Note("window-gone");
+    }
+
+   private:
+    UpdateScene& scene_;
+  };
+
+  void Note(std::string_view call) { calls.append(calls.empty() ? "" : " ").append(call); }
+
+  /// The answer of a fake that fails with `error` unless that is empty.
+  static bool Answer(const std::string& error, std::string* out) {
+    if (!error.empty() && out != nullptr) *out = error;
+    return error.empty();
+  }
+
+  void ExpectButtonWithdrawn() const {
+    EXPECT_FALSE(window_ != nullptr && window_->force_visible()) << "Force close is still offered";
+  }
+
+  void FillWorld() {
+    world.own_executable = folder / "elsewhere" / kUpdaterName;
+    world.classify_current_process = [this] {
+      return ClassifyInstallTarget(PathToUtf8(world.own_executable));
+    };
+    world.relaunch_from_target_if_needed = [this](const UpdateRequest& given, bool& done,
+                                                  std::string* error) {
+      Note("isolate");
+      EXPECT_EQ(given, request);
+      done = relaunched;
+      return Answer(relaunch_error, error);
+    };
+    world.download_package = std::bind_front(&UpdateScene::Download, this);
+    world.wait_for_main_process = [this](std::uint32_t pid, std::uint32_t timeout_ms,
+                                         std::string* error, bool pump) {
+      Note("wait");
+      EXPECT_TRUE(pid == request.pid && timeout_ms == 180000 && pump);
+      return Answer(wait_error, error);
+    };
+    world.apply_staged_update = [this](const fs::Path& staged, const fs::Path& target,
+                                       std::uint32_t pid, ApplyCloseContext* context, bool sign,
+                                       std::string* error, ApplyOutcome* outcome,
+                                       const ApplyFaultInjection*) {
+      Note("apply");
+      EXPECT_EQ(context->progress_window, window_);
+      window_->set_force_close_available(true);
+      if (ApplyStagedUpdate(staged, target, pid, context, sign, error, outcome, &faults)) {
+        return true;
+      }
+      apply_error_ = *error;
+      return false;
+    };
+    world.replace_updater_deferred = [this](const fs::Path& source, const fs::Path& target,
+                                            std::string* error) {
+      Note("replace-self");
+      EXPECT_EQ(ReadFile(source), "new updater");
+      if (replaced_at_next_start) return true;
+      if (!replace_error.empty()) return Answer(replace_error, error);
+      return ReplaceUpdaterDeferred(source, target, error);
+    };
+    world.launch_application = [this](std::string_view exe, std::string_view arguments,
+                                      std::string* error) {
+      ExpectButtonWithdrawn();
+      Note("start " + Plain(JoinText(std::vector{exe, arguments}, arguments.empty() ? "" : " ")));
+      return Answer(launch_error, error);
+    };
+    world.show_running_application = [this] {
+      Note("show-running");
+      return application_runs;
+    };
+    world.create_screen_surface = [this] { return std::make_unique<Surface>(*this); };
+    world.show_box = [this](const std::string& text, BoxStyle style) {
+      Note("box");
+      boxes += std::to_string(static_cast<int>(style)) + ": " + Plain(text);
+      return answer;
+    };
+    world.open_url_in_browser = [this](std::string_view url) {
+      opened += url;
+      return browser_works;
+    };
+    world.copy_text_to_clipboard = [this](std::string_view text) {
+      copied += text;
+      return clipboard_works;
+    };
+    world.print = [this](std::string_view text) { printed += text; };
+    world.report_updater_error = [this](const UpdateRequest& given, std::string_view stage,
+                                        std::string_view message) {
+      ExpectButtonWithdrawn();
+      EXPECT_EQ(given, request);
+      Note("report");
+      next_copy_left = Exists(install / kNextCopyName);
+      report = std::string(stage) + ": " + Plain(std::string(message));
+    };
+    world.shutdown_diagnostics = [this] { Note("shutdown"); };
+  }
+
+  bool Download(std::string_view url, const fs::Path& destination, std::string_view role,
+                DownloadResult& result, std::string* error, UpdateProgressWindow* window,
+                const DownloadProgressCallback& progress, const DownloadCancelCallback& cancel) {
+    const bool from_mirror = role == "rf_fallback";
+    Note(from_mirror ? "mirror" : "primary");
+    EXPECT_EQ(url, from_mirror ? request.fallback_download_url : request.download_url);
+    EXPECT_FALSE(Exists(destination)) << "a package that was refused";
+    ScriptedTransport& transport = from_mirror ? mirror : primary;
+    const DownloadWorld network{transport, [&transport] { return transport.now_ms; }};
+    return DownloadPackageOver(network, {url, destination, role, window, progress, cancel}, result,
+                               error);
+  }
+
+  const ScopedEnvironment temp_{kOnWindows ? "TMP" : "TMPDIR", PathToUtf8(temp)};
+  UpdateProgressWindow* window_ = nullptr;
+  std::string apply_error_;
+};
+
+}  // namespace zul::test
