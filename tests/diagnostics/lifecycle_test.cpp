@@ -1,4 +1,4 @@
-// The start of diagnostics: which folders it chooses, what it says, and that nothing stops it.
+// The start of diagnostics: which folders it chooses, and what it logs.
 
 #include <stdexcept>
 
@@ -9,34 +9,35 @@ namespace {
 
 using Diagnostics = test::StartedDiagnostics;
 
-TEST_F(Diagnostics, ChoosesFoldersThatCanBeWrittenAndGoesOnWithout) {
+TEST_F(Diagnostics, StartsInFoldersThatItCanWriteTo) {
+  const std::string throws = "collector_initialization_failed";
   const struct {
-    const char* scene;
-    const char* blocked;  ///< a file where a folder is wanted
+    const char* blocker;  ///< a file in the way of a folder
     const char* override_root;
     const char* logs;
     const char* crashes;
     std::string collector_error;
     const char* warning;
   } cases[] = {
-      {"1", "", "", "1/app/logs", "1/data/QORVA/crashes", "collector_executable_missing",
+      {"", "", "app/logs", "data/QORVA/crashes", "collector_executable_missing",
        "unavailable: collector_executable_missing. Process exit cause and stack capture are not "
        "guaranteed."},
-      {"2", "app/logs", "", "2/data/QORVA/logs", "2/data/QORVA/crashes", "", ""},
-      {"3", "app/logs/.write_probe/x", "", "3/data/QORVA/logs", "3/data/QORVA/crashes", "", ""},
-      {"4", "data/QORVA", "", "4/app/logs", "4/app/crashes", "collector_initialization_failed",
+      {"app/logs", "", "data/QORVA/logs", "data/QORVA/crashes", "", ""},
+      {"app/logs/.write_probe/x", "", "data/QORVA/logs", "data/QORVA/crashes", "", ""},
+      {"data/QORVA", "", "app/logs", "app/crashes", throws,
        "unavailable: collector initialization failed."},
-      {"5", "", "5/own", "5/own/logs", "5/own/crashes", "", ""},
+      {"", "own", "own/logs", "own/crashes", "", ""},
   };
+  int number = 0;
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.scene);
-    const auto absolute = [&](const char* path) { return (folder_ / path).make_preferred(); };
-    const fs::Path scene = absolute(c.scene);
-    if (*c.blocked != '\0') test::WriteFile(scene / c.blocked, "");
+    const fs::Path scene = folder_ / std::to_string(++number);
+    SCOPED_TRACE(number);
+    const auto absolute = [&](const char* path) { return (scene / path).make_preferred(); };
+    if (*c.blocker != '\0') test::WriteFile(scene / c.blocker, "");
     const auto collector = [&](const fs::Path& crashes, const fs::Path& install) {
       EXPECT_EQ(PathToUtf8(crashes), GetDiagnosticsState().crash_directory);
       EXPECT_EQ(install, scene / "app");
-      if (c.collector_error == "collector_initialization_failed") throw std::runtime_error("no");
+      if (c.collector_error == throws) throw std::runtime_error("no");
       return CollectorStartResult{c.collector_error.empty(), "", c.collector_error};
     };
     DiagnosticsConfig config;
@@ -46,10 +47,9 @@ TEST_F(Diagnostics, ChoosesFoldersThatCanBeWrittenAndGoesOnWithout) {
     EXPECT_EQ(PathFromUtf8(state.logs_directory), absolute(c.logs));
     EXPECT_EQ(PathFromUtf8(state.crash_directory), absolute(c.crashes));
     EXPECT_EQ(state.compact_collector_error, c.collector_error);
-    const bool in_installation = c.logs == std::string(c.scene) + "/app/logs";
     EXPECT_TRUE(LogHas("Diagnostics initialized: log='" + state.log_file_path + "', crash_dir='" +
-                       state.crash_directory +
-                       "', install_dir_logging=" + (in_installation ? "true" : "false")));
+                       state.crash_directory + "', install_dir_logging=" +
+                       (c.logs == std::string("app/logs") ? "true" : "false")));
     EXPECT_TRUE(LogHas(c.warning));
     EXPECT_EQ(test::ListTree(scene).find(".write_probe\n"), std::string::npos);
   }

@@ -1,11 +1,12 @@
-#include "diagnostics/compact_checkpoint.h"
+#include "diagnostics/session_sanitizer.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <string>
 
 #include "collector/evidence_record.h"
-#include "diagnostics/diagnostic_names.h"
-#include "diagnostics/hostile_json.h"
+#include "diagnostics/field_text.h"
+#include "diagnostics/json_file.h"
 #include "diagnostics/report_text.h"
 
 namespace zul {

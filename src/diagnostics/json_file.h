@@ -1,0 +1,48 @@
+#pragma once
+
+// JSON files of sessions and reports. A reader finds the old content or the new one, whole. Anyone
+// may have edited a file since it was written, so the accessors take a member of the wrong type for
+// a missing one.
+
+#include <cstddef>
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "core/file_layer.h"
+
+namespace zul {
+
+enum class JsonFileState {
+  kObject,
+  kNotAnObject,  ///< too large, or refused by `ParseBoundedObject`
+  kUnreadable,   ///< absent, or the system refuses to read it
+};
+
+/// Reads a file of at most `max_bytes` that holds one JSON object. `*object` changes only on
+/// success.
+[[nodiscard]] JsonFileState ReadJsonObject(const fs::Path& path, std::size_t max_bytes,
+                                           nlohmann::json* object);
+
+/// Writes `content` with an indent of 2 through "<path>.tmp.<pid>" and one rename, and creates the
+/// folder. Blocks until the device has the data. On failure the old file stays, and the failure is
+/// logged.
+[[nodiscard]] bool WriteJsonFile(const fs::Path& path, const nlohmann::json& content);
+
+/// The member `key` of an object; a null value when there is none.
+[[nodiscard]] const nlohmann::json& MemberOf(const nlohmann::json& object, const char* key);
+
+/// Its value when it is a non-negative integer, else 0.
+[[nodiscard]] std::uint64_t NumberIn(const nlohmann::json& object, const char* key);
+
+/// Its value when it is a string, else `otherwise`.
+[[nodiscard]] std::string TextIn(const nlohmann::json& object, const char* key,
+                                 const char* otherwise = "");
+
+/// True when its value is true.
+[[nodiscard]] bool FlagIn(const nlohmann::json& object, const char* key);
+
+/// The member `key` for writing. A missing member, or one of another type, becomes an empty object.
+[[nodiscard]] nlohmann::json* ObjectIn(nlohmann::json* object, const char* key);
+
+}  // namespace zul
