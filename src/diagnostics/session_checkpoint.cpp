@@ -49,82 +49,18 @@ struct SessionRecord {
   std::uint64_t checkpoint_sequence = 0;
   std::uint64_t breadcrumb_sequence = 0;
   std::deque<Breadcrumb> breadcrumbs;  ///< oldest first
+  std::function<json()> describe_app;
 };
 
-/// The session in memory. Thread-safe; the lock is never held across file work.
-class SessionCheckpoint {
- public:
-  /// Begins the session of `record`. False, with `record` unused, while one is active.
-  bool Start(SessionRecord record);
-
-  /// Adds a step unless it repeats the newest one or no session is active.
-  void Add(Breadcrumb breadcrumb);
-
-  /// The active session, with its checkpoints counted, for a checkpoint now.
-  [[nodiscard]] std::optional<SessionRecord> TakeCheckpoint();
-
-  /// Sets the state that the last checkpoint reports, and returns the file of the active session.
-  [[nodiscard]] std::optional<fs::Path> Finish(const std::string& termination_state);
-  void End();
-
-  [[nodiscard]] std::deque<Breadcrumb> Breadcrumbs() const;
-
- private:
-  mutable std::mutex mutex_;
-  std::optional<SessionRecord> record_;  ///< of the active session
+/// The session of this process.
+struct SessionCheckpoint {
+  std::mutex mutex;                     ///< guards `record`; never held during file work
+  std::optional<SessionRecord> record;  ///< of the active session
 };
 
-bool SessionCheckpoint::Start(SessionRecord record) {
-  const std::scoped_lock lock(mutex_);
-  if (record_) return false;
-  record_ = std::move(record);
-  return true;
-}
-
-void SessionCheckpoint::Add(Breadcrumb breadcrumb) {
-  const std::scoped_lock lock(mutex_);
-  if (!record_) return;
-  std::deque<Breadcrumb>& ring = record_->breadcrumbs;
-  if (!ring.empty() && ring.back().event == breadcrumb.event &&
-      ring.back().details == breadcrumb.details) {
-    return;
-  }
-  breadcrumb.sequence = ++record_->breadcrumb_sequence;
-  ring.push_back(std::move(breadcrumb));
-  if (ring.size() > kBreadcrumbsMax) ring.pop_front();
-}
-
-std::optional<SessionRecord> SessionCheckpoint::TakeCheckpoint() {
-  const std::scoped_lock lock(mutex_);
-  if (record_) ++record_->checkpoint_sequence;
-  return record_;
-}
-
-std::optional<fs::Path> SessionCheckpoint::Finish(const std::string& termination_state) {
-  const std::scoped_lock lock(mutex_);
-  if (!record_) return std::nullopt;
-  record_->termination_state = termination_state;
-  return record_->file;
-}
-
-void SessionCheckpoint::End() {
-  const std::scoped_lock lock(mutex_);
-  record_.reset();
-}
-
-std::deque<Breadcrumb> SessionCheckpoint::Breadcrumbs() const {
-  const std::scoped_lock lock(mutex_);
-  return record_ ? record_->breadcrumbs : std::deque<Breadcrumb>();
-}
-
-struct ProcessSession {
-  SessionCheckpoint checkpoint;
-  std::function<json()> describe_app;  ///< set with the session, by the thread that writes it
-};
-
-ProcessSession& Session() {
+SessionCheckpoint& Session() {
   // Never destroyed: another thread may still add a step while the process ends.
-  static ProcessSession& session = *new ProcessSession;
+  static SessionCheckpoint& session = *new SessionCheckpoint;
   return session;
 }
 
@@ -142,6 +78,14 @@ SessionRecord NewSessionRecord(const fs::Path& crash_directory) {
   return record;
 }
 
+/// True when `record` becomes the active session; an active one stays.
+bool Activate(SessionRecord record) {
+  const std::scoped_lock lock(Session().mutex);
+  if (Session().record) return false;
+  Session().record = std::move(record);
+  return true;
+}
+
 Breadcrumb MakeBreadcrumb(const std::string& event, const DiagnosticFields& fields) {
   Breadcrumb breadcrumb{.sequence = 0,
                         .time_local = LocalTimeText(),
@@ -153,6 +97,28 @@ Breadcrumb MakeBreadcrumb(const std::string& event, const DiagnosticFields& fiel
                                     ShortenText(ReportField(key, value), kBreadcrumbValueBytesMax));
   }
   return breadcrumb;
+}
+
+/// Adds a step to the active session, unless it repeats the newest one.
+void Append(Breadcrumb breadcrumb) {
+  const std::scoped_lock lock(Session().mutex);
+  std::optional<SessionRecord>& record = Session().record;
+  if (!record) return;
+  std::deque<Breadcrumb>& latest = record->breadcrumbs;
+  if (!latest.empty() && latest.back().event == breadcrumb.event &&
+      latest.back().details == breadcrumb.details) {
+    return;
+  }
+  breadcrumb.sequence = ++record->breadcrumb_sequence;
+  latest.push_back(std::move(breadcrumb));
+  if (latest.size() > kBreadcrumbsMax) latest.pop_front();
+}
+
+/// The active session for its next checkpoint.
+std::optional<SessionRecord> TakeCheckpoint() {
+  const std::scoped_lock lock(Session().mutex);
+  if (Session().record) ++Session().record->checkpoint_sequence;
+  return Session().record;
 }
 
 json BreadcrumbsToJson(const std::deque<Breadcrumb>& breadcrumbs) {
@@ -168,7 +134,7 @@ json BreadcrumbsToJson(const std::deque<Breadcrumb>& breadcrumbs) {
   return array;
 }
 
-json BuildSessionJson(const SessionRecord& record, json app) {
+json BuildSessionJson(const SessionRecord& record) {
   const std::uint64_t now_ms = TickCountMs();
   const std::uint64_t uptime_ms = now_ms - std::min(now_ms, record.start_ms);
   return {{"schema_name", "qorva.diagnostics.session"},
@@ -189,7 +155,7 @@ json BuildSessionJson(const SessionRecord& record, json app) {
             {"age_ms", uptime_ms},
             {"watchdog_running", false},
             {"watchdog_reported_stall", false}}},
-          {"app", std::move(app)},
+          {"app", record.describe_app()},
           // Only the long-running application has a runtime state.
           {"runtime_state", json::object()},
           {"breadcrumbs", BreadcrumbsToJson(record.breadcrumbs)}};
@@ -215,8 +181,9 @@ fs::Path SessionStateDirectory(const fs::Path& crash_directory) {
 void StartSession(const fs::Path& crash_directory, std::function<json()> describe_app) {
   RunGuarded("session start", [&] {
     if (crash_directory.empty()) return;
-    if (!Session().checkpoint.Start(NewSessionRecord(crash_directory))) return;
-    Session().describe_app = std::move(describe_app);
+    SessionRecord record = NewSessionRecord(crash_directory);
+    record.describe_app = std::move(describe_app);
+    if (!Activate(std::move(record))) return;
     AddBreadcrumb("application_started", {});
     if (!WriteSessionCheckpoint()) {
       LogDiagnosticsFailure("session checkpoint start", "write failed");
@@ -226,16 +193,16 @@ void StartSession(const fs::Path& crash_directory, std::function<json()> describ
 
 void AddBreadcrumb(std::string event, DiagnosticFields fields) {
   if (event.empty()) return;
-  RunGuarded("breadcrumb record", [&] { Session().checkpoint.Add(MakeBreadcrumb(event, fields)); });
+  RunGuarded("breadcrumb record", [&] { Append(MakeBreadcrumb(event, fields)); });
 }
 
 bool WriteSessionCheckpoint() {
   bool written = false;
   RunGuarded("session checkpoint", [&] {
-    const std::optional<SessionRecord> record = Session().checkpoint.TakeCheckpoint();
+    const std::optional<SessionRecord> record = TakeCheckpoint();
     written = !record;
     if (!record) return;
-    const json session = BuildSessionJson(*record, Session().describe_app());
+    const json session = BuildSessionJson(*record);
     CommitCompactCheckpoint(session);
     written = WriteJsonFile(record->file, session);
   });
@@ -243,19 +210,26 @@ bool WriteSessionCheckpoint() {
 }
 
 void FinishDiagnosticsSession(const std::optional<std::string>& reason) {
-  const std::optional<fs::Path> file =
-      Session().checkpoint.Finish(SanitizeIdentifier(reason.value_or("clean_shutdown")));
-  if (!file) return;
-  // The compact checkpoint keeps how the process meant to end.
+  fs::Path file;
+  {
+    const std::scoped_lock lock(Session().mutex);
+    if (!Session().record) return;
+    Session().record->termination_state = SanitizeIdentifier(reason.value_or("clean_shutdown"));
+    file = Session().record->file;
+  }
+  // The compact checkpoint keeps the reason after the session file is gone.
   WriteSessionCheckpoint();
   std::error_code ec;
-  fs::Remove(*file, ec);
+  fs::Remove(file, ec);
   if (ec) LogDiagnosticsFailure("session end", SystemErrorText(ec));
-  Session().checkpoint.End();
+  const std::scoped_lock lock(Session().mutex);
+  Session().record.reset();
 }
 
 json SessionBreadcrumbs() {
-  return BreadcrumbsToJson(Session().checkpoint.Breadcrumbs());
+  const std::scoped_lock lock(Session().mutex);
+  return BreadcrumbsToJson(Session().record ? Session().record->breadcrumbs
+                                            : std::deque<Breadcrumb>());
 }
 
 }  // namespace zul
