@@ -44,7 +44,7 @@ class Recovery : public test::StartedDiagnostics {
     for (const fs::Path& file : ListReports(queue_)) reports.push_back(ReadJson(file));
     return reports;
   }
-  fs::Path Session(const char* name) const { return SessionStateDirectory(crash_) / name; }
+  fs::Path Session(const std::string& name) const { return SessionStateDirectory(crash_) / name; }
 
   /// Leaves a compact session of a dead process and observer. `change` applies to its base record.
   void LeaveCompactSession(const std::string& name, const json& change) const {
@@ -65,11 +65,10 @@ TEST(SessionEnd, IsClassifiedByWhatTheEvidenceSupports) {
     std::string end;
     bool age_known = false;
   } cases[] = {
-      {"[]", unknown},
       {R"({"host_monotonic_ms": 7000, "updated_at_unix_ms": 5000})", "abrupt_exit_same_host_boot",
        true},
-      {R"({"host_monotonic_ms": 7001, "updated_at_unix_ms": 5001})", restart},
-      {R"({"host_monotonic_ms": 7001, "ui_heartbeat": {"age_ms": 44999}})", restart},
+      {R"({"host_monotonic_ms": 7001, "updated_at_unix_ms": 5001, "ui_heartbeat": {"age_ms": 44999}})",
+       restart},
       {R"({"host_monotonic_ms": 7001, "ui_heartbeat": {"age_ms": 45000}})", stall},
       {R"({"ui_heartbeat": {"watchdog_reported_stall": true}})", stall},
       {R"({"ui_heartbeat": {"watchdog_reported_stall": true},
@@ -113,23 +112,28 @@ TEST_F(Recovery, ReportsTheSessionOfADeadProcessOnce) {
 }
 
 TEST_F(Recovery, TouchesOnlyTheSessionFilesOfDeadProcesses) {
-  const json own = {
-      {"pid", CurrentProcessId()},
-      {"process_identity", std::to_string(QueryProcess(CurrentProcessId()).creation_time.value())}};
-  const std::string living = LeftSession(own).dump();
-  WriteFile(Session("active_1_living.json"), living);
-  WriteFile(Session("active_2_recycled.json"), LeftSession({{"pid", own["pid"]}}).dump());
-  WriteFile(Session("active_3_finished.json"),
-            LeftSession({{"termination_state", "clean_shutdown"}}).dump());
-  WriteFile(Session("active_4_broken.json"), "{\"pid\": 1,");
-  WriteFile(Session("active_5_nul.json"), LeftSession().dump() + '\0' + "more");
-  WriteFile(Session("active_6_old.json.recovering.77"), LeftSession().dump());
-  WriteFile(Session("notes.txt"), "x");
+  const std::uint32_t pid = CurrentProcessId();
+  const std::string identity = std::to_string(QueryProcess(pid).creation_time.value());
+  const std::string living = LeftSession({{"pid", pid}, {"process_identity", identity}}).dump();
+  const std::string dead = LeftSession().dump();
+  const std::string nul = dead + '\0' + "more";
+  for (const auto& [name, contents] :
+       test::Files{{"1.json", living},
+                   {"2_of_a_recycled_id.json", LeftSession({{"pid", pid}}).dump()},
+                   {"3.json", LeftSession({{"termination_state", "clean_shutdown"}}).dump()},
+                   {"4.json", "{\"pid\": 1,"},
+                   {"5.json", nul},
+                   {"6.json.recovering.77", dead},
+                   {"7.txt", dead}}) {
+    WriteFile(Session(name), contents);
+  }
   EXPECT_EQ(Recover().size(), 1u);
-  EXPECT_EQ(test::ListTree(SessionStateDirectory(crash_)),
-            "active_1_living.json\nactive_4_broken.json.invalid\nactive_5_nul.json.invalid\n"
-            "active_6_old.json.recovering.77\nnotes.txt\n");
-  EXPECT_EQ(ReadFile(Session("active_1_living.json")), living);
+  const test::Files left = {{"1.json", living},
+                            {"4.json.invalid", "{\"pid\": 1,"},
+                            {"5.json.invalid", nul},
+                            {"6.json.recovering.77", dead},
+                            {"7.txt", dead}};
+  EXPECT_EQ(test::FilesBelow(SessionStateDirectory(crash_)), left);
 }
 
 TEST_F(Recovery, LeavesWhatItCannotQueueForTheNextStart) {
@@ -200,17 +204,13 @@ TEST_F(Recovery, ReportsEachCompactSessionThatDidNotEndCleanly) {
 }
 
 TEST_F(Recovery, ReportsADumpOnceAndLeavesIt) {
-  const struct {
-    const char* dump;
-    const char* text_file;
-    const char* contents;
-  } dumps[] = {{"qorva_crash_1.dmp", "qorva_crash_1.txt", "MDMP"},
-               {"qorva_crash_2.dmp", "qorva_crash_2.txt", ""},
-               {"qorva_crash_3.dmp.partial", "qorva_crash_3_capture_failed.txt", "MDMP"}};
-  for (const auto& dump : dumps) WriteFile(crash_ / dump.dump, dump.contents);
-  for (const char* other : {"crash.dmp", "a_crash_b.txt", "seen_crash_1.dmp", "seen_crash_1.txt"}) {
-    WriteFile(crash_ / other, "x");
-  }
+  const test::Files dumps = {{"qorva_crash_1.dmp", "MDMP"},
+                             {"qorva_crash_2.dmp", ""},
+                             {"qorva_crash_3.dmp.partial", "MDMP"},
+                             {"crash.dmp", "not ours"},
+                             {"seen_crash_1.dmp", "x"},
+                             {"seen_crash_1.txt", "x"}};
+  for (const auto& [name, contents] : dumps) WriteFile(crash_ / name, contents);
   EXPECT_EQ(Recover().size(), 3u);
   std::set<std::string> reported;
   for (const json& report : Recover()) {
@@ -222,9 +222,9 @@ TEST_F(Recovery, ReportsADumpOnceAndLeavesIt) {
       "crash_capture_failed: Crash capture produced a zero-byte orphan dump0",
       "crash_capture_failed: Crash capture left an uncommitted partial dump4"};
   EXPECT_EQ(reported, expected);
-  for (const auto& dump : dumps) {
-    EXPECT_TRUE(test::Exists(crash_ / dump.dump));
-    EXPECT_TRUE(ReadFile(crash_ / dump.text_file).starts_with("QORVA recovered crash"));
+  for (const auto& dump : dumps) EXPECT_TRUE(test::Exists(crash_ / dump.first));
+  for (const char* text : {"1.txt", "2.txt", "3_capture_failed.txt"}) {
+    EXPECT_TRUE(ReadFile(crash_ / ("qorva_crash_" + std::string(text))).starts_with("QORVA reco"));
   }
 }
 
