@@ -1,5 +1,6 @@
 #include "diagnostics/json_file.h"
 
+#include <algorithm>
 #include <optional>
 #include <string_view>
 #include <utility>
@@ -34,6 +35,19 @@ bool WriteTemporary(const fs::Path& path, std::string_view text) {
 }
 
 }  // namespace
+
+std::vector<fs::Path> ListJsonFiles(const fs::Path& folder, std::error_code& ec) {
+  std::vector<fs::Path> files;
+  for (fs::DirectoryEntry& entry : fs::ListDirectory(folder, ec)) {
+    if (entry.kind == fs::EntryKind::kRegular && entry.path.extension() == ".json") {
+      files.push_back(std::move(entry.path));
+    }
+  }
+  std::sort(files.begin(), files.end(), [](const fs::Path& a, const fs::Path& b) {
+    return PathToUtf8(a.filename()) < PathToUtf8(b.filename());
+  });
+  return files;
+}
 
 JsonFileState ReadJsonObject(const fs::Path& path, std::size_t max_bytes, json* object) {
   std::string bytes;
@@ -84,6 +98,15 @@ std::string TextIn(const json& object, const char* key, const char* otherwise) {
 bool FlagIn(const json& object, const char* key) {
   const json& member = MemberOf(object, key);
   return member.is_boolean() && member.get<bool>();
+}
+
+std::map<std::string, std::string> TextsIn(const json& object) {
+  std::map<std::string, std::string> texts;
+  if (!object.is_object()) return texts;
+  for (const auto& [key, value] : object.items()) {
+    if (value.is_string()) texts.emplace(key, value.get<std::string>());
+  }
+  return texts;
 }
 
 json* ObjectIn(json* object, const char* key) {

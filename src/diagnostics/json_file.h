@@ -6,12 +6,18 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <system_error>
+#include <vector>
 
 #include "core/file_layer.h"
 
 namespace zul {
+
+/// The files "*.json" in a folder, sorted by name.
+[[nodiscard]] std::vector<fs::Path> ListJsonFiles(const fs::Path& folder, std::error_code& ec);
 
 enum class JsonFileState {
   kObject,
@@ -41,6 +47,9 @@ enum class JsonFileState {
 
 /// True when its value is true.
 [[nodiscard]] bool FlagIn(const nlohmann::json& object, const char* key);
+
+/// The members of an object that are strings, by key. None for anything but an object.
+[[nodiscard]] std::map<std::string, std::string> TextsIn(const nlohmann::json& object);
 
 /// The member `key` for writing. A missing member, or one of another type, becomes an empty object.
 [[nodiscard]] nlohmann::json* ObjectIn(nlohmann::json* object, const char* key);

@@ -41,26 +41,19 @@ bool IsOfLivingProcess(const fs::Path& file) {
          IsActive(session) && IsAlive(session);
 }
 
-std::string HeadText(const json& session, const SessionEndClassification& end,
-                     const std::string& id) {
-  const auto redacted = [&](const char* key) { return ReportSentence(TextIn(session, key)); };
-  std::string text = "QORVA recovered session report";
-  text += "\ntime_local=" + LocalTimeText();
-  text += "\nreason=" + end.text;
-  text += "\nclient_report_id=" + id;
-  text += "\nprevious_session_started=" + redacted("started_at_local");
-  text += "\nprevious_session_updated=" + redacted("updated_at_local");
-  text += "\nevidence_classification=" + end.exit_evidence_class;
+/// What the text and the details of a report say about the end, in the order of the text.
+DiagnosticFields EndFields(const SessionEndClassification& end) {
+  DiagnosticFields fields = {
+      {"host_monotonic_reset", WordOf(end.host_monotonic_reset)},
+      {"checkpoint_sequence", std::to_string(end.checkpoint_sequence)},
+      {"process_uptime_ms", std::to_string(end.process_uptime_ms)},
+      {"ui_heartbeat_sequence", std::to_string(end.ui_heartbeat_sequence)},
+      {"ui_heartbeat_age_ms", std::to_string(end.ui_heartbeat_age_ms)},
+      {"ui_watchdog_reported_stall", WordOf(end.ui_watchdog_reported_stall)}};
   if (end.checkpoint_age_known) {
-    text += "\ncheckpoint_age_ms=" + std::to_string(end.checkpoint_age_ms);
+    fields.insert(fields.begin(), {"checkpoint_age_ms", std::to_string(end.checkpoint_age_ms)});
   }
-  text += std::string("\nhost_monotonic_reset=") + WordOf(end.host_monotonic_reset);
-  text += "\ncheckpoint_sequence=" + std::to_string(end.checkpoint_sequence);
-  text += "\nprocess_uptime_ms=" + std::to_string(end.process_uptime_ms);
-  text += "\nui_heartbeat_sequence=" + std::to_string(end.ui_heartbeat_sequence);
-  text += "\nui_heartbeat_age_ms=" + std::to_string(end.ui_heartbeat_age_ms);
-  text += std::string("\nui_watchdog_reported_stall=") + WordOf(end.ui_watchdog_reported_stall);
-  return text + "\n";
+  return fields;
 }
 
 std::string StepText(const json& breadcrumb) {
@@ -69,26 +62,26 @@ std::string StepText(const json& breadcrumb) {
   };
   std::string line = "step=" + std::to_string(NumberIn(breadcrumb, "sequence")) +
                      " time=" + redacted("time_local") + " event=" + redacted("event");
-  const json& details = MemberOf(breadcrumb, "details");
-  if (!details.is_object()) return line;
-  for (const auto& [key, value] : details.items()) {
-    if (!value.is_string()) continue;
-    line +=
-        " " + SanitizeIdentifier(key) + "=" + ReportField(key, value.get_ref<const std::string&>());
+  for (const auto& [key, value] : TextsIn(MemberOf(breadcrumb, "details"))) {
+    line += " " + SanitizeIdentifier(key) + "=" + ReportField(key, value);
   }
   return line;
 }
 
 std::string SessionReportText(const json& session, const SessionEndClassification& end,
                               const std::string& id) {
-  std::string text = HeadText(session, end, id) + "\n=== last known runtime state ===\n";
-  const json& runtime_state = MemberOf(session, "runtime_state");
-  if (runtime_state.is_object()) {
-    for (const auto& [key, value] : runtime_state.items()) {
-      if (!value.is_string()) continue;
-      text += SanitizeIdentifier(key) + "=" +
-              ReportField(key, value.get_ref<const std::string&>()) + "\n";
-    }
+  const auto redacted = [&](const char* key) { return ReportSentence(TextIn(session, key)); };
+  std::string text = "QORVA recovered session report";
+  text += "\ntime_local=" + LocalTimeText();
+  text += "\nreason=" + end.text;
+  text += "\nclient_report_id=" + id;
+  text += "\nprevious_session_started=" + redacted("started_at_local");
+  text += "\nprevious_session_updated=" + redacted("updated_at_local");
+  text += "\nevidence_classification=" + end.exit_evidence_class;
+  for (const auto& [key, value] : EndFields(end)) text += "\n" + key + "=" + value;
+  text += "\n\n=== last known runtime state ===\n";
+  for (const auto& [key, value] : TextsIn(MemberOf(session, "runtime_state"))) {
+    text += SanitizeIdentifier(key) + "=" + ReportField(key, value) + "\n";
   }
   text += "\n=== recent structured steps ===\n";
   const json& breadcrumbs = MemberOf(session, "breadcrumbs");
@@ -101,18 +94,9 @@ std::string SessionReportText(const json& session, const SessionEndClassificatio
 DiagnosticFields ReportDetails(const json& session, const SessionEndClassification& end) {
   const json& breadcrumbs = MemberOf(session, "breadcrumbs");
   const std::size_t count = breadcrumbs.is_array() ? breadcrumbs.size() : 0;
-  DiagnosticFields details = {
-      {"previous_session_id", TextIn(session, "session_id")},
-      {"exit_evidence_class", end.exit_evidence_class},
-      {"checkpoint_sequence", std::to_string(end.checkpoint_sequence)},
-      {"process_uptime_ms", std::to_string(end.process_uptime_ms)},
-      {"ui_heartbeat_sequence", std::to_string(end.ui_heartbeat_sequence)},
-      {"ui_heartbeat_age_ms", std::to_string(end.ui_heartbeat_age_ms)},
-      {"ui_watchdog_reported_stall", WordOf(end.ui_watchdog_reported_stall)},
-      {"host_monotonic_reset", WordOf(end.host_monotonic_reset)}};
-  if (end.checkpoint_age_known) {
-    details.emplace_back("checkpoint_age_ms", std::to_string(end.checkpoint_age_ms));
-  }
+  DiagnosticFields details = EndFields(end);
+  details.emplace_back("previous_session_id", TextIn(session, "session_id"));
+  details.emplace_back("exit_evidence_class", end.exit_evidence_class);
   details.emplace_back("breadcrumb_count", std::to_string(count));
   details.emplace_back("last_event",
                        count == 0 ? "unknown" : TextIn(breadcrumbs.back(), "event", "unknown"));

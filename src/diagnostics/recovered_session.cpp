@@ -1,9 +1,5 @@
 #include "diagnostics/recovered_session.h"
 
-#include <algorithm>
-#include <utility>
-
-#include "core/file_layer.h"
 #include "core/process_environment.h"
 #include "core/system_error.h"
 #include "diagnostics/diagnostics_log.h"
@@ -29,15 +25,9 @@ bool EndedInShutdown(const json& session) {
 }  // namespace
 
 std::vector<fs::Path> ListSessionFiles(const fs::Path& crash_directory) {
-  std::vector<fs::Path> files;
   std::error_code ec;
-  for (fs::DirectoryEntry& entry : fs::ListDirectory(SessionStateDirectory(crash_directory), ec)) {
-    if (entry.kind == fs::EntryKind::kRegular && entry.path.extension() == ".json") {
-      files.push_back(std::move(entry.path));
-    }
-  }
+  std::vector<fs::Path> files = ListJsonFiles(SessionStateDirectory(crash_directory), ec);
   if (ec && !IsNotFoundError(ec)) LogDiagnosticsFailure("session recovery", SystemErrorText(ec));
-  std::sort(files.begin(), files.end());
   return files;
 }
 

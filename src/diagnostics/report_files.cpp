@@ -1,6 +1,5 @@
 #include "diagnostics/report_files.h"
 
-#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <utility>
@@ -116,17 +115,8 @@ bool WriteManifestFile(const fs::Path& crash_directory, const json& manifest,
 }
 
 std::vector<fs::Path> ListReports(const fs::Path& queue) {
-  std::error_code ec;
-  std::vector<fs::Path> reports;
-  for (const fs::DirectoryEntry& entry : fs::ListDirectory(queue, ec)) {
-    if (entry.kind == fs::EntryKind::kRegular && entry.path.extension() == ".json") {
-      reports.push_back(entry.path);
-    }
-  }
-  std::sort(reports.begin(), reports.end(), [](const fs::Path& a, const fs::Path& b) {
-    return PathToUtf8(a.filename()) < PathToUtf8(b.filename());
-  });
-  return reports;
+  std::error_code ignored;
+  return ListJsonFiles(queue, ignored);
 }
 
 bool IsQueued(const fs::Path& report) {

@@ -78,15 +78,15 @@ TEST_F(Session, IsAFileUntilACleanEnd) {
 
 TEST_F(Session, KeepsTheLatestStepsWithoutRepeatsAndWithinBounds) {
   StartDiagnosticsSession();
-  for (int i = 0; i < 3; ++i) AddBreadcrumb("same event", {{"job name", "Smith poster"}});
+  for (int i = 0; i < 3; ++i) AddBreadcrumb("same event", {{"job name", "Smith"}, {"", "x"}});
   DiagnosticFields many;
-  for (int i = 10; i < 27; ++i) many.emplace_back(std::to_string(i), std::string(257, 'x'));
+  for (int i = 10; i < 27; ++i) many.emplace_back(std::to_string(i), std::string(255, 'x') + "ž");
   AddBreadcrumb("many", many);
   json steps = SessionBreadcrumbs();
   ASSERT_EQ(steps.size(), 3u);
-  EXPECT_EQ(steps[1]["details"].dump(), R"({"job_name":"[redacted-name]"})");
+  EXPECT_EQ(steps[1]["details"].dump(), R"({"diagnostics":"x","job_name":"[redacted-name]"})");
   EXPECT_EQ(steps[2]["details"].size(), 16u);
-  EXPECT_EQ(steps[2]["details"]["25"], std::string(256, 'x') + "...");
+  EXPECT_EQ(steps[2]["details"]["25"], std::string(255, 'x') + "...");
   for (int i = 0; i < 62; ++i) AddBreadcrumb(std::to_string(i), {});
   steps = SessionBreadcrumbs();
   ASSERT_EQ(steps.size(), 64u);
