@@ -1,7 +1,6 @@
 #pragma once
 
-// Bytes of a text, told apart quickly: sets that are made at compile time, and words without regard
-// to case.
+// Fast tests on the bytes of a text: sets built at compile time, and words in either case.
 
 #include <array>
 #include <cstddef>
@@ -43,12 +42,12 @@ class ByteSet {
 inline constexpr ByteSet kWhitespace(" \t\n\v\f\r");
 inline constexpr ByteSet kAsciiLetters("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ");
 
-/// True when `text` stands for `lower`, a lower-case letter.
+/// True when `text` is the lower-case letter `lower` in either case.
 [[nodiscard]] constexpr bool IsEitherCase(char text, char lower) {
-  return (text | 0x20) == lower;  // the bit is all that distinguishes the cases
+  return (text | 0x20) == lower;  // the cases differ in this bit only
 }
 
-/// True when `text` begins with `lower`, which holds lower-case letters only.
+/// True when `text` begins with `lower`, which consists of lower-case letters.
 [[nodiscard]] constexpr bool StartsWithLetters(std::string_view text, std::string_view lower) {
   if (text.size() < lower.size()) return false;
   for (std::size_t i = 0; i < lower.size(); ++i) {

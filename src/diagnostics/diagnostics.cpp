@@ -1,26 +1,35 @@
 #include "diagnostics/diagnostics.h"
 
+#include <atomic>
 #include <chrono>
 #include <mutex>
+#include <string_view>
 #include <thread>
 #include <utility>
 
+#include "core/build_identity.h"
+#include "core/file_layer.h"
 #include "core/logger.h"
 #include "core/process_environment.h"
 #include "core/text.h"
-#include "diagnostics/diagnostic_names.h"
+#include "diagnostics/diagnostics_log.h"
+#include "diagnostics/recovery.h"
+#include "diagnostics/report_files.h"
 #include "diagnostics/report_upload.h"
 #include "diagnostics/session_checkpoint.h"
-#include "diagnostics/session_recovery.h"
+#include "diagnostics/upload_worker.h"
 
 namespace zul {
 
 namespace {
 
-constexpr std::chrono::milliseconds kUploadDrain{15000};
+using nlohmann::json;
 
-// Several processes may start at once and probe the same folder; one that removes its probe while
-// another opens it makes the other wait for the name.
+constexpr std::chrono::milliseconds kUploadDrain{15000};
+constexpr std::size_t kLogTailLines = 400;
+
+// Processes that start at the same time probe the same folder. While one removes its probe, another
+// cannot open the file of that name and tries again.
 constexpr int kProbeAttempts = 20;
 constexpr std::chrono::milliseconds kProbePause{5};
 
@@ -49,8 +58,8 @@ bool MakeDirectory(const fs::Path& path) {
   return !path.empty() && fs::CreateDirectories(path, ec);
 }
 
-/// Whether a file can be opened for writing there. Whether it can be written does not count: a full
-/// disk today is a usable folder tomorrow.
+/// Whether a file in the folder can be opened for writing. A failing write does not count: a full
+/// disk may have room later.
 bool CanOpenForWriting(const fs::Path& directory) {
   const fs::Path probe = directory / ".write_probe";
   for (int attempt = 1;; ++attempt) {
@@ -70,7 +79,7 @@ bool CanOpenForWriting(const fs::Path& directory) {
 }
 
 struct ProbedDirectory {
-  fs::Path path;  ///< may not be writable when neither place is; every writer reports its failure
+  fs::Path path;  ///< not writable if neither folder is; each writer then reports its failure
   bool primary_usable = false;
 };
 
@@ -80,8 +89,8 @@ ProbedDirectory WriteProbeDirectory(const fs::Path& primary, const fs::Path& fal
   return {primary.empty() ? fallback : primary, false};
 }
 
-/// Logs prefer the installation, where whoever has it at hand looks for them; evidence of crashes
-/// prefers the user's own folder, where no other user reads it.
+/// Logs prefer the installation, where support looks for them. Evidence of crashes prefers the
+/// user's own folder, which no other user can read.
 void ChooseDirectories(const DiagnosticsConfig& config, const fs::Path& data_root,
                        const fs::Path& install_directory, DiagnosticsState* state) {
   const bool overridden = !config.data_root_override.empty();
@@ -89,7 +98,7 @@ void ChooseDirectories(const DiagnosticsConfig& config, const fs::Path& data_roo
                                    ? WriteProbeDirectory(data_root / "logs", {})
                                    : WriteProbeDirectory(JoinUnlessEmpty(install_directory, "logs"),
                                                          JoinUnlessEmpty(data_root, "logs"));
-  // Without a data folder this is below the current folder.
+  // Without a data folder, `data_root` is empty and this is below the current folder.
   const ProbedDirectory crashes =
       WriteProbeDirectory(data_root / "crashes", JoinUnlessEmpty(install_directory, "crashes"));
   state->install_dir_logging = !overridden && logs.primary_usable;
@@ -115,14 +124,14 @@ void StartCollector(const DiagnosticsSurroundings& surroundings, const fs::Path&
     state->compact_collector_error = std::move(result.failure_reason);
   } catch (...) {
     state->compact_collector_error = "collector_initialization_failed";
-    GetLogger().Log(LogCategory::kDiagnostics, LogLevel::kWarn,
-                    "Compact crash diagnostics unavailable: collector initialization failed.");
+    LogDiagnostics(LogLevel::kWarn,
+                   "Compact crash diagnostics unavailable: collector initialization failed.");
     return;
   }
   if (state->compact_collector_ready) return;
-  GetLogger().Log(LogCategory::kDiagnostics, LogLevel::kWarn,
-                  "Compact crash diagnostics unavailable: ", state->compact_collector_error,
-                  ". Process exit cause and stack capture are not guaranteed.");
+  LogDiagnostics(LogLevel::kWarn,
+                 "Compact crash diagnostics unavailable: ", state->compact_collector_error,
+                 ". Process exit cause and stack capture are not guaranteed.");
 }
 
 void Start(const DiagnosticsSurroundings& surroundings, const DiagnosticsConfig& config,
@@ -136,13 +145,84 @@ void Start(const DiagnosticsSurroundings& surroundings, const DiagnosticsConfig&
   state->upload_enabled = config.upload_enabled;
   ChooseDirectories(config, data_root, install_directory, state);
   OpenLog(config, state);
-  // From here on there are real paths, also for whatever crashes during the rest.
+  // Published before the collector starts, for a crash during that start.
   Publish(*state);
-  GetLogger().Log(LogCategory::kDiagnostics, LogLevel::kInfo, "Diagnostics initialized: log='",
-                  state->log_file_path, "', crash_dir='", state->crash_directory,
-                  "', install_dir_logging=", state->install_dir_logging ? "true" : "false");
+  LogDiagnostics(LogLevel::kInfo, "Diagnostics initialized: log='", state->log_file_path,
+                 "', crash_dir='", state->crash_directory,
+                 "', install_dir_logging=", state->install_dir_logging ? "true" : "false");
   StartCollector(surroundings, install_directory, state);
   Publish(*state);
+}
+
+/// The `app` object of sessions and reports: never the path of a file.
+json DescribeApp() {
+  const DiagnosticsState state = GetDiagnosticsState();
+  const BuildIdentity build = GetBuildIdentity();
+  return {{"app_name", "QORVA"},
+          {"version", build.version},
+          {"build_id", build.build_id},
+          {"channel", build.channel},
+          {"platform", build.platform},
+          {"arch", build.arch},
+          {"compact_collector_ready_at_start", state.compact_collector_ready},
+          {"compact_collector_error", state.compact_collector_error},
+          {"exe", ArtifactMetadata(PathOrEmpty(state.executable_path))},
+          {"log", ArtifactMetadata(PathOrEmpty(GetLogger().CurrentPath()))}};
+}
+
+/// The facts of a report that this process makes now.
+ReportFacts GatherReportFacts(const ReportRequest& request) {
+  const fs::Path log = PathOrEmpty(GetDiagnosticsState().log_file_path);
+  return {.created_at_local = LocalTimeText(),
+          .app = DescribeApp(),
+          .breadcrumbs = SessionBreadcrumbs(),
+          .artifacts = {{"report", ArtifactMetadata(request.report_file)},
+                        {"dump", ArtifactMetadata(request.dump_file)},
+                        {"log", ArtifactMetadata(log)}},
+          .report_file_text = ReadReportText(request.report_file)};
+}
+
+RecoverySurroundings RecoveryHere(const fs::Path& crash_directory) {
+  return {.crash_directory = crash_directory, .facts = GatherReportFacts, .log_tail = [] {
+            return LogTail{GetLogger().CurrentPath(), GetLogger().RecentLines(kLogTailLines)};
+          }};
+}
+
+void UploadQueuedReports(const std::atomic<bool>& cancel) {
+  static TriedReports tried;  // used by one worker at a time
+  const fs::Path crash_directory = PathOrEmpty(GetDiagnosticsState().crash_directory);
+  if (crash_directory.empty()) return;
+  DrainReportQueue(PendingReportsDirectory(crash_directory), cancel, net::SendHttpRequest, &tried);
+}
+
+UploadWorker& ProcessUploadWorker() {
+  // Never destroyed: the process may end without ShutdownDiagnostics while the worker runs.
+  static UploadWorker& worker = *new UploadWorker(UploadQueuedReports);
+  return worker;
+}
+
+void StartUploadWorker() {
+  RunGuarded("background uploader start", [] { ProcessUploadWorker().Start(); });
+}
+
+void StopUploadWorker(std::chrono::milliseconds timeout) {
+  RunGuarded("background uploader stop", [&] { ProcessUploadWorker().Stop(timeout); });
+}
+
+void Enqueue(const ReportRequest& request) {
+  const DiagnosticsState state = GetDiagnosticsState();
+  const json manifest = BuildReportManifest(request, GatherReportFacts(request));
+  std::string file_name;
+  if (!WriteManifestFile(PathOrEmpty(state.crash_directory), manifest, &file_name)) return;
+  if (request.kind == "crash") return;  // the start that recovers a crash also starts the upload
+  LogDiagnostics(LogLevel::kInfo, "Diagnostics report queued: ", file_name);
+  if (state.upload_enabled) {
+    StartUploadWorker();
+  } else {
+    LogDiagnostics(LogLevel::kInfo,
+                   "Diagnostics server upload is disabled for this isolated process; report "
+                   "retained locally.");
+  }
 }
 
 }  // namespace
@@ -171,29 +251,34 @@ DiagnosticsState GetDiagnosticsState() {
   return Published().state;
 }
 
+void EnqueueReport(const ReportRequest& request) {
+  RunGuarded("enqueue report", [&] { Enqueue(request); });
+}
+
 void StartDiagnosticsSession() {
   const fs::Path crash_directory = PathOrEmpty(GetDiagnosticsState().crash_directory);
-  // Recovery comes before this process has a session of its own, and the upload after it, so that
-  // it sends what was recovered.
+  // Recovery comes before this process's own session, so that a process never reports itself, and
+  // before the upload, so that the upload includes what was recovered.
   if (!crash_directory.empty()) {
-    RunGuarded("compact recovery", [&] { RecoverCompactEvidence(crash_directory); });
-    RunGuarded("crash dump recovery", [&] { RecoverOrphanDumps(crash_directory); });
+    const RecoverySurroundings here = RecoveryHere(crash_directory);
+    RunGuarded("compact recovery", [&] { RecoverCompactEvidence(here); });
+    RunGuarded("crash dump recovery", [&] { RecoverOrphanDumps(here); });
     RunGuarded("session recovery", [&] {
-      const std::size_t count = RecoverSessions(crash_directory);
+      const std::size_t count = RecoverSessions(here);
       if (count == 0) return;
-      GetLogger().Log(LogCategory::kDiagnostics, LogLevel::kInfo, "Diagnostics recovered ",
-                      std::to_string(count), " unfinished session(s).");
+      LogDiagnostics(LogLevel::kInfo, "Diagnostics recovered ", std::to_string(count),
+                     " unfinished session(s).");
     });
   }
-  StartSession();
+  StartSession(crash_directory, DescribeApp);
   if (GetDiagnosticsState().upload_enabled) StartUploadWorker();
 }
 
 void ShutdownDiagnostics() {
-  // First of all, before anything can still go wrong.
+  // First, because a later step may fail.
   RecordProcessExitCode(0);
   AddBreadcrumb("diagnostics_shutdown_started", {});
-  WriteSessionCheckpoint(true);
+  WriteSessionCheckpoint();
   StopUploadWorker(kUploadDrain);
   FinishDiagnosticsSession("clean_shutdown");
 }

@@ -1,32 +1,34 @@
 #pragma once
 
-// The life of diagnostics in a process: one call at its start, one at the first failure, one at its
-// orderly end. Nothing here ever fails to its caller or stops an update.
+// The life of diagnostics in a process: InitDiagnostics at its start; EnqueueReport and
+// StartDiagnosticsSession at each failure; ShutdownDiagnostics at its orderly end after a failure.
+// None of them throws, fails its caller or stops an update.
 //
-// Not started; started (log and crash observer); session running, from the first failure on;
-// finished. A process that dies while its session runs leaves the session's file, and the next
-// process that fails reports it. A run that succeeds never has a session.
+// Diagnostics has not started, has started (log and crash observer run), has a session (from the
+// first failure on), or has finished. A process that dies with a session leaves its session file,
+// which the next process that fails reports. A run that succeeds has no session and no report.
 
 #include <functional>
 #include <string>
 
 #include "collector/collector.h"
-#include "core/file_layer.h"
+#include "core/path.h"
+#include "diagnostics/report_manifest.h"
 
 namespace zul {
 
 struct DiagnosticsConfig {
   std::string display_name = "QORVA";   ///< UTF-8, of the program
   std::string log_base_name = "qorva";  ///< UTF-8, stem of the log file; empty means "qorva"
-  fs::Path data_root_override;          ///< instead of the user's data folder; empty for none
-  bool upload_enabled = true;           ///< whether this process may send reports
+  fs::Path data_root_override;          ///< replaces the user's data folder; empty means none
+  bool upload_enabled = true;           ///< whether this process may upload reports
 };
 
-/// What the start found out. Paths are UTF-8.
+/// What InitDiagnostics chose and found. Paths are UTF-8.
 struct DiagnosticsState {
   bool compact_collector_ready = false;
   std::string compact_collector_error;  ///< a reason word when not ready
-  bool install_dir_logging = false;     ///< logs live in the installation
+  bool install_dir_logging = false;     ///< the log is in the installation
   bool crash_directory_fallback_used = false;
   bool upload_enabled = true;
   std::string executable_path;
@@ -36,32 +38,35 @@ struct DiagnosticsState {
   std::string crash_directory;
 };
 
-/// Chooses the folders, opens the log, starts the crash observer and publishes the state. Blocks as
-/// StartCompactCollector does.
+/// Chooses the folders, opens the log, starts the crash observer and publishes the state. Blocks
+/// for as long as StartCompactCollector.
 DiagnosticsState InitDiagnostics(const DiagnosticsConfig& config);
 
-/// Where a process runs, and how it gets its observer.
+/// The process that InitDiagnostics runs in.
 struct DiagnosticsSurroundings {
-  fs::Path executable;        ///< empty when not known
+  fs::Path executable;        ///< empty when unknown
   fs::Path application_data;  ///< the user's folder for roaming data; empty when there is none
   std::function<CollectorStartResult(const fs::Path& crash_directory,
                                      const fs::Path& install_directory)>
       start_collector;
 };
 
-/// InitDiagnostics in given surroundings.
+/// InitDiagnostics in the given surroundings.
 DiagnosticsState InitDiagnosticsIn(const DiagnosticsSurroundings& surroundings,
                                    const DiagnosticsConfig& config);
 
-/// A copy of the state, from any thread; defaults before the start.
+/// A copy of the published state; the defaults before InitDiagnostics. Thread-safe.
 [[nodiscard]] DiagnosticsState GetDiagnosticsState();
 
-/// After the first failure: recovers what earlier processes left, starts this run's session and the
-/// upload. A second call recovers again and changes nothing else.
+/// Queues a report and, unless its kind is "crash", starts the upload. Thread-safe.
+void EnqueueReport(const ReportRequest& request);
+
+/// Recovers what earlier processes left, begins this process's session and starts the upload. While
+/// a session is active, recovers again and uploads only.
 void StartDiagnosticsSession();
 
-/// The orderly end: declares the exit, stops the upload (waiting at most 15 s, then for the request
-/// in flight) and removes the session.
+/// Declares an orderly end to the observer, stops the upload and ends the session. Waits at most
+/// 15 s for the upload; then cancels it and waits for the request in progress.
 void ShutdownDiagnostics();
 
 }  // namespace zul

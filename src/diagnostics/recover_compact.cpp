@@ -1,4 +1,4 @@
-// Sessions of the collector whose process and observer are both gone.
+// The recovery of compact sessions.
 
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -11,13 +11,13 @@
 #include "collector/session_directory.h"
 #include "core/process_environment.h"
 #include "core/system_error.h"
-#include "diagnostics/compact_checkpoint.h"
-#include "diagnostics/diagnostic_names.h"
-#include "diagnostics/hostile_json.h"
-#include "diagnostics/recovered_report.h"
+#include "diagnostics/diagnostics_log.h"
+#include "diagnostics/json_file.h"
+#include "diagnostics/recovered_session.h"
+#include "diagnostics/recovery.h"
 #include "diagnostics/recovery_claim.h"
-#include "diagnostics/report_manifest.h"
-#include "diagnostics/session_recovery.h"
+#include "diagnostics/report_files.h"
+#include "diagnostics/session_sanitizer.h"
 
 namespace zul {
 
@@ -30,8 +30,8 @@ bool IsOfProcess(const json& record, const ProcessKey& process) {
   return key && key->pid == process.pid && key->identity == process.identity;
 }
 
-/// What the process was doing, from its last checkpoint: the copy in its session, or else its
-/// session file, in the copy's bounds.
+/// The last checkpoint of a process, bounded: from its compact session, or else from its session
+/// file.
 std::optional<json> FindCheckpoint(const fs::Path& session, const fs::Path& crash_directory,
                                    const ProcessKey& process) {
   json checkpoint;
@@ -53,15 +53,15 @@ std::string KindOfEnd(const json& evidence) {
   return TextIn(evidence, "event") == "ui_hang" ? "hang" : "unexpected_exit";
 }
 
-json BuildCompactManifest(const json& evidence, const std::optional<json>& checkpoint,
-                          const std::string& report_id) {
+json BuildCompactManifest(const RecoverySurroundings& surroundings, const json& evidence,
+                          const std::optional<json>& checkpoint, const std::string& report_id) {
   ReportRequest request;
   request.kind = KindOfEnd(evidence);
   request.reason = "Independent process evidence: " + TextIn(evidence, "event") +
                    "; capture=" + TextIn(evidence, "capture_status", "unknown");
   request.client_report_id = report_id;
   if (!checkpoint) request.details = {{"previous_checkpoint", "unavailable"}};
-  json manifest = BuildReportManifest(request);
+  json manifest = BuildReportManifest(request, surroundings.facts(request));
   manifest["breadcrumbs"] = json::array();
   if (checkpoint) {
     AddSessionForensics(*checkpoint, ClassifySessionEndNow(*checkpoint), &manifest);
@@ -86,7 +86,7 @@ bool QueueCompactReport(const json& manifest, const fs::Path& crash_directory,
   return false;
 }
 
-void RecoverSession(const OrphanSession& orphan, const fs::Path& crash_directory) {
+void RecoverCompactSession(const OrphanSession& orphan, const RecoverySurroundings& surroundings) {
   const std::optional<ProcessKey> process = ProcessKeyOf(orphan.record);
   RecoveryClaim claim(orphan.directory, ClaimKind::kFolder);
   if (!claim.held() || !process) return;
@@ -94,8 +94,12 @@ void RecoverSession(const OrphanSession& orphan, const fs::Path& crash_directory
   if (TextIn(evidence, "event") != "clean_exit") {
     const std::string report_id = "compact_" + claim.OriginalName();
     const json manifest = BuildCompactManifest(
-        evidence, FindCheckpoint(claim.path(), crash_directory, *process), report_id);
-    if (!claim.StillHeld() || !QueueCompactReport(manifest, crash_directory, report_id)) return;
+        surroundings, evidence,
+        FindCheckpoint(claim.path(), surroundings.crash_directory, *process), report_id);
+    if (!claim.StillHeld() ||
+        !QueueCompactReport(manifest, surroundings.crash_directory, report_id)) {
+      return;
+    }
   }
   DeleteCompactSession(claim.path());
   claim.Consumed();
@@ -103,11 +107,11 @@ void RecoverSession(const OrphanSession& orphan, const fs::Path& crash_directory
 
 }  // namespace
 
-void RecoverCompactEvidence(const fs::Path& crash_directory) {
-  for (const OrphanSession& orphan : FinalizeOrphanSessions(crash_directory)) {
-    RunGuarded("compact recovery", [&] { RecoverSession(orphan, crash_directory); });
+void RecoverCompactEvidence(const RecoverySurroundings& surroundings) {
+  for (const OrphanSession& orphan : FinalizeOrphanSessions(surroundings.crash_directory)) {
+    RunGuarded("compact recovery", [&] { RecoverCompactSession(orphan, surroundings); });
   }
-  EnforceQueueRetention(crash_directory, UnixTimeMs());
+  EnforceQueueRetention(surroundings.crash_directory, UnixTimeMs());
 }
 
 }  // namespace zul

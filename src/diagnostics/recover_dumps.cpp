@@ -1,19 +1,17 @@
-// Crash dumps of the long-running application, which shares the crash folder; the updater itself
-// writes none.
+// The recovery of crash dumps.
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
-#include "core/logger.h"
+#include "core/file_layer.h"
 #include "core/system_error.h"
 #include "core/text.h"
-#include "diagnostics/diagnostic_names.h"
-#include "diagnostics/recovered_report.h"
-#include "diagnostics/report_manifest.h"
+#include "diagnostics/diagnostics_log.h"
+#include "diagnostics/recovery.h"
+#include "diagnostics/report_files.h"
 #include "diagnostics/report_text.h"
-#include "diagnostics/session_recovery.h"
 
 namespace zul {
 
@@ -23,12 +21,11 @@ using nlohmann::json;
 
 constexpr std::string_view kDumpSuffix = ".dmp";
 constexpr std::string_view kPartialDumpSuffix = ".dmp.partial";
-constexpr std::size_t kLogTailLines = 400;
 
-/// A dump by what its name and size say.
+/// A dump, as its name and size describe it.
 struct OrphanDump {
   fs::Path path;
-  fs::Path text_file;  ///< the report beside it, which marks it as seen
+  fs::Path text_file;  ///< the report text beside it, which marks it as reported
   std::uint64_t size_bytes = 0;
   bool partial = false;
 
@@ -77,20 +74,18 @@ std::vector<OrphanDump> ListDumps(const fs::Path& crash_directory) {
   return dumps;
 }
 
-std::string DumpReportText(const OrphanDump& dump) {
+std::string DumpReportText(const OrphanDump& dump, const LogTail& log) {
   std::string text = "QORVA recovered crash report";
   text += "\ntime_local=" + LocalTimeText();
   text += "\nreason=" + std::string(WordsOf(dump).text);
   text += "\ndump_size_bytes=" + std::to_string(dump.size_bytes);
-  text += "\nlog_path=" + GetLogger().CurrentPath();
+  text += "\nlog_path=" + log.path;
   text += "\n\n=== recent log tail ===\n";
-  for (const std::string& line : GetLogger().RecentLines(kLogTailLines)) {
-    text += ReportSentence(line) + "\n";
-  }
+  for (const std::string& line : log.lines) text += ReportSentence(line) + "\n";
   return text;
 }
 
-bool QueueDumpReport(const OrphanDump& dump) {
+bool QueueDumpReport(const OrphanDump& dump, const RecoverySurroundings& surroundings) {
   ReportRequest request;
   request.kind = dump.IsComplete() ? "crash" : "crash_capture_failed";
   request.reason = WordsOf(dump).reason;
@@ -101,31 +96,33 @@ bool QueueDumpReport(const OrphanDump& dump) {
   request.details = {{"recovered_orphan_dump", "true"},
                      {"partial_dump", dump.partial ? "true" : "false"},
                      {"dump_size_bytes", std::to_string(dump.size_bytes)}};
-  json manifest = BuildReportManifest(request);
-  manifest["details"]["dump"] = ArtifactMetadata(dump.path);
-  return WriteManifestFile(manifest, nullptr);
+  const ReportFacts facts = surroundings.facts(request);
+  json manifest = BuildReportManifest(request, facts);
+  manifest["details"]["dump"] = facts.artifacts["dump"];
+  return WriteManifestFile(surroundings.crash_directory, manifest, nullptr);
 }
 
-void RecoverDump(OrphanDump dump) {
+void RecoverDump(OrphanDump dump, const RecoverySurroundings& surroundings) {
   std::error_code ec;
   if (fs::KindOf(dump.text_file, fs::Links::kDoNotFollow, ec) != fs::EntryKind::kNotFound) return;
   dump.size_bytes = fs::SizeOf(dump.path, ec);
   if (ec) return LogDiagnosticsFailure("crash dump recovery", SystemErrorText(ec));
-  // Making the text file is also what claims the dump: one process only can make it.
-  if (!WriteReportText(dump.text_file, DumpReportText(dump), "recovered crash report")) return;
-  if (!QueueDumpReport(dump)) {
+  // The text file is also the claim to the dump: only one process can create it.
+  const std::string text = DumpReportText(dump, surroundings.log_tail());
+  if (!WriteReportText(dump.text_file, text, "recovered crash report")) return;
+  if (!QueueDumpReport(dump, surroundings)) {
     fs::Remove(dump.text_file, ec);
     return;
   }
-  GetLogger().Log(LogCategory::kDiagnostics, LogLevel::kInfo,
-                  "Diagnostics recovered orphan crash dump: ", PathToUtf8(dump.path.filename()));
+  LogDiagnostics(LogLevel::kInfo,
+                 "Diagnostics recovered orphan crash dump: ", PathToUtf8(dump.path.filename()));
 }
 
 }  // namespace
 
-void RecoverOrphanDumps(const fs::Path& crash_directory) {
-  for (OrphanDump& dump : ListDumps(crash_directory)) {
-    RunGuarded("crash dump recovery", [&] { RecoverDump(std::move(dump)); });
+void RecoverOrphanDumps(const RecoverySurroundings& surroundings) {
+  for (OrphanDump& dump : ListDumps(surroundings.crash_directory)) {
+    RunGuarded("crash dump recovery", [&] { RecoverDump(std::move(dump), surroundings); });
   }
 }
 

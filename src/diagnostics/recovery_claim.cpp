@@ -5,10 +5,11 @@
 #include <thread>
 
 #include "collector/process_life.h"
+#include "core/file_layer.h"
 #include "core/process_environment.h"
 #include "core/system_error.h"
 #include "core/text.h"
-#include "diagnostics/diagnostic_names.h"
+#include "diagnostics/diagnostics_log.h"
 
 namespace zul {
 
@@ -22,7 +23,7 @@ constexpr std::chrono::milliseconds kRenamePause{10};
 
 struct ClaimedNameParts {
   std::string original;
-  std::uint64_t pid = 0;  ///< 0 when nobody has claimed it
+  std::uint64_t pid = 0;  ///< of the claiming process; 0 without a claim
 };
 
 ClaimedNameParts SplitName(const std::string& name) {
@@ -50,7 +51,7 @@ RecoveryClaim::RecoveryClaim(const fs::Path& path, ClaimKind kind) {
   claimed_ = original_;
   claimed_ += std::string(kClaimMark) + std::to_string(own_pid);
   if (parts.pid == own_pid) {
-    held_ = true;  // of an earlier process of this id
+    held_ = true;  // an earlier process of the same id left it
     return;
   }
   if (parts.pid != 0 && IsProcessAlive({parts.pid, {}})) return;

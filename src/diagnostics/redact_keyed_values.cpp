@@ -1,11 +1,10 @@
-// The steps that know a private value by the word in front of it.
+// The steps that recognise a private value by the word before it.
 
 #include <array>
 #include <cstddef>
 #include <span>
 
 #include "diagnostics/byte_set.h"
-#include "diagnostics/redaction.h"
 #include "diagnostics/redaction_steps.h"
 
 namespace zul {
@@ -16,14 +15,14 @@ constexpr std::size_t kNone = std::string_view::npos;
 constexpr ByteSet kSecretEnd = kWhitespace.With(",;\"'");
 constexpr ByteSet kNameEnd("\r\n,;");
 
-/// A part of a text; empty means that there is none.
+/// A part of a text; an empty one means none.
 struct Range {
   std::size_t begin = 0;
   std::size_t end = 0;
 };
 
-/// Where a word of a vocabulary may begin, told by two letters: nearly every position of a text is
-/// out after one look.
+/// Where a word of a vocabulary may begin, decided by its first two letters. One table access rules
+/// out nearly every position of a text.
 class WordStarts {
  public:
   constexpr explicit WordStarts(std::span<const std::string_view> words) {
@@ -48,7 +47,7 @@ class WordStarts {
   std::array<bool, 1024> may_begin_{};
 };
 
-/// Words of at least two lower-case letters. `|` in a word stands for one of `separators` or
+/// Words of at least two lower-case letters. A `|` in a word matches one of `separators` or
 /// nothing.
 struct Vocabulary {
   constexpr Vocabulary(std::span<const std::string_view> all, std::string_view between)
@@ -59,7 +58,7 @@ struct Vocabulary {
   WordStarts starts;
 };
 
-/// Where `word` ends if it stands at `pos`.
+/// Where `word` ends when it begins at `pos`, else kNone.
 std::size_t AfterWord(std::string_view text, std::size_t pos, std::string_view word,
                       const ByteSet& separators) {
   for (const char expected : word) {
@@ -73,8 +72,9 @@ std::size_t AfterWord(std::string_view text, std::size_t pos, std::string_view w
   return pos;
 }
 
-/// Where the word that stands at `pos` ends. No word of a vocabulary begins with another one and
-/// goes on with what may follow that one, so the first whose `after` succeeds is the only one.
+/// What `after` gives for the end of the word that begins at `pos`, else kNone. No word of a
+/// vocabulary is another word followed by what may come after that word, so the first word for
+/// which `after` succeeds is the only one.
 template <typename After>
 std::size_t AfterAnyWord(std::string_view text, std::size_t pos, const Vocabulary& vocabulary,
                          After after) {
@@ -105,8 +105,8 @@ Range SecretAt(std::string_view text, std::size_t pos) {
   return pos == kNone ? Range{} : Range{pos, kSecretEnd.Find(text, pos)};
 }
 
-/// `find` tells the value whose introduction stands at a position; `starts` finds the positions
-/// that are worth a try.
+/// Replaces each value by `marker`. `starts` finds the positions to try; `find` gives the value
+/// whose introduction begins there.
 template <typename Starts, typename Find>
 std::string ReplaceValues(std::string_view text, const Starts& starts, std::string_view marker,
                           Find find) {
@@ -159,8 +159,8 @@ constexpr std::string_view kNameKeyWords[] = {"job|name",     "source|label",  "
                                               "operator|name"};
 constexpr Vocabulary kNameKeys(kNameKeyWords, "_ -");
 
-/// The name behind the assignment that follows a key at `pos`. Where nothing but blanks follows,
-/// the last of them that is no line end is the name.
+/// The name after the assignment at `pos`, which is the end of a key. If only blanks follow, the
+/// last of them that is no line end is the name, as the expression backtracks.
 Range NameAfterKey(std::string_view text, std::size_t pos) {
   const std::size_t sign = kWhitespace.Skip(text, pos);
   const std::size_t begin = AfterAssignment(text, pos);

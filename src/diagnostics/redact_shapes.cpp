@@ -1,9 +1,8 @@
-// The steps that know private text by its own shape.
+// The steps that recognise private text by its own form.
 
 #include <cstddef>
 
 #include "diagnostics/byte_set.h"
-#include "diagnostics/redaction.h"
 #include "diagnostics/redaction_steps.h"
 
 namespace zul {
@@ -21,13 +20,13 @@ constexpr ByteSet kAfterFileName = kWhitespace.With("\"'),;]}");
 
 constexpr std::string_view kUnixRoots[] = {"/Users/", "/home/", "/tmp/", "/var/folders/"};
 
-/// What artwork, print files and our own evidence are called, without the dot. A new format of the
-/// product is added here by hand.
+/// The extensions of artwork, print files and our own evidence, without the dot. A new file format
+/// of the product must be added here.
 constexpr std::string_view kExtensions[] = {"png", "jpg", "jpeg", "tif", "tiff", "pdf",     "zip",
                                             "prt", "prn", "txt",  "log", "dmp",  "zulcolor"};
 
-/// Where the scheme of the first URL from `pos` on stands: its "://" is found first, since that is
-/// rare, and what stands before it decides.
+/// The position of the first URL from `pos` on. Searches for "://", which is rare, and then
+/// compares the text before it with the schemes.
 std::size_t FindUrl(std::string_view text, std::size_t pos) {
   for (std::size_t mark = text.find("://", pos); mark != kNone; mark = text.find("://", mark + 3)) {
     for (const std::string_view scheme : {std::string_view("https"), std::string_view("http")}) {
@@ -40,7 +39,8 @@ std::size_t FindUrl(std::string_view text, std::size_t pos) {
   return kNone;
 }
 
-/// Where the domain that begins at `begin` ends: behind the last label that can be a top-level one.
+/// The end of the domain that begins at `begin`: after its last label that can be a top-level
+/// domain.
 std::size_t MailDomainEnd(std::string_view text, std::size_t begin) {
   std::size_t letters = 0;
   for (std::size_t i = kMailDomain.Skip(text, begin); i > begin + 1; --i) {
@@ -64,7 +64,7 @@ bool PathStartsAt(std::string_view text, std::size_t pos) {
          kAsciiLetters.Has(rest[0]) && (pos == 0 || !kBeforeNoDrive.Has(text[pos - 1]));
 }
 
-/// Where the listed extension behind the dot at `dot` ends when a file name can end there.
+/// The end of the listed extension after the dot at `dot`, if a file name can end there.
 std::size_t AfterExtension(std::string_view text, std::size_t dot) {
   const std::string_view rest = text.substr(dot + 1);
   for (const std::string_view extension : kExtensions) {
@@ -127,8 +127,8 @@ std::string RedactPaths(std::string_view text) {
 std::string RedactFileNames(std::string_view text) {
   std::string out;
   out.reserve(text.size());
-  std::size_t name = 0;  // where the name that is being copied begins in `out`
-  bool in_url = false;   // the word that is being copied holds "://"
+  std::size_t name = 0;  // where the current name begins in `out`
+  bool in_url = false;   // the current word contains "://"
   for (std::size_t pos = 0; pos < text.size();) {
     const char c = text[pos];
     if (c == '.' && !in_url && out.size() > name) {

@@ -5,8 +5,8 @@
 namespace zul {
 
 std::string RedactSupportText(std::string_view text) {
-  // The order matters: a query is gone before its parameters look like secrets, and a name ends
-  // where a path begins only because names come first.
+  // The order matters: queries go before their parameters can look like secrets, and names go
+  // before paths, because a name may contain a path.
   std::string redacted = StripUrlQueries(text);
   redacted = RedactEmails(redacted);
   redacted = RedactAuthorization(redacted);

@@ -1,17 +1,11 @@
 #include "diagnostics/report_manifest.h"
 
-#include <atomic>
-#include <cstdint>
+#include <vector>
 
-#include "core/file_ops.h"
-#include "core/logger.h"
-#include "core/system_error.h"
-#include "core/text.h"
-#include "diagnostics/diagnostic_names.h"
-#include "diagnostics/diagnostics.h"
+#include "diagnostics/json_file.h"
 #include "diagnostics/redaction.h"
+#include "diagnostics/redaction_steps.h"
 #include "diagnostics/report_text.h"
-#include "diagnostics/report_upload.h"
 
 namespace zul {
 
@@ -19,37 +13,9 @@ namespace {
 
 using nlohmann::json;
 
-constexpr std::size_t kReportTextBytesMax = 131072;
-// Two processes may choose one name in the same second.
-constexpr int kNameAttempts = 1000;
-
-/// The start of a file; empty when it is absent or cannot be read, which the log says of the
-/// latter.
-std::string ReadTextPrefix(const fs::Path& path) {
-  if (path.empty()) return {};
-  std::string text;
-  std::error_code ec;
-  fs::File file = fs::OpenForRead(path, ec);
-  if (ec) {
-    if (!IsNotFoundError(ec)) LogDiagnosticsFailure("read text prefix", SystemErrorText(ec));
-    return {};
-  }
-  text.resize(kReportTextBytesMax);
-  std::size_t filled = 0;
-  std::size_t read = 1;
-  while (filled < text.size() && read > 0) {
-    if (!file.Read(text.data() + filled, text.size() - filled, &read, ec)) {
-      LogDiagnosticsFailure("read text prefix", SystemErrorText(ec));
-      break;
-    }
-    filled += read;
-  }
-  text.resize(filled);
-  // Half a line is half an event, and may be half a secret that no rule knows any more.
-  const std::size_t last_end = text.rfind('\n');
-  if (filled == kReportTextBytesMax && last_end != std::string::npos) text.resize(last_end + 1);
-  return text;
-}
+/// Older versions described paths by hashes, which identify a machine.
+constexpr std::string_view kHashKeys[] = {"path_hash", "filename_hash", "install_dir_hash"};
+constexpr std::string_view kHashMarker = "[redacted-path:";
 
 json Details(const DiagnosticFields& fields) {
   json details = json::object();
@@ -62,7 +28,6 @@ json Details(const DiagnosticFields& fields) {
 json UploadContract(bool log_tail_approved) {
   return {{"action_id", "diagnostics.upload"},
           {"redaction_policy", kRedactionPolicy},
-          {"what_uploaded", UploadedParts(json::object())},
           {"source_artwork_uploaded", false},
           {"dump_uploaded", false},
           {"raw_recent_log_tail_uploaded", false},
@@ -76,34 +41,81 @@ json Privacy(bool log_tail_approved) {
           {"user_approved_redacted_log_tail_uploaded", log_tail_approved}};
 }
 
-std::string NewManifestName(const json& manifest) {
-  static std::atomic<std::uint64_t> counter{0};
-  const auto kind = manifest.find("kind");
-  const std::string word =
-      kind != manifest.end() && kind->is_string() ? kind->get<std::string>() : std::string();
-  return "qorva_" + SanitizeIdentifier(word) + "_" + LocalTimeForNames() + "_" +
-         std::to_string(++counter) + ".json";
+void DropHashesFromMarkers(std::string* text) {
+  std::string out;
+  std::size_t copied = 0;
+  for (std::size_t marker = text->find(kHashMarker); marker != std::string::npos;
+       marker = text->find(kHashMarker, copied)) {
+    const std::size_t end = text->find(']', marker);
+    if (end == std::string::npos) break;
+    out.append(*text, copied, marker - copied).append(kRedactedPath);
+    copied = end + 1;
+  }
+  if (copied != 0) *text = out.append(*text, copied);
 }
 
-void Enqueue(const ReportRequest& request) {
-  std::string file_name;
-  if (!WriteManifestFile(BuildReportManifest(request), &file_name)) return;
-  if (request.kind == "crash") return;  // sent by the start that recovered it
-  GetLogger().Log(LogCategory::kDiagnostics, LogLevel::kInfo,
-                  "Diagnostics report queued: ", file_name);
-  if (GetDiagnosticsState().upload_enabled) {
-    StartUploadWorker();
-    return;
+/// Without recursion, so that no depth of nesting exhausts the stack.
+void DropStableIdentifiers(json* manifest) {
+  std::vector<json*> pending = {manifest};
+  while (!pending.empty()) {
+    json& value = *pending.back();
+    pending.pop_back();
+    if (value.is_string()) DropHashesFromMarkers(value.get_ptr<std::string*>());
+    if (value.is_object()) {
+      for (const std::string_view key : kHashKeys) value.erase(key);
+    }
+    if (!value.is_structured()) continue;
+    for (json& member : value) pending.push_back(&member);
   }
-  GetLogger().Log(LogCategory::kDiagnostics, LogLevel::kInfo,
-                  "Diagnostics server upload is disabled for this isolated process; report "
-                  "retained locally.");
 }
 
 }  // namespace
 
-fs::Path PendingReportsDirectory(const fs::Path& crash_directory) {
-  return crash_directory / "pending_reports";
+json BuildReportManifest(const ReportRequest& request, const ReportFacts& facts) {
+  const bool approved = request.user_approved_redacted_log_tail;
+  json manifest = {{"schema_name", "qorva.diagnostics.report"},
+                   {"schema_version", 2},
+                   {"payload_kind", "diagnostics_manifest"},
+                   {"kind", request.kind.empty() ? "unknown" : request.kind},
+                   {"reason", ReportSentence(request.reason)},
+                   {"created_at_local", facts.created_at_local},
+                   {"app", facts.app},
+                   {"privacy", Privacy(approved)},
+                   {"artifacts", facts.artifacts},
+                   {"report_text", ReportText(facts.report_file_text, approved)},
+                   {"details", Details(request.details)},
+                   {"breadcrumbs", facts.breadcrumbs},
+                   {"upload_contract", UploadContract(approved)}};
+  if (!request.client_report_id.empty()) {
+    manifest["client_report_id"] = SanitizeIdentifier(request.client_report_id);
+  }
+  FinishManifest(&manifest);
+  return manifest;
+}
+
+void FinishManifest(json* manifest) {
+  (*ObjectIn(manifest, "upload_contract"))["what_uploaded"] = UploadedParts(*manifest);
+  NormalizeManifestPrivacy(manifest);
+}
+
+void NormalizeManifestPrivacy(json* manifest) {
+  if (!manifest->is_object()) *manifest = json::object();
+  DropStableIdentifiers(manifest);
+  (*manifest)["privacy_schema_version"] = 2;
+  json& privacy = *ObjectIn(manifest, "privacy");
+  for (const char* flag :
+       {"source_artwork_uploaded", "dump_uploaded", "raw_recent_log_tail_uploaded",
+        "user_approved_redacted_log_tail_uploaded"}) {
+    if (!privacy.contains(flag)) privacy[flag] = false;
+  }
+  if (!privacy.contains("report_text_policy")) {
+    privacy["report_text_policy"] = "log_tail_omitted_by_default";
+  }
+  privacy["paths"] = "redacted";
+  privacy["path_identifier_policy"] = "omitted";
+  privacy["legacy_stable_path_hashes"] = "removed";
+  privacy["local_machine_ids"] = "omitted";
+  privacy["redaction_policy"] = kRedactionPolicy;
 }
 
 json UploadedParts(const json& manifest) {
@@ -112,65 +124,6 @@ json UploadedParts(const json& manifest) {
   if (manifest.contains(kCompactEvidenceKey)) parts.push_back(kCompactEvidenceKey);
   if (manifest.contains(kPreviousForensicsKey)) parts.push_back("last_session_forensics");
   return parts;
-}
-
-json BuildReportManifest(const ReportRequest& request) {
-  const bool approved = request.user_approved_redacted_log_tail;
-  const fs::Path log = PathOrEmpty(GetDiagnosticsState().log_file_path);
-  json manifest = {{"schema_name", "qorva.diagnostics.report"},
-                   {"schema_version", 2},
-                   {"payload_kind", "diagnostics_manifest"},
-                   {"kind", request.kind.empty() ? "unknown" : request.kind},
-                   {"reason", ReportSentence(request.reason)},
-                   {"created_at_local", LocalTimeText()},
-                   {"app", AppObject()},
-                   {"privacy", Privacy(approved)},
-                   {"artifacts",
-                    {{"report", ArtifactMetadata(request.report_file)},
-                     {"dump", ArtifactMetadata(request.dump_file)},
-                     {"log", ArtifactMetadata(log)}}},
-                   {"report_text", ReportText(ReadTextPrefix(request.report_file), approved)},
-                   {"details", Details(request.details)},
-                   {"breadcrumbs", SessionBreadcrumbs()},
-                   {"upload_contract", UploadContract(approved)}};
-  if (!request.client_report_id.empty()) {
-    manifest["client_report_id"] = SanitizeIdentifier(request.client_report_id);
-  }
-  NormalizeManifestPrivacy(&manifest);
-  return manifest;
-}
-
-bool WriteManifestFile(const json& manifest, std::string* file_name) {
-  const fs::Path crash_directory = PathOrEmpty(GetDiagnosticsState().crash_directory);
-  const fs::Path queue = PendingReportsDirectory(crash_directory);
-  std::error_code ec;
-  if (crash_directory.empty() || !fs::CreateDirectories(queue, ec)) {
-    LogDiagnosticsFailure("manifest queue directory create",
-                          crash_directory.empty() ? "no crash folder" : SystemErrorText(ec));
-    return false;
-  }
-  const std::string text = manifest.dump(2, ' ', false, json::error_handler_t::replace);
-  FileOpResult written;
-  for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
-    std::string name = NewManifestName(manifest);
-    written = PublishNewFile(queue / name, text, {});
-    if (written.ok && file_name != nullptr) *file_name = std::move(name);
-    if (written.status != kFileOpTargetExists) break;
-  }
-  if (written.ok) return true;
-  const bool opened = written.status != kFileOpTempNotCreated &&
-                      written.status != kFileOpPermissionDenied &&
-                      written.status != kFileOpParentNotCreated;
-  if (opened) {
-    LogDiagnosticsFailure("manifest file write", "stream write failed");
-  } else {
-    LogDiagnosticsFailure("manifest file open", "stream open failed");
-  }
-  return false;
-}
-
-void EnqueueReport(const ReportRequest& request) {
-  RunGuarded("enqueue report", [&] { Enqueue(request); });
 }
 
 }  // namespace zul

@@ -1,51 +1,57 @@
 #pragma once
 
 // A report: one JSON file in the pending queue, the only thing that ever leaves the machine. It
-// says what happened, with what build, and what was and was not uploaded. Files on disk (dumps,
-// logs) are described, not included. docs/formats/report.md has the keys.
+// says what happened, in which build, and what was and was not uploaded. It describes files on disk
+// (dumps, logs) without their contents. docs/formats/report.md lists the keys.
+//
+// The functions here depend on their arguments alone: no disk, no clock, no state of the process.
 
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 
-#include "core/file_layer.h"
-#include "diagnostics/session_checkpoint.h"
+#include "core/path.h"
+#include "diagnostics/field_text.h"
 
 namespace zul {
 
+/// What a report is about. Texts are UTF-8.
 struct ReportRequest {
-  std::string kind;              ///< a short word
-  std::string reason;            ///< a sentence, UTF-8
+  std::string kind;              ///< a short word; empty means "unknown"
+  std::string reason;            ///< a sentence
   std::string client_report_id;  ///< may be empty
-  fs::Path report_file;          ///< its text goes into the report, redacted; may be empty
+  fs::Path report_file;          ///< its text becomes part of the report; may be empty
   fs::Path dump_file;            ///< described only; may be empty
   DiagnosticFields details;
   bool user_approved_redacted_log_tail = false;
 };
 
-/// The keys of what recovery adds to a manifest, each announced in `upload_contract.what_uploaded`.
+/// What a report contains besides its request.
+struct ReportFacts {
+  std::string created_at_local;  ///< as LocalTimeText gives it
+  nlohmann::json app;            ///< build and process, an object
+  nlohmann::json breadcrumbs;    ///< of a session, an array
+  nlohmann::json artifacts;      ///< `report`, `dump` and `log`, each as ArtifactMetadata gives it
+  std::string report_file_text;  ///< as ReadReportText gives it; neither cut nor redacted yet
+};
+
+/// The keys of what recovery adds to a manifest.
 inline constexpr std::string_view kCompactEvidenceKey = "compact_process_evidence";
 inline constexpr std::string_view kPreviousForensicsKey = "previous_session_forensics";
 
-/// <crash folder>/pending_reports.
-[[nodiscard]] fs::Path PendingReportsDirectory(const fs::Path& crash_directory);
+/// The manifest, finished.
+[[nodiscard]] nlohmann::json BuildReportManifest(const ReportRequest& request,
+                                                 const ReportFacts& facts);
 
-/// The manifest, normalised.
-[[nodiscard]] nlohmann::json BuildReportManifest(const ReportRequest& request);
+/// To be called after an addition to a manifest: lists what an upload carries in
+/// `upload_contract.what_uploaded`, and normalises the manifest.
+void FinishManifest(nlohmann::json* manifest);
 
-/// The last step of every build and every rewrite: identifiers that older versions wrote go, at any
-/// depth, and the privacy promises stand. What is no object becomes one.
+/// The last step of every build and every rewrite: removes, at any depth, the identifiers that
+/// older versions wrote, and sets the promises on privacy. Anything but an object becomes one.
 void NormalizeManifestPrivacy(nlohmann::json* manifest);
 
-/// What an upload of the manifest carries, for `upload_contract.what_uploaded`.
+/// The words for what an upload of the manifest carries.
 [[nodiscard]] nlohmann::json UploadedParts(const nlohmann::json& manifest);
-
-/// Writes the manifest under a new name into the queue of this process's crash folder. `file_name`
-/// (may be null) gets the name. A reader finds the file whole or not at all.
-[[nodiscard]] bool WriteManifestFile(const nlohmann::json& manifest, std::string* file_name);
-
-/// Builds and writes a report and, unless it is a crash, starts the upload. From any thread; never
-/// throws, a failure is a log line.
-void EnqueueReport(const ReportRequest& request);
 
 }  // namespace zul

@@ -25,14 +25,14 @@ constexpr ByteSet kAfterQuote = kWhitespace.With(",.;:)]");
 constexpr std::string_view kLogTailMark = "=== recent log tail ===";
 constexpr std::string_view kLogTailOmitted =
     "[recent log tail omitted from automatic diagnostics upload]\n";
-/// The failure texts that end in names from the command line, unquoted.
+/// The beginnings of failure texts that end with unquoted file names from the command line.
 constexpr std::string_view kNameAnnouncements[] = {
     "required file name is unsafe: ", "required file name is duplicated: ",
     "Required files are missing: "};
-/// Behind an unquoted path, where a failure text goes on.
+/// What continues a failure text after an unquoted path.
 constexpr std::string_view kCodeOfFailure = " (code=";
 
-/// Fields of the trace and of reports that hold a path and nothing else.
+/// Fields of the trace and of reports whose value is one path.
 constexpr std::string_view kPathKeys[] = {"backup_root",
                                           "installed_helper",
                                           "isolated_helper",
@@ -48,7 +48,7 @@ constexpr std::string_view kPathKeys[] = {"backup_root",
                                           "target",
                                           "target_dir",
                                           "trace_log_path"};
-/// Quoted values of failure texts that are no paths.
+/// What precedes the quoted values that are no paths.
 constexpr std::string_view kKeptQuotes[] = {"message=", "name=", "owner_query=", "service="};
 
 std::string WithholdText(std::string_view text);
@@ -71,8 +71,9 @@ bool StaysQuoted(std::string_view before) {
                      [&](std::string_view key) { return before.ends_with(key); });
 }
 
-/// The quote that closes the value from `pos` on. A path may hold quotes itself: what follows the
-/// right one, up to the next, cannot be the rest of a path. A value that stays ends at the first.
+/// The quote that closes the value that begins at `pos`. A path may contain quotes itself, so a
+/// quote closes one only if the text up to the next quote has no `\`. A value that stays ends at
+/// the first quote that may close it.
 std::size_t ClosingQuote(std::string_view text, std::size_t pos, bool stays) {
   for (std::size_t quote = text.find('\'', pos); quote != kNone;) {
     const std::size_t next = text.find('\'', quote + 1);
@@ -87,7 +88,7 @@ std::size_t ClosingQuote(std::string_view text, std::size_t pos, bool stays) {
 std::string WithholdSingleQuoted(std::string_view text) {
   std::string out;
   std::size_t copied = 0;
-  bool staying_can_close = true;  // what does not close one does not close a later one either
+  bool staying_can_close = true;  // if one such value has no closing quote, a later one has none
   for (std::size_t open = OpeningQuote(text, 0); open != kNone;) {
     const bool stays = StaysQuoted(text.substr(copied, open - copied));
     const std::size_t close =
@@ -104,7 +105,8 @@ std::string WithholdSingleQuoted(std::string_view text) {
   return out.append(text.substr(copied));
 }
 
-/// Paths that stand in a line without quotes end where nobody can tell, so the line ends with them.
+/// The end of a path without quotes is unknown, so the path is taken to reach the end of its line
+/// or the code of the failure.
 std::string WithholdUnquotedPaths(std::string_view line) {
   std::string out;
   std::size_t copied = 0;
@@ -116,8 +118,8 @@ std::string WithholdUnquotedPaths(std::string_view line) {
   return out.append(line.substr(copied));
 }
 
-/// The key of `key="value"` or `"key": "value"` whose value's quote stands at `quote`; nothing when
-/// none stands before it.
+/// The key of `key="value"` or `"key": "value"`, where `quote` is the position of the value's
+/// opening quote; empty when there is no key.
 std::string_view KeyBefore(std::string_view text, std::size_t quote) {
   const auto skip_blanks = [&](std::size_t end) {
     while (end > 0 && kWhitespace.Has(text[end - 1])) --end;
@@ -132,13 +134,13 @@ std::string_view KeyBefore(std::string_view text, std::size_t quote) {
   return text.substr(begin, end - begin);
 }
 
-/// The quote that ends the string whose contents begin at `pos`.
+/// The closing quote of the string whose contents begin at `pos`.
 std::size_t StringEnd(std::string_view text, std::size_t pos) {
   while ((pos = text.find_first_of("\"\\", pos)) != kNone && text[pos] == '\\') pos += 2;
   return pos;
 }
 
-/// The marker that takes the place of any value of such a key; empty when its values may stay.
+/// The marker for every value of a key that names a secret or a person; empty for another key.
 std::string MarkerOfKey(std::string_view key) {
   const std::string pair = std::string(key) + "=x";
   const std::string redacted = RedactKeyedNames(RedactKeyedSecrets(pair));
@@ -148,7 +150,8 @@ std::string MarkerOfKey(std::string_view key) {
   return same_key ? redacted.substr(key.size() + 1) : std::string(kRedactedToken);
 }
 
-/// The contents of a string between its quotes for a report, in the form that they had.
+/// A string for a report, with its quotes. `contents` is escaped as in JSON or not at all, and so
+/// is the result.
 std::string WithholdString(std::string_view key, std::string_view contents) {
   std::string quoted = "\"";
   quoted.append(contents).append("\"");
@@ -166,7 +169,7 @@ std::string WithholdPlain(std::string_view text) {
 std::string WithholdLine(std::string_view line) {
   for (const std::string_view announcement : kNameAnnouncements) {
     const std::size_t found = line.find(announcement);
-    if (found == kNone || line.starts_with('{')) continue;  // in an object the value ends it
+    if (found == kNone || line.starts_with('{')) continue;  // in JSON the names end with the string
     std::string out = WithholdLine(line.substr(0, found));
     return out.append(announcement).append(kRedactedFilename);
   }
@@ -180,7 +183,7 @@ std::string WithholdLine(std::string_view line) {
     }
     const std::size_t end = StringEnd(line, quote + 1);
     out += WithholdPlain(line.substr(copied, quote - copied));
-    // A value whose end was cut off is half an escape at worst, and private at best.
+    // A value that was cut off may be private, or end within an escape.
     if (end == kNone) return out.append("\"");
     out += WithholdString(key, line.substr(quote + 1, end - quote - 1));
     copied = quote = end + 1;
@@ -205,7 +208,7 @@ int HexDigit(char c) {
   return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
 }
 
-/// RFC 3986, section 2.1; what is not an escape stays.
+/// Decodes the escapes of RFC 3986, section 2.1. Anything else stays.
 std::string PercentDecode(std::string_view text) {
   std::string decoded;
   for (std::size_t i = 0; i < text.size(); ++i) {
@@ -239,9 +242,8 @@ std::string ReportField(std::string_view key, std::string_view value) {
   if (value.empty()) return {};
   if (Contains(kPathKeys, key)) return std::string(kRedactedPath);
   if (key == "url" || key.ends_with("_url")) return ReportUrl(value);
-  // A key that makes any value private does so for the whole of it.
   if (std::string marker = MarkerOfKey(key); !marker.empty()) return marker;
-  if (kKeyBytes.Skip(value, 0) == value.size()) return std::string(value);  // a mere word
+  if (kKeyBytes.Skip(value, 0) == value.size()) return std::string(value);  // one word
   return SanitizeStateValue(key, WithholdText(value));
 }
 

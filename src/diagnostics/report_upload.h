@@ -1,10 +1,9 @@
 #pragma once
 
-// Posting the queued reports to the report origins, in the background. A delivered report goes
-// away; another stays, with a bounded record of its attempts, for the next process.
+// Posting the queued reports to the report origins. A delivered report is deleted. Any other report
+// stays in the queue, with a bounded record of its attempts, for the next process.
 
 #include <atomic>
-#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <set>
@@ -18,27 +17,19 @@ namespace zul {
 /// Sends one request and waits for the response; `net::SendHttpRequest` in the product.
 using ReportSender = std::function<net::HttpResponse(const net::HttpRequest&)>;
 
-/// The names of the reports that a process has taken up. Each gets one pass a process.
+/// The file names of the reports that this process has tried. Each is tried once per process.
 using TriedReports = std::set<std::string>;
 
-/// One process takes up this many reports.
+/// The most reports that one process tries.
 inline constexpr std::size_t kReportsPerProcess = 25;
 
-/// Starts the one worker of this process. One that runs already looks at the queue once more when
-/// it is through.
-void StartUploadWorker();
-
-/// Waits for the worker up to `timeout`, then cancels and joins it; the join is bounded by the
-/// time-outs of the request in flight.
-void StopUploadWorker(std::chrono::milliseconds timeout);
-
-/// Sends the reports of the queue that were not tried yet, by name, until `cancel` is set or the
-/// process has taken up its share.
+/// Uploads the reports in `queue` that were not tried yet, in the order of their names. Ends when
+/// `cancel` is set or the process has tried kReportsPerProcess reports. Blocks for the requests.
 void DrainReportQueue(const fs::Path& queue, const std::atomic<bool>& cancel,
                       const ReportSender& send, TriedReports* tried);
 
-/// One pass of one report over the origins. `cancel` counts before each origin, never during a
-/// request.
+/// Offers one report to each origin in turn until one accepts it. `cancel` is read before each
+/// origin, never during a request.
 void UploadOneReport(const fs::Path& report, const std::atomic<bool>& cancel,
                      const ReportSender& send);
 

@@ -1,49 +1,43 @@
 #pragma once
 
-// What this process was last known to be doing, in a small file on disk. A process that ends
-// cleanly deletes it; a file that outlives its process says that the process died. A second,
-// bounded copy goes into the process's compact session folder, beside the observer's records.
+// The session of this process: a small file that says what the process was last known to be doing.
+// A process that ends cleanly deletes its file; a file without a living process shows that the
+// process died. The process's evidence folder, if there is one, holds a bounded copy beside the
+// observer's records. docs/formats/session.md lists the keys.
 //
-// Nothing here fails to its caller otherwise than by what it returns, and nothing throws.
-// docs/formats/session.md has the keys.
+// A process has no session, one session with any number of checkpoints, and none again after its
+// end. A process that dies leaves its last checkpoint. No function throws; failures are logged.
 
-#include <nlohmann/json_fwd.hpp>
+#include <functional>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
-#include <utility>
-#include <vector>
 
-#include "core/file_layer.h"
+#include "core/path.h"
+#include "diagnostics/field_text.h"
 
 namespace zul {
 
-/// Ordered keys and values, UTF-8.
-using DiagnosticFields = std::vector<std::pair<std::string, std::string>>;
-
-/// The folder of all session files in a crash folder.
+/// The folder of the session files in a crash folder.
 [[nodiscard]] fs::Path SessionStateDirectory(const fs::Path& crash_directory);
 
-/// Begins the session and writes its first checkpoint. Nothing without a crash folder or while a
-/// session is active.
-void StartSession();
+/// Begins the session and writes its first checkpoint. `describe_app` gives the `app` object of
+/// each checkpoint. Does nothing for an empty crash folder or while a session is active.
+void StartSession(const fs::Path& crash_directory, std::function<nlohmann::json()> describe_app);
 
-/// Adds a step to the session's ring of 64, sanitised and bounded; a repeat of the newest is not
-/// added. From any thread; nothing without a session.
+/// Adds a step, sanitised and bounded, to the latest 64 of the session. Ignores a repeat of the
+/// newest step, and any step without a session. Thread-safe.
 void AddBreadcrumb(std::string event, DiagnosticFields fields);
 
-/// Writes the checkpoint when it is due, or at once when `force`. False only when the session file
-/// could not be written; true without a session. From one thread at a time.
-bool WriteSessionCheckpoint(bool force);
+/// Writes a checkpoint. False only when the session file could not be written; the old file then
+/// stays. True without a session. For one thread at a time; blocks for the disk.
+bool WriteSessionCheckpoint();
 
-/// Writes a last checkpoint with the reason ("clean_shutdown" when absent) and deletes the session
-/// file.
+/// Ends the session: writes a last checkpoint with the reason ("clean_shutdown" by default), and
+/// deletes the session file. Does nothing without a session.
 void FinishDiagnosticsSession(const std::optional<std::string>& reason);
 
-/// The breadcrumbs of the active session as an array for a report, oldest first.
+/// The steps of the active session as the `breadcrumbs` of a report, oldest first. Thread-safe.
 [[nodiscard]] nlohmann::json SessionBreadcrumbs();
-
-/// The `app` object of sessions and reports: build, collector state, and what there is of the
-/// executable and the log, never their paths.
-[[nodiscard]] nlohmann::json AppObject();
 
 }  // namespace zul

@@ -1,13 +1,14 @@
 #include "diagnostics/upload_record.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <limits>
 
 #include "collector/evidence_sanitizer.h"
 #include "core/deployment.h"
 #include "core/error_catalogue.h"
-#include "diagnostics/diagnostic_names.h"
-#include "diagnostics/hostile_json.h"
+#include "diagnostics/field_text.h"
+#include "diagnostics/json_file.h"
 #include "diagnostics/redaction.h"
 #include "diagnostics/report_manifest.h"
 
@@ -22,31 +23,26 @@ constexpr char kAttempts[] = "upload_attempts";
 constexpr char kOmitted[] = "older_upload_attempts_omitted";
 constexpr char kContract[] = "upload_contract";
 
-/// The attempts, oldest first; something else in their place gives way.
-json& AttemptsOf(json& manifest) {
-  json& attempts = manifest[kAttempts];
+/// The attempts, oldest first. Anything but an array is replaced by an empty one.
+json* AttemptsOf(json* manifest) {
+  json& attempts = (*manifest)[kAttempts];
   if (!attempts.is_array()) attempts = json::array();
-  return attempts;
+  return &attempts;
 }
 
-json& ContractOf(json& manifest) {
-  json& contract = manifest[kContract];
-  if (!contract.is_object()) contract = json::object();
-  return contract;
-}
-
-void BoundAttempts(json& manifest) {
-  json& attempts = AttemptsOf(manifest);
+void BoundAttempts(json* manifest) {
+  json& attempts = *AttemptsOf(manifest);
   if (attempts.size() <= kUploadAttemptsMax) return;
   const std::size_t excess = attempts.size() - kUploadAttemptsMax;
   attempts.erase(attempts.begin(), attempts.begin() + static_cast<std::ptrdiff_t>(excess));
-  const std::uint64_t before = NumberIn(manifest, kOmitted);
+  const std::uint64_t before = NumberIn(*manifest, kOmitted);
   const std::uint64_t room = std::numeric_limits<std::uint64_t>::max() - before;
-  manifest[kOmitted] = before + std::min<std::uint64_t>(excess, room);
+  (*manifest)[kOmitted] = before + std::min<std::uint64_t>(excess, room);
 }
 
-/// The size of a text in which one digit stands for a number that says this very size.
-std::size_t SizeThatSaysItself(std::size_t size_with_one_digit) {
+/// The size of a document that contains its own size as a decimal number, computed from its size
+/// with a number of one digit. Each further digit makes the document one byte longer.
+std::size_t SizeWithOwnSize(std::size_t size_with_one_digit) {
   std::size_t digits = 1;
   while (std::to_string(size_with_one_digit - 1 + digits).size() > digits) ++digits;
   return size_with_one_digit - 1 + digits;
@@ -62,26 +58,24 @@ std::string_view OriginRole(std::string_view origin) {
 }
 
 void PrepareForUpload(json* manifest, std::string_view correlation_id) {
-  json& report = *manifest;
-  report["upload_attempted_at_local"] = LocalTimeText();
-  if (const auto evidence = report.find(kCompactEvidenceKey); evidence != report.end()) {
+  (*manifest)["upload_attempted_at_local"] = LocalTimeText();
+  if (const auto evidence = manifest->find(kCompactEvidenceKey); evidence != manifest->end()) {
     *evidence = SanitizeEvidenceRecord(*evidence);
   }
-  BoundAttempts(report);
-  json& contract = ContractOf(report);
+  BoundAttempts(manifest);
+  json& contract = *ObjectIn(manifest, kContract);
   contract["action_id"] = kActionId;
   contract["correlation_id"] = correlation_id;
   contract["redaction_policy"] = kRedactionPolicy;
-  contract["what_uploaded"] = UploadedParts(report);
   for (const char* flag :
        {"source_artwork_uploaded", "dump_uploaded", "raw_recent_log_tail_uploaded"}) {
     contract[flag] = false;
   }
-  NormalizeManifestPrivacy(manifest);
+  FinishManifest(manifest);
 }
 
 void BeginAttempt(json* manifest, std::string_view origin, std::string_view correlation_id) {
-  AttemptsOf(*manifest).push_back({{"attempted_at_local", LocalTimeText()},
+  AttemptsOf(manifest)->push_back({{"attempted_at_local", LocalTimeText()},
                                    {"action_id", kActionId},
                                    {"correlation_id", correlation_id},
                                    {"origin_role", OriginRole(origin)},
@@ -90,9 +84,9 @@ void BeginAttempt(json* manifest, std::string_view origin, std::string_view corr
                                    {"result", "attempting"},
                                    {"payload_size_bytes", 0},
                                    {"redaction_policy", kRedactionPolicy}});
-  BoundAttempts(*manifest);
+  BoundAttempts(manifest);
   (*manifest)[kAttempts].back()["payload_size_bytes"] =
-      SizeThatSaysItself(UploadPayload(*manifest).size());
+      SizeWithOwnSize(UploadPayload(*manifest).size());
 }
 
 bool IsDelivered(const net::HttpResponse& response) {
@@ -121,11 +115,11 @@ void EndAttempt(json* manifest, const net::HttpResponse& response) {
 void MarkCancelled(json* manifest) {
   (*manifest)["last_upload_status"] = "cancelled";
   (*manifest)["last_upload_error_id"] = RecoveryFlowErrorId(kRecoveryFlowDiagnostics);
-  ContractOf(*manifest)["result"] = "cancelled";
+  (*ObjectIn(manifest, kContract))["result"] = "cancelled";
 }
 
 void MarkFailed(json* manifest) {
-  ContractOf(*manifest)["result"] = "failed";
+  (*ObjectIn(manifest, kContract))["result"] = "failed";
 }
 
 std::string UploadPayload(const json& manifest) {

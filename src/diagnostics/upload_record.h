@@ -1,13 +1,12 @@
 #pragma once
 
-// What a manifest says about its own upload: pure edits of the JSON, so that what is on disk at any
-// moment tells how far the upload came. Inside the room only.
+// What a manifest says about its own upload. These functions only edit the JSON; the caller writes
+// it to disk after each, so that the file always says how far the upload came.
 //
-// An attempt is "attempting" from before it is sent until its result is known; one that is still
-// so in the queue belongs to a process that is at it or died in it.
+// An attempt is "attempting" from before the request until its result is known. An attempt that is
+// still "attempting" in the queue is in progress in another process, or its process died.
 
 #include <cstddef>
-#include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
@@ -16,35 +15,37 @@
 
 namespace zul {
 
-/// Older attempts are counted and dropped.
+/// A manifest keeps this many attempts; older ones are counted and dropped.
 inline constexpr std::size_t kUploadAttemptsMax = 8;
 
+/// The path of the endpoint at each origin.
 inline constexpr std::string_view kReportPath = "/v1/diagnostics/report";
 
-/// The word for an origin: of the first host word that stands in it, else "unknown".
+/// The role word of an origin: that of the first host word that it contains, else "unknown".
 [[nodiscard]] std::string_view OriginRole(std::string_view origin);
 
-/// Makes a manifest from the queue fit to be sent, whoever has edited it meanwhile: evidence is
-/// sanitised again, the contract and the privacy promises stand, attempts are bounded.
+/// Prepares a manifest from the queue, which anyone may have edited: sanitises its evidence, sets
+/// its contract and its promises on privacy, and bounds its attempts.
 void PrepareForUpload(nlohmann::json* manifest, std::string_view correlation_id);
 
-/// Adds an attempt under way, its `payload_size_bytes` being the size of UploadPayload then.
+/// Adds an attempt with the result "attempting". Its `payload_size_bytes` is the size that
+/// UploadPayload then has.
 void BeginAttempt(nlohmann::json* manifest, std::string_view origin,
                   std::string_view correlation_id);
 
-/// True when the response says that the report has arrived.
+/// True when the response confirms the delivery: a status of 200 to 299 and no transport error.
 [[nodiscard]] bool IsDelivered(const net::HttpResponse& response);
 
 /// Puts the result into the newest attempt and into the `last_upload_*` fields.
 void EndAttempt(nlohmann::json* manifest, const net::HttpResponse& response);
 
-/// Says that the rest of the upload was given up before the next origin.
+/// Records that the upload was cancelled before the next origin.
 void MarkCancelled(nlohmann::json* manifest);
 
-/// Says that no origin took the report.
+/// Records that no origin accepted the report.
 void MarkFailed(nlohmann::json* manifest);
 
-/// The body to send: the manifest without blanks.
+/// The body of the request: the manifest without blanks.
 [[nodiscard]] std::string UploadPayload(const nlohmann::json& manifest);
 
 }  // namespace zul

@@ -3,19 +3,9 @@
 #include <string>
 #include <utility>
 
-#include "core/logger.h"
-#include "diagnostics/diagnostic_names.h"
+#include "diagnostics/diagnostics_log.h"
 
 namespace zul {
-
-namespace {
-
-void Log(LogLevel level, std::string_view text, std::chrono::milliseconds timeout,
-         std::string_view rest) {
-  GetLogger().Log(LogCategory::kDiagnostics, level, text, std::to_string(timeout.count()), rest);
-}
-
-}  // namespace
 
 void UploadWorker::Start() {
   std::thread finished;
@@ -26,7 +16,7 @@ void UploadWorker::Start() {
       return;
     }
     finished = std::exchange(thread_, std::thread());
-    // Here and not by the thread, which a Stop may overtake.
+    // The new thread must not clear the flag: a Stop may have set it by then.
     cancel_ = false;
     wanted_again_ = false;
     running_ =
@@ -60,16 +50,18 @@ void UploadWorker::Stop(std::chrono::milliseconds timeout) {
     }
     cancel_ = true;
   }
+  const std::string timed_out =
+      "Diagnostics uploader drain timed out after " + std::to_string(timeout.count()) + " ms; ";
   if (!owned.joinable()) {
-    Log(LogLevel::kWarn, "Diagnostics uploader drain timed out after ", timeout,
-        " ms; cancellation requested but no owned upload thread was available to join.");
+    LogDiagnostics(LogLevel::kWarn, timed_out,
+                   "cancellation requested but no owned upload thread was available to join.");
     return;
   }
-  Log(LogLevel::kWarn, "Diagnostics uploader drain timed out after ", timeout,
-      " ms; requesting cancellation and joining the owned upload worker.");
+  LogDiagnostics(LogLevel::kWarn, timed_out,
+                 "requesting cancellation and joining the owned upload worker.");
   owned.join();
-  GetLogger().Log(LogCategory::kDiagnostics, LogLevel::kInfo,
-                  "Diagnostics uploader cancellation completed; owned upload worker joined.");
+  LogDiagnostics(LogLevel::kInfo,
+                 "Diagnostics uploader cancellation completed; owned upload worker joined.");
 }
 
 }  // namespace zul

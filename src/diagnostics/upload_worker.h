@@ -1,10 +1,9 @@
 #pragma once
 
-// One background thread that does one job, again when it was asked for meanwhile. Inside the room
-// only.
+// One background thread that runs one job, and runs it again if asked to meanwhile.
 //
-// Absent until the first Start; runs until the job is through with nobody asking for more; finished
-// until the next Start, which begins a new thread, or Stop, which joins it.
+// No thread exists until the first Start. It ends when the job is finished and no further run was
+// asked for. The next Start begins a new thread; Stop joins the thread.
 
 #include <atomic>
 #include <chrono>
@@ -15,10 +14,10 @@
 
 namespace zul {
 
-/// Any member may be called from any thread but the worker's own, which may call Start.
+/// Thread-safe; the job itself may call Start only.
 class UploadWorker {
  public:
-  /// Ends early when the flag is set. What it throws is a log line.
+  /// Must end early when `cancel` is set. An exception from it is logged.
   using Job = std::function<void(const std::atomic<bool>& cancel)>;
 
   explicit UploadWorker(Job job) : job_(std::move(job)) {}
@@ -27,20 +26,20 @@ class UploadWorker {
   UploadWorker(const UploadWorker&) = delete;
   UploadWorker& operator=(const UploadWorker&) = delete;
 
-  /// Starts the thread, or has the running one do the job once more. A thread that cannot be
-  /// started is a log line.
+  /// Starts the thread, or makes the running one repeat the job. A thread that cannot be started is
+  /// logged.
   void Start();
 
-  /// Waits for the end up to `timeout`, then sets the flag and waits for it without limit.
+  /// Waits for the end up to `timeout`. After that sets `cancel` and waits without limit.
   void Stop(std::chrono::milliseconds timeout);
 
  private:
   void Run();
 
   const Job job_;
-  std::mutex mutex_;               ///< guards what follows
+  std::mutex mutex_;               ///< guards the members below
   std::condition_variable ended_;  ///< signalled when `running_` becomes false
-  std::thread thread_;             ///< joinable until somebody has taken it to join it
+  std::thread thread_;             ///< joinable until a caller takes it to join it
   bool running_ = false;
   bool wanted_again_ = false;
   std::atomic<bool> cancel_{false};  ///< set under the lock, read by the job without it

@@ -23,13 +23,14 @@ bool IsVerifyEvent(std::string_view name) {
   return name.starts_with("checksum_") || name == kSignatureEvent;
 }
 
-/// Apply events proper; the run itself belongs to the same action but has no apply error.
+/// The events of the apply. Those of the run itself belong to the same action, but have no error id
+/// of the apply.
 bool IsApplyEvent(std::string_view name) {
   return name.starts_with("extract_") || name.starts_with("apply_") ||
          name.starts_with("restart_") || name.starts_with("deferred_self_replace_");
 }
 
-/// "%Y-%m-%dT%H:%M:%SZ" of now.
+/// The UTC time now, "YYYY-MM-DDTHH:MM:SSZ".
 std::string UtcTimestamp() {
   using Clock = std::chrono::system_clock;
   const std::tm utc = UtcCalendarTime(Clock::to_time_t(Clock::now()));
@@ -38,7 +39,7 @@ std::string UtcTimestamp() {
   return {text, size};
 }
 
-/// Names the chain of this process. A relaunched helper is another process and another chain.
+/// The id of this process's chain. A relaunched helper is another process with another id.
 const std::string& CorrelationId() {
   static std::atomic<std::uint64_t> counter{0};
   static const std::string id = [] {
@@ -49,10 +50,10 @@ const std::string& CorrelationId() {
   return id;
 }
 
-/// Sets a derived key unless there is nothing to set or the stage has said something itself.
-void SetDerived(nlohmann::json& line, const char* key, std::string_view value) {
+/// Sets a derived key unless `value` is empty or the stage has given a value of its own.
+void SetDerived(nlohmann::json* line, const char* key, std::string_view value) {
   if (value.empty()) return;
-  nlohmann::json& slot = line[key];
+  nlohmann::json& slot = (*line)[key];
   if (slot.is_string() && !slot.get_ref<const std::string&>().empty()) return;
   slot = value;
 }
@@ -65,18 +66,18 @@ std::string RenderLine(std::string_view name, const std::vector<ChainEventField>
     if (!key.empty()) line[key] = value;
   }
   if (const std::string_view action = MapChainAction(name); !action.empty()) {
-    SetDerived(line, "action_id", action);
-    SetDerived(line, "correlation_id", CorrelationId());
+    SetDerived(&line, "action_id", action);
+    SetDerived(&line, "correlation_id", CorrelationId());
   }
   const std::string_view phase = MapChainEvent(name);
-  SetDerived(line, "chain_event", phase);
-  SetDerived(line, "result", MapChainResult(phase));
-  SetDerived(line, "user_error_id", MapUserErrorId(name));
+  SetDerived(&line, "chain_event", phase);
+  SetDerived(&line, "result", MapChainResult(phase));
+  SetDerived(&line, "user_error_id", MapUserErrorId(name));
   return line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
-/// Opens the trace; only when that fails are its folders made, so that all events but the first
-/// cost one call.
+/// Opens the trace. Creates its folders only after a first failure, so that every event except the
+/// first costs one call.
 fs::File OpenTrace(const fs::Path& path) {
   std::error_code ec;
   fs::File file = fs::OpenForAppend(path, ec);
@@ -84,17 +85,17 @@ fs::File OpenTrace(const fs::Path& path) {
   return fs::OpenForAppend(path, ec);
 }
 
-/// The trace's place as it was last resolved, and the variable that decided it then.
-struct CachedPlace {
+/// The last result of TraceLogPath, and the value of the variable that it depends on.
+struct CachedPath {
   std::mutex mutex;
   std::string config_home;
   std::string path;
 };
 
-/// Never destroyed: events may come from threads that outlive main.
-CachedPlace& Place() {
-  static CachedPlace& place = *new CachedPlace;
-  return place;
+/// Never destroyed: threads that outlive main may write events.
+CachedPath& Cache() {
+  static CachedPath& cache = *new CachedPath;
+  return cache;
 }
 
 std::mutex& TraceMutex() {
@@ -104,25 +105,25 @@ std::mutex& TraceMutex() {
 
 }  // namespace
 
-/// Resolving the settings folder may carry old settings over and asks the disk several times; an
-/// update writes hundreds of events. So the answer is kept while QORVA_CONFIG_HOME stays the same,
-/// but only an answer that exists: a folder that is out of reach now may be there for the next
-/// event. The lock is not held while resolving, which may log.
+/// To resolve the settings folder may migrate old settings and takes several accesses to the disk,
+/// and an update writes hundreds of events. So the path is cached while QORVA_CONFIG_HOME stays the
+/// same, but only once its folder exists: a folder that is missing now may exist at the next event.
+/// The lock is not held during the resolution, which may log.
 std::string TraceLogPath() {
   const std::string config_home = GetEnvironmentPath("QORVA_CONFIG_HOME");
-  CachedPlace& place = Place();
+  CachedPath& cache = Cache();
   {
-    const std::scoped_lock lock(place.mutex);
-    if (!place.path.empty() && place.config_home == config_home) return place.path;
+    const std::scoped_lock lock(cache.mutex);
+    if (!cache.path.empty() && cache.config_home == config_home) return cache.path;
   }
   std::error_code ec;
   fs::Path folder = PathOrEmpty(ApplicationConfigDirectory());
   if (folder.empty()) folder = fs::CurrentDirectory(ec);
   std::string path = PathToUtf8(folder / "logs" / "update_trace.log");
   if (fs::KindOf(folder, fs::Links::kFollow, ec) == fs::EntryKind::kDirectory) {
-    const std::scoped_lock lock(place.mutex);
-    place.config_home = config_home;
-    place.path = path;
+    const std::scoped_lock lock(cache.mutex);
+    cache.config_home = config_home;
+    cache.path = path;
   }
   return path;
 }
@@ -137,7 +138,7 @@ void EmitChainEvent(std::string_view name, const std::vector<ChainEventField>& f
     if (!file.is_open()) return;
     std::error_code ec;
     static_cast<void>(fs::WriteAll(file, line.data(), line.size(), ec));
-  } catch (...) {  // out of memory: the line is lost, the run goes on
+  } catch (...) {  // out of memory: the run goes on without this line
   }
 }
 

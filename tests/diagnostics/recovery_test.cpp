@@ -1,13 +1,11 @@
-// What earlier processes left, as files, and the reports that come of it.
-
-#include <gtest/gtest.h>
+// The evidence that earlier processes left, and the reports that recovery makes of it.
 
 #include <set>
 
 #include "collector/evidence_record.h"
 #include "collector/session_directory.h"
 #include "core/process_environment.h"
-#include "diagnostics/session_recovery.h"
+#include "diagnostics/recovered_session.h"
 #include "tests/diagnostics/started_diagnostics.h"
 #include "tests/support/file_tricks.h"
 
@@ -20,45 +18,40 @@ using test::WriteFile;
 
 const ProcessKey kDeadProcess{4294967280, "1"};
 
-/// The session file of a process that is gone, with two steps.
-json LeftSession() {
+/// The session file of a dead process, with two steps and the changes in `change`.
+json LeftSession(const json& change = json::object()) {
   json session = json::parse(R"({
       "session_id": "session_1", "termination_state": "active", "checkpoint_sequence": 4,
       "started_at_local": "2026-01-01 00:00:00", "updated_at_unix_ms": 1767225602000,
-      "host_monotonic_ms": 1, "process_uptime_ms": 1500,
+      "host_monotonic_ms": 1, "process_uptime_ms": 1500, "pid": 4294967280, "process_identity": "1",
       "app": {"app_name": "QORVA", "version": "0.9", "exe": "C:\\Users\\me\\x.exe"},
       "runtime_state": {"stage": "apply", "job_name": "Smith poster", "odd": 1},
       "breadcrumbs": [
         {"sequence": 1, "time_local": "2026-01-01 00:00:00", "event": "application_started"},
         {"sequence": 2, "time_local": "2026-01-01 00:00:01", "event": "failed",
          "details": {"path": "C:\\Users\\me\\a.tif"}}]})");
-  session["pid"] = kDeadProcess.pid;
-  session["process_identity"] = kDeadProcess.identity;
+  session.update(change);
   return session;
 }
 
 class Recovery : public test::StartedDiagnostics {
  protected:
-  /// Runs all passes, as a first failure does, and gives the queued reports by name.
+  /// Recovers as the first failure of a process does. Returns the queued reports, by file name.
   std::vector<json> Recover() {
-    RecoverCompactEvidence(crash_);
-    RecoverOrphanDumps(crash_);
-    RecoverSessions(crash_);
-    std::error_code ec;
-    std::set<fs::Path> files;
-    for (const fs::DirectoryEntry& file : fs::ListDirectory(queue(), ec)) files.insert(file.path);
+    StartDiagnosticsSession();
+    FinishDiagnosticsSession(std::nullopt);
     std::vector<json> reports;
-    for (const fs::Path& file : files) reports.push_back(ReadJson(file));
+    for (const fs::Path& file : ListReports(queue_)) reports.push_back(ReadJson(file));
     return reports;
   }
-  fs::Path Session(const char* name) const { return SessionStateDirectory(crash_) / name; }
+  fs::Path Session(const std::string& name) const { return SessionStateDirectory(crash_) / name; }
 
-  /// A compact session whose process and observer are gone; `incident` changes its base record.
-  void LeaveCompactSession(const std::string& name, const json& incident) const {
+  /// Leaves a compact session of a dead process and observer. `change` applies to its base record.
+  void LeaveCompactSession(const std::string& name, const json& change) const {
     const fs::Path session = CompactDirectory(crash_) / name;
     WriteFile(session / "emergency.bin", "");
     json record = BuildBaseRecord(kDeadProcess, 1767225602000);
-    record.update(incident);
+    record.update(change);
     EXPECT_TRUE(CommitEvidenceRecord(session / "incident.json", record, nullptr));
   }
 };
@@ -72,11 +65,10 @@ TEST(SessionEnd, IsClassifiedByWhatTheEvidenceSupports) {
     std::string end;
     bool age_known = false;
   } cases[] = {
-      {"[]", unknown},
       {R"({"host_monotonic_ms": 7000, "updated_at_unix_ms": 5000})", "abrupt_exit_same_host_boot",
        true},
-      {R"({"host_monotonic_ms": 7001, "updated_at_unix_ms": 5001})", restart},
-      {R"({"host_monotonic_ms": 7001, "ui_heartbeat": {"age_ms": 44999}})", restart},
+      {R"({"host_monotonic_ms": 7001, "updated_at_unix_ms": 5001, "ui_heartbeat": {"age_ms": 44999}})",
+       restart},
       {R"({"host_monotonic_ms": 7001, "ui_heartbeat": {"age_ms": 45000}})", stall},
       {R"({"ui_heartbeat": {"watchdog_reported_stall": true}})", stall},
       {R"({"ui_heartbeat": {"watchdog_reported_stall": true},
@@ -93,13 +85,15 @@ TEST(SessionEnd, IsClassifiedByWhatTheEvidenceSupports) {
   }
 }
 
-TEST_F(Recovery, MakesOneReportOfASessionWhoseProcessIsGone) {
+TEST_F(Recovery, ReportsTheSessionOfADeadProcessOnce) {
   WriteFile(Session("active_1_a.json"), LeftSession().dump());
   ASSERT_EQ(Recover().size(), 1u);
-  const json report = Recover().at(0);  // not reported a second time
+  EXPECT_TRUE(LogHas("Diagnostics recovered 1 unfinished session(s)."));
+  const json report = Recover().at(0);
   EXPECT_EQ(report["kind"], "unexpected_exit");
   EXPECT_EQ(report["reason"],
             "Previous QORVA process ended without clean shutdown; exact OS cause unavailable");
+  EXPECT_EQ(report["app"]["version"], "0.9");
   EXPECT_EQ(report["breadcrumbs"][1]["details"]["path"], "[redacted-path]");
   EXPECT_EQ(report["previous_session_forensics"]["runtime_state"].dump(),
             R"({"job_name":"[redacted-name]","stage":"apply"})");
@@ -117,46 +111,48 @@ TEST_F(Recovery, MakesOneReportOfASessionWhoseProcessIsGone) {
   EXPECT_EQ(report.dump().find("Users"), std::string::npos);
 }
 
-TEST_F(Recovery, TouchesOnlySessionFilesThatAreOver) {
-  json living = LeftSession();
-  living["pid"] = CurrentProcessId();
-  living["process_identity"] =
-      std::to_string(QueryProcess(CurrentProcessId()).creation_time.value());
-  json recycled = living;
-  recycled["process_identity"] = "1";
-  json finished = LeftSession();
-  finished["termination_state"] = "clean_shutdown";
-  WriteFile(Session("active_1_living.json"), living.dump());
-  WriteFile(Session("active_2_recycled.json"), recycled.dump());
-  WriteFile(Session("active_3_finished.json"), finished.dump());
-  WriteFile(Session("active_4_broken.json"), "{\"pid\": 1,");
-  WriteFile(Session("active_5_nul.json"), LeftSession().dump() + '\0' + "behind it");
-  WriteFile(Session("active_6_old.json.recovering.77"), LeftSession().dump());
-  WriteFile(Session("notes.txt"), "x");
+TEST_F(Recovery, TouchesOnlyTheSessionFilesOfDeadProcesses) {
+  const std::uint32_t pid = CurrentProcessId();
+  const std::string identity = std::to_string(QueryProcess(pid).creation_time.value());
+  const std::string living = LeftSession({{"pid", pid}, {"process_identity", identity}}).dump();
+  const std::string dead = LeftSession().dump();
+  const std::string nul = dead + '\0' + "more";
+  for (const auto& [name, contents] :
+       test::Files{{"1.json", living},
+                   {"2_of_a_recycled_id.json", LeftSession({{"pid", pid}}).dump()},
+                   {"3.json", LeftSession({{"termination_state", "clean_shutdown"}}).dump()},
+                   {"4.json", "{\"pid\": 1,"},
+                   {"5.json", nul},
+                   {"6.json.recovering.77", dead},
+                   {"7.txt", dead}}) {
+    WriteFile(Session(name), contents);
+  }
   EXPECT_EQ(Recover().size(), 1u);
-  EXPECT_EQ(test::ListTree(SessionStateDirectory(crash_)),
-            "active_1_living.json\nactive_4_broken.json.invalid\nactive_5_nul.json.invalid\n"
-            "active_6_old.json.recovering.77\nnotes.txt\n");
-  EXPECT_EQ(ReadFile(Session("active_1_living.json")), living.dump());
+  const test::Files left = {{"1.json", living},
+                            {"4.json.invalid", "{\"pid\": 1,"},
+                            {"5.json.invalid", nul},
+                            {"6.json.recovering.77", dead},
+                            {"7.txt", dead}};
+  EXPECT_EQ(test::FilesBelow(SessionStateDirectory(crash_)), left);
 }
 
 TEST_F(Recovery, LeavesWhatItCannotQueueForTheNextStart) {
   WriteFile(Session("active_1_a.json"), LeftSession().dump());
   LeaveCompactSession("process_1_1_1", json::object());
-  WriteFile(queue(), "a file where the queue belongs");
+  WriteFile(crash_ / "qorva_crash_1.dmp", "MDMP");
+  WriteFile(queue_, "a file in the place of the queue");
   const std::string before = test::ListTree(crash_);
-  RecoverCompactEvidence(crash_);
-  EXPECT_EQ(RecoverSessions(crash_), 0u);
+  EXPECT_TRUE(Recover().empty());
   EXPECT_EQ(test::ListTree(crash_), before);
   std::error_code ec;
-  fs::Remove(queue(), ec);
-  EXPECT_EQ(Recover().size(), 2u);
+  fs::Remove(queue_, ec);
+  EXPECT_EQ(Recover().size(), 3u);
 }
 
-TEST_F(Recovery, MakesOneReportOfEachCompactSessionThatDidNotEndCleanly) {
+TEST_F(Recovery, ReportsEachCompactSessionThatDidNotEndCleanly) {
   const struct {
     const char* name;
-    const char* incident;
+    const char* change;
     const char* kind;
     const char* evidence;
   } cases[] = {
@@ -169,19 +165,19 @@ TEST_F(Recovery, MakesOneReportOfEachCompactSessionThatDidNotEndCleanly) {
       {"process_3", R"({"capture_status": "C:\\x", "finalized": true})", "unexpected_exit",
        "observer_started; capture=unknown"},
   };
-  for (const auto& c : cases) LeaveCompactSession(c.name, json::parse(c.incident));
+  for (const auto& c : cases) LeaveCompactSession(c.name, json::parse(c.change));
   LeaveCompactSession("process_4", {{"event", "clean_exit"}, {"finalized", true}});
-  // What the process was doing: from the session's own checkpoint, or unknown.
-  json checkpoint = LeftSession();
-  checkpoint["schema"] = kEvidenceSchema;
+  // A checkpoint counts only for the process that it names.
   const fs::Path all = CompactDirectory(crash_);
-  ASSERT_TRUE(CommitEvidenceRecord(all / "process_2/checkpoint.json", checkpoint, nullptr));
-  checkpoint["process_identity"] = "another";
-  ASSERT_TRUE(CommitEvidenceRecord(all / "process_3/checkpoint.json", checkpoint, nullptr));
-  // One that was claimed by a process that died, and one that a living process is at work on.
+  for (const auto& [name, identity] : {std::pair("process_2", "1"), {"process_3", "another"}}) {
+    const json checkpoint =
+        LeftSession({{"schema", kEvidenceSchema}, {"process_identity", identity}});
+    ASSERT_TRUE(CommitEvidenceRecord(all / name / "checkpoint.json", checkpoint, nullptr));
+  }
+  // One session was claimed by a process that died, another one by a living process.
   std::error_code ec;
   ASSERT_TRUE(fs::Rename(all / "process_3", all / "process_3.recovering.4294967280", ec));
-  const bool init_lives = !test::kOnWindows;  // where there is a process of a known id
+  const bool init_lives = !test::kOnWindows;  // the one process whose id is known
   if (init_lives) LeaveCompactSession("process_6.recovering.1", json::object());
 
   const std::vector<json> reports = Recover();
@@ -199,37 +195,36 @@ TEST_F(Recovery, MakesOneReportOfEachCompactSessionThatDidNotEndCleanly) {
     EXPECT_EQ(report["details"].value("previous_checkpoint", ""), known ? "" : "unavailable");
   }
 
-  // Without one of its own, the process's session file.
+  // The session file serves where the compact session has no checkpoint.
   LeaveCompactSession("process_7", {{"finalized", true}});
   WriteFile(Session("active_1_a.json"), LeftSession().dump());
-  RecoverCompactEvidence(crash_);
-  const json report = ReadJson(queue() / "compact_process_7.json");
+  Recover();
+  const json report = ReadJson(queue_ / "compact_process_7.json");
   EXPECT_EQ(report["previous_session_forensics"]["checkpoint_sequence"], 4);
 }
 
 TEST_F(Recovery, ReportsADumpOnceAndLeavesIt) {
-  const std::pair<const char*, std::string> dumps[] = {
-      {"qorva_crash_1", ".dmp"}, {"qorva_crash_2", ".dmp"}, {"qorva_crash_3", ".dmp.partial"}};
-  for (const auto& [name, suffix] : dumps) WriteFile(crash_ / (name + suffix), "MDMP");
-  WriteFile(crash_ / "qorva_crash_2.dmp", "");
-  for (const char* other : {"crash.dmp", "a_crash_b.txt", "seen_crash_1.dmp", "seen_crash_1.txt"}) {
-    WriteFile(crash_ / other, "x");
-  }
+  const test::Files dumps = {{"qorva_crash_1.dmp", "MDMP"},
+                             {"qorva_crash_2.dmp", ""},
+                             {"qorva_crash_3.dmp.partial", "MDMP"},
+                             {"crash.dmp", "not ours"},
+                             {"seen_crash_1.dmp", "x"},
+                             {"seen_crash_1.txt", "x"}};
+  for (const auto& [name, contents] : dumps) WriteFile(crash_ / name, contents);
   EXPECT_EQ(Recover().size(), 3u);
-  std::set<std::string> told;
+  std::set<std::string> reported;
   for (const json& report : Recover()) {
-    told.insert(report["kind"].get<std::string>() + ": " + report["reason"].get<std::string>() +
-                report["artifacts"]["dump"]["size_bytes"].dump());
+    reported.insert(report["kind"].get<std::string>() + ": " + report["reason"].get<std::string>() +
+                    report["artifacts"]["dump"]["size_bytes"].dump());
   }
   const std::set<std::string> expected = {
       "crash: Recovered orphan crash dump after startup4",
       "crash_capture_failed: Crash capture produced a zero-byte orphan dump0",
       "crash_capture_failed: Crash capture left an uncommitted partial dump4"};
-  EXPECT_EQ(told, expected);
-  for (const auto& [name, suffix] : dumps) {
-    EXPECT_TRUE(test::Exists(crash_ / (name + suffix)));
-    const char* const end = suffix == ".dmp" ? ".txt" : "_capture_failed.txt";
-    EXPECT_TRUE(ReadFile(crash_ / (std::string(name) + end)).starts_with("QORVA recovered crash"));
+  EXPECT_EQ(reported, expected);
+  for (const auto& dump : dumps) EXPECT_TRUE(test::Exists(crash_ / dump.first));
+  for (const char* text : {"1.txt", "2.txt", "3_capture_failed.txt"}) {
+    EXPECT_TRUE(ReadFile(crash_ / ("qorva_crash_" + std::string(text))).starts_with("QORVA reco"));
   }
 }
 

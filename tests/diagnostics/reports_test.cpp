@@ -1,6 +1,4 @@
-// The life of a report: built, queued, sent or kept.
-
-#include <gtest/gtest.h>
+// The life of a report: made, queued, sent or kept.
 
 #include <deque>
 #include <future>
@@ -17,12 +15,12 @@ using nlohmann::json;
 using test::ReadFile;
 using test::WriteFile;
 
-using Answer = std::pair<int, const char*>;  // status, error
-
-/// A queue, and a server that answers what it was told to, then 503.
+/// A queue, and a server that gives the answers of a list, then 503.
 class Reports : public test::StartedDiagnostics {
  protected:
-  fs::Path Queued(const std::string& name) const { return queue() / name; }
+  using Answer = std::pair<int, const char*>;  // status, error
+
+  fs::Path Queued(const std::string& name) const { return queue_ / name; }
   ReportSender Server() {
     return [this](const net::HttpRequest& request) {
       urls_.push_back(request.url);
@@ -35,7 +33,7 @@ class Reports : public test::StartedDiagnostics {
       return response;
     };
   }
-  void Drain() { DrainReportQueue(queue(), cancel_, Server(), &tried_); }
+  void Drain() { DrainReportQueue(queue_, cancel_, Server(), &tried_); }
 
   std::deque<Answer> answers_;
   std::vector<std::string> urls_;
@@ -44,34 +42,38 @@ class Reports : public test::StartedDiagnostics {
   TriedReports tried_;
 };
 
-TEST_F(Reports, SayWhatHappenedAndNothingPrivate) {
-  WriteFile(folder_ / "a.log", "{\"target_dir\":\"C:\\\\Jan Novak\"}\n=== recent log tail ===\nx");
+TEST_F(Reports, WithholdPrivateTexts) {
   ReportRequest request;
   request.reason = "Cannot open 'C:\\Jan Novak\\x'";
   request.report_file = folder_ / "a.log";
   request.client_report_id = "id 1/2";
   request.details = {{"stage", "apply"}, {"", "no key"}, {"target dir", "/home/jan"}};
-  const json manifest = BuildReportManifest(request);
-  EXPECT_EQ(manifest["reason"], "Cannot open '[redacted-path]'");
-  EXPECT_EQ(manifest["report_text"],
+  WriteFile(request.report_file,
+            "{\"target_dir\":\"C:\\\\Jan Novak\"}\n=== recent log tail ===\nx");
+  for (int i = 0; i < 2; ++i) EnqueueReport(request);
+  const std::vector<fs::Path> queued = ListReports(queue_);
+  ASSERT_EQ(queued.size(), 2u) << "in one second";
+  const json report = ReadJson(queued[0]);
+  EXPECT_EQ(report["reason"], "Cannot open '[redacted-path]'");
+  EXPECT_EQ(report["report_text"],
             "{\"target_dir\":\"[redacted-path]\"}\n"
             "[recent log tail omitted from automatic diagnostics upload]\n");
-  EXPECT_EQ(manifest["client_report_id"], "id_1_2");
-  EXPECT_EQ(manifest["details"], json({{"stage", "apply"}, {"target_dir", "[redacted-path]"}}));
-
-  // Of a long file whole lines are taken, unless it is one line.
-  const std::string lines(131071, 'a');
-  WriteFile(folder_ / "a.log", "first\n" + lines);
-  EXPECT_EQ(BuildReportManifest(request)["report_text"], "first\n");
-  WriteFile(folder_ / "a.log", lines + "bb");
-  EXPECT_EQ(BuildReportManifest(request)["report_text"], lines + "b");
-  for (int i = 0; i < 2; ++i) EnqueueReport(request);
-  std::error_code ec;
-  EXPECT_EQ(fs::ListDirectory(queue(), ec).size(), 2u) << "in one second";
+  EXPECT_EQ(report["client_report_id"], "id_1_2");
+  EXPECT_EQ(report["details"], json({{"stage", "apply"}, {"target_dir", "[redacted-path]"}}));
+  EXPECT_EQ(report.dump().find(folder_.path().filename().string()), std::string::npos);
   EXPECT_TRUE(LogHas("upload is disabled for this isolated process; report retained locally."));
 }
 
-TEST_F(Reports, GoWhenAnOriginHasThem) {
+TEST_F(Reports, TakeWholeLinesOfALongFileUnlessItIsOneLine) {
+  const std::string longest(131071, 'a');
+  for (const auto& [contents, text] : {std::pair("first\n" + longest, std::string("first\n")),
+                                       std::pair(longest + "bb", longest + "b")}) {
+    WriteFile(folder_ / "a.log", contents);
+    EXPECT_EQ(ReadReportText(folder_ / "a.log"), text);
+  }
+}
+
+TEST_F(Reports, AreDeletedAfterAStatusOf2xxFromAnyOrigin) {
   const struct {
     std::deque<Answer> answers;
     bool delivered;
@@ -97,7 +99,7 @@ TEST_F(Reports, GoWhenAnOriginHasThem) {
   }
 }
 
-TEST_F(Reports, AreGivenUpBetweenOriginsAndBetweenReports) {
+TEST_F(Reports, AreCancelledBetweenOriginsAndBetweenReports) {
   for (const char* name : {"a.json", "b.json", "c.json"}) WriteFile(Queued(name), "{}");
   on_request_ = [this] { cancel_ = true; };
   Drain();
@@ -106,17 +108,17 @@ TEST_F(Reports, AreGivenUpBetweenOriginsAndBetweenReports) {
   EXPECT_EQ(ReadFile(Queued("b.json")), "{}");
   EXPECT_TRUE(LogHas("cancelled before next queued report."));
   cancel_ = false;
-  // What another process has delivered meanwhile is not brought back.
+  // Another process delivers the reports meanwhile; their files must not come back.
   on_request_ = [this] {
     std::error_code ec;
     fs::Remove(Queued(urls_.size() == 4 ? "c.json" : "b.json"), ec);
   };
-  Drain();  // the one that was tried waits for the next process
+  Drain();  // a.json was tried and waits for the next process
   EXPECT_EQ(urls_.size(), 1u + 1 + 2);
-  EXPECT_EQ(test::ListTree(queue()), "a.json\n");
+  EXPECT_EQ(test::ListTree(queue_), "a.json\n");
 }
 
-TEST_F(Reports, OfOneProcessAreTwentyFive) {
+TEST_F(Reports, OfOneProcessAreAtMost25) {
   for (int i = 0; i < 27; ++i) WriteFile(Queued(std::to_string(100 + i) + ".json"), "{}");
   const std::string none[] = {"no report", std::string(40, '[') + std::string(40, ']'),
                               std::string("{}\0{}", 5), std::string(1048577, ' ')};
@@ -131,7 +133,7 @@ TEST_F(Reports, OfOneProcessAreTwentyFive) {
   EXPECT_EQ(ReadFile(Queued("000.json")) + ReadFile(Queued("125.json")), "{}{}");
 }
 
-TEST_F(Reports, AreSentAgainWhenAskedForMeanwhile) {
+TEST_F(Reports, AreUploadedAgainIfAskedForMeanwhile) {
   std::atomic<int> runs{0};
   std::promise<void> begun;
   std::promise<void> go_on;

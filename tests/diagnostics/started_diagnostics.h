@@ -1,6 +1,6 @@
 #pragma once
 
-// Diagnostics of this process for one test, in a folder of their own, without observer and upload.
+// Diagnostics of this process for one test, in a folder of its own, without observer and upload.
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,7 @@
 #include "core/logger.h"
 #include "core/text.h"
 #include "diagnostics/diagnostics.h"
-#include "diagnostics/report_manifest.h"
+#include "diagnostics/report_files.h"
 #include "diagnostics/session_checkpoint.h"
 #include "tests/support/temp_folder.h"
 
@@ -22,19 +22,14 @@ class StartedDiagnostics : public testing::Test {
     DiagnosticsConfig config;
     config.data_root_override = folder_.path();
     config.upload_enabled = false;
-    const auto no_collector = [](const auto&, const auto&) {
-      return CollectorStartResult{false, {}, "collector_launch_failed"};
-    };
-    const DiagnosticsState state = InitDiagnosticsIn(
-        {folder_ / "app/qorva_updater.exe", folder_ / "data", no_collector}, config);
-    crash_ = PathFromUtf8(state.crash_directory).value();
+    const auto no_collector = [](const auto&, const auto&) { return CollectorStartResult{}; };
+    InitDiagnosticsIn({folder_ / "app/qorva_updater.exe", folder_ / "data", no_collector}, config);
   }
   ~StartedDiagnostics() override {
     FinishDiagnosticsSession("test_over");
-    GetLogger().Configure("", "");  // the folder must not go while the log is open in it
+    GetLogger().Configure("", "");  // Windows does not remove a folder with an open file
   }
 
-  fs::Path queue() const { return PendingReportsDirectory(crash_); }
   static nlohmann::json ReadJson(const fs::Path& path) {
     return nlohmann::json::parse(ReadFile(path));
   }
@@ -43,7 +38,8 @@ class StartedDiagnostics : public testing::Test {
   }
 
   const TempFolder folder_;
-  fs::Path crash_;
+  const fs::Path crash_ = folder_ / "crashes";
+  const fs::Path queue_ = PendingReportsDirectory(crash_);
 };
 
 }  // namespace zul::test

@@ -7,6 +7,7 @@
 #include "collector/evidence_sanitizer.h"
 #include "core/text.h"
 #include "diagnostics/redaction.h"
+#include "diagnostics/redaction_steps.h"
 #include "diagnostics/report_manifest.h"
 #include "diagnostics/report_text.h"
 #include "diagnostics/report_upload.h"

@@ -1,7 +1,7 @@
 #pragma once
 
-// The forms of a session in which it leaves its process: bounded and sanitised, from JSON that may
-// have been edited since it was written. Inside the room only.
+// The parts of a session that may leave its process, bounded and sanitised again: the JSON may have
+// been edited since it was written. Any argument may be any JSON.
 
 #include <cstddef>
 #include <nlohmann/json.hpp>
@@ -16,21 +16,21 @@ struct BreadcrumbLimits {
   std::size_t value_bytes;
 };
 inline constexpr BreadcrumbLimits kCompactBreadcrumbs{32, 8, 64, 128};
-/// As many as a session itself keeps.
+/// The limits of a session file: values of 256 bytes and "...".
 inline constexpr BreadcrumbLimits kSessionBreadcrumbs{64, 16, 128, 259};
 
-/// The latest steps of an array of breadcrumbs, sanitised. `*cut` becomes true when a text was cut;
-/// may be null, as the array may be anything.
+/// The latest steps of an array of breadcrumbs. `*cut` (may be null) becomes true when a text was
+/// cut.
 [[nodiscard]] nlohmann::json SanitizeBreadcrumbs(const nlohmann::json& breadcrumbs,
                                                  const BreadcrumbLimits& limits, bool* cut);
 
-/// At most 80 texts of a runtime state, sanitised, each of at most 256 bytes.
+/// At most 80 texts of a runtime state, each of at most 256 bytes and "...". `cut` as above.
 [[nodiscard]] nlohmann::json SanitizeRuntimeState(const nlohmann::json& runtime_state, bool* cut);
 
-/// The `app` object of an earlier process: the known keys with values of the right types.
+/// The `app` object of an earlier process: the known keys with values of their types.
 [[nodiscard]] nlohmann::json SanitizeAppObject(const nlohmann::json& app);
 
-/// The checkpoint record of a compact session, from a session or from such a record.
+/// The record `checkpoint.json` of a session. `session` is a session file or such a record.
 [[nodiscard]] nlohmann::json BuildCompactCheckpoint(const nlohmann::json& session);
 
 }  // namespace zul

@@ -1,11 +1,12 @@
-#include "diagnostics/compact_checkpoint.h"
+#include "diagnostics/session_sanitizer.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <string>
 
 #include "collector/evidence_record.h"
-#include "diagnostics/diagnostic_names.h"
-#include "diagnostics/hostile_json.h"
+#include "diagnostics/field_text.h"
+#include "diagnostics/json_file.h"
 #include "diagnostics/report_text.h"
 
 namespace zul {
@@ -34,13 +35,11 @@ std::string BoundedText(const json& object, const char* key, bool* cut) {
 
 json SanitizeDetails(const json& details, const BreadcrumbLimits& limits, bool* cut) {
   json kept = json::object();
-  if (!details.is_object()) return kept;
   std::size_t count = 0;
-  for (const auto& [key, value] : details.items()) {
-    if (!value.is_string()) continue;
+  for (const auto& [key, value] : TextsIn(details)) {
     if (count++ == limits.fields) break;
     kept[Bounded(SanitizeIdentifier(key), limits.key_bytes, cut)] =
-        Bounded(ReportField(key, value.get<std::string>()), limits.value_bytes, cut);
+        Bounded(ReportField(key, value), limits.value_bytes, cut);
   }
   return kept;
 }
@@ -63,12 +62,10 @@ json SanitizeBreadcrumbs(const json& breadcrumbs, const BreadcrumbLimits& limits
 
 json SanitizeRuntimeState(const json& runtime_state, bool* cut) {
   json kept = json::object();
-  if (!runtime_state.is_object()) return kept;
   std::size_t count = 0;
-  for (const auto& [key, value] : runtime_state.items()) {
-    if (!value.is_string()) continue;
+  for (const auto& [key, value] : TextsIn(runtime_state)) {
     if (count++ == kRuntimeStateMax) break;
-    const std::string text = ReportField(key, value.get<std::string>());
+    const std::string text = ReportField(key, value);
     Note(cut, text.size() > kRuntimeValueBytesMax);
     kept[SanitizeIdentifier(key)] = ShortenText(text, kRuntimeValueBytesMax);
   }
