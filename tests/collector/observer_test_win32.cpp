@@ -10,9 +10,8 @@
 
 #include "collector/evidence_record.h"
 #include "collector/observer.h"
-#include "collector/process_life_win32.h"
+#include "collector/collector_block_win32.h"
 #include "collector/session_directory.h"
-#include "collector/shared_block_win32.h"
 #include "core/process_environment.h"
 #include "tests/support/temp_folder.h"
 
@@ -27,7 +26,7 @@ class Observer : public testing::Test {
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
     PROCESS_INFORMATION created{};
-    EXPECT_TRUE(::CreateProcessW(CurrentExecutablePath(32768).c_str(), nullptr, nullptr, nullptr,
+    EXPECT_TRUE(::CreateProcessW(CurrentExecutablePath().c_str(), nullptr, nullptr, nullptr,
                                  FALSE, CREATE_SUSPENDED, nullptr, nullptr, &startup, &created));
     process_.Reset(created.hProcess);
     ::CloseHandle(created.hThread);
@@ -36,7 +35,7 @@ class Observer : public testing::Test {
     block_.process_identity = CreationTimeOf(created.hProcess).value_or(0);
     block_.last_heartbeat_tick = ::GetTickCount64() - 500;
     block_.ui_thread_id = created.dwThreadId;
-    SetSessionDirectory(block_, session_);
+    SetSessionDirectory(session_, &block_);
     const ProcessKey child{block_.pid, std::to_string(block_.process_identity)};
     test::WriteFile(session_ / "emergency.bin", "");
     EXPECT_TRUE(
@@ -94,7 +93,7 @@ TEST_F(Observer, LeavesAloneWhatDoesNotMatch) {
       {65, [&] { ++block_.process_identity; }},
       {65, [&] { ++block_.pid; }},
       {65, [&] { block_.session_directory.back() = u'x'; }},
-      {65, [&] { SetSessionDirectory(block_, crash_ / "process_1"); }},
+      {65, [&] { SetSessionDirectory(crash_ / "process_1", &block_); }},
       {65, [&] { test::WriteFile(session_ / "metadata.json", ""); }},
       {66, [&] { of_build("build_id"); }},
       {66, [&] { of_build("arch"); }},

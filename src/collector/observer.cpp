@@ -1,4 +1,4 @@
-#include "collector/observer_input.h"
+#include "collector/observer.h"
 
 #include <algorithm>
 #include <charconv>
