@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cwchar>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <string_view>
@@ -14,36 +13,35 @@ namespace zul {
 namespace {
 
 constexpr int kArgumentCount = 6;
+constexpr std::size_t kFirstHandle = 2;
 constexpr std::size_t kHandleDigitsMax = 32;
+
+std::optional<std::uintptr_t> ParseHandle(std::wstring_view text) {
+  std::string digits;
+  for (const wchar_t c : text) {
+    if (c < L'0' || c > L'9') return std::nullopt;
+    digits.push_back(static_cast<char>('0' + (c - L'0')));
+  }
+  std::uintptr_t handle = 0;
+  const auto [stop, error] = std::from_chars(digits.data(), digits.data() + digits.size(), handle);
+  if (digits.size() > kHandleDigitsMax || error != std::errc() || handle == 0 ||
+      handle == std::numeric_limits<std::uintptr_t>::max()) {
+    return std::nullopt;
+  }
+  return handle;
+}
 
 }  // namespace
 
-std::optional<std::array<std::string, 6>> NarrowObserverArguments(int argc,
-                                                                  const wchar_t* const* argv) {
-  if (argc != kArgumentCount || argv == nullptr) return std::nullopt;
-  std::array<std::string, kArgumentCount> narrow = {"qorva_updater", "--observe"};
-  for (std::size_t i = 2; i < narrow.size(); ++i) {
-    if (argv[i] == nullptr || std::wcslen(argv[i]) > kHandleDigitsMax) return std::nullopt;
-    for (const wchar_t c : std::wstring_view(argv[i])) {
-      if (c < L'0' || c > L'9') return std::nullopt;
-      narrow[i].push_back(static_cast<char>('0' + (c - L'0')));
-    }
-  }
-  return narrow;
-}
-
 std::optional<std::array<std::uintptr_t, 4>> ParseObserverArguments(int argc,
-                                                                    const char* const* argv) {
-  if (argc != kArgumentCount || argv[1] != std::string_view("--observe")) return std::nullopt;
+                                                                    const wchar_t* const* argv) {
+  if (argc != kArgumentCount || argv == nullptr) return std::nullopt;
   std::array<std::uintptr_t, 4> handles{};
   for (std::size_t i = 0; i < handles.size(); ++i) {
-    const std::string_view text = argv[i + 2];
-    const char* const end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, handles[i]);
-    if (error != std::errc() || stop != end || handles[i] == 0 ||
-        handles[i] == std::numeric_limits<std::uintptr_t>::max()) {
-      return std::nullopt;
-    }
+    const wchar_t* const text = argv[kFirstHandle + i];
+    const auto handle = text != nullptr ? ParseHandle(text) : std::nullopt;
+    if (!handle) return std::nullopt;
+    handles[i] = *handle;
   }
   return handles;
 }

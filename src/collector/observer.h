@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
-#include <string>
 
 namespace zul {
 
@@ -19,16 +18,10 @@ namespace zul {
 /// code 73. Defined on Windows only.
 [[nodiscard]] int RunObserver(int argc, wchar_t* const* argv);
 
-/// The observer's arguments as narrow text: the program's name, --observe, and four texts of at
-/// most 32 decimal digits. Nothing when there are not six arguments, or when one of the last four
-/// is null or anything else. An empty text passes.
-[[nodiscard]] std::optional<std::array<std::string, 6>> NarrowObserverArguments(
-    int argc, const wchar_t* const* argv);
-
-/// The handle values in the last four of six arguments, the second of which must be --observe.
-/// Nothing when one of them is not decimal, is 0, or has all bits set.
+/// The four handle values in an observer's arguments. Nothing when there are not six arguments, or
+/// when one of the last four is not 1 to 32 decimal digits, is 0, or has all bits set.
 [[nodiscard]] std::optional<std::array<std::uintptr_t, 4>> ParseObserverArguments(
-    int argc, const char* const* argv);
+    int argc, const wchar_t* const* argv);
 
 /// True when a session's metadata names this executable's build in all five parts. The block of
 /// another build may have another layout.

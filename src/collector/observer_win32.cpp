@@ -228,22 +228,13 @@ void Observation::Release() {
   mapping_.Reset();
 }
 
-int ObserverMain(int argc, const char* const* argv) {
-  const auto handles = ParseObserverArguments(argc, argv);
-  return handles ? Observation(*handles).Run() : kExitBadArguments;
-}
-
 }  // namespace
 
 int RunObserver(int argc, wchar_t* const* argv) {
   // This process has no window, so no message box of the system may wait for a user.
   ::SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX | SEM_NOOPENFILEERRORBOX);
-  const auto narrow = NarrowObserverArguments(argc, argv);
-  if (!narrow) return kExitBadArguments;
-  std::array<const char*, 6> texts{};
-  std::transform(narrow->begin(), narrow->end(), texts.begin(),
-                 [](const std::string& text) { return text.c_str(); });
-  return ObserverMain(static_cast<int>(texts.size()), texts.data());
+  const auto handles = ParseObserverArguments(argc, argv);
+  return handles ? Observation(*handles).Run() : kExitBadArguments;
 }
 
 }  // namespace zul
