@@ -7,7 +7,7 @@ namespace zul {
 namespace {
 
 using SharedField = std::atomic_ref<std::uint32_t>;
-// A lock of one process would be none for the other.
+// An atomic that uses a lock would use one that the other process does not share.
 static_assert(SharedField::is_always_lock_free);
 
 }  // namespace

@@ -2,8 +2,8 @@
 
 namespace zul {
 
-// The observer is bound to Windows' inheritance of handles and its exception filters; elsewhere no
-// process is observed, and everything goes on without.
+// The observer needs the handle inheritance and the exception filters of Windows. On other systems
+// no process is observed.
 
 CollectorStartResult StartCompactCollector(const fs::Path& /*crash_directory*/,
                                            const fs::Path& /*install_directory*/) {

@@ -7,13 +7,13 @@
 #include <new>
 #include <system_error>
 
+#include "collector/collector_block_win32.h"
 #include "collector/crash_handlers_win32.h"
 #include "collector/evidence_record.h"
 #include "collector/observer_launch_win32.h"
-#include "collector/process_life_win32.h"
 #include "collector/retention.h"
 #include "collector/session_directory.h"
-#include "collector/shared_block_win32.h"
+#include "core/failure.h"
 #include "core/process_environment.h"
 #include "core/text.h"
 
@@ -25,30 +25,26 @@ constexpr DWORD kReadyWaitMs = 5000;
 constexpr DWORD kTerminationWaitMs = 1000;
 constexpr UINT kExitHandshakeFailed = 72;
 
-// The block and what belongs to it. Once published it stays until the process ends, whatever else
-// fails: a crash may come at any time, also behind the destructors of static objects. Its memory is
-// no heap's, which a broken process may have damaged.
+// The channel of the crash path. Once published it stays until the process ends, also when the rest
+// of the start fails: a crash can happen at any time, even after the destructors of static objects.
+// It is in static memory, since the heap of a crashing process may be damaged.
 alignas(CrashChannel) constinit std::byte g_channel_memory[sizeof(CrashChannel)]{};
 constinit std::atomic<CrashChannel*> g_channel{nullptr};
 std::mutex g_start_mutex;
 
-bool Fail(const char* word, std::string* reason) {
-  *reason = word;
-  return false;
-}
-
-/// This process and its observer's objects. What is not given to the channel goes with it.
-struct Beginnings {
+/// The kernel objects that this process and its observer share. Those that the crash channel does
+/// not take over are closed after the start.
+struct SharedObjects {
   UniqueKernelHandle mapping;
   UniqueKernelHandle crash_event;
   UniqueKernelHandle ready_event;
-  UniqueKernelHandle process;  ///< of this process, for the observer to wait on and look into
+  UniqueKernelHandle process;  ///< this process, for the observer to wait for and to read
   UniqueSharedBlock block;
 
   [[nodiscard]] bool Create();
 };
 
-bool Beginnings::Create() {
+bool SharedObjects::Create() {
   mapping = CreateBlockMapping();
   if (!mapping) return false;
   crash_event.Reset(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
@@ -65,20 +61,20 @@ bool Beginnings::Create() {
 }
 
 void FillBlock(CollectorBlock* memory, const fs::Path& session, std::uint64_t creation_time) {
-  CollectorBlock& block = *new (memory) CollectorBlock;
-  block.pid = ::GetCurrentProcessId();
-  block.start_tick = ::GetTickCount64();
-  block.last_heartbeat_tick = block.start_tick;
-  block.process_identity = creation_time;
-  SetSessionDirectory(block, session);
+  auto* const block = new (memory) CollectorBlock;
+  block->pid = ::GetCurrentProcessId();
+  block->start_tick = ::GetTickCount64();
+  block->last_heartbeat_tick = block->start_tick;
+  block->process_identity = creation_time;
+  SetSessionDirectory(session, block);
 }
 
-/// Takes over what the crash path needs and makes it known for good.
-CrashChannel* PublishChannel(Beginnings& beginnings, fs::File emergency_file) {
+/// Moves what the crash path needs into the channel and publishes it.
+CrashChannel* PublishChannel(SharedObjects* objects, fs::File emergency_file) {
   auto* const channel = new (g_channel_memory) CrashChannel;
-  channel->block = beginnings.block.Release();
-  channel->crash_event = beginnings.crash_event.Release();
-  channel->ready_event = beginnings.ready_event.Release();
+  channel->block = objects->block.Release();
+  channel->crash_event = objects->crash_event.Release();
+  channel->ready_event = objects->ready_event.Release();
   channel->emergency_file = std::move(emergency_file);
   g_channel.store(channel);
   return channel;
@@ -91,15 +87,15 @@ bool CommitFirstRecords(const fs::Path& session, const ProcessKey& self) {
                               nullptr);
 }
 
-/// Throws when it cannot be told whether the executable is there.
-bool IsObserverThere(const fs::Path& executable) {
+/// Throws when the query fails.
+bool IsRegularExecutable(const fs::Path& executable) {
   std::error_code ec;
   const fs::EntryKind kind = fs::KindOf(executable, fs::Links::kFollow, ec);
   if (kind == fs::EntryKind::kUnknown) throw std::system_error(ec, "observer executable");
   return kind == fs::EntryKind::kRegular;
 }
 
-/// Waits until the observer has found everything in order. One that has not is ended.
+/// Waits until the observer signals that it accepts its input. Ends an observer that does not.
 bool AwaitReady(CrashChannel& channel) {
   const HANDLE awaited[] = {channel.ready_event, channel.observer.load()};
   if (::WaitForMultipleObjects(2, awaited, FALSE, kReadyWaitMs) == WAIT_OBJECT_0) {
@@ -112,34 +108,31 @@ bool AwaitReady(CrashChannel& channel) {
   return false;
 }
 
-/// All that happens once the session folder stands.
+/// The part of a start that needs the session folder.
 bool StartObserved(const fs::Path& session, const fs::Path& install_directory,
                    std::uint64_t creation_time, std::string* reason) {
-  Beginnings beginnings;
-  if (!beginnings.Create()) return Fail("collector_ipc_creation_failed", reason);
-  FillBlock(beginnings.block.get(), session, creation_time);
+  SharedObjects objects;
+  if (!objects.Create()) return Fail(reason, "collector_ipc_creation_failed");
+  FillBlock(objects.block.get(), session, creation_time);
   std::error_code ec;
   fs::File emergency_file = CreateEmergencyFile(session, ec);
-  if (!emergency_file.is_open()) return Fail("emergency_record_open_failed", reason);
-  CrashChannel* const channel = PublishChannel(beginnings, std::move(emergency_file));
+  if (!emergency_file.is_open()) return Fail(reason, "emergency_record_open_failed");
+  CrashChannel* const channel = PublishChannel(&objects, std::move(emergency_file));
   const ProcessKey self{channel->block->pid, std::to_string(creation_time)};
-  if (!CommitFirstRecords(session, self)) {
-    return Fail("collector_metadata_write_failed", reason);
-  }
+  if (!CommitFirstRecords(session, self)) return Fail(reason, "collector_metadata_write_failed");
   InstallCrashHandlers(channel);
   const fs::Path executable = install_directory / "qorva_updater.exe";
-  if (!IsObserverThere(executable)) return Fail("collector_executable_missing", reason);
-  UniqueKernelHandle observer = LaunchObserver(executable, install_directory,
-                                               {beginnings.mapping.get(), channel->crash_event,
-                                                channel->ready_event, beginnings.process.get()},
-                                               reason);
-  if (!observer) return false;
+  if (!IsRegularExecutable(executable)) return Fail(reason, "collector_executable_missing");
+  const ObserverHandles handles = {objects.mapping.get(), channel->crash_event,
+                                   channel->ready_event, objects.process.get()};
+  UniqueKernelHandle observer;
+  if (!LaunchObserver(executable, install_directory, handles, &observer, reason)) return false;
   channel->observer.store(observer.Release());
-  if (!AwaitReady(*channel)) return Fail("collector_ready_handshake_failed", reason);
+  if (!AwaitReady(*channel)) return Fail(reason, "collector_ready_handshake_failed");
   return true;
 }
 
-/// The answer to a repeated start.
+/// The result of a repeated start.
 CollectorStartResult StateOf(const CrashChannel& channel) {
   CollectorStartResult result;
   const HANDLE observer = channel.observer.load();

@@ -2,15 +2,16 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 
-#include "collector/emergency_record_win32.h"
+#include "collector/collector_block_win32.h"
 
 namespace zul {
 
 namespace {
 
-// A C++ exception on its way, as GCC's runtime raises it.
+// The code with which GCC's runtime raises a C++ exception.
 constexpr DWORD kGccThrow = 0x20474343;
 
 constexpr DWORD kAnswerWaitMs = 4000;
@@ -22,9 +23,26 @@ constinit std::atomic<bool> g_recorded{false};
 constinit LPTOP_LEVEL_EXCEPTION_FILTER g_previous_filter = nullptr;
 constinit std::terminate_handler g_previous_terminate = nullptr;
 
-/// Hands the record to the observer and gives it time to look at this thread. One that does not
-/// answer is ended: it must not hold up the process.
-void TellObserver(CrashChannel& channel, const EmergencyRecord& record) noexcept {
+/// Fills a record that has its magic and size, from `exception`. Where that lacks a context the
+/// record keeps the one that it has.
+void FillRecord(EmergencyKind kind, const EXCEPTION_POINTERS* exception,
+                EmergencyRecord* record) noexcept {
+  record->kind = static_cast<std::uint32_t>(kind);
+  record->thread_id = ::GetCurrentThreadId();
+  record->exception_code = 0;
+  if (exception != nullptr && exception->ExceptionRecord != nullptr) {
+    record->exception_code = exception->ExceptionRecord->ExceptionCode;
+  }
+  if (exception != nullptr && exception->ContextRecord != nullptr) {
+    std::memcpy(record->context.data(), exception->ContextRecord, sizeof record->context);
+  }
+  std::memcpy(&record->instruction_pointer, record->context.data() + offsetof(CONTEXT, Rip),
+              sizeof record->instruction_pointer);
+}
+
+/// Passes the record to the observer and waits while the observer walks this thread's stack. Ends
+/// an observer that does not answer, so that it cannot delay the end of the process further.
+void NotifyObserver(CrashChannel& channel, const EmergencyRecord& record) noexcept {
   const HANDLE observer = channel.observer.load();
   if (observer == nullptr) return;
   channel.block->emergency = record;
@@ -37,8 +55,9 @@ void TellObserver(CrashChannel& channel, const EmergencyRecord& record) noexcept
   }
 }
 
-/// Records the first crash of the process; a crash in here, or in another thread meanwhile, passes.
-/// The record is a local, so that the frame that was captured stays while the observer walks it.
+/// Records the first crash of the process. A crash inside this function, and a later one in another
+/// thread, is not recorded. A terminate has no context of its own, so it is captured in this
+/// function, which waits for the observer: its frame must be on the stack during the walk.
 void RecordCrash(EmergencyKind kind, const EXCEPTION_POINTERS* exception) noexcept {
   CrashChannel* const channel = g_channel.load();
   if (channel == nullptr || g_recorded.exchange(true)) return;
@@ -46,10 +65,10 @@ void RecordCrash(EmergencyKind kind, const EXCEPTION_POINTERS* exception) noexce
   if (exception == nullptr || exception->ContextRecord == nullptr) {
     ::RtlCaptureContext(ContextIn(record));
   }
-  FillEmergencyRecord(record, kind, exception);
-  // Nobody is left to be told of a failure.
+  FillRecord(kind, exception, &record);
+  // A failure is ignored: the process ends in any case.
   static_cast<void>(WriteEmergencyRecord(channel->emergency_file, record));
-  TellObserver(*channel, record);
+  NotifyObserver(*channel, record);
 }
 
 bool IsGccThrow(const EXCEPTION_POINTERS* exception) noexcept {
@@ -61,7 +80,7 @@ LONG WINAPI FilterException(EXCEPTION_POINTERS* exception) {
   const bool cpp_throw = IsGccThrow(exception);
   if (!cpp_throw) RecordCrash(EmergencyKind::kNativeException, exception);
   if (g_previous_filter != nullptr) return g_previous_filter(exception);
-  // A throw that nobody catches goes on to std::terminate, and is recorded there.
+  // An uncaught throw continues to std::terminate, which records it.
   return cpp_throw ? EXCEPTION_CONTINUE_EXECUTION : EXCEPTION_EXECUTE_HANDLER;
 }
 

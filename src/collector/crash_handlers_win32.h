@@ -1,8 +1,8 @@
 #pragma once
 
-// What a process does about its own death, for _win32.cpp files only: an unhandled exception and
-// std::terminate are written to emergency.bin and told to the observer, once, and then take their
-// course. From the first crash on nothing here takes memory or a lock.
+// The crash path of an observed process. For _win32.cpp files only. The first unhandled exception
+// or std::terminate is written to emergency.bin and reported to the observer; then the crash takes
+// its course. The crash path allocates nothing and takes no lock.
 
 #include <windows.h>
 
@@ -13,19 +13,20 @@
 
 namespace zul {
 
-/// What the handlers work with. All of it stays as it is until the process ends, so that a crash at
-/// any time finds it; only the observer may go.
+/// What the crash path works with. Only `observer` changes after InstallCrashHandlers; the rest
+/// stays valid until the process ends, so that a crash at any time can use it.
 struct CrashChannel {
   CollectorBlock* block = nullptr;
   HANDLE crash_event = nullptr;  ///< wakes the observer
-  HANDLE ready_event = nullptr;  ///< the observer's answer
+  HANDLE ready_event = nullptr;  ///< set by the observer as its answer
   fs::File emergency_file;
-  std::atomic<HANDLE> observer{nullptr};  ///< its process; null without one
+  std::atomic<HANDLE> observer{nullptr};  ///< the observer's process; null without one
 };
 
-/// Puts the handlers in front of those that are there, which are called afterwards, and gives the
-/// calling thread 32 KiB of stack for the case that it runs out. Once in a process; `channel` must
-/// live as long as the process.
+/// Installs the handlers for unhandled exceptions and std::terminate. They call the previous
+/// handlers after their own work. Also reserves 32 KiB of the calling thread's stack for the
+/// handling of a stack overflow. To be called once per process; `channel` must live until the
+/// process ends.
 void InstallCrashHandlers(CrashChannel* channel) noexcept;
 
 }  // namespace zul

@@ -4,7 +4,6 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 
-#include "collector/safe_path.h"
 #include "collector/session_directory.h"
 
 namespace zul {
@@ -47,7 +46,11 @@ void ReadEmergencyFile(const fs::Path& session_directory, nlohmann::json* record
       fs::SizeOf(path, ec) != sizeof(EmergencyRecord)) {
     return;
   }
-  if (const auto emergency = ParseEmergencyRecord(ReadStart(path, sizeof(EmergencyRecord)))) {
+  fs::File file = fs::OpenForRead(path, ec);
+  std::array<char, sizeof(EmergencyRecord)> bytes;
+  std::size_t read = 0;
+  if (!file.is_open() || !file.Read(bytes.data(), bytes.size(), &read, ec)) return;
+  if (const auto emergency = ParseEmergencyRecord({bytes.data(), read})) {
     MergeEmergencyRecord(*emergency, record);
   }
 }

@@ -3,6 +3,8 @@
 #include "collector/safe_path.h"
 #include "collector/session_directory.h"
 #include "core/build_identity.h"
+#include "core/failure.h"
+#include "core/file_layer.h"
 
 namespace zul {
 
@@ -10,12 +12,7 @@ namespace {
 
 using nlohmann::json;
 
-bool Fail(std::string* error, const char* reason) {
-  if (error != nullptr) *error = reason;
-  return false;
-}
-
-/// Makes room for a temporary file. Only a leftover of an earlier commit is taken away.
+/// Removes the temporary file of an earlier commit. Anything else with its name stays and fails.
 bool ClearTemporary(const fs::Path& temporary) {
   std::error_code ec;
   if (fs::KindOf(temporary, fs::Links::kDoNotFollow, ec) == fs::EntryKind::kNotFound) return true;
@@ -24,12 +21,29 @@ bool ClearTemporary(const fs::Path& temporary) {
   return !ec;
 }
 
-/// Writes all of `text` with one call and makes it durable.
+/// Writes all of `text` with one call and flushes it to the device.
 bool WriteWhole(fs::File file, std::string_view text) {
   std::error_code ec;
   std::size_t written = 0;
   return file.WriteSome(text.data(), text.size(), &written, ec) && written == text.size() &&
          file.Flush(ec) && file.Close(ec);
+}
+
+/// At most `size` bytes from the start of a file; empty also when reading fails.
+std::string ReadStart(const fs::Path& path, std::size_t size) {
+  std::error_code ec;
+  fs::File file = fs::OpenForRead(path, ec);
+  if (!file.is_open()) return {};
+  std::string bytes(size, '\0');
+  std::size_t filled = 0;
+  while (filled < size) {
+    std::size_t read = 0;
+    if (!file.Read(bytes.data() + filled, size - filled, &read, ec)) return {};
+    if (read == 0) break;
+    filled += read;
+  }
+  bytes.resize(filled);
+  return bytes;
 }
 
 }  // namespace
@@ -70,7 +84,7 @@ bool ReadEvidenceRecord(const fs::Path& path, json* record, std::string* error) 
   if (!IsSafeFile(path) || fs::SizeOf(path, ec) > kEvidenceBytesMax || ec) {
     return Fail(error, "record_missing_unsafe_or_oversized");
   }
-  // One byte more than a record may have shows a file that has grown meanwhile.
+  // The file may grow after the query for its size; one byte more than the limit shows that.
   const std::string bytes = ReadStart(path, kEvidenceBytesMax + 1);
   if (bytes.empty() || bytes.size() > kEvidenceBytesMax) return Fail(error, "record_size_invalid");
   std::optional<json> parsed = ParseEvidenceRecord(bytes);
@@ -80,7 +94,7 @@ bool ReadEvidenceRecord(const fs::Path& path, json* record, std::string* error) 
 }
 
 std::optional<json> ParseBoundedObject(std::string_view bytes) {
-  // The parser takes a NUL for the end and would pass over whatever stands behind it.
+  // The parser stops at a NUL and would accept any bytes after it.
   if (bytes.find('\0') != std::string_view::npos) return std::nullopt;
   bool too_deep = false;
   const auto within_depth = [&](int depth, json::parse_event_t /*event*/, json& /*value*/) {
@@ -105,7 +119,7 @@ std::optional<ProcessKey> ProcessKeyOf(const json& record) {
   const auto identity = record.find("process_identity");
   if (pid == record.end() || !pid->is_number_integer()) return std::nullopt;
   if (identity == record.end() || !identity->is_string()) return std::nullopt;
-  // A negative number is no process, as 0 is none.
+  // A negative id names no process, as 0 does not.
   return ProcessKey{pid->is_number_unsigned() ? pid->get<std::uint64_t>() : 0,
                     identity->get<std::string>()};
 }

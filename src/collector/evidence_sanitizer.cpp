@@ -82,7 +82,7 @@ json CopyAllowed(const json& from, const std::array<AllowedKey, kCount>& keys) {
   return copy;
 }
 
-/// The first frames of a stack. Something that is no frame is left out and has its place counted.
+/// The first frames of a stack. A value that is not an object is left out but counts as a frame.
 json CopyFrames(const json& frames) {
   json copy = json::array();
   for (std::size_t i = 0; i < std::min(frames.size(), kEvidenceFramesMax); ++i) {

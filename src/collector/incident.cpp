@@ -8,15 +8,15 @@ namespace {
 
 using nlohmann::json;
 
-void SetMoment(const IncidentMoment& moment, json& record) {
-  record["observed_at_unix_ms"] = moment.observed_at_unix_ms;
-  record["process_uptime_ms"] = moment.process_uptime_ms;
-  record["clean_shutdown_intent"] = moment.declared_exit_code.has_value();
+void SetMoment(const IncidentMoment& moment, json* record) {
+  (*record)["observed_at_unix_ms"] = moment.observed_at_unix_ms;
+  (*record)["process_uptime_ms"] = moment.process_uptime_ms;
+  (*record)["clean_shutdown_intent"] = moment.declared_exit_code.has_value();
 }
 
-/// For a process whose crash, if there was one, nobody captured.
+/// Classifies the end of a process of which the observer captured no crash.
 void ClassifyEnding(const ProcessEnding& ending, const fs::Path& session_directory, json* record) {
-  // It may have died before its crash was seen.
+  // The process may have ended before the observer saw its crash event.
   ReadEmergencyFile(session_directory, record);
   if (record->value("exception_observed", false)) {
     (*record)["capture_status"] = "partial";
@@ -40,12 +40,13 @@ RequestAnswer AnswerTo(ObserverRequest request, bool crash_captured, bool hang_c
       return crash_captured || hang_captured ? RequestAnswer::kRelease
                                              : RequestAnswer::kCaptureHang;
   }
-  // Another value comes from a process that lost its mind; it is not left waiting.
+  // Any other value comes from a damaged block. Answer it anyway, so that the crashing process does
+  // not wait.
   return RequestAnswer::kRelease;
 }
 
 void BeginCapture(const IncidentMoment& moment, json* record) {
-  SetMoment(moment, *record);
+  SetMoment(moment, record);
   (*record)["capture_status"] = "complete";
   record->erase("capture_error");
   (*record)["frames"] = json::array();
@@ -65,7 +66,7 @@ void NoteHang(std::uint32_t thread_id, std::uint64_t heartbeat_age_ms, json* rec
 }
 
 void FinishIncident(const ProcessEnding& ending, const fs::Path& session_directory, json* record) {
-  SetMoment(ending.moment, *record);
+  SetMoment(ending.moment, record);
   (*record)["exit_code_known"] = ending.exit_code.has_value();
   if (ending.exit_code) (*record)["exit_code"] = *ending.exit_code;
   (*record)["exit_status_kind"] = "windows_process_exit_status";

@@ -1,8 +1,8 @@
 #pragma once
 
-// What the observer writes into an incident record, as functions over plain records: the course of
-// a capture, and the judgement of how a process ended. They state only what is known; nobody is
-// ever said to have ended a process.
+// What the observer writes into an incident record, as functions over plain records: the steps of a
+// capture, and the classification of how a process ended. A record states only what is known. It
+// never names another process as the cause of the end.
 
 #include <cstdint>
 #include <nlohmann/json_fwd.hpp>
@@ -10,7 +10,7 @@
 
 #include "collector/collector_block.h"
 #include "collector/emergency_record.h"
-#include "core/file_layer.h"
+#include "core/path.h"
 
 namespace zul {
 
@@ -18,37 +18,39 @@ namespace zul {
 struct IncidentMoment {
   std::uint64_t observed_at_unix_ms = 0;
   std::uint64_t process_uptime_ms = 0;
-  std::optional<std::uint32_t> declared_exit_code;  ///< what it means to end with; nothing before
+  std::optional<std::uint32_t> declared_exit_code;  ///< nothing when none is declared yet
 };
 
-/// How a process ended, as far as the system and the observer know.
+/// How a process ended, as far as the system and the observer know it.
 struct ProcessEnding {
   IncidentMoment moment;
-  std::optional<std::uint32_t> exit_code;  ///< nothing when the system does not tell
-  bool crash_captured = false;             ///< the observer has recorded its crash already
+  std::optional<std::uint32_t> exit_code;  ///< nothing when the query for it failed
+  bool crash_captured = false;             ///< the observer has recorded a crash
 };
 
-/// What the observer does about a request.
+/// What the observer does with a request.
 enum class RequestAnswer {
-  kNone,          ///< nobody asked
-  kRelease,       ///< only the waiting process is released
-  kCaptureCrash,  ///< each time
-  kCaptureHang,   ///< once, and not behind a crash
+  kNone,     ///< there was no request
+  kRelease,  ///< answer the waiting process and record nothing
+  kCaptureCrash,
+  kCaptureHang,  ///< only once, and not after a crash
 };
+/// The answer to `request`, which may have any value.
 [[nodiscard]] RequestAnswer AnswerTo(ObserverRequest request, bool crash_captured,
                                      bool hang_captured);
 
-/// Opens a capture: the moment, no frames yet, no error.
+/// Starts a capture: sets the moment, an empty list of frames, and no error.
 void BeginCapture(const IncidentMoment& moment, nlohmann::json* record);
 
-/// States a crash, before its stack is looked at.
+/// Records a crash, before its stack is walked.
 void NoteCrash(const EmergencyRecord& emergency, nlohmann::json* record);
 
-/// States a hang of `thread_id`, before its stack is looked at.
+/// Records a hang of `thread_id`, before its stack is walked.
 void NoteHang(std::uint32_t thread_id, std::uint64_t heartbeat_age_ms, nlohmann::json* record);
 
-/// Makes the record final. Without a captured crash the emergency.bin in `session_directory` is
-/// asked, and then the exit code: the end was a clean one only when it is the declared one.
+/// Makes the record final. When the observer captured no crash, a record in the emergency.bin of
+/// `session_directory` decides, and without one the exit code: the exit was clean only when the
+/// code is the declared one.
 void FinishIncident(const ProcessEnding& ending, const fs::Path& session_directory,
                     nlohmann::json* record);
 

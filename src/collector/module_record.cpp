@@ -12,8 +12,8 @@ namespace zul {
 
 namespace {
 
-// Sizes and offsets of the PE headers of a 64-bit image; stack_capture_win32.cpp holds them against
-// the platform's own declarations.
+// Sizes and offsets in the PE headers of a 64-bit image. stack_capture_win32.cpp compares them with
+// the platform's declarations.
 constexpr std::size_t kDosHeaderSize = 64;
 constexpr std::size_t kHeaderOffsetAt = 60;
 constexpr std::uint16_t kDosSignature = 0x5A4D;  // "MZ"
@@ -40,7 +40,7 @@ Number NumberAt(const std::byte* bytes, std::size_t at) {
   return number;
 }
 
-/// An image in another process, read within its bounds.
+/// An image in another process. Reads stay within its bounds.
 class Image {
  public:
   Image(const MemoryReader& read, const ModuleRecord& module)
@@ -75,7 +75,7 @@ std::optional<Headers> ReadHeaders(const Image& image) {
   return headers;
 }
 
-/// The first part of the first sound CodeView record that the debug directory names.
+/// The signature, guid and age of the first valid CodeView record in the debug directory.
 std::optional<CodeView> ReadCodeView(const Image& image, const Headers& headers) {
   const auto at = NumberAt<std::uint32_t>(headers.data(), kDebugDirectoryAt);
   const auto size = NumberAt<std::uint32_t>(headers.data(), kDebugDirectoryAt + 4);
@@ -111,6 +111,7 @@ std::string LowerHex(const std::byte* bytes, std::size_t size) {
 }  // namespace
 
 std::string SanitizeModuleName(std::string_view path) {
+  constexpr std::string_view kUnnamedModule = "unnamed_module";
   const std::size_t separator = path.find_last_of("\\/");
   if (separator != std::string_view::npos) path.remove_prefix(separator + 1);
   return std::string(IsEvidenceWord(path) ? path : kUnnamedModule);

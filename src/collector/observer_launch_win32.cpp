@@ -5,11 +5,13 @@
 #include <cstdint>
 #include <vector>
 
+#include "core/failure.h"
+
 namespace zul {
 
 namespace {
 
-/// Handles that children inherit until the end of the scope.
+/// Makes handles inheritable for the length of a scope.
 class InheritableHandles {
  public:
   explicit InheritableHandles(const ObserverHandles& handles) : handles_(handles) {}
@@ -29,7 +31,7 @@ class InheritableHandles {
   const ObserverHandles& handles_;
 };
 
-/// The attributes of a new process: one, the list of all that it inherits.
+/// The attribute list of a new process, with one attribute: the handles that it inherits.
 class InheritanceList {
  public:
   InheritanceList() = default;
@@ -71,35 +73,32 @@ std::wstring CommandLine(const fs::Path& executable, const ObserverHandles& hand
   return line;
 }
 
-UniqueKernelHandle Fail(const char* word, std::string* reason) {
-  *reason = word;
-  return {};
-}
-
 }  // namespace
 
-UniqueKernelHandle LaunchObserver(const fs::Path& executable, const fs::Path& directory,
-                                  const ObserverHandles& handles, std::string* reason) {
+bool LaunchObserver(const fs::Path& executable, const fs::Path& directory,
+                    const ObserverHandles& handles, UniqueKernelHandle* observer,
+                    std::string* reason) {
   InheritableHandles inheritable(handles);
-  if (!inheritable.Mark()) return Fail("collector_handle_inheritance_failed", reason);
+  if (!inheritable.Mark()) return Fail(reason, "collector_handle_inheritance_failed");
   ObserverHandles allowed = handles;
   InheritanceList list;
-  if (!list.Init()) return Fail("collector_attribute_init_failed", reason);
-  if (!list.Allow(allowed)) return Fail("collector_handle_allowlist_failed", reason);
+  if (!list.Init()) return Fail(reason, "collector_attribute_init_failed");
+  if (!list.Allow(allowed)) return Fail(reason, "collector_handle_allowlist_failed");
   STARTUPINFOEXW startup{};
   static_assert(sizeof startup == 112);
   startup.StartupInfo.cb = sizeof startup;
   startup.lpAttributeList = list.get();
-  // CreateProcessW may write into the command line, hence a text of our own.
+  // CreateProcessW may change the text of the command line, so it gets a copy.
   std::wstring command_line = CommandLine(executable, handles);
   PROCESS_INFORMATION created{};
   if (!::CreateProcessW(executable.c_str(), command_line.data(), nullptr, nullptr, TRUE,
                         CREATE_NO_WINDOW | EXTENDED_STARTUPINFO_PRESENT, nullptr, directory.c_str(),
                         &startup.StartupInfo, &created)) {
-    return Fail("collector_launch_failed", reason);
+    return Fail(reason, "collector_launch_failed");
   }
   const UniqueKernelHandle thread(created.hThread);
-  return UniqueKernelHandle(created.hProcess);
+  observer->Reset(created.hProcess);
+  return true;
 }
 
 }  // namespace zul

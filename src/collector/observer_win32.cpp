@@ -7,13 +7,10 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
-#include "collector/emergency_record_win32.h"
+#include "collector/collector_block_win32.h"
 #include "collector/evidence_record.h"
 #include "collector/incident.h"
-#include "collector/observer_input.h"
-#include "collector/process_life_win32.h"
 #include "collector/session_directory.h"
-#include "collector/shared_block_win32.h"
 #include "collector/stack_capture_win32.h"
 #include "core/process_environment.h"
 
@@ -37,11 +34,12 @@ constexpr DWORD kWaitMs = 1000;
 constexpr std::uint64_t kCaptureLimitMs = 3000;
 constexpr DWORD kWatchdogRoundMs = 100;
 
-// When the capture that is under way has to be over, by GetTickCount64; 0 without one. The one
-// thing that the watchdog shares with the main loop.
+// The GetTickCount64 value at which the current capture must have ended; 0 without a capture. The
+// only variable that the watchdog and the main loop share.
 constinit std::atomic<std::uint64_t> g_capture_deadline{0};
 
-/// Ends the process when a capture takes too long: what is looked at may be broken in any way.
+/// Ends the process when a capture takes too long, since a walk of a damaged stack may never
+/// return.
 void WatchCaptures() {
   for (;;) {
     ::Sleep(kWatchdogRoundMs);
@@ -50,12 +48,12 @@ void WatchCaptures() {
   }
 }
 
-/// The two ticks are of two processes, so the later one may be read first.
+/// 0 when `from_tick` is later, which happens: the two ticks may come from two processes.
 std::uint64_t Elapsed(std::uint64_t from_tick, std::uint64_t to_tick) {
   return to_tick - std::min(from_tick, to_tick);
 }
 
-/// One observed process, from the judgement of what was inherited to its end.
+/// The observation of one process, from the checks on the inherited handles to the process's end.
 class Observation {
  public:
   explicit Observation(const std::array<std::uintptr_t, 4>& handles)
@@ -100,7 +98,7 @@ class Observation {
   bool hang_captured_ = false;
 };
 
-/// True when the block is that of the process, and leads to a session folder.
+/// True when the block belongs to the process and names a session folder.
 bool Observation::Attach() {
   if (!block_) return false;
   const DWORD pid = ::GetProcessId(process_.get());
@@ -120,7 +118,8 @@ bool Observation::CommitOwnRecord() const {
                               nullptr);
 }
 
-/// Everything up to the answer that the observed process waits for.
+/// Everything up to the ready event, for which the observed process waits. kExitRecorded on
+/// success.
 int Observation::Begin() {
   json metadata;
   if (!Attach() || !ReadEvidenceRecord(session_ / kMetadataFile, &metadata, nullptr)) {
@@ -149,7 +148,7 @@ int Observation::Run() {
   }
 }
 
-/// False when a record could not be committed.
+/// False when a record could not be committed. `captured` is true when there was a capture.
 bool Observation::Answer(ObserverRequest request, bool* captured) {
   const RequestAnswer answer = AnswerTo(request, crash_captured_, hang_captured_);
   *captured = answer == RequestAnswer::kCaptureCrash || answer == RequestAnswer::kCaptureHang;
@@ -181,7 +180,7 @@ bool Observation::Capture(RequestAnswer what) {
   return true;
 }
 
-/// The crash itself is on the disk before the process is touched: the walk may never return.
+/// Commits the fact of the crash before the process is examined, since the walk may never return.
 bool Observation::CaptureCrash() {
   EmergencyRecord emergency = block_.get()->emergency;
   NoteCrash(emergency, &record_);
@@ -216,7 +215,7 @@ int Observation::Finish() {
   FinishIncident(ending, session_, &record_);
   if (!Commit(kIncidentFile)) return kExitCommitFailed;
   Release();
-  // A clean end leaves no evidence behind; every other waits for whoever reports it.
+  // A clean end leaves no evidence. After any other end the next start reports the session.
   if (record_.value("event", "") == "clean_exit") DeleteCompactSession(session_);
   return kExitRecorded;
 }
@@ -229,22 +228,13 @@ void Observation::Release() {
   mapping_.Reset();
 }
 
-int ObserverMain(int argc, const char* const* argv) {
-  const auto handles = ParseObserverArguments(argc, argv);
-  return handles ? Observation(*handles).Run() : kExitBadArguments;
-}
-
 }  // namespace
 
 int RunObserver(int argc, wchar_t* const* argv) {
-  // Nobody sees this process: no box of the system may wait for a press.
+  // This process has no window, so no message box of the system may wait for a user.
   ::SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX | SEM_NOOPENFILEERRORBOX);
-  const auto narrow = NarrowObserverArguments(argc, argv);
-  if (!narrow) return kExitBadArguments;
-  std::array<const char*, 6> texts{};
-  std::transform(narrow->begin(), narrow->end(), texts.begin(),
-                 [](const std::string& text) { return text.c_str(); });
-  return ObserverMain(static_cast<int>(texts.size()), texts.data());
+  const auto handles = ParseObserverArguments(argc, argv);
+  return handles ? Observation(*handles).Run() : kExitBadArguments;
 }
 
 }  // namespace zul

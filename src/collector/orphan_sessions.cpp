@@ -13,7 +13,9 @@ namespace {
 
 using nlohmann::json;
 
-/// An observer that still runs finishes its session itself.
+constexpr std::size_t kOrphanSessionsMax = 32;
+
+/// A running observer finishes its session itself.
 bool HasLivingObserver(const fs::Path& session) {
   json collector;
   if (!ReadEvidenceRecord(session / kCollectorFile, &collector, nullptr)) return false;
@@ -21,7 +23,7 @@ bool HasLivingObserver(const fs::Path& session) {
   return observer && IsProcessAlive(*observer);
 }
 
-/// The incident record of a session that is over.
+/// The incident record of a session whose process and observer have ended.
 std::optional<json> OrphanRecord(const fs::Path& session) {
   json record;
   if (!ReadEvidenceRecord(session / kIncidentFile, &record, nullptr)) return std::nullopt;

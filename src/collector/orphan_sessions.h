@@ -1,28 +1,25 @@
 #pragma once
 
-// The sessions that earlier processes left: those whose process and observer are both gone.
+// The sessions of earlier processes: those whose process and observer have both ended.
 
 #include <nlohmann/json.hpp>
 #include <vector>
 
-#include "core/file_layer.h"
+#include "core/path.h"
 
 namespace zul {
 
-/// A session that nobody writes any more, with its incident record as it can be told now. The file
-/// on disk is left as it is.
+/// A session that no process writes any more, and its incident record with what is known now. The
+/// file on disk stays unchanged.
 struct OrphanSession {
   fs::Path directory;
   nlohmann::json record;
 };
 
-/// At most this many are taken in one go; the rest waits for the next start.
-inline constexpr std::size_t kOrphanSessionsMax = 32;
-
-/// The orphans of a crash folder, oldest first. A session whose observer did not finish it is
-/// marked incomplete and, since nobody will add to it, finalized; a crash record that no observer
-/// saw is merged. Folders that are not sessions, and sessions without a readable incident record,
-/// are passed over.
+/// The orphans of a crash folder, oldest first, at most 32; the others remain for the next start. A
+/// record that its observer did not finish is marked incomplete and also finalized, since no
+/// process will add to it. A crash that is only in emergency.bin is merged. Folders that are no
+/// sessions, and sessions without a readable incident record, are skipped.
 [[nodiscard]] std::vector<OrphanSession> FinalizeOrphanSessions(const fs::Path& crash_directory);
 
 }  // namespace zul

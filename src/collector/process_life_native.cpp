@@ -2,22 +2,32 @@
 
 #include <signal.h>
 
+#include <array>
 #include <cerrno>
 #include <limits>
 #include <sstream>
 
-#include "collector/safe_path.h"
+#include "core/file_layer.h"
 
 namespace zul {
 
 namespace {
 
-constexpr std::size_t kStatBytesMax = 4096;
 constexpr int kFieldsBetweenStateAndStart = 18;
 
-/// State and start time, in ticks since the host's start, from /proc/<pid>/stat (proc(5)). The name
-/// of the program stands in brackets before them and may hold anything.
-void ReadStat(const std::string& stat, ProcessFacts* facts) {
+/// /proc/<pid>/stat, which the system gives with one read; empty when the process has ended.
+std::string ReadStat(std::uint32_t pid) {
+  std::error_code ec;
+  fs::File file = fs::OpenForRead("/proc/" + std::to_string(pid) + "/stat", ec);
+  std::array<char, 4096> stat;
+  std::size_t read = 0;
+  if (!file.is_open() || !file.Read(stat.data(), stat.size(), &read, ec)) return {};
+  return {stat.data(), read};
+}
+
+/// Sets state and start time from a stat line (proc(5)). They follow the program's name, which is
+/// in parentheses and may itself hold any characters.
+void ParseStat(const std::string& stat, ProcessFacts* facts) {
   const std::size_t name_end = stat.rfind(')');
   if (name_end == std::string::npos) return;
   std::istringstream fields(stat.substr(name_end + 1));
@@ -39,7 +49,7 @@ ProcessFacts QueryProcess(std::uint32_t pid) {
     return facts;
   }
   facts.opened = ProcessFacts::Opened::kYes;
-  ReadStat(ReadStart("/proc/" + std::to_string(pid) + "/stat", kStatBytesMax), &facts);
+  ParseStat(ReadStat(pid), &facts);
   return facts;
 }
 

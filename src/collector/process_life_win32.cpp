@@ -2,17 +2,10 @@
 
 #include <windows.h>
 
-#include "collector/process_life_win32.h"
+#include "collector/collector_block_win32.h"
 #include "core/handle_win32.h"
 
 namespace zul {
-
-std::optional<std::uint64_t> CreationTimeOf(HANDLE process) {
-  FILETIME creation;
-  FILETIME unused;
-  if (!::GetProcessTimes(process, &creation, &unused, &unused, &unused)) return std::nullopt;
-  return std::uint64_t{creation.dwHighDateTime} << 32 | std::uint64_t{creation.dwLowDateTime};
-}
 
 ProcessFacts QueryProcess(std::uint32_t pid) {
   ProcessFacts facts;

@@ -4,6 +4,8 @@
 
 #include "collector/collector_block.h"
 #include "collector/safe_path.h"
+#include "core/failure.h"
+#include "core/file_layer.h"
 #include "core/text.h"
 
 namespace zul {
@@ -13,18 +15,24 @@ namespace {
 constexpr std::string_view kCompactDirectoryName = "compact_process";
 constexpr std::string_view kSessionPrefix = "process_";
 constexpr std::size_t kSessionNameBytesMax = 96;
+constexpr std::size_t kCompactSessionsMax = 40;
+
+std::string SessionName(std::uint64_t now_unix_ms, std::uint32_t pid, std::uint64_t creation_time) {
+  return std::string(kSessionPrefix) + std::to_string(now_unix_ms) + "_" + std::to_string(pid) +
+         "_" + std::to_string(creation_time);
+}
 
 bool IsWordByte(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
          c == '.' || c == '_';
 }
 
-bool Fail(const char* word, std::string* reason) {
-  *reason = word;
-  return false;
+bool IsCompactSessionName(std::string_view name) {
+  return name.starts_with(kSessionPrefix) && name.size() <= kSessionNameBytesMax &&
+         HasOnlyWordBytes(name);
 }
 
-/// Counts by name alone: whatever looks like a session takes its place.
+/// Counts by name alone: an entry of any kind counts.
 bool IsWithinBudget(const fs::Path& all_sessions) {
   std::error_code ec;
   const std::vector<fs::DirectoryEntry> entries = fs::ListDirectory(all_sessions, ec);
@@ -44,11 +52,6 @@ bool HasOnlyWordBytes(std::string_view text) {
   return std::all_of(text.begin(), text.end(), IsWordByte);
 }
 
-bool IsCompactSessionName(std::string_view name) {
-  return name.starts_with(kSessionPrefix) && name.size() <= kSessionNameBytesMax &&
-         HasOnlyWordBytes(name);
-}
-
 bool IsCompactSessionPath(const fs::Path& directory) {
   return IsCompactSessionName(PathToUtf8(directory.filename())) &&
          directory.parent_path().filename() == kCompactDirectoryName;
@@ -58,19 +61,18 @@ bool CreateCompactSession(const fs::Path& crash_directory, std::uint64_t now_uni
                           std::uint32_t pid, std::uint64_t creation_time, fs::Path* directory,
                           std::string* reason) {
   const fs::Path all = CompactDirectory(crash_directory);
-  const fs::Path session = all / (std::string(kSessionPrefix) + std::to_string(now_unix_ms) + "_" +
-                                  std::to_string(pid) + "_" + std::to_string(creation_time));
+  const fs::Path session = all / SessionName(now_unix_ms, pid, creation_time);
   if (creation_time == 0 || session.native().size() > kSessionDirectoryUnitsMax) {
-    return Fail("process_identity_or_path_invalid", reason);
+    return Fail(reason, "process_identity_or_path_invalid");
   }
   std::error_code ec;
   if (!fs::CreateDirectories(all, ec) || !IsSafeDirectoryChain(all) ||
       fs::CreateDirectoryOnce(session, ec) != fs::CreateResult::kCreated) {
-    return Fail("collector_directory_unavailable", reason);
+    return Fail(reason, "collector_directory_unavailable");
   }
   if (!IsWithinBudget(all)) {
     fs::Remove(session, ec);
-    return Fail("collector_session_budget_exhausted", reason);
+    return Fail(reason, "collector_session_budget_exhausted");
   }
   *directory = session;
   return true;

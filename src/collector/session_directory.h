@@ -1,15 +1,16 @@
 #pragma once
 
-// The folder of one observed process, <crash folder>/compact_process/process_*: how it comes, which
-// names it has and may hold, and how it goes away.
+// The folder of one observed process, <crash folder>/compact_process/process_*: its creation, its
+// name, the files in it, and its deletion.
 
 #include <array>
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
-#include "core/file_layer.h"
+#include "core/path.h"
 
 namespace zul {
 
@@ -20,10 +21,10 @@ inline constexpr std::string_view kCollectorFile = "collector.json";
 inline constexpr std::string_view kCheckpointFile = "checkpoint.json";
 inline constexpr std::string_view kHangFile = "hang.json";
 
-/// Behind the name of a record that is being written.
+/// Appended to the name of a record while it is being written.
 inline constexpr std::string_view kPartialSuffix = ".partial";
 
-/// Everything that a session folder may hold.
+/// All names that a session folder may hold.
 inline constexpr std::array<std::string_view, 11> kSessionFiles = {kIncidentFile,
                                                                    "incident.json.partial",
                                                                    kEmergencyFile,
@@ -39,37 +40,32 @@ inline constexpr std::array<std::string_view, 11> kSessionFiles = {kIncidentFile
 /// The folder of all sessions in a crash folder.
 [[nodiscard]] fs::Path CompactDirectory(const fs::Path& crash_directory);
 
-/// A to Z, a to z, 0 to 9, '-', '.', '_': what names and words in evidence are made of, so that no
-/// path and no sentence fits into one.
+/// True when `text` holds only A to Z, a to z, 0 to 9, '-', '.' and '_'. The names and words in
+/// evidence consist of these, so that they cannot hold a path or a sentence.
 [[nodiscard]] bool HasOnlyWordBytes(std::string_view text);
 
-/// True for 8 to 96 word bytes that begin with "process_".
-[[nodiscard]] bool IsCompactSessionName(std::string_view name);
-
-/// True for a path that ends as a session's does: a session name in the folder of all sessions.
-/// Does not ask the disk.
+/// True when the last component of `directory` is a session name (8 to 96 word bytes that begin
+/// with "process_") and its parent is named as the folder of all sessions. Lexical only.
 [[nodiscard]] bool IsCompactSessionPath(const fs::Path& directory);
 
-/// At most this many sessions stand in a crash folder, the new one included.
-inline constexpr std::size_t kCompactSessionsMax = 40;
-
-/// Makes the folder of a new session, with its parents. `now_unix_ms` is the wall clock, and
-/// `creation_time` that of the process `pid`, 0 when not known. On failure `directory` is left
-/// alone, and `reason` gets process_identity_or_path_invalid, collector_directory_unavailable or
-/// collector_session_budget_exhausted.
+/// Creates the folder of a new session, and its parents. A crash folder holds at most 40 sessions,
+/// the new one included. `now_unix_ms` is the wall clock in milliseconds since 1970.
+/// `creation_time` is that of the process `pid`, 0 when unknown. On failure `directory` stays
+/// unchanged, and `reason` gets process_identity_or_path_invalid, collector_directory_unavailable
+/// or collector_session_budget_exhausted.
 [[nodiscard]] bool CreateCompactSession(const fs::Path& crash_directory, std::uint64_t now_unix_ms,
                                         std::uint32_t pid, std::uint64_t creation_time,
                                         fs::Path* directory, std::string* reason);
 
-/// The session folders of a crash folder, oldest first (by name, which begins with the time of the
-/// start), each of them safe. None where the folder of all sessions is missing or not safe, and an
-/// error code when it could not be listed to the end.
+/// The session folders of a crash folder that pass IsSafeDirectoryChain, sorted by name. Names
+/// begin with the time of the start, so the oldest session comes first. Empty when the folder of
+/// all sessions is missing or unsafe; `ec` is set when it could not be listed to the end.
 [[nodiscard]] std::vector<fs::Path> ListCompactSessions(const fs::Path& crash_directory,
                                                         std::error_code& ec);
 
-/// Deletes the files of a session and then its folder. Refuses quietly what is not a session folder
-/// in its place. Never deletes by recursion: a folder with anything unknown in it stays. True when
-/// the folder was removed.
+/// Deletes the known files of a session folder and then the folder. Does nothing to a path that
+/// fails IsCompactSessionPath or IsSafeDirectoryChain. Does not recurse: a folder that holds
+/// anything else stays. True when the folder was removed.
 bool DeleteCompactSession(const fs::Path& directory);
 
 }  // namespace zul

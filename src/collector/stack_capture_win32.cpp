@@ -13,6 +13,7 @@
 #include "collector/evidence_sanitizer.h"
 #include "collector/module_record.h"
 #include "core/handle_win32.h"
+#include "core/process_environment.h"
 #include "core/system_library_win32.h"
 #include "core/text.h"
 
@@ -25,7 +26,7 @@ using nlohmann::json;
 static_assert(sizeof(STACKFRAME64) == 264);
 static_assert(sizeof(PROCESS_MEMORY_COUNTERS_EX) == 80);
 
-// What module_record.cpp takes from an image.
+// The sizes and offsets with which module_record.cpp reads an image.
 static_assert(sizeof(IMAGE_DOS_HEADER) == 64 && offsetof(IMAGE_DOS_HEADER, e_lfanew) == 60);
 static_assert(sizeof(IMAGE_NT_HEADERS64) == 264);
 static_assert(offsetof(IMAGE_NT_HEADERS64, FileHeader) +
@@ -40,16 +41,15 @@ static_assert(sizeof(IMAGE_DEBUG_DIRECTORY) == 28 && offsetof(IMAGE_DEBUG_DIRECT
               offsetof(IMAGE_DEBUG_DIRECTORY, AddressOfRawData) == 20);
 
 constexpr std::size_t kModulesMax = 512;
-constexpr std::size_t kModulePathUnits = 32768;
 constexpr ULONGLONG kWalkMsMax = 1000;
 
-// No symbol server, no prompts, no search on the machine: only what is needed to unwind.
+// No symbol server, no prompts, no search for symbol files: only what unwinding needs.
 constexpr DWORD kSymbolOptions = SYMOPT_DEFERRED_LOADS | SYMOPT_FAIL_CRITICAL_ERRORS |
                                  SYMOPT_IGNORE_NT_SYMPATH | SYMOPT_NO_PROMPTS |
                                  SYMOPT_DISABLE_SYMSRV_AUTODETECT;
 static_assert(kSymbolOptions == 0x2081204);
 
-/// dbghelp.dll, which only a capture needs.
+/// The functions of dbghelp.dll, which is loaded for a capture only.
 struct SymbolFunctions {
   SystemFunction<decltype(::SymSetOptions)> set_options{kLibrary, "SymSetOptions"};
   SystemFunction<decltype(::SymInitializeW)> initialize{kLibrary, "SymInitializeW"};
@@ -70,7 +70,7 @@ struct SymbolFunctions {
   static constexpr const wchar_t* kLibrary = L"dbghelp.dll";
 };
 
-/// The symbol handler of one process, as long as it lives.
+/// The symbol handler of one process, for the lifetime of this object.
 class SymbolHandler {
  public:
   explicit SymbolHandler(HANDLE process) : process_(process) {
@@ -113,7 +113,7 @@ MemoryReader ReaderOf(HANDLE process) {
   };
 }
 
-/// The modules of the process in the loader's order, each made known to the symbol handler.
+/// The modules of the process in the loader's order. Loads each into the symbol handler.
 std::vector<ModuleRecord> LoadModules(HANDLE process, const SymbolHandler& symbols) {
   std::vector<ModuleRecord> modules;
   std::array<HMODULE, kModulesMax> handles;
@@ -122,7 +122,7 @@ std::vector<ModuleRecord> LoadModules(HANDLE process, const SymbolHandler& symbo
       FALSE) {
     return modules;
   }
-  std::wstring path(kModulePathUnits, L'\0');
+  std::wstring path(kLongestPathUnits, L'\0');
   const std::size_t count = std::min<std::size_t>(bytes / sizeof(HMODULE), handles.size());
   for (std::size_t i = 0; i < count; ++i) {
     MODULEINFO info{};
@@ -149,8 +149,8 @@ STACKFRAME64 FirstFrame(const CONTEXT& context) {
   return frame;
 }
 
-/// Appends the callers to `frames`, which holds the first frame. False when there was more to walk
-/// than is kept, or than the time was enough for.
+/// Appends the callers to `frames`, which holds the first frame. False when the limit on frames or
+/// on time ended the walk.
 bool WalkCallers(const SymbolHandler& symbols, HANDLE thread, const CONTEXT& first,
                  const std::vector<ModuleRecord>& modules, json* frames) {
   CONTEXT context = first;  // the walk changes it
@@ -164,7 +164,7 @@ bool WalkCallers(const SymbolHandler& symbols, HANDLE thread, const CONTEXT& fir
     if (frame.AddrPC.Offset == last_instruction && frame.AddrStack.Offset == last_stack) {
       return true;
     }
-    // The walk begins with the frame that it was given.
+    // The first round may give the first frame again.
     if (round != 0 || frame.AddrPC.Offset != first.Rip) {
       frames->push_back(FrameRecord(modules, frame.AddrPC.Offset));
     }

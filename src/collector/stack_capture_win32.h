@@ -1,11 +1,11 @@
 #pragma once
 
-// A thread of a dying or stuck process as a list of modules and offsets, for _win32.cpp files only.
-// Nothing else of the process is recorded: no symbol names, no paths, no memory.
+// The stack of a thread in a crashing or hanging process, as a list of modules and offsets. For
+// _win32.cpp files only. No symbol names, no paths and no memory contents are recorded.
 //
-// All failures end in fields of the record (capture_status, capture_error). The process handle
-// needs PROCESS_QUERY_INFORMATION and PROCESS_VM_READ. Only one thread of this process may be in
-// here at a time (dbghelp.dll is not made for more).
+// Each failure sets fields of the record (capture_status, capture_error). The process handle needs
+// PROCESS_QUERY_INFORMATION and PROCESS_VM_READ. Only one thread may call these functions at a
+// time, since dbghelp.dll is single-threaded.
 
 #include <windows.h>
 
@@ -13,16 +13,16 @@
 
 namespace zul {
 
-/// Fills `frames` from the thread's context, the first frame being its instruction pointer. At most
-/// 48 frames and 1000 ms; more sets `frames_limited`.
+/// Sets `frames` from the thread's context; the first frame is its instruction pointer. A walk of
+/// more than 48 frames or 1000 ms is cut and sets `frames_limited`.
 void CaptureStack(HANDLE process, DWORD thread_id, const CONTEXT& context, nlohmann::json* record);
 
-/// The context of a living thread, from a snapshot of the process that does not disturb it. False
-/// with `capture_error` set where it cannot be had.
+/// Copies the context of a running thread from a snapshot of its process, which does not suspend
+/// the thread. On failure returns false and sets `capture_error`.
 [[nodiscard]] bool CaptureThreadContextSnapshot(HANDLE process, DWORD thread_id, CONTEXT* context,
                                                 nlohmann::json* record);
 
-/// Sets working_set_bytes, private_bytes and handle_count, each where the system tells it.
+/// Sets working_set_bytes, private_bytes and handle_count. A value whose query fails is left out.
 void CaptureProcessCounters(HANDLE process, nlohmann::json* record);
 
 }  // namespace zul

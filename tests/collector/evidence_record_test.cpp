@@ -1,4 +1,4 @@
-// The records on disk, and the form of them that may leave the machine.
+// The records on disk, and the copy of them that may leave the machine.
 
 #include "collector/evidence_record.h"
 
@@ -26,7 +26,7 @@ std::string Read(const fs::Path& path, json* record) {
   return ReadEvidenceRecord(path, record, &error) ? "" : error;
 }
 
-TEST(EvidenceRecord, IsReadAsItWasWritten) {
+TEST(EvidenceRecord, IsWrittenAndReadWholeUpToItsSizeLimit) {
   const test::TempFolder folder;
   const fs::Path path = folder / "incident.json";
   json record = BuildBaseRecord({4321, "133500000000000000"}, 1769862605123);
@@ -37,7 +37,7 @@ TEST(EvidenceRecord, IsReadAsItWasWritten) {
   EXPECT_EQ(Read(path, &read), "");
   EXPECT_EQ(read, record);
   const std::size_t rest = ReadFile(path).size() - 6;
-  WriteFile(folder / "incident.json.partial", "left by a process that died");
+  WriteFile(folder / "incident.json.partial", "left by a process that ended during its commit");
   record["x"] = std::string(kEvidenceBytesMax - rest, 'x');
   EXPECT_EQ(Commit(path, record), "");
   record["x"] = std::string(kEvidenceBytesMax - rest + 1, 'x');
@@ -46,26 +46,26 @@ TEST(EvidenceRecord, IsReadAsItWasWritten) {
   EXPECT_EQ(test::ListTree(folder.path()), "incident.json\n");
 }
 
-TEST(EvidenceRecord, NeverPassesThroughALink) {
+TEST(EvidenceRecord, IsNeverReadOrWrittenThroughALink) {
   const test::TempFolder folder;
   const test::TempFolder outside;
-  const std::string sound = json{{"schema", kEvidenceSchema}}.dump();
+  const std::string valid = json{{"schema", kEvidenceSchema}}.dump();
   for (const fs::Path& path : {outside / "target", outside / "inner/record.json",
                                folder / "c.json.partial/x", folder / "folder.json/x"}) {
-    WriteFile(path, sound);
+    WriteFile(path, valid);
   }
-  WriteFile(folder / "big.json", sound + std::string(kEvidenceBytesMax, ' '));
+  WriteFile(folder / "big.json", valid + std::string(kEvidenceBytesMax, ' '));
   if (!test::MakeLink(outside.path(), folder / "link") ||
       !test::MakeLink(outside / "target", folder / "a.json.partial") ||
       !test::MakeLink(outside / "target", folder / "link.json")) {
-    GTEST_SKIP() << "this user may not make links";
+    GTEST_SKIP() << "this user may not create links";
   }
-  const bool wine = test::RunsUnderWine();  // it shows links to folders only
+  const bool wine = test::RunsUnderWine();  // where only links to folders show as links
   const char* const unreadable = "record_missing_unsafe_or_oversized";
   const struct {
     const char* path;
     const char* read;
-    const char* commit;  ///< null when not to be tried
+    const char* commit;  ///< null: not tried
   } cases[] = {
       {"link/inner/record.json", unreadable, "record_directory_unsafe"},
       {"a.json", unreadable, wine ? nullptr : "record_temporary_unsafe"},
@@ -83,32 +83,53 @@ TEST(EvidenceRecord, NeverPassesThroughALink) {
   }
   EXPECT_FALSE(test::Exists(folder / "folder.json.partial"));
   EXPECT_EQ(test::ListTree(outside.path()), "inner/\ninner/record.json\ntarget\n");
-  EXPECT_EQ(ReadFile(outside / "target") + ReadFile(outside / "inner/record.json"), sound + sound);
+  EXPECT_EQ(ReadFile(outside / "target") + ReadFile(outside / "inner/record.json"), valid + valid);
 }
 
-TEST(EvidenceSanitizer, LetsOnlyWhatIsListedOut) {
-  json source = json::parse(R"({"pid": 7, "process_identity": "9", "platform": "",
-      "event": "ui_hang", "capture_error": "a blank", "exit_code": 3221225477, "thread_id": -1,
-      "finalized": true, "memory_contents_uploaded": "all", "path": "C:\\Users\\jan", "frames": [
-        {"module": "C:\\x.dll", "rva": 1, "address": 2, "module_resolved": true}, "C:\\Users"]})");
-  json expected = json::parse(R"({"schema": "qorva.compact_process_evidence.v1",
-      "event": "ui_hang", "exit_code": 3221225477, "finalized": true,
-      "external_terminator_identified": false, "memory_contents_uploaded": false,
-      "frames": [{"rva": 1, "module_resolved": true}]})");
-  EXPECT_EQ(SanitizeEvidenceRecord(source), expected);
+TEST(EvidenceSanitizer, CopiesOnlyAllowedKeysWithValuesOfTheirType) {
+  const json promises = {{"schema", kEvidenceSchema},
+                         {"external_terminator_identified", false},
+                         {"memory_contents_uploaded", false}};
+  json allowed = json::parse(R"({"event": "ui_hang", "capture_status": "partial",
+      "capture_error": "A-z_0.9", "platform": "windows", "version": "0.1.0", "build_id": "dev",
+      "channel": "stable", "arch": "x64", "exit_status_kind": "k", "exception_code": 3221225477,
+      "thread_id": 0, "observed_at_unix_ms": 1769862605123, "exit_code": 1, "exit_signal": 2,
+      "process_uptime_ms": 3, "working_set_bytes": 4, "private_bytes": 5, "handle_count": 6,
+      "thread_count": 7, "ui_heartbeat_age_ms": 8, "capture_duration_ms": 9, "finalized": true,
+      "clean_shutdown_intent": true, "exit_code_known": true, "exception_observed": true,
+      "frames_limited": false, "live_stack_best_effort": true, "frames": [{"module": "x.dll",
+      "pdb_guid": "0f", "rva": 1, "image_size": 2, "image_timestamp": 3, "pdb_age": 4,
+      "module_resolved": true}]})");
+  json source = allowed;
+  source.update({{"pid", 7}, {"process_identity", "9"}, {"memory_contents_uploaded", "all"}});
+  source["frames"][0]["address"] = 2;
+  source["frames"].push_back("C:\\Users");
+  allowed.update(promises);
+  EXPECT_EQ(SanitizeEvidenceRecord(source), allowed);
   source["frames"] = json(49, json{{"rva", 1}});
-  expected["frames"] = json(48, json{{"rva", 1}});
-  expected["frames_limited"] = true;
-  EXPECT_EQ(SanitizeEvidenceRecord(source), expected);
+  allowed["frames"] = json(48, json{{"rva", 1}});
+  allowed["frames_limited"] = true;
+  EXPECT_EQ(SanitizeEvidenceRecord(source), allowed);
+  for (const json& wrong : {json("a blank"), json(""), json(-1), json(0.5)}) {
+    for (const auto& [key, value] : allowed.items()) source[key] = wrong;
+    EXPECT_EQ(SanitizeEvidenceRecord(source), promises) << wrong;
+  }
 }
 
-TEST(ModuleName, IsToldOnlyWhereItSaysNothingPrivate) {
+TEST(ModuleRecord, NamesAFrameOnlyByAModuleWithAHarmlessName) {
   const std::string longest(128, 'a');
   EXPECT_EQ(SanitizeModuleName("\\\\server\\share/A-b_9.DLL"), "A-b_9.DLL");
   EXPECT_EQ(SanitizeModuleName("C:\\x\\" + longest), longest);
   for (const std::string& path : {"C:\\x\\a" + longest, std::string("C:\\x\\Jana's filter.dll"),
                                   std::string("C:\\ž.dll"), std::string("C:x.dll")}) {
     EXPECT_EQ(SanitizeModuleName(path), "unnamed_module") << path;
+  }
+  const std::vector<ModuleRecord> modules = {{.base = 16, .image_size = 8, .name = "a"},
+                                             {.base = 20, .image_size = 8, .name = "b"}};
+  const std::pair<std::uint64_t, const char*> cases[] = {
+      {15, "-"}, {16, "a"}, {23, "a"}, {24, "b"}, {28, "-"}};
+  for (const auto& [address, module] : cases) {
+    EXPECT_EQ(FrameRecord(modules, address).value("module", "-"), module) << address;
   }
 }
 

@@ -1,12 +1,13 @@
-// Dies as it is told, under the eyes of an observer. For the tests of the collector.
+// A process that starts the collector and then ends in a chosen way. For the tests of the
+// collector.
 //
 //   die_on_demand.exe CRASH_FOLDER INSTALL_FOLDER WAY SECRET
 //
-// Starts the collector and prints one line of JSON: "reason", "session", and "rva" and "thread" of
-// what is going to crash. Then it waits for the end of its standard input and dies in
-// that way; the ways stand at the end of this file. SECRET is text that no evidence may hold: it is
-// in the command line, on the heap and on the stack.
-// Exit codes of its own: 64 wrong arguments, 99 it lived on.
+// Starts the collector and prints one line of JSON: "reason" and "session" of the start, and "rva"
+// and "thread" of the function that will crash. At the end of its standard input it ends in the way
+// WAY; kWays below lists the ways. SECRET is text that no evidence may hold: it is in the command
+// line, on the heap and on the stack.
+// Exit codes of its own: 64 for wrong arguments, 98 and 99 when it did not end.
 
 #include <windows.h>
 
@@ -21,6 +22,7 @@
 #include <thread>
 
 #include "collector/collector.h"
+#include "core/file_layer.h"
 #include "core/text.h"
 #include "tests/rig/programs/program_support_win32.h"
 
@@ -34,7 +36,7 @@ using namespace zul;
 
 template <UINT kCode>
 void Exit() {
-  RecordProcessExitCode(1);  // the last one counts
+  RecordProcessExitCode(1);  // the last declared code counts
   RecordProcessExitCode(7);
   ::ExitProcess(kCode);
 }
@@ -44,37 +46,36 @@ void WriteNull() {
   *nowhere = 1;
 }
 
-/// More callers than are told.
+/// Crashes with more callers than a record holds.
 void WriteNullDeepDown() {
   static int depth = 0;
   void (*volatile next)() = depth < 100 ? WriteNullDeepDown : WriteNull;
   ++depth;
   next();
-  next = nullptr;  // so that the call is not the last thing to do
+  next = nullptr;  // after the call, so that it is no tail call
 }
 
-/// In large steps: the compiler touches a large frame before it moves the stack pointer, so that
-/// there is room below for the handling of the overflow. Wine gives none, whatever it was asked
-/// for.
+/// Uses large frames: the compiler touches a large frame before it moves the stack pointer, so that
+/// room remains for the handling of the overflow. Under Wine SetThreadStackGuarantee reserves none.
 void OverflowStack() {
   void (*volatile again)() = OverflowStack;
   std::array<volatile char, 65536> much;
   much[0] = 1;
   again();
-  much[1] = 1;  // so that the call is not the last thing to do
+  much[1] = 1;  // after the call, so that it is no tail call
 }
 
-/// Windows shows a throw that nobody catches to the filter first. Wine does not.
+/// Windows passes an uncaught throw to the exception filter first. Wine does not, so this does.
 void Throw() {
   EXCEPTION_RECORD thrown{};
   thrown.ExceptionCode = 0x20474343;  // as GCC's runtime raises it
   EXCEPTION_POINTERS exception{&thrown, nullptr};
   ::UnhandledExceptionFilter(&exception);
-  throw std::runtime_error("nobody catches this");
+  throw std::runtime_error("uncaught");
 }
 
-/// While the first crash waits for the observer, which the test holds up, a second thread crashes
-/// in another way and ends the process.
+/// While the first crash waits for the observer, which the test has suspended, a second thread
+/// crashes with another code and ends the process.
 void CrashTwice() {
   std::thread([emergency = CompactSessionDirectory() / "emergency.bin"] {
     std::error_code ec;
@@ -85,7 +86,8 @@ void CrashTwice() {
   WriteNull();
 }
 
-/// Another thread holds the locks of all heaps: whoever asks for memory from now on waits for ever.
+/// Another thread holds the locks of all heaps, so that an allocation in the crash path never
+/// returns.
 void CrashWithHeapsLocked() {
   static const HANDLE held = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
   std::thread([] {
@@ -99,10 +101,10 @@ void CrashWithHeapsLocked() {
   WriteNull();
 }
 
-/// The unwind information of this function says that it continues in itself, so that whoever walks
-/// the stack goes round in it ("x64 exception handling" in the platform's documentation). It ends
-/// by std::terminate, which does not walk it.
-void TerminateInALoopOfUnwinding() {
+/// Chains the unwind information of this function to itself ("x64 exception handling" in the
+/// platform's documentation), so that a walk of its stack never returns. Ends by std::terminate,
+/// which does not walk the stack.
+void TerminateInAnUnwindLoop() {
   CONTEXT here;
   ::RtlCaptureContext(&here);
   DWORD64 image = 0;
@@ -120,8 +122,6 @@ void TerminateInALoopOfUnwinding() {
 using Way = std::pair<std::string_view, void (*)()>;
 constexpr Way kWays[] = {{"exit-declared", Exit<7>},
                          {"exit-other", Exit<8>},
-
-                         {"abort", std::abort},
                          {"wait", SleepForEver},
                          {"null-write", WriteNull},
                          {"deep-null-write", WriteNullDeepDown},
@@ -129,7 +129,7 @@ constexpr Way kWays[] = {{"exit-declared", Exit<7>},
                          {"uncaught", Throw},
                          {"crash-twice", CrashTwice},
                          {"heaps-locked", CrashWithHeapsLocked},
-                         {"unwind-loop", TerminateInALoopOfUnwinding}};
+                         {"unwind-loop", TerminateInAnUnwindLoop}};
 
 }  // namespace
 
@@ -139,8 +139,8 @@ int wmain() {
     return arguments.size() == 4 && known.first == arguments[2];
   });
   if (way == std::end(kWays)) return rig::kUsageExit;
-  // The filter that is there before the collector's: as if somebody had handled everything, so that
-  // the system neither asks nor calls for a debugger.
+  // The filter before the collector's. It handles every exception, so that the system shows no box
+  // and starts no debugger.
   ::SetUnhandledExceptionFilter(
       [](EXCEPTION_POINTERS*) -> LONG { return EXCEPTION_EXECUTE_HANDLER; });
   const CollectorStartResult start =
@@ -151,7 +151,7 @@ int wmain() {
                                {"rva", reinterpret_cast<std::uintptr_t>(way->second) - base},
                                {"thread", ::GetCurrentThreadId()}};
   rig::PrintLine(line.dump());
-  std::array<char, 256> secret{};  // on the stack, beside what is walked
+  std::array<char, 256> secret{};  // on the stack, next to the frames that are walked
   arguments[3].copy(secret.data(), secret.size() - 1);
   while (std::fgets(secret.data() + 128, 64, stdin) != nullptr) {
   }

@@ -1,5 +1,5 @@
-// Process snapshots (processsnapshot.h of the platform), which the toolchain does not declare and
-// which not every system has: they are looked up when they are needed.
+// Process snapshots (processsnapshot.h of the platform). The toolchain does not declare the
+// functions and older systems lack them, so they are looked up at run time.
 
 #include <windows.h>
 
