@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
+#include <string>
 
 #include "core/process_environment.h"
 #include "core/text.h"
@@ -14,25 +14,24 @@ bool TriesEverything() {
   return GetEnvironmentPath("QORVA_FAULTS") == "all";
 }
 
-void ForEachStep(const char* name, Scenario scenario, unsigned from, unsigned to,
-                 const std::function<void(const std::vector<FileCall>&, unsigned)>& test) {
-  SCOPED_TRACE(name);
-  const SampleUpdate update(scenario);
-  ArmFaults({});
-  (void)SampleUpdate::Run(scenario, update.folder());
-  const std::vector<FileCall> calls = DisarmFaults();
-  const unsigned width = kOnWindows && !TriesEverything() ? 17 : 1;
-  std::printf("%s: %zu steps\n", name, calls.size() / width);
+void ForEachStep(const Steps& steps, const std::function<void(const FileCall& step)>& test) {
+  const SampleUpdate update(steps.scenario);
+  StartScript([](const FileCall&) { return Verdict(); });
+  static_cast<void>(SampleUpdate::Run(steps.scenario, update.folder()));
+  const unsigned stride = kOnWindows && !TriesEverything() ? 17 : 1;
   unsigned replaced = 0;
-  for (unsigned at = 1; at <= calls.size() && !testing::Test::HasFatalFailure(); ++at) {
-    const FileCall& call = calls[at - 1];
-    if (replaced >= from && replaced < to && at % width == 0) {
-      SCOPED_TRACE("step " + std::to_string(at) + " of " + std::to_string(calls.size()) + ": " +
-                   std::string(call.name) + " " + PathToUtf8(call.subject.filename()));
-      test(calls, at);
+  unsigned tried = 0;
+  for (const FileCall& step : StopScript()) {
+    if (replaced >= steps.from_replaced && replaced < steps.to_replaced &&
+        step.number % stride == 0 && !testing::Test::HasFatalFailure()) {
+      SCOPED_TRACE(std::string(steps.name) + ", step " + std::to_string(step.number) + ": " +
+                   std::string(step.name) + " " + PathToUtf8(step.subject));
+      test(step);
+      ++tried;
     }
-    if (call.name == "MoveReplacing") ++replaced;
+    if (step.call == Call::kMoveReplacing) ++replaced;
   }
+  EXPECT_GT(tried, 0u) << steps.name;
 }
 
 }  // namespace zul::test

@@ -1,9 +1,12 @@
 #pragma once
 
-// A file layer that can be told to fail, or to end the process, at its n-th call. It stands between
-// the rooms and the real one and is there only in the program that is linked with it.
+// A file layer in which a test decides what each call does. It is between the rooms and the real
+// file layer, in this test program only.
+//
+// To wrap one more primitive of core/file_layer.h, add an enumerator here and a line in
+// CMakeLists.txt.
 
-#include <array>
+#include <functional>
 #include <string_view>
 #include <system_error>
 #include <vector>
@@ -12,37 +15,49 @@
 
 namespace zul::test {
 
-enum class Fault {
-  kNone,
-  kDieBefore,   ///< the process ends in the place of the call
-  kDieHalfway,  ///< the same, with the first half of a WriteSome written
-  kDieAfter,
-  kFail,         ///< this call fails; a write has written half by then
-  kFailForGood,  ///< so does every later one of the same kind on the same file
+/// The primitives, by the names that core/file_layer.h gives them.
+// clang-format off
+enum class Call {
+  kOpenForRead, kOpenFolder, kCreateNewFile, kOpensExclusively,
+  kRead, kReadAt, kWriteSome, kFlush, kClose, kFacts, kSize, kWhereabouts, kTakeTimeAndAttributes,
+  kKindOf, kCanonical, kWeaklyCanonical, kAvailableSpace, kNext,
+  kCreateDirectoryOnce, kRename, kMoveReplacing, kRemove, kRemoveTree,
 };
+// clang-format on
 
-struct FaultPlan {
-  Fault fault = Fault::kNone;
-  unsigned at = 0;  ///< counted from 1
-  std::error_code error{};
-};
-
-/// One call that was made.
+/// One call of a primitive. What a primitive calls itself is a part of it and does not count.
 struct FileCall {
-  std::string_view name;  ///< the function
-  /// The file or folder; a temporary copy counts as the file that it is to replace. Empty for the
-  /// archive, a walk, an open folder, and a call that another one makes.
+  unsigned number = 0;  ///< from 1
+  Call call{};
+  std::string_view name;  ///< of the primitive, for messages
+  /// The file or folder; of two paths the second. A temporary copy counts as the file that it will
+  /// replace. Empty for a step of a walk.
   fs::Path subject;
 };
 
-/// Counts calls from here on, and does to one what the plan says. Sleeps end at once.
-void ArmFaults(const FaultPlan& plan);
+enum class Fate {
+  kProceed,
+  kFail,  ///< the call fails; a write has written half, a flush or close is done
+  kDie,   ///< the process ends: after half of a write, after a flush or close, else before the call
+};
 
-/// Ends that, and returns the calls since.
-std::vector<FileCall> DisarmFaults();
+/// The exit code of a process that ends with kDie.
+inline constexpr int kDied = 77;
 
-/// What the system says of a denied access, a sharing violation, a full disk and a broken device.
-/// An operation that waits for locks waits for the first two.
-[[nodiscard]] std::array<std::error_code, 4> FaultErrors();
+struct Verdict {
+  Fate fate = Fate::kProceed;
+  std::error_code error{};  ///< of a call that fails
+};
+
+/// Decides what happens to a call. Runs on the thread that makes the call, never on two at once.
+/// Must not use the file layer.
+using Script = std::function<Verdict(const FileCall&)>;
+
+/// From here on each call counts, on every thread, and the script decides about it. Sleeps end at
+/// once.
+void StartScript(Script script);
+
+/// Ends that. Returns the calls since.
+std::vector<FileCall> StopScript();
 
 }  // namespace zul::test

@@ -12,8 +12,8 @@ namespace {
 
 constexpr std::uint32_t kChanges = 8;  // 2 retired, 4 replaced, 2 added
 
-/// New files of two pages of a disk, and of one, beside old ones of one.
-Files Made(const std::string& age, std::size_t size, std::initializer_list<const char*> names) {
+Files FilesOfAge(const std::string& age, std::size_t size,
+                 std::initializer_list<const char*> names) {
   Files files;
   for (const std::string name : names) {
     std::string& text = files[name] = age + " " + name + "\n";
@@ -22,23 +22,40 @@ Files Made(const std::string& age, std::size_t size, std::initializer_list<const
   return files;
 }
 
-bool Has(const Files& files, const std::string& name, const std::string& contents) {
-  const auto file = files.find(name);
-  return file != files.end() && file->second == contents;
-}
+}  // namespace
 
-void Write(const fs::Path& root, const Files& files) {
-  for (const auto& [name, contents] : files) WriteFile(root / *PathFromUtf8(name), contents);
-}
+const Files SampleUpdate::kOld =
+    FilesOfAge("old", 2000,
+               {"app.exe", "core.dll", "data/profile.icc", "data/deep/table.bin", "qorva.exe",
+                "zul_rip.exe", "mine.txt"});
 
-/// What an update has no business with.
-const Files& Elsewhere() {
-  static const Files files = [] {
-    ZipBuilder zip;
-    for (const auto& [name, data] : SampleUpdate::kPackage) zip.File(name, data).Deflated();
-    return Files{{"work/package.zip", zip.Build()}, {"elsewhere/file.txt", "nobody's business"}};
-  }();
+const Files SampleUpdate::kPackage =
+    FilesOfAge("new", 3000,
+               {"app.exe", "core.dll", "data/profile.icc", "data/deep/table.bin",
+                "data/deep/er/new.bin", "fresh/added.dll"});
+
+const Files SampleUpdate::kNew = [] {
+  Files files = kPackage;
+  files["mine.txt"] = kOld.at("mine.txt");
   return files;
+}();
+
+namespace {
+
+/// Files that no update changes.
+const Files kElsewhere = [] {
+  ZipBuilder zip;
+  for (const auto& [name, data] : SampleUpdate::kPackage) zip.File(name, data).Deflated();
+  return Files{{"work/package.zip", zip.Build()}, {"elsewhere/file.txt", "not ours"}};
+}();
+
+bool Has(const Files& files, const Files::value_type& file) {
+  const auto found = files.find(file.first);
+  return found != files.end() && found->second == file.second;
+}
+
+void WriteFiles(const fs::Path& root, const Files& files) {
+  for (const auto& [name, contents] : files) WriteFile(root / *PathFromUtf8(name), contents);
 }
 
 bool Extracts(Scenario scenario) {
@@ -47,50 +64,30 @@ bool Extracts(Scenario scenario) {
 
 }  // namespace
 
-const Files SampleUpdate::kOld =
-    Made("old", 2000,
-         {"app.exe", "core.dll", "data/profile.icc", "data/deep/table.bin", "qorva.exe",
-          "zul_rip.exe", "mine.txt"});
-
-const Files SampleUpdate::kPackage =
-    Made("new", 3000,
-         {"app.exe", "core.dll", "data/profile.icc", "data/deep/table.bin", "data/deep/er/new.bin",
-          "fresh/added.dll"});
-
-const Files SampleUpdate::kNew = [] {
-  Files files = kPackage;
-  files["mine.txt"] = kOld.at("mine.txt");
-  return files;
-}();
-
-bool SampleUpdate::IsRetired(const fs::Path& name) {
-  return name == "qorva.exe" || name == "zul_rip.exe";
-}
-
 Files SampleUpdate::FoundAtDestination() const {
   if (scenario_ != Scenario::kReextraction) return {};
-  return Made("of an earlier run", 1, {"app.exe", "data/x"});
+  return FilesOfAge("of an earlier run", 1, {"app.exe", "data/x"});
 }
 
 SampleUpdate::SampleUpdate(Scenario scenario, const fs::Path& place)
     : scenario_(scenario),
       folder_(place.empty() ? fresh_.path() : place),
       config_home_("QORVA_CONFIG_HOME", PathToUtf8(fresh_ / "config")) {
-  Write(folder_, Elsewhere());
-  Write(folder_ / "app", kOld);
-  Write(folder_ / "work/payload", Extracts(scenario) ? FoundAtDestination() : kPackage);
+  WriteFiles(folder_, kElsewhere);
+  WriteFiles(folder_ / "app", kOld);
+  WriteFiles(folder_ / "work/payload", Extracts(scenario) ? FoundAtDestination() : kPackage);
 }
 
 bool SampleUpdate::Run(Scenario scenario, const fs::Path& folder, std::string* error,
                        ApplyOutcome* outcome) {
-  const fs::Path destination = folder / "work" / "payload";
-  if (Extracts(scenario) && !ExtractPackage(folder / "work" / "package.zip", destination, error)) {
+  const fs::Path payload = folder / "work" / "payload";
+  if (Extracts(scenario) && !ExtractPackage(folder / "work" / "package.zip", payload, error)) {
     return false;
   }
   if (scenario == Scenario::kExtraction || scenario == Scenario::kReextraction) return true;
   ApplyFaultInjection faults;
   if (scenario == Scenario::kRollback) faults.fail_after_replacements = kChanges;
-  return ApplyStagedUpdate(destination, folder / "app", 0, nullptr, false, error, outcome, &faults);
+  return ApplyStagedUpdate(payload, folder / "app", 0, nullptr, false, error, outcome, &faults);
 }
 
 Files SampleUpdate::Installed() const {
@@ -117,7 +114,7 @@ bool SampleUpdate::HasWholeDestination() const {
     const Files found = FilesBelow(folder_ / "work/payload");
     return found == kPackage || (!before.empty() && found == before);
   }
-  // Between the two renames the old tree is in a backup, whole.
+  // Between its two renames an extraction has the old tree in a backup.
   const std::vector<std::string> beside = ExtractionLeftovers();
   return before.empty() || std::any_of(beside.begin(), beside.end(), [&](const std::string& name) {
            return FilesBelow(folder_ / "work" / name / "previous") == before;
@@ -127,23 +124,23 @@ bool SampleUpdate::HasWholeDestination() const {
 std::string SampleUpdate::Damage() const {
   std::string damage;
   const Files found = Installed();
-  for (const auto& [name, contents] : found) {
-    if (!Has(kOld, name, contents) && !Has(kNew, name, contents)) damage += "torn: " + name + "\n";
+  for (const auto& file : found) {
+    if (!Has(kOld, file) && !Has(kNew, file)) damage += "torn: " + file.first + "\n";
   }
   const Files backups = FilesBelow(folder_ / "work/rollback_backup");
-  for (const auto& [name, contents] : kOld) {
-    if (found == kNew) break;  // complete: the backups have served
-    if (!found.contains(name) && !IsRetired(name)) damage += "gone: " + name + "\n";
-    if (!Has(found, name, contents) && !Has(backups, name, contents))
-      damage += "lost: " + name + "\n";
+  for (const auto& file : kOld) {
+    if (found == kNew) break;  // a finished update needs no backups
+    if (kNew.contains(file.first) && !found.contains(file.first))
+      damage += "gone: " + file.first + "\n";
+    if (!Has(found, file) && !Has(backups, file)) damage += "lost: " + file.first + "\n";
   }
-  if (!HasWholeDestination()) damage += "no whole tree at the destination\n";
-  Files around = FilesBelow(folder_);
+  if (!HasWholeDestination()) damage += "the destination is not whole\n";
+  Files others = FilesBelow(folder_);
   for (const char* ours :
        {"app/", "config/", "work/payload/", "work/rollback_backup/", "work/.qorva-zip-"}) {
-    std::erase_if(around, [&](const auto& file) { return file.first.starts_with(ours); });
+    std::erase_if(others, [&](const auto& file) { return file.first.starts_with(ours); });
   }
-  if (around != Elsewhere()) damage += "changed elsewhere\n";
+  if (others != kElsewhere) damage += "another file has changed\n";
   return damage;
 }
 

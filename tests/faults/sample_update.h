@@ -1,7 +1,7 @@
 #pragma once
 
-// A small update with one of everything: files that are replaced, added, left alone and retired, in
-// folders that are there and in new ones. And what it must look like, whatever happened to it.
+// A small update with files that are replaced, added, kept and retired, in old and new folders, and
+// what must hold for it whatever fails.
 
 #include <string>
 #include <vector>
@@ -15,37 +15,37 @@ namespace zul::test {
 enum class Scenario {
   kUpdate,        ///< extraction and apply
   kExtraction,    ///< extraction alone
-  kReextraction,  ///< the same, over a tree that stands at its destination
-  kApply,         ///< of a tree that stands there
-  kRollback,      ///< as kApply, and undone after its last change
+  kReextraction,  ///< extraction alone, over an older tree at its destination
+  kApply,         ///< apply alone
+  kRollback,      ///< apply alone, which fails after its last change
 };
 
 class SampleUpdate {
  public:
-  /// Writes the package and the installation into a fresh folder, or into `place`, which must not
-  /// exist and is not removed.
+  /// Writes package and installation to a fresh folder, or to `place`, which must not exist and is
+  /// not removed.
   explicit SampleUpdate(Scenario scenario, const fs::Path& place = {});
 
-  /// Extracts and applies in `folder`, where a sample update lies. True when it succeeded.
+  /// Runs the scenario in the folder of a sample update. True on success.
   static bool Run(Scenario scenario, const fs::Path& folder, std::string* error = nullptr,
                   ApplyOutcome* outcome = nullptr);
 
-  static const Files kOld;
-  static const Files kPackage;
-  static const Files kNew;
-  [[nodiscard]] static bool IsRetired(const fs::Path& name);
+  static const Files kOld;      ///< the installation before the update
+  static const Files kPackage;  ///< what the package holds
+  static const Files kNew;      ///< the installation after the update
 
-  /// What stood at the destination of the extraction before.
+  /// What the destination of the extraction held before.
   [[nodiscard]] Files FoundAtDestination() const;
 
-  /// What lies in the installation; temporary copies that a dead process left are not of it.
+  /// The files of the installation, without temporary copies that a dead process left.
   [[nodiscard]] Files Installed() const;
 
-  /// What must never be, as text; empty when all is well: a file that is neither old nor new, one
-  /// whose old content is nowhere any more, a half-filled destination, a change elsewhere.
+  /// What must never happen, as text: a file that is neither old nor new, an old file that is
+  /// neither installed nor in the backup, a destination that is not whole, another file changed.
+  /// Empty when nothing of that happened.
   [[nodiscard]] std::string Damage() const;
 
-  /// The folders that an extraction left beside its destination.
+  /// The names of the folders that an extraction left beside its destination.
   [[nodiscard]] std::vector<std::string> ExtractionLeftovers() const;
 
   [[nodiscard]] const fs::Path& folder() const { return folder_; }

@@ -1,4 +1,4 @@
-// The reader of evidence records, and the form of them that may leave the machine.
+// The reader of evidence records, and the form of a record that may leave the machine.
 // Input: the text of a record.
 
 #include <algorithm>
@@ -30,13 +30,13 @@ int DepthOf(std::string_view text) {
   return deepest;
 }
 
-/// Not by comparing it with 0: the library compares as signed, and takes counts above 2^63 for
-/// negative ones.
+/// Not a comparison with 0: the library compares as signed and takes a count above 2^63 for a
+/// negative number.
 bool IsNegative(const json& number) {
   return !number.is_number_unsigned() && number.get<std::int64_t>() < 0;
 }
 
-/// Nothing in `value` can carry a path, a name of a person or a sentence.
+/// Requires that nothing in `value` can be a path, the name of a person or a sentence.
 void RequireNothingPrivate(const json& value, int depth) {
   Require(depth <= 3, "a sanitised record is a record, its frames, and their fields");
   if (value.is_structured()) {
@@ -44,8 +44,8 @@ void RequireNothingPrivate(const json& value, int depth) {
   } else if (value.is_string()) {
     constexpr auto kWordBytes = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._";
     const std::string& text = value.get_ref<const std::string&>();
-    Require(!text.empty() && text.size() <= 128, "a word is bounded");
-    Require(text.find_first_not_of(kWordBytes) == text.npos, "a word is made of word bytes");
+    Require(!text.empty() && text.size() <= 128, "a word has 1 to 128 bytes");
+    Require(text.find_first_not_of(kWordBytes) == text.npos, "a word has word bytes only");
   } else {
     const bool is_count = value.is_number_integer() && !IsNegative(value);
     Require(value.is_boolean() || is_count, "a value is a word, a flag or a count");
@@ -55,14 +55,14 @@ void RequireNothingPrivate(const json& value, int depth) {
 void RequireSanitised(const json& record) {
   const json sanitised = SanitizeEvidenceRecord(record);
   RequireNothingPrivate(sanitised, 0);
-  Require(SanitizeEvidenceRecord(sanitised) == sanitised, "what was let out is let out again");
+  Require(SanitizeEvidenceRecord(sanitised) == sanitised, "a sanitised record sanitises to itself");
   Require(sanitised.at("memory_contents_uploaded") == false, "no memory leaves the machine");
-  Require(sanitised.dump(2).size() < kEvidenceBytesMax, "a sanitised record is a record");
-  Require(ParseEvidenceRecord(sanitised.dump()) == sanitised, "and is read as it is");
-  const std::set<std::string> made = {"schema", "external_terminator_identified",
-                                      "memory_contents_uploaded", "frames", "frames_limited"};
+  Require(sanitised.dump(2).size() < kEvidenceBytesMax, "a sanitised record is small enough");
+  Require(ParseEvidenceRecord(sanitised.dump()) == sanitised, "a sanitised record can be read");
+  const std::set<std::string> added = {"schema", "external_terminator_identified",
+                                       "memory_contents_uploaded", "frames", "frames_limited"};
   for (const auto& [key, value] : sanitised.items()) {
-    Require(made.contains(key) || record.value(key, json()) == value, "what is let out was there");
+    Require(added.contains(key) || record.value(key, json()) == value, "no other value is new");
   }
 }
 
@@ -71,16 +71,16 @@ void RequireSanitised(const json& record) {
 void Run(std::string_view input) {
   const std::optional<json> record = ParseEvidenceRecord(input);
   // No JSON has a NUL, and the library stops at one.
-  const bool text = input.find('\0') == input.npos;
-  const json whole = text ? json::parse(input, nullptr, false) : json(json::value_t::discarded);
+  const bool has_nul = input.find('\0') != input.npos;
+  const json whole = has_nul ? json(json::value_t::discarded) : json::parse(input, nullptr, false);
   const bool shallow = !whole.is_discarded() && DepthOf(input) <= kEvidenceDepthMax;
   const bool sound =
       shallow && whole.is_object() && whole.value("schema", json()) == kEvidenceSchema;
   Require(record.has_value() == sound, "a record is an object of the schema, not too deep");
   if (shallow) RequireSanitised(whole);
   if (!record) return;
-  Require(*record == whole, "a record is read as it stands");
-  Require(ParseEvidenceRecord(record->dump(2) + "\n") == *record, "a record survives a commit");
+  Require(*record == whole, "a record is read whole and unchanged");
+  Require(ParseEvidenceRecord(record->dump(2) + "\n") == *record, "a committed record can be read");
   if (const std::optional<ProcessKey> key = ProcessKeyOf(*record)) {
     const json& pid = record->at("pid");
     Require(IsNegative(pid) ? key->pid == 0 : pid == key->pid, "a process has its record's id");

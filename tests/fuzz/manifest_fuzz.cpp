@@ -1,5 +1,5 @@
-// What an upload does to a report in the queue, and what a report may say.
-// Input: the file in the queue; the same bytes are also the text of a report's file.
+// What an upload makes of a report in the queue, and what the text of a report may hold.
+// Input: the file in the queue. The same bytes are also the text of a report's file.
 
 #include <nlohmann/json.hpp>
 #include <string>
@@ -37,21 +37,21 @@ void RequireSendable(const json& before, const json& sent) {
   const json& contract = sent.at("upload_contract");
   for (const char* flag :
        {"source_artwork_uploaded", "dump_uploaded", "raw_recent_log_tail_uploaded"}) {
-    Require(contract.at(flag) == false, "what is not uploaded is said not to be");
-    Require(sent.at("privacy").contains(flag), "and promised");
+    Require(contract.at(flag) == false, "the contract says what is not uploaded");
+    Require(sent.at("privacy").contains(flag), "and so do the privacy promises");
   }
-  Require(sent.at("privacy").at("redaction_policy") == kRedactionPolicy, "the policy is told");
-  Require(contract.at("what_uploaded") == UploadedParts(before), "what is uploaded is told");
+  Require(sent.at("privacy").at("redaction_policy") == kRedactionPolicy, "the policy is named");
+  Require(contract.at("what_uploaded") == UploadedParts(before), "the uploaded parts are listed");
   if (const auto evidence = before.find(kCompactEvidenceKey); evidence != before.end()) {
     Require(sent.at(kCompactEvidenceKey) == SanitizeEvidenceRecord(*evidence),
             "evidence is sanitised again");
   }
   const json& attempts = sent.at("upload_attempts");
-  Require(attempts.size() <= 8, "attempts are bounded");
-  Require(attempts.back().at("result") == "attempting", "and the last one is under way");
+  Require(attempts.size() <= 8, "at most 8 attempts are kept");
+  Require(attempts.back().at("result") == "attempting", "and the last one is this one");
   json again = sent;
   NormalizeManifestPrivacy(&again);
-  Require(again == sent, "a normal manifest stays as it is");
+  Require(again == sent, "a second pass changes nothing");
 }
 
 void RequireSoundUpload(std::string_view input) {
@@ -59,13 +59,13 @@ void RequireSoundUpload(std::string_view input) {
   const fs::Path report = folder / "report.json";
   test::WriteFile(report, input);
   const json before = json::parse(input, nullptr, false);
-  std::size_t requests = 0;
+  int requests = 0;
   const ReportSender refuse = [&](const net::HttpRequest& request) {
     ++requests;
     const json sent = json::parse(request.body, nullptr, false);
     RequireSendable(before, sent);
     const json& attempt = sent.at("upload_attempts").back();
-    Require(attempt.at("payload_size_bytes") == request.body.size(), "a size is true");
+    Require(attempt.at("payload_size_bytes") == request.body.size(), "the stated size is true");
     net::HttpResponse response;
     response.status = 503;
     return response;
@@ -73,11 +73,11 @@ void RequireSoundUpload(std::string_view input) {
   UploadOneReport(report, {}, refuse);
   const std::string after = test::ReadFile(report);
   Require(requests == 2 || (requests == 0 && after == input),
-          "every origin is asked, or none, and what is no report stays as it is");
+          "a report is sent to each origin, and another file is neither sent nor changed");
   if (requests == 0) return;
   const json kept = json::parse(after, nullptr, false);
-  if (before.contains(kCompactEvidenceKey) && kept == before) return;  // too large to be rewritten
-  Require(kept.at("upload_contract").at("result") == "failed", "a failure is told");
+  if (before.contains(kCompactEvidenceKey) && kept == before) return;  // too large to rewrite
+  Require(kept.at("upload_contract").at("result") == "failed", "a failure is recorded");
   UploadOneReport(report, {}, refuse);
   Require(requests == 4, "a report that was kept can be sent");
 }
@@ -88,13 +88,13 @@ void RequireSoundText(std::string_view input) {
   for (const char* root : {"\\\\Server\\", "/home/", "/Users/", "/tmp/"}) {
     Require(text.find(root) == text.npos, "no path is left");
   }
-  // Values that stay may hold the start of one that does not.
+  // Values of these keys stay and may hold the beginning of one that does not.
   const bool some_stay = text.find("e='") != text.npos || text.find("owner_query='") != text.npos;
   const std::size_t target = text.find("target='");
   Require(some_stay || target == text.npos || text.find(kRedactedPath, target) == target + 8,
           "no quoted value is left");
   const std::string cut = ReportText(input, false);
-  Require(cut.find("=== recent log tail ===") == cut.npos, "the log's tail goes");
+  Require(cut.find("=== recent log tail ===") == cut.npos, "the log's tail is removed");
 }
 
 }  // namespace

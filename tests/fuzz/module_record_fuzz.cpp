@@ -1,5 +1,5 @@
 // The headers of a module in another process.
-// Input: the image as it lies in memory; its last byte says how much more it claims to have.
+// Input: the image as it is in memory. Its last byte says how many bytes more it claims to have.
 
 #include <cstring>
 #include <string>
@@ -22,15 +22,15 @@ void Run(std::string_view input) {
     return true;
   };
   ReadModuleIdentity(read, &module);
-  if (module.pdb_guid.empty()) return Require(module.pdb_age == 0, "an age comes with its guid");
+  if (module.pdb_guid.empty()) return Require(module.pdb_age == 0, "no guid, no age");
   Require(module.pdb_guid.size() == 32, "a guid has 32 digits");
-  // "RSDS", the 16 bytes that the guid shows, and the age, little-endian as this machine has it.
+  // "RSDS", the 16 bytes that the guid shows, and the age in little-endian, as on this machine.
   std::string code_view = "RSDS";
   for (std::size_t i = 0; i < module.pdb_guid.size(); i += 2) {
     code_view += static_cast<char>(std::stoi(module.pdb_guid.substr(i, 2), nullptr, 16));
   }
   code_view.append(reinterpret_cast<const char*>(&module.pdb_age), sizeof module.pdb_age);
-  Require(input.find(code_view) != input.npos, "an identity is one that stands in the image");
+  Require(input.find(code_view) != input.npos, "an identity is in the image");
 }
 
 }  // namespace zul::fuzz

@@ -1,5 +1,5 @@
 // The redaction of texts that leave the machine.
-// Input: a text; its first line is also the key of a field whose value is the rest.
+// Input: a text. Its first line is also the key of a field, and the rest the field's value.
 
 #include <string>
 
@@ -12,8 +12,6 @@ namespace zul::fuzz {
 
 namespace {
 
-// What a step would have to miss to leave these in place does not matter here: no text holds them
-// after it.
 void RequireNothingPrivate(std::string_view redacted) {
   for (const std::string_view root : {"\\\\", "/home/", "/Users/", "/tmp/", "/var/folders/"}) {
     Require(redacted.find(root) == redacted.npos, "no path is left");
@@ -27,12 +25,12 @@ void RequireNothingPrivate(std::string_view redacted) {
   }
 }
 
-void RequireSound(std::string_view text) {
+void RequireSoundText(std::string_view text) {
   const std::string redacted = RedactSupportText(text);
   Require(!IsValidUtf8(text) || IsValidUtf8(redacted), "UTF-8 stays UTF-8");
-  Require(redacted.empty() == text.empty(), "only an empty text becomes one");
+  Require(redacted.empty() == text.empty(), "only an empty text becomes an empty text");
   RequireNothingPrivate(redacted);
-  // A name may have taken the blank at which a URL ended.
+  // The redaction of a name can remove the blank at the end of a URL.
   Require(StripUrlQueries(redacted) != redacted || RedactSupportText(redacted) == redacted,
           "a second pass changes nothing");
 }
@@ -41,8 +39,9 @@ void RequireSoundField(std::string_view key, std::string_view value) {
   const std::string sanitized = SanitizeStateValue(key, value);
   const std::string redacted = RedactSupportText(value);
   Require(!IsValidUtf8(value) || IsValidUtf8(sanitized), "UTF-8 stays UTF-8 in a field");
-  Require(redacted == value || sanitized == redacted, "a key adds to what a value says");
-  Require(!key.empty() || sanitized == redacted, "no key adds nothing");
+  Require(redacted == value || sanitized == redacted,
+          "a redacted value does not depend on its key");
+  Require(!key.empty() || sanitized == redacted, "without a key a value is a text");
   Require(value.find_first_of("\n\r,;") != value.npos || value.empty() || redacted != value ||
               TrimWhitespace(SanitizeStateValue("job_name", value)) == kRedactedName,
           "a job's name is private");
@@ -51,7 +50,7 @@ void RequireSoundField(std::string_view key, std::string_view value) {
 }  // namespace
 
 void Run(std::string_view input) {
-  RequireSound(input);
+  RequireSoundText(input);
   for (const auto& step : {StripUrlQueries, RedactEmails, RedactAuthorization, RedactSwitchSecrets,
                            RedactKeyedSecrets, RedactKeyedNames, RedactPaths, RedactFileNames}) {
     const std::string once = step(input);

@@ -1,4 +1,4 @@
-// Runs what lies in folders through a target, where libFuzzer is not linked: fuzz_TARGET FOLDER...
+// Runs a target on each file of some folders, without libFuzzer: fuzz_TARGET FOLDER...
 
 #include <cstdio>
 
@@ -10,11 +10,12 @@ int main(int argc, char** argv) {
   int runs = 0;
   for (int i = 1; i < argc; ++i) {
     for (const auto& [name, contents] : zul::test::FilesBelow(*zul::PathFromUtf8(argv[i]))) {
-      std::fprintf(stderr, "%s/%s\n", argv[i], name.c_str());  // the last one is the culprit
+      std::fprintf(stderr, "%s/%s\n", argv[i],
+                   name.c_str());  // after a failure the last line names it
       zul::fuzz::Run(contents);
       ++runs;
     }
   }
   std::printf("%d inputs replayed\n", runs);
-  return runs > 0 ? 0 : 1;  // a corpus that is not there must not pass for one that is clean
+  return runs > 0 ? 0 : 1;  // without seeds nothing was tested
 }

@@ -1,6 +1,6 @@
 // The command line of an update, in both directions.
-// Input: an argument vector, its elements ended by NUL. Bytes that are not UTF-8 become unpaired
-// surrogates, which Windows lets through.
+// Input: arguments with a NUL between them. Bytes that are not UTF-8 become unpaired surrogates,
+// which Windows permits.
 
 #include <optional>
 #include <string>
@@ -39,13 +39,14 @@ void Run(std::string_view input) {
     arguments.push_back(Argument(bytes));
     line += L' ' + QuoteCommandArgument(arguments.back());
   }
-  Require(test::SplitCommandLine(line) == arguments, "a quoted argument is split as it was");
+  Require(test::SplitCommandLine(line) == arguments,
+          "quoted arguments split into the same arguments");
 
   const UpdateRequest request = Parse(arguments);
   const std::vector<std::wstring> rendered =
       test::SplitCommandLine(RenderHelperCommandLine(*PathFromUtf8(*WideToUtf8(program)), request));
-  Require(rendered.front() == program, "the helper's path is split as it was");
-  Require(Parse(rendered) == request, "a rendered request is read as it was");
+  Require(rendered.front() == program, "the path of the helper stays the same");
+  Require(Parse(rendered) == request, "a rendered request is the same when it is parsed");
 }
 
 }  // namespace zul::fuzz

@@ -1,5 +1,6 @@
 // The URL parsers, the allow-list and redirects.
-// Input: a URL; behind a line feed where it redirects to, and what else could be seen in it.
+// Input: a URL. After a line feed, where it redirects to; this is also what another parser could
+// take the first URL for.
 
 #include <algorithm>
 #include <string>
@@ -14,14 +15,14 @@ namespace zul::fuzz {
 
 namespace {
 
-// The host as connecting to it would see it: without brackets and case.
+/// The host to connect to: without brackets, in lower case.
 std::string BareHost(std::string_view host) {
   if (host.starts_with('[') && host.ends_with(']')) host = host.substr(1, host.size() - 2);
   return AsciiLower(host);
 }
 
-// True when the text says by its first letters that it leads to `host`.
-bool PlainlyLeadsTo(std::string_view text, const std::string& host) {
+/// True when the text begins with https and `host`.
+bool BeginsWithHost(std::string_view text, const std::string& host) {
   const std::string url = AsciiLower(TrimWhitespace(text)) + "/";
   const std::string start = "https://" + host;
   return url.starts_with(start) && url.find_first_of("/?#:", start.size()) == start.size();
@@ -36,9 +37,10 @@ void RequireSoundUrl(std::string_view text) {
   const NormalizedUrl secure = NormalizeUrl(text, true);
   const UpdateUrlParts update = ParseUpdateUrl(text);
   Require(url.ok == url.error.empty() && update.ok == update.error.empty(),
-          "failures have reasons");
-  Require(secure.ok == (url.ok && url.scheme == "https"), "only https is secure");
-  Require(!update.ok || (update.secure && !update.host.empty()), "an update comes over https");
+          "a failure has a reason and a success has none");
+  Require(secure.ok == (url.ok && url.scheme == "https"), "a secure URL is an https URL");
+  Require(!update.ok || (update.secure && !update.host.empty()),
+          "an update is fetched over https from a host");
   if (!url.ok) return;
   Require(!url.host.empty() && url.port > 0 && url.port < 65536, "a URL has a host and a port");
   Require(url.path_and_query.starts_with('/') && url.path_and_query.find('#') == std::string::npos,
@@ -46,15 +48,14 @@ void RequireSoundUrl(std::string_view text) {
   Require(!update.ok || SameServer(update, url), "both parsers see the same host and port");
 }
 
-// A cracker that sees something else in `text`, as the platform's may: what our own sees in
-// `other`.
+/// Requires that a parser of the platform that takes `text` for `other` is not believed.
 void RequireJudgement(std::string_view text, std::string_view other) {
   CrackedUrl cracked;
   if (!CrackUrl(Utf8ToWide(other).value_or(std::wstring()), &cracked)) return;
   const NormalizedUrl url = NormalizeUrl(text, true);
   const UpdateUrlParts update = JudgeCrackedUrl(text, cracked);
   Require(!update.ok || !url.ok || (SameServer(update, url) && cracked.scheme == UrlScheme::kHttps),
-          "a cracker that sees another host or port is not believed");
+          "two parsers that differ in host or port make no URL");
 }
 
 void RequireListedHost(std::string_view text) {
@@ -62,7 +63,7 @@ void RequireListedHost(std::string_view text) {
   if (!IsAllowedDownloadUrl(text, listed, nullptr)) return;
   const UpdateUrlParts update = ParseUpdateUrl(text);
   const auto leads_to = [&](const std::string& host) {
-    return (PlainlyLeadsTo(text, host) || PlainlyLeadsTo(text, "[" + host + "]")) &&
+    return (BeginsWithHost(text, host) || BeginsWithHost(text, "[" + host + "]")) &&
            (!update.ok || BareHost(WideToUtf8Lossy(update.host)) == host);
   };
   Require(std::any_of(listed.begin(), listed.end(), leads_to), "only listed hosts are allowed");
@@ -75,7 +76,7 @@ void RequireSameOrigin(std::string_view base, std::string_view location) {
       location.find_first_of(":/\\") != 0 && location.find_first_of("/\\?#") <= location.find(':');
   const auto origin = [](const NormalizedUrl& u) { return std::tie(u.scheme, u.host, u.port); };
   const bool stays = !from.ok || !to.ok || origin(to) == origin(from);
-  Require(!relative || stays, "a relative redirect stays where it was");
+  Require(!relative || stays, "a relative redirect keeps its origin");
 }
 
 }  // namespace
@@ -89,7 +90,8 @@ void Run(std::string_view input) {
   RequireSoundUrl(ResolveRedirect(text, other));
   RequireJudgement(text, other);
   RequireSameOrigin(text, other);
-  Require(StripUrlQuery(input) == input.substr(0, input.find_first_of("?#")), "only a query goes");
+  Require(StripUrlQuery(input) == input.substr(0, input.find_first_of("?#")),
+          "only query and fragment are removed");
 }
 
 }  // namespace zul::fuzz

@@ -1,6 +1,6 @@
 // Decoding, normalisation and collisions of entry names.
-// Input: one name a line; behind a tab the name of a Unicode path record for it, behind a vertical
-// tab an extra field as it stands.
+// Input: a name on each line. After a tab, the name for a Unicode path record; after a vertical
+// tab, the bytes of an extra field.
 
 #include <algorithm>
 #include <string>
@@ -17,9 +17,10 @@ namespace {
 
 constexpr std::size_t kNamesMax = 64;
 
-// Two entries meet on a file system that folds ASCII case when one's path is the other's, or would
-// be a folder of the other and is a file, or when they spell a folder that they share differently.
-bool Meet(const ZipEntryRecord& a, const ZipEntryRecord& b) {
+/// True when two entries cannot both exist on a file system that ignores ASCII case: one path is
+/// the other's, one is a file where the other has a folder, or they spell a common folder
+/// differently.
+bool Collide(const ZipEntryRecord& a, const ZipEntryRecord& b) {
   const auto a_parts = SplitAt(a.path, "/");
   const auto b_parts = SplitAt(b.path, "/");
   const auto [a_part, b_part] =
@@ -39,7 +40,7 @@ std::string DecodeLine(std::string_view line) {
   if (mark != line.npos && line[mark] == '\t') extra = test::UnicodePathExtra(raw, extra);
   const DecodedZipName decoded = DecodeZipEntryName(raw, extra);
   Require(IsValidUtf8(decoded.name), "a decoded name is UTF-8");
-  Require(!IsValidUtf8(raw) || decoded.name == raw, "a name that is UTF-8 stays what it is");
+  Require(!IsValidUtf8(raw) || decoded.name == raw, "a name that is UTF-8 stays the same");
   return decoded.name;
 }
 
@@ -48,12 +49,13 @@ void RequireHarmless(const std::string& path) {
   const bool stays = NormalizeZipEntryPath(path, false, &again) && again == path;
   Require(stays, "an accepted name is the same after a second normalisation");
   const bool as_file = NormalizeZipEntryPath(path + "\\", true, &again) && again == path;
-  Require(as_file, "a directory is named as a file is");
+  Require(as_file, "a directory gets the same name as a file");
   Require(path.front() != '/', "an accepted name is relative");
-  Require(path.find_first_of("\\:*?\"<>|\x7F") == path.npos, "and means the same everywhere");
+  Require(path.find_first_of("\\:*?\"<>|\x7F") == path.npos,
+          "an accepted name has no special characters");
   for (const std::string_view part : SplitAt(path, "/")) {
     Require(!part.empty() && part.back() != '.' && part.back() != ' ',
-            "an accepted name neither climbs nor loses its end");
+            "no part of an accepted name is empty or ends in a dot or blank");
   }
 }
 
@@ -61,7 +63,7 @@ void RequireHarmless(const std::string& path) {
 
 void Run(std::string_view input) {
   std::vector<ZipEntryRecord> entries;
-  bool any_meet = false;
+  bool any_collide = false;
   for (const std::string_view line : SplitAt(input, "\n")) {
     const std::string name = DecodeLine(line);
     ZipEntryRecord entry;
@@ -70,11 +72,11 @@ void Run(std::string_view input) {
     RequireHarmless(entry.path);
     static_cast<void>(IsArchiveMetadataPath(entry.path));
     if (entries.size() == kNamesMax) continue;
-    for (const ZipEntryRecord& other : entries) any_meet = any_meet || Meet(entry, other);
+    for (const ZipEntryRecord& other : entries) any_collide = any_collide || Collide(entry, other);
     entries.push_back(entry);
   }
-  Require(CheckZipPathCollisions(entries, nullptr) == !any_meet,
-          "names are refused together exactly when two of them meet");
+  Require(CheckZipPathCollisions(entries, nullptr) == !any_collide,
+          "names are refused together exactly when two of them collide");
 }
 
 }  // namespace zul::fuzz

@@ -1,0 +1,52 @@
+// The order of writes, flushes and changes. After a power cut only what was flushed is certain to
+// be on the device.
+
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "core/text.h"
+#include "tests/faults/faulty_file_layer.h"
+#include "tests/faults/sample_update.h"
+
+namespace zul::test {
+namespace {
+
+using enum Call;
+
+TEST(Durability, EachFileIsFlushedBeforeItIsClosedAndBeforeTheNextChange) {
+  const struct {
+    Scenario scenario;
+    std::size_t files;
+  } cases[] = {
+      {Scenario::kUpdate, 18},   // 6 extracted, 6 backups, 6 installed
+      {Scenario::kRollback, 14}  // 6 backups, 6 installed, 2 only restored
+  };
+  for (const auto& [scenario, file_count] : cases) {
+    const SampleUpdate update(scenario);
+    std::set<fs::Path> made;
+    std::set<fs::Path> unflushed;
+    StartScript([&](const FileCall& call) {
+      const fs::Path& file = call.subject;
+      if (call.call == kCreateNewFile) made.insert(file);
+      const bool writes = call.call == kWriteSome || call.call == kTakeTimeAndAttributes;
+      if (writes && made.contains(file)) unflushed.insert(file);
+      if (call.call == kFlush) unflushed.erase(file);
+      EXPECT_FALSE(call.call == kClose && unflushed.contains(file)) << "closed: " << file;
+
+      const bool replaces = call.call == kMoveReplacing || call.call == kRemove;
+      EXPECT_FALSE((replaces || call.call == kRename) && !unflushed.empty()) << file;
+      const fs::Path name = file.lexically_relative(update.folder() / "app");
+      if (replaces && SampleUpdate::kOld.contains(PathToGenericUtf8(name))) {
+        EXPECT_TRUE(made.contains(update.folder() / "work/rollback_backup" / name)) << name;
+      }
+      return Verdict();
+    });
+    static_cast<void>(SampleUpdate::Run(scenario, update.folder()));
+    StopScript();
+    EXPECT_EQ(made.size(), file_count);
+  }
+}
+
+}  // namespace
+}  // namespace zul::test
