@@ -18,12 +18,10 @@ from dataclasses import dataclass
 from itertools import islice
 from pathlib import Path
 
+import hostile_archives
+from hostile_archives import Expected, Tree
+
 ROOT = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT / "tests" / "rig"))
-
-import hostile_archives  # noqa: E402
-from hostile_archives import Expected, Tree  # noqa: E402
-
 # Names without the flag of UTF-8 are read in each of these; what we read must be one of the readings.
 CHARSETS = {"utf-8": "65001", "cp866": "866", "cp1251": "1251"}
 

@@ -16,14 +16,10 @@ from collections.abc import Callable
 from dataclasses import dataclass, field
 from pathlib import Path
 
-import certificates
-import packages
-import places
-import programs
-import trace_log
-from https_server import HttpsServer, Reply
-from sandbox import Sandbox
-from updater_run import Outcome, Scene, UpdaterRun
+from rig import certificates, packages, places, programs, trace_log
+from rig.https_server import HttpsServer, Reply
+from rig.sandbox import Sandbox
+from rig.updater_run import REPORT, Outcome, Scene, UpdaterRun
 
 PACKAGE = "update_package.zip"
 STAGED = (PACKAGE, "stage")
@@ -45,7 +41,6 @@ SUCCESS = [*trace_log.CHAIN_BEFORE_REMOVALS, *RETIRED, *trace_log.CHAIN_AFTER_RE
 # What diagnostics may leave, and nothing else: the log beside the updater, and in the user's profile
 # one report for each run that failed.
 LOG = re.compile(r"logs/qorva_updater_\d{8}\.log")
-REPORT = re.compile(r"QORVA/crashes/pending_reports/qorva_updater_error_\d{8}_\d{6}_\d+\.json")
 
 
 def apply_box(error: str) -> str:

@@ -4,9 +4,8 @@ import time
 import unittest
 
 import end_to_end as e2e
-import packages
-import programs
 from end_to_end import Run, apply_box
+from rig import packages, programs
 
 HELD = "zz_last.dat"  # comes last where folders are listed by name
 FIRST = "aa_first.dat"

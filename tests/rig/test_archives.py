@@ -10,12 +10,11 @@ from queue import SimpleQueue
 
 import end_to_end as e2e
 import hostile_archives
-import packages
-import places
 from end_to_end import Run
 from hostile_archives import Case
-from https_server import Reply
-from updater_run import Scene
+from rig import packages, places
+from rig.https_server import Reply
+from rig.updater_run import Scene
 
 REFUSED = "Cannot extract update package: "
 LAYOUT = ("Update package contract validation failed: Update package layout mismatch. "

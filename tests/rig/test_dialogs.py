@@ -4,10 +4,9 @@ import unittest
 from itertools import product
 
 import end_to_end as e2e
-import packages
-import programs
 from end_to_end import PAGE, Run
-from https_server import Reply
+from rig import packages, programs
+from rig.https_server import Reply
 from test_launch import MIGRATION
 
 BEFORE = "what the user had copied before: žluť"

@@ -4,9 +4,9 @@ import unittest
 from dataclasses import dataclass
 
 import end_to_end as e2e
-import packages
 from end_to_end import Run, apply_box
-from https_server import Reply
+from rig import packages
+from rig.https_server import Reply
 
 LIBRARY = "library.dat"  # does not compress, and is most of the package
 OLD_KIB, NEW_KIB = 2000, 2100

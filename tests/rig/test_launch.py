@@ -7,10 +7,8 @@ import shutil
 import unittest
 
 import end_to_end as e2e
-import packages
-import places
-import programs
 from end_to_end import Run
+from rig import packages, places, programs
 
 MIGRATION = (
     "QORVA now uses the standard Windows installer.\n\nTo continue receiving updates and use this "

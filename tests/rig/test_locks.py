@@ -6,14 +6,11 @@ import shutil
 import time
 import unittest
 
-import certificates
 import end_to_end as e2e
-import packages
-import programs
-import trace_log
 from end_to_end import Run, apply_box
-from https_server import Reply
-from updater_run import Outcome, Scene, UpdaterRun
+from rig import certificates, packages, programs, trace_log
+from rig.https_server import Reply
+from rig.updater_run import Outcome, Scene, UpdaterRun
 
 ENGINE = "color_engine.dll"
 CLOSE = "apply_request_close_locking_zul_process"

@@ -5,11 +5,9 @@ import unittest
 from functools import partial
 
 import end_to_end as e2e
-import packages
-import places
-import trace_log
 from end_to_end import Run
-from https_server import Reply, redirect
+from rig import packages, places, trace_log
+from rig.https_server import Reply, redirect
 
 NOT_FROM_MIRROR = ["download_start", "download_fail", "download_fallback_fail"]
 FROM_MIRROR = [*e2e.FETCHED[1:], "download_fallback_ok", "download_selected", *e2e.SUCCESS[len(e2e.SELECTED):]]

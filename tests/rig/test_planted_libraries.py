@@ -13,12 +13,10 @@ import unittest
 from pathlib import Path
 
 import end_to_end as e2e
-import packages
-import places
-import programs
 import test_self_replace
 from end_to_end import Run
-from updater_run import Scene
+from rig import packages, places, programs
+from rig.updater_run import Scene
 
 # Known to every Windows that is supported: taken from the system folder whoever asks for them.
 KNOWN = {f"{name}.dll" for name in (

@@ -8,11 +8,10 @@ import unittest
 from pathlib import Path
 
 import end_to_end as e2e
-import packages
-import programs
 from end_to_end import Run
-from https_server import Reply
-from updater_run import INSTALL_FOLDER, Scene, UpdaterRun
+from rig import packages, programs
+from rig.https_server import Reply
+from rig.updater_run import INSTALL_FOLDER, Scene, UpdaterRun
 
 FAILING = Run("failing", 2, "Update download failed: Update download HTTP status 404", primary=Reply(status=404))
 

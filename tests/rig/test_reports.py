@@ -10,14 +10,11 @@ import re
 import time
 import unittest
 
-import certificates
 import end_to_end as e2e
-import packages
-import places
-import programs
 from end_to_end import Run
-from https_server import HttpsServer, Reply, Request, redirect
-from updater_run import Outcome, Scene
+from rig import certificates, packages, places, programs
+from rig.https_server import HttpsServer, Reply, Request, redirect
+from rig.updater_run import Outcome, Scene
 
 PATH = "/v1/diagnostics/report"
 OK = Reply(body=b"{}")

@@ -9,15 +9,11 @@ import time
 import unittest
 from pathlib import Path
 
-import certificates
 import end_to_end as e2e
-import packages
-import places
-import programs
-import trace_log
 from end_to_end import Run
-from https_server import Reply
-from updater_run import Outcome, Scene
+from rig import certificates, packages, places, programs, trace_log
+from rig.https_server import Reply
+from rig.updater_run import Outcome, Scene
 
 UPDATER = "qorva_updater.exe"
 HANDOVER = ["relaunch_installed_helper_from_target_root", "launch_isolated_updater_helper"]

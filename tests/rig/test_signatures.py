@@ -4,12 +4,9 @@ that it does not trust, by an expired certificate, or changed after the signing.
 import json
 import unittest
 
-import certificates
 import end_to_end as e2e
-import packages
-import programs
-import trace_log
 from end_to_end import Run, apply_box
+from rig import certificates, packages, programs, trace_log
 
 BINARIES = (packages.APPLICATION, "qorva_updater.exe", "resources/color_engine.DLL")
 REQUIRED = "--require-signed-payload-binaries=1"

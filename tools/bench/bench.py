@@ -15,15 +15,13 @@ import subprocess
 from collections import defaultdict
 from pathlib import Path
 
-import certificates
-import places
-import programs
 import workloads
-from https_server import HttpsServer, Reply
 from measured_run import Measured, idle_peak_kib, measure
 from native_tools import NativeTools, copy_tree
-from sandbox import Sandbox
-from updater_run import Scene
+from rig import certificates, places
+from rig.https_server import HttpsServer, Reply
+from rig.sandbox import Sandbox
+from rig.updater_run import Scene
 from workloads import APPLICATION, BIG_FILE, SMALL_FILES, Workload
 
 PROGRAMS = places.BUILD / "tools" / "bench"
@@ -78,9 +76,6 @@ class Bench:
 
     def run_windows(self, program: str, *arguments: object) -> list[float]:
         """The numbers that a program of the benchmark prints."""
-        return [float(number) for number in self.output_of(program, *arguments).split()]
-
-    def output_of(self, program: str, *arguments: object) -> str:
         return [float(number) for number in self.output_of(program, *arguments).split()]
 
     def output_of(self, program: str, *arguments: object) -> str:

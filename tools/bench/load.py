@@ -13,13 +13,11 @@ import time
 import zipfile
 from dataclasses import dataclass
 
-import packages
-import places
-import programs
 from bench import Bench, settle
-from https_server import Reply
 from measured_run import idle_peak_kib, measure
 from native_tools import SYNC_EACH, timed
+from rig import packages, places, programs
+from rig.https_server import Reply
 from workloads import MIB, Entries, Workload, small_files, zip_entry
 
 LARGEST = 1 << 30

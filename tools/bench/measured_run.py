@@ -9,8 +9,8 @@ import time
 from dataclasses import dataclass
 from pathlib import Path
 
-import trace_log
-from updater_run import Scene
+from rig import trace_log
+from rig.updater_run import Scene
 
 WATCH = Path(__file__).with_name("trace_watch.py")
 

@@ -4,7 +4,7 @@ import subprocess
 import time
 from pathlib import Path
 
-import certificates
+from rig import certificates
 from workloads import Workload
 
 # One fsync for each file, as the updater flushes each file that it writes.

@@ -14,7 +14,7 @@ import sys
 import time
 from pathlib import Path
 
-from sandbox import programs_from
+from rig.sandbox import programs_from
 
 POLL_SECONDS = 0.002
 POLLS_PER_MEMORY_LOOK = 25

@@ -10,10 +10,8 @@ from collections.abc import Iterator
 from dataclasses import dataclass
 from pathlib import Path
 
-import packages
-import places
-import programs
-from sample_release import KIB, Kind
+from rehearsal.sample_release import KIB, Kind
+from rig import packages, places, programs
 
 HOME = places.ROOT / "build" / "bench"
 MIB = 1024 * KIB

@@ -6,8 +6,8 @@ Exits with 0 when the update did all that it promises, 1 when it did not, 2 when
 carried out.
 """
 
-import shutil
 import re
+import shutil
 import signal
 import subprocess
 import sys
@@ -16,19 +16,14 @@ import threading
 import time
 from pathlib import Path
 
-import certificates
-import packages
-import places
-import programs
 import rehearsal_release
-import trace_log
-from end_to_end import REPORT
-from https_server import HttpsServer, Reply
 from rehearsal_release import Release
 from rehearsal_report import (TimedEvent, changes_between, heading, megabytes, paint, print_changes,
                               print_promises, print_stages, print_timeline, row)
-from sandbox import Sandbox
-from updater_run import Outcome, Scene
+from rig import certificates, packages, places, programs, trace_log
+from rig.https_server import HttpsServer, Reply
+from rig.sandbox import Sandbox
+from rig.updater_run import REPORT, Outcome, Scene
 
 RATE = 25_000_000  # bytes a second: loopback alone would be over before the window can be seen
 SHOTS = {  # taken when the trace says so; the numbers count the events of that name

@@ -7,9 +7,8 @@ import zipfile
 from dataclasses import dataclass
 from pathlib import Path
 
-import packages
-import programs
 import sample_release
+from rig import packages, programs
 
 NAME_RULE = re.compile(r"[A-Za-z0-9._-]{1,128}")  # of a required file
 MOST_REQUIRED = 64

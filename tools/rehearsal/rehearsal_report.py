@@ -3,7 +3,7 @@
 import sys
 from dataclasses import dataclass, field
 
-import trace_log
+from rig import trace_log
 
 COLOURS = {"green": "32", "red": "31", "bold": "1", "dim": "2"}
 STAGES = (  # headline, first event, last event

@@ -9,8 +9,7 @@ import hashlib
 from pathlib import Path
 from typing import NamedTuple
 
-import packages
-import places
+from rig import packages, places
 
 KIB = 1024
 

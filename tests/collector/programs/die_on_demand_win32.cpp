@@ -22,7 +22,7 @@
 
 #include "collector/collector.h"
 #include "core/text.h"
-#include "tests/rig/programs/program_support_win32.h"
+#include "tools/rig/programs/program_support_win32.h"
 
 namespace {
 

@@ -11,7 +11,7 @@ RIG_HOME = Path(os.environ.get("QORVA_RIG_HOME", ROOT / "build" / "rig"))
 WINE_HOME = RIG_HOME / "wine"
 
 UPDATER = BUILD / "src" / "app" / "qorva_updater.exe"
-PROGRAMS = BUILD / "tests" / "rig" / "programs"
+PROGRAMS = BUILD / "tools" / "rig" / "programs"
 TOOL = PROGRAMS / "rig_tool.exe"
 RESTART_MANAGER = PROGRAMS / "rstrtmgr.dll"
 

@@ -14,7 +14,7 @@ import tempfile
 from dataclasses import dataclass
 from pathlib import Path
 
-import places
+from rig import places
 
 PUBLISHER = "Rig Tiskařství žluť s.r.o."
 NAMES = ",".join(f"DNS:{host}" for host in (*places.HOSTS, *places.REPORT_HOSTS))

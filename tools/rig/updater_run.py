@@ -3,6 +3,7 @@ temporary folder below C:\\rig\\<name>."""
 
 import json
 import os
+import re
 import shutil
 import subprocess
 import tempfile
@@ -12,13 +13,13 @@ from collections.abc import Callable
 from dataclasses import dataclass
 from pathlib import Path
 
-import packages
-import places
-import trace_log
-from sandbox import Running, Sandbox, programs_from
+from rig import packages, places, trace_log
+from rig.sandbox import Running, Sandbox, programs_from
 
 # With a blank and letters beyond ASCII, as folders of users have them.
 INSTALL_FOLDER = "QORVA RIP žluť"
+# The report of a failed run, below the user's folder for application data.
+REPORT = re.compile(r"QORVA/crashes/pending_reports/qorva_updater_error_\d{8}_\d{6}_\d+\.json")
 
 
 @dataclass(frozen=True)

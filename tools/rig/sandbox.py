@@ -16,8 +16,7 @@ import time
 from dataclasses import dataclass
 from pathlib import Path
 
-import certificates
-import places
+from rig import certificates, places
 
 
 class Sandbox:
@@ -139,4 +138,4 @@ if __name__ == "__main__":
         case ["stop"]:
             Sandbox().stop()
         case _:
-            sys.exit("usage: sandbox.py start|stop")
+            sys.exit("usage: python3 -m rig.sandbox start|stop")

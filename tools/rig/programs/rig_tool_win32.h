@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/rig/programs/program_support_win32.h"
+#include "tools/rig/programs/program_support_win32.h"
 
 namespace zul::rig {
 

@@ -24,8 +24,8 @@ from pathlib import Path
 from socketserver import ThreadingTCPServer
 from typing import NamedTuple
 
-import places
-from certificates import Authority
+from rig import places
+from rig.certificates import Authority
 
 
 @dataclass(frozen=True)

@@ -27,7 +27,7 @@
 
 #include "core/handle_win32.h"
 #include "core/text.h"
-#include "tests/rig/programs/program_support_win32.h"
+#include "tools/rig/programs/program_support_win32.h"
 
 namespace zul::rig {
 namespace {

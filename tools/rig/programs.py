@@ -9,8 +9,8 @@ import time
 from collections.abc import Callable
 from pathlib import Path
 
-import places
-from sandbox import Sandbox
+from rig import places
+from rig.sandbox import Sandbox
 
 TEST_APPLICATION_1 = places.PROGRAMS / "test_app_v1.exe"
 TEST_APPLICATION_2 = places.PROGRAMS / "test_app_v2.exe"

@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "tests/rig/programs/rig_tool_win32.h"
+#include "tools/rig/programs/rig_tool_win32.h"
 
 namespace zul::rig {
 namespace {

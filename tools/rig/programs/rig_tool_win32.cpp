@@ -34,7 +34,7 @@
 //                             {"detail":"valid","publisher":"X","signer":"X","status":0}, where
 //                             "signer" is what is read from the file whatever the verdict
 
-#include "tests/rig/programs/rig_tool_win32.h"
+#include "tools/rig/programs/rig_tool_win32.h"
 
 #include <cstdint>
 #include <cstring>

@@ -5,7 +5,7 @@
 
 #include "core/handle_win32.h"
 #include "core/text.h"
-#include "tests/rig/programs/rig_tool_win32.h"
+#include "tools/rig/programs/rig_tool_win32.h"
 
 namespace zul::rig {
 namespace {
