@@ -1,4 +1,4 @@
-// The verbs that look at windows of other processes: "close", "click" and "watch".
+// The verbs about windows of other processes: "close", "click" and "watch".
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
@@ -11,6 +11,7 @@ namespace zul::rig {
 namespace {
 
 constexpr UINT kAnswerMs = 5000;
+
 DWORD ProcessArgument(const Arguments& arguments) {
   return static_cast<DWORD>(std::stoul(arguments.at(1)));
 }
@@ -84,7 +85,7 @@ int WatchWindow(const Arguments& arguments) {
           SendMessageTimeoutW(window, WM_NULL, 0, 0, SMTO_BLOCK, kAnswerMs, &ignored) != 0;
       const ULONGLONG came = GetTickCount64();
       if (answered) ++answers;
-      // Nothing is noted of a window that went away meanwhile.
+      // A window that was destroyed meanwhile fails early and is not reported.
       if (came - asked >= (answered ? kSlowMs : kAnswerMs)) slow.push_back({asked, came});
     }
   }
