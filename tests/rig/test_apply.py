@@ -65,16 +65,11 @@ class Apply(e2e.EndToEnd):
                        [*e2e.EXTRACTED, "apply_fail"], buttons=e2e.BUTTONS, kept=e2e.STAGED), scene)
         self.assertTrue((scene.install / "zul_rip.exe").is_dir())
 
-    def test_restarts(self) -> None:
-        names = {"restart_exe": f"<install>\\{packages.APPLICATION}",
-                 "requested_restart_exe": "<install>\\zul_rip_gui.exe"}
+    def test_reports_an_application_that_does_not_start(self) -> None:
         payload = {**self.payload, packages.APPLICATION: packages.noise(20_000, "no program")}
-        self.check_all([
-            Run("a legacy name", events=e2e.SUCCESS, arguments={"restart": "zul_rip_gui.exe"},
-                details={"restart_start": {**names, "restart_mode": "normal_gui"}, "restart_ok": names}),
-            Run("an application that does not start", 2, "Cannot restart application after update.",
-                [*e2e.SUCCESS[:-1], "restart_fail"], package=packages.zip_of(payload), kept=e2e.STAGED,
-                tree=packages.updated_tree(self.installed, payload))])
+        self.check(Run("no start", 2, "Cannot restart application after update.",
+                       [*e2e.SUCCESS[:-1], "restart_fail"], package=packages.zip_of(payload), kept=e2e.STAGED,
+                       tree=packages.updated_tree(self.installed, payload)))
 
     def test_waits_for_the_application_to_close(self) -> None:
         scene = self.scene("waits")

@@ -73,7 +73,7 @@ class SelfReplace(FromInside):
             HANDOVER[0]: {**installed, "target_dir": "<install>",
                           "restart_exe": f"<install>\\{packages.APPLICATION}"},
             HANDOVER[1]: {**installed, "copied_runtime_dlls": "2",
-                          "isolated_helper": f"<temp>\\{helper.name}\\zul_updater.exe"}})
+                          "isolated_helper": "<helper>\\zul_updater.exe"}})
         self.assert_marks(scene, *programs.marks_of_start(2))
         self.assert_installed(scene, packages.updated_tree({**self.installed, **libraries}, self.payload))
         self.assertRegex(helper.name, r"^zul_updater_launch_\d+_\d+$")

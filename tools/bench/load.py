@@ -109,8 +109,8 @@ def measure_one(bench: Bench, work: Load) -> str:
     listing = timed("unzip", "-l", work.package)
     count, size = len(work.files()), work.package.stat().st_size
     assert all((scene.install / path).stat().st_size == (stage / path).stat().st_size for path in work.files())
-    return (f"| {work.title} | {count} | {size / MIB:.1f} | {scan:.2f} / {listing:.2f} | {run.extract:.1f} / {unzip:.1f} "
-            f"| {1000 * run.extract / count:.2f} / {1000 * unzip / count:.2f} | {run.apply:.1f} | {run.whole:.1f} "
+    return (f"| {work.title} | {count} | {size / MIB:.1f} | {scan:.2f} / {listing:.2f} "
+            f"| {run.extract:.1f} / {unzip:.1f} | {1000 * run.extract / count:.2f} / {1000 * unzip / count:.2f} | {run.apply:.1f} | {run.whole:.1f} "
             f"| {run.peak_kib / 1024:.1f} / {unzip_kib / 1024:.1f} |")
 
 
