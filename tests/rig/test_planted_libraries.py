@@ -116,7 +116,7 @@ class PlantedLibraries(test_self_replace.FromInside):
         self.plant(scene.updater.parent)
         browser = programs.Browser(self.sandbox, scene.notes, self.addCleanup)
         browser.set_up(available=True)
-        package = packages.zip_of({packages.APPLICATION: b"MZ, but nobody signed it"})
+        package = packages.zip_of({packages.APPLICATION: b"MZ without a signature"})
         outcome = self.begin(scene, Run("", package=package, more=(SIGNED,), button="yes")).finish()
         self.assertEqual([], self.loaded_by(scene, "updater.exe"))
         self.assertEqual((2, [e2e.PAGE]), (outcome.exit_code, browser.opened(1)), outcome.dialogs)
