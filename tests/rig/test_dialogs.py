@@ -45,7 +45,7 @@ class Dialogs(e2e.EndToEnd):
                 case.button = button
                 outcome = self.begin(scene, case).finish()
                 self.assertEqual(case.code, outcome.exit_code, outcome.dialogs)
-                self.assert_boxes(scene, outcome, (case.message, case.icon, e2e.BUTTONS), *warnings)
+                self.assert_boxes(scene, outcome, [(case.message, case.icon, e2e.BUTTONS), *warnings])
                 self.assertEqual((opened, clipboard_text), (browser.opened(len(opened)), clipboard.read()))
                 self.assertEqual(before, packages.snapshot(scene.install))
                 self.assert_nothing_outside(scene)

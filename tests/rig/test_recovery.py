@@ -87,7 +87,7 @@ class Recovery(e2e.EndToEnd):
         self.assert_installed(scene, packages.updated_tree(self.installed, self.payload))
         failed = self.begin(scene, FAILING).finish()
         self.assertEqual(2, failed.exit_code)
-        self.assert_boxes(scene, failed, (FAILING.message, "error", ("ok",)))
+        self.assert_boxes(scene, failed, [(FAILING.message, "error", ("ok",))])
         (log,) = (scene.updater.parent / "logs").iterdir()
         self.assertIn("Diagnostics session checkpoint start failed: write failed", log.read_text("utf-8"))
 

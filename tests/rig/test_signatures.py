@@ -12,7 +12,6 @@ BINARIES = (packages.APPLICATION, "qorva_updater.exe", "resources/color_engine.D
 REQUIRED = "--require-signed-payload-binaries=1"
 CHECKED = "payload_binary_signature_validate"
 CHAIN = [*trace_log.CHAIN_BEFORE_REMOVALS, CHECKED, *e2e.RETIRED, *trace_log.CHAIN_AFTER_REMOVALS]
-PROOF = ".qorva_update_restart_proof.json"
 
 
 class Signatures(e2e.EndToEnd):
@@ -38,22 +37,6 @@ class Signatures(e2e.EndToEnd):
         self.check(Run("trusted", events=CHAIN, more=(REQUIRED,), details={
             "updater_run_start": {"require_signed_payload_binaries": "1"},
             CHECKED: {"checked_pe_files": "3", "policy": "require_trusted_authenticode"}}))
-
-    def test_proves_the_version_without_a_window(self) -> None:
-        # The payload has no binaries.
-        payload = {"readme.txt": b"new"}
-        package = packages.zip_of(payload)
-        scene = self.scene("headless")
-        outcome = self.begin(scene, Run("", package=package, arguments={"required": ("readme.txt",)},
-                                        more=(REQUIRED, "--headless-restart-version-proof=1"))).finish()
-        self.assert_marks(scene, "start 1.0.0 qorva_gui.exe ", f"proof {scene.windows(scene.install / PROOF)}")
-        self.assertEqual("1.0.0", json.loads((scene.install / PROOF).read_bytes())["version"])
-        (scene.install / PROOF).unlink()
-        self.assertEqual((0, []), (outcome.exit_code, outcome.dialogs))
-        self.assert_details(scene, outcome, {CHECKED: {"checked_pe_files": "0"},
-                                             "restart_start": {"restart_mode": "headless_version_proof"}})
-        self.assert_installed(scene, packages.updated_tree(self.installed, payload))
-        self.assert_nothing_outside(scene)
 
     def test_refuses_other_binaries_and_changes_nothing(self) -> None:
         for name, path, reason in (
