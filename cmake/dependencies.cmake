@@ -1,9 +1,9 @@
-# Libraries that are not ours. tools/setup installs them; nothing of theirs is in this tree.
-set(ZLIB_USE_STATIC_LIBS ON)  # otherwise the import library of zlib1.dll is taken
+# Libraries of others. tools/setup installs them; none of their files is in this tree.
+set(ZLIB_USE_STATIC_LIBS ON)  # not the import library of zlib1.dll
 find_package(ZLIB REQUIRED)
 
-# Header-only libraries live in the host's include folder also when cross-building. They are copied by
-# link into a folder of their own so that no other host header is seen.
+# Also when cross-building, header-only libraries are in the host's include folder. A folder with links
+# to them keeps all other host headers out.
 find_path(QORVA_JSON_INCLUDE nlohmann/json.hpp PATHS /usr/include REQUIRED NO_CMAKE_FIND_ROOT_PATH)
 set(header_only ${PROJECT_BINARY_DIR}/header-only)
 file(MAKE_DIRECTORY ${header_only})
@@ -11,8 +11,7 @@ file(CREATE_LINK ${QORVA_JSON_INCLUDE}/nlohmann ${header_only}/nlohmann SYMBOLIC
 add_library(nlohmann_json INTERFACE)
 target_include_directories(nlohmann_json SYSTEM INTERFACE ${header_only})
 
-# minizip-ng: an installed one where there is one (vcpkg on Windows), else the sources that tools/setup
-# has laid out.
+# minizip-ng: the sources from tools/setup, else an installed package, as from vcpkg on Windows.
 set(QORVA_MINIZIP_DIR ${PROJECT_SOURCE_DIR}/build/deps/minizip-ng CACHE PATH "Sources of minizip-ng 4")
 if(NOT EXISTS ${QORVA_MINIZIP_DIR}/mz_zip.c)
   find_package(minizip-ng CONFIG REQUIRED)

@@ -1,12 +1,12 @@
-# Deployment data: everything that differs between one publisher's build and another's. It is compiled
-# in through one generated header (core/deployment.h) and nothing at run time can change it.
+# Deployment data: everything that differs between the builds of two publishers. It is compiled in
+# through one generated header (core/deployment.h); nothing can change it at run time.
 set(QORVA_HOST_DISTRIBUTION "dist.qorva.example" CACHE STRING "Distribution host of packages")
 set(QORVA_HOST_UPDATE "update.qorva.example" CACHE STRING "Update host of packages")
 set(QORVA_HOST_MIRROR_1 "mirror1.qorva.example" CACHE STRING "First mirror host of packages")
 set(QORVA_HOST_MIRROR_2 "mirror2.qorva.example" CACHE STRING "Second mirror host of packages")
 set(QORVA_REPORT_ORIGIN_PRIMARY "https://reports.qorva.example" CACHE STRING "First origin of report uploads")
 set(QORVA_REPORT_ORIGIN_MIRROR "https://reports-mirror.qorva.example" CACHE STRING "Second origin of report uploads")
-# A report origin that holds one of these words has the role of that word; the first one counts.
+# A report origin that contains one of these words has its role; the first match counts.
 set(QORVA_ROLE_HOST_PRIMARY "reports.qorva.example" CACHE STRING "Host word of the role primary")
 set(QORVA_ROLE_HOST_RF "reports-mirror.qorva.example" CACHE STRING "Host word of the role rf")
 set(QORVA_ROLE_HOST_LEGACY_WORKER "license-worker.example" CACHE STRING "Host word of the role legacy_worker")

@@ -1,4 +1,4 @@
-# Cross build for 64-bit Windows with Debian's MinGW-w64 (posix threads); the results run under Wine.
+# Cross build for 64-bit Windows with Debian's MinGW-w64 (posix threads). Programs run under Wine.
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
 if(NOT CMAKE_HOST_WIN32)
@@ -12,5 +12,5 @@ if(NOT CMAKE_HOST_WIN32)
   set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
   set(CMAKE_CROSSCOMPILING_EMULATOR "${CMAKE_CURRENT_LIST_DIR}/../tools/wine-run")
 endif()
-# Everything inside one file: libstdc++, libgcc and winpthread are linked in.
+# libstdc++, libgcc and winpthread are linked into each program.
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-static")

@@ -1,7 +1,7 @@
 # One library target per room. A file named *_win32.cpp is compiled for Windows only, a file named
 # *_native.cpp everywhere else only, and every other file on both.
 
-# Drops from the list OUT the files that this system does not compile.
+# Sets OUT to the files of the list that this system compiles.
 function(qorva_files_for_this_system out)
   set(files ${ARGN})
   if(WIN32)
@@ -15,7 +15,7 @@ endfunction()
 
 # qorva_room(<name> FLOOR <n> SOURCES <files> [USES <rooms>] [LIBS <outside libraries>]
 #            [WIN32_LIBS <import libraries>])
-# USES is the proof of the layering: tools/check-rooms compares it with the includes.
+# USES lists the rooms that the sources may include; tools/check-rooms checks them.
 function(qorva_room name)
   cmake_parse_arguments(ROOM "" "FLOOR" "SOURCES;USES;LIBS;WIN32_LIBS" ${ARGN})
   qorva_files_for_this_system(sources ${ROOM_SOURCES})

@@ -1,10 +1,10 @@
-"""Holds what the package room extracts against what other readers make of the same archives.
+"""Compares what the package room extracts with what other readers extract from the same archives.
 
-usage: agreement.py EXTRACT_PACKAGES [FOLDER...]      with the archives of more folders
+usage: PYTHONPATH=tests/rig agreement.py EXTRACT_PACKAGES [FOLDER...]
 
-Archives: the table of hostile ones, the seeds and findings of the fuzzer, and packages of up to a few
-thousand real files made by the writers that this machine has. Whatever we accept, at least two of
-Python, bsdtar, 7z and unzip must read as the same names and bytes.
+The archives are the rows of hostile_archives.py, the seeds and findings of the fuzzer, packages of up to a
+few thousand real files made by the writers of this machine, and those in further folders. At least two of
+Python, bsdtar, 7z and unzip must read the same names and bytes from each archive that we accept.
 """
 
 import os
@@ -18,20 +18,18 @@ from dataclasses import dataclass
 from itertools import islice
 from pathlib import Path
 
+import hostile_archives
+from hostile_archives import Expected, Tree
+
 ROOT = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT / "tests" / "rig"))
-
-import hostile_archives  # noqa: E402
-from hostile_archives import Expected, Tree  # noqa: E402
-
-# Names without the flag of UTF-8 are read in each of these; what we read must be one of the readings.
+# Names without the flag of UTF-8 are read in each of these; one of the results must be ours.
 CHARSETS = {"utf-8": "65001", "cp866": "866", "cp1251": "1251"}
 
-# Where we hold a reading of our own, with the reason; what these accept is checked by their rows.
+# Archives that we read in our own way, with the reason. Their rows say what comes out.
 OWN_READING = {
-    "Windows-1251 said to be UTF-8": "bytes that are no UTF-8 are a legacy name, whatever the flag says",
-    "Unicode path in the local header only": "a Unicode path counts wherever it stands",
-    "Unicode path for a name that is UTF-8": "a name that needs no Unicode path is not overruled by one",
+    "Windows-1251 with the flag of UTF-8": "a name that is not valid UTF-8 is a legacy name",
+    "Unicode path in the local header only": "a Unicode path counts in either header",
+    "Unicode path for a name that is UTF-8": "a valid UTF-8 name needs no Unicode path, so the path is ignored",
     "corpus names": "one archive with names in three encodings",
 }
 
@@ -40,10 +38,10 @@ OWN_READING = {
 class Archive:
     name: str
     path: Path
-    expected: Expected | None = None  # None: whatever others say
+    expected: Expected | None = None  # None: nothing but agreement is expected
 
 
-# -- readers: the files of an archive, or None for one that the reader does not take
+# -- readers: the files of an archive, or None when the reader refuses it
 
 def python_reads(path: Path, charset: str, _scratch: Path) -> Tree | None:
     try:
@@ -77,7 +75,7 @@ READERS: tuple[Reader, ...] = (python_reads, bsdtar_reads, seven_zip_reads, unzi
 
 
 def files_below(folder: Path) -> Tree:
-    """A link counts as a file that holds its target, as it stands in an archive."""
+    """A link counts as a file with its target as content, as in an archive."""
     return {str(path.relative_to(folder)): os.fsencode(path.readlink()) if path.is_symlink() else path.read_bytes()
             for path in folder.rglob("*") if path.is_symlink() or path.is_file()}
 
@@ -117,7 +115,7 @@ def of_the_fuzzer(folder: Path, *more: Path) -> Iterator[Archive]:
             yield Archive(f"{kind} {seed.name}", Path(shutil.copyfile(seed, folder / f"{kind}-{seed.name}.zip")))
 
 
-REAL_FILES = "/usr/share/cmake-*"  # some three thousand, on every machine that builds this
+REAL_FILES = "/usr/share/cmake-*"  # about 3,000 files on every machine that builds this
 WRITERS = {  # each runs in the folder that holds "tree"
     "zip": "zip -qr ARCHIVE tree",
     "zip, stored": "zip -qr -0 ARCHIVE tree",
@@ -131,7 +129,7 @@ WRITERS = {  # each runs in the folder that holds "tree"
 
 
 def plant_tree(tree: Path, count: int) -> None:
-    """Real files, some of them once more under names that are long, Cyrillic or deep."""
+    """Copies real files, some of them also under names that are long, Cyrillic or deep."""
     sources = [path for folder in sorted(Path("/").glob(REAL_FILES[1:])) for path in sorted(folder.rglob("*"))
                if path.is_file() and not path.is_symlink()][:count]
     for number, source in enumerate(sources):
@@ -154,16 +152,16 @@ def made_by_writers(folder: Path, count: int, writers: Iterable[str]) -> Iterato
         yield Archive(f"{count} files by {name}", path)
 
 
-# -- what has to hold
+# -- the comparison
 
 def extract(program: str, archives: list[Archive]) -> list[tuple[Archive, str, Tree]]:
-    """What we say to each archive, and the files that we make of it."""
+    """For each archive our message and the files that we extract."""
     lines = "".join(f"{archive.path}\t{archive.path.with_suffix('.out')}\n" for archive in archives)
     done = subprocess.run([program], input=lines, capture_output=True, text=True, timeout=300)
     if done.returncode != 0:
         raise RuntimeError(f"{program} ended with {done.returncode}: {done.stderr}")
-    return [(archive, said, files_below(archive.path.with_suffix(".out")))
-            for archive, said in zip(archives, done.stdout.splitlines(), strict=True)]
+    return [(archive, message, files_below(archive.path.with_suffix(".out")))
+            for archive, message in zip(archives, done.stdout.splitlines(), strict=True)]
 
 
 def main(program: str, *folders: str) -> int:
@@ -173,10 +171,10 @@ def main(program: str, *folders: str) -> int:
         few = [*made_by_hand(work / "hand"), *of_the_fuzzer(work / "fuzzer", *map(Path, folders)),
                *made_by_writers(work / "few", 40, WRITERS)]
         accepted = 0
-        for archive, said, tree in extract(program, few):
-            if not hostile_archives.meets(archive.expected, said or tree):
-                faults.append(f"{archive.name}: {said or tree} instead of {archive.expected}")
-            if said or archive.name in OWN_READING:
+        for archive, message, tree in extract(program, few):
+            if not hostile_archives.meets(archive.expected, message or tree):
+                faults.append(f"{archive.name}: {message or tree} instead of {archive.expected}")
+            if message or archive.name in OWN_READING:
                 continue
             accepted += 1
             readers = [reads.__name__ for reads in islice((r for r in READERS if agrees(r, archive, tree)), 2)]
@@ -184,11 +182,12 @@ def main(program: str, *folders: str) -> int:
                 faults.append(f"{archive.name}: agrees with {readers or 'no other reader'}")
         many = list(made_by_writers(work / "many", 4000, ("zip", "7z", "Python")))
         planted = {f"tree/{name}": data for name, data in files_below(work / "many" / "tree").items()}
-        for archive, said, tree in extract(program, many):
-            if said or tree != planted:
-                faults.append(f"{archive.name}: {said or 'not the files that were packed'}")
+        for archive, message, tree in extract(program, many):
+            if message or tree != planted:
+                faults.append(f"{archive.name}: {message or 'not the files that were packed'}")
     print(*faults, sep="\n")
-    print(f"{len(few)} archives, {accepted} accepted as others read them; {len(many)} packages of {len(planted)} files")
+    print(f"{len(few)} archives, of which {accepted} are accepted and compared; "
+          f"{len(many)} packages of {len(planted)} files")
     return 1 if faults else 0
 
 

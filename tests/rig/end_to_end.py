@@ -1,10 +1,12 @@
-"""What every end-to-end run has in common: one prefix and one server, a scene of its own for each
-run, a record of what the run is and what it must leave, and the promises that hold however it ends.
+"""The base of all end-to-end tests. They share one Wine prefix and one server, and each run has a scene
+of its own. The record `Run` describes a run and its expected result; some promises are checked after
+every run.
 
 `./check` runs everything through ctest. By hand, after a build of the windows preset:
 
+    export PYTHONPATH=tools
     python3 tests/rig/test_origins.py Origins.test_updates
-    python3 tests/rig/sandbox.py stop
+    python3 -m rig.sandbox stop
 """
 
 import os
@@ -16,20 +18,17 @@ from collections.abc import Callable
 from dataclasses import dataclass, field
 from pathlib import Path
 
-import certificates
-import packages
-import places
-import programs
-import trace_log
-from https_server import HttpsServer, Reply
-from sandbox import Sandbox
-from updater_run import Outcome, Scene, UpdaterRun
+from rig import certificates, packages, places, programs, trace_log
+from rig.https_server import HttpsServer, Reply
+from rig.sandbox import Sandbox
+from rig.updater_run import REPORT, Outcome, Scene, UpdaterRun
 
 PACKAGE = "update_package.zip"
 STAGED = (PACKAGE, "stage")
 PAGE = places.deployment("QORVA_PAGE_URL")
 BUTTONS = ("yes", "no", "cancel")
 
+# Beginnings of a trace, without download_progress.
 PREPARED = ["updater_run_start"]
 FETCHED = [*PREPARED, "download_start", "download_redirect_resolution", "download_complete",
            "checksum_verify", "checksum_verify"]
@@ -42,14 +41,12 @@ NOT_EXTRACTED = [*SELECTED, "extract_start", "extract_fail"]
 RETIRED = ["retired_install_executable_removed"] * 3
 SUCCESS = [*trace_log.CHAIN_BEFORE_REMOVALS, *RETIRED, *trace_log.CHAIN_AFTER_REMOVALS]
 
-# What diagnostics may leave, and nothing else: the log beside the updater, and in the user's profile
-# one report for each run that failed.
+# Diagnostics may leave the log beside the updater, and in the user's profile one REPORT for each failed run.
 LOG = re.compile(r"logs/qorva_updater_\d{8}\.log")
-REPORT = re.compile(r"QORVA/crashes/pending_reports/qorva_updater_error_\d{8}_\d{6}_\d+\.json")
 
 
 def apply_box(error: str) -> str:
-    """The box that offers the installer after a failed apply."""
+    """The text of the box that offers the installer after a failed apply."""
     return ("Automatic update failed during apply stage.\n\nCannot apply update safely: " + error +
             "\n\nDownload and run the current QORVA installer from:\n" + PAGE +
             "\n\nUse Yes to open the download page now, No to copy the link to clipboard.")
@@ -57,26 +54,26 @@ def apply_box(error: str) -> str:
 
 @dataclass
 class Run:
-    """One run and what it must leave. In texts <install>, <temp>, <work> and <helper> stand for the
-    scene's folders, and for the system's own words and WinHTTP's codes a letter."""
+    """A run and its expected result. In expected texts <install>, <temp>, <work> and <helper> stand for
+    the scene's folders, M for a message of the system and N for a number that differs between runs."""
 
     name: str
-    code: int = 0  # 0: version 2 is up and its files are there; else the installation is as it was
-    message: str = ""  # of its box, with one button unless `buttons` says more
-    events: list[str] | None = None  # of the trace, all but progress; None: there is no trace
-    primary: Reply | None = None  # None: the good package
+    code: int = 0  # 0: version 2 is installed and runs; else the installation is unchanged
+    message: str = ""  # of the message box; empty: there is no box
+    events: list[str] | None = None  # of the trace, without download_progress; None: there is no trace
+    primary: Reply | None = None  # None: the package
     mirror: Reply | None = None  # None: the request names no mirror
-    package: bytes | None = None  # served by the primary with its true digest
-    query: str = ""  # of both URLs
-    arguments: dict = field(default_factory=dict)  # of Scene.arguments, to override
-    more: tuple[str, ...] = ()  # switches
-    button: str = "cancel"
-    buttons: tuple[str, ...] = ("ok",)
+    package: bytes | None = None  # None: the good package; the request has the digest of this package
+    query: str = ""  # appended to both URLs
+    arguments: dict = field(default_factory=dict)  # override those of Scene.arguments
+    more: tuple[str, ...] = ()  # further switches
+    button: str = "cancel"  # to press in the box
+    buttons: tuple[str, ...] = ("ok",)  # that the box has
     icon: str = "error"
-    details: dict[str, dict[str, str]] = field(default_factory=dict)  # event: fields, last one of it
-    kept: tuple[str, ...] | None = None  # what the one workspace holds, one level; None: there is none
-    payload: packages.Tree | None = None  # of the package, if not the usual one
-    tree: packages.Tree | None = None  # the installation afterwards, where it is neither
+    details: dict[str, dict[str, str]] = field(default_factory=dict)  # fields of the last event of this name
+    kept: tuple[str, ...] | None = None  # top-level names in the workspace; None: no workspace is left
+    payload: packages.Tree | None = None  # None: that of the good package
+    tree: packages.Tree | None = None  # the installation afterwards, when `code` does not say it
 
 
 class EndToEnd(unittest.TestCase):
@@ -91,8 +88,8 @@ class EndToEnd(unittest.TestCase):
         cls.addClassCleanup(cls.server.__exit__)
 
     def scene(self, name: str) -> Scene:
-        """A scene with version 1 installed, gone again at the end of the test."""
-        # The name also stands in URLs, so it has no blanks.
+        """A scene with version 1 installed. The end of the test removes it."""
+        # The name is also a part of URLs, so it has no blanks.
         scene = Scene(self.sandbox, f"{type(self).__name__}-{name}".replace(" ", "-"))
         self.addCleanup(scene.clear)
         packages.write_tree(scene.install, self.installed)
@@ -100,8 +97,8 @@ class EndToEnd(unittest.TestCase):
         return scene
 
     def files_outside(self, scene: Scene) -> dict[str, str]:
-        """Every file of drive C: that no run may touch: not those of Wine's own folder, nor those of
-        scenes, which have folders and users of their own."""
+        """Every file of drive C that no run may change: all but those of the system folder and of scenes
+        and their users."""
         drive = self.sandbox.drive_c
         files = {str(path): "" for path in (*drive.iterdir(), *scene.folder.iterdir())}
         for top in (*drive.iterdir(), *(drive / "users").iterdir()):
@@ -110,7 +107,7 @@ class EndToEnd(unittest.TestCase):
         return files
 
     def mount_small_disk(self, folder: Path, room_kib: int) -> None:
-        """Puts a folder on a disk of its own, with so much room beside what stands in it."""
+        """Mounts a small disk over a folder, copies its content and leaves `room_kib` KiB free."""
         content = {path: path.read_bytes() for path in folder.rglob("*") if path.is_file()}
         size_kib = room_kib + sum((len(data) + 4095) // 4096 * 4 for data in content.values())
         if subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size_kib}k", "rig-small", folder],
@@ -119,12 +116,13 @@ class EndToEnd(unittest.TestCase):
         self.addCleanup(subprocess.run, ["umount", "-l", folder], capture_output=True)
         packages.write_tree(folder, {str(path.relative_to(folder)): data for path, data in content.items()})
 
-    def serve(self, scene: Scene, host: str, reply: Reply, path: str = "package.zip") -> str:
-        return self.server.on(host, f"/{scene.folder.name}/{path}", reply)
+    def serve(self, scene: Scene, host: str, reply: Reply) -> str:
+        return self.server.on(host, f"/{scene.folder.name}/package.zip", reply)
 
     # -- runs
 
     def begin(self, scene: Scene, case: Run, **options) -> UpdaterRun:
+        """Starts the run; `options` are those of UpdaterRun."""
         package = self.good_package if case.package is None else case.package
         primary = case.primary or Reply(body=package)
         request = {"url": self.serve(scene, places.PRIMARY_HOST, primary) + case.query,
@@ -135,27 +133,28 @@ class EndToEnd(unittest.TestCase):
         return scene.begin([*arguments, *case.more], button=case.button, **options)
 
     def check(self, case: Run, scene: Scene | None = None, **options) -> tuple[Scene, Outcome]:
+        """Does the run, in a new scene unless one is given, and checks its result."""
         scene = scene or self.scene(case.name)
         outcome = self.begin(scene, case, **options).finish()
         self.verify(scene, outcome, case)
         return scene, outcome
 
-    def check_all(self, *cases: Run) -> None:
+    def check_all(self, cases: list[Run]) -> None:
         for case in cases:
             with self.subTest(case.name):
                 self.check(case)
 
     def wait_for(self, run: UpdaterRun, reached: Callable[[], bool]) -> None:
-        """Until something has come about while a run is at work."""
+        """Waits for a condition that must become true while the run lasts."""
         while not reached():
             self.assertTrue(run.running(), "the run ended too early")
             time.sleep(0.005)
 
-    # -- what has to hold
+    # -- expectations
 
     def verify(self, scene: Scene, outcome: Outcome, case: Run) -> None:
         self.assertEqual(case.code, outcome.exit_code, (outcome.dialogs, outcome.trace[-1:]))
-        self.assert_boxes(scene, outcome, *([(case.message, case.icon, case.buttons)] if case.message else []))
+        self.assert_boxes(scene, outcome, [(case.message, case.icon, case.buttons)] if case.message else [])
         if case.events is None:
             self.assertFalse(scene.trace_path.exists())
         else:
@@ -170,18 +169,21 @@ class EndToEnd(unittest.TestCase):
         self.assert_nothing_outside(scene)
 
     def plain(self, scene: Scene, text: str) -> str:
-        """A text without what differs from run to run."""
+        """The text with names for everything that differs between runs."""
         for folder, name in ((scene.install, "<install>"), (scene.temp, "<temp>")):
             text = text.replace(scene.windows(folder), name)
-        text = re.sub(r"<temp>\\(qorva_updater|zul_updater_launch)_[\d_]+",
-                      lambda found: "<work>" if found[1] == "qorva_updater" else "<helper>", text)
-        return re.sub(r"(\(code=|available )\d+", r"\1N", re.sub(r"message='[^']+'", "message='M'", text))
+        for pattern, name in ((r"<temp>\\qorva_updater_\d+", "<work>"),
+                              (r"<temp>\\zul_updater_launch_\d+_\d+", "<helper>"),
+                              (r"message='[^']+'", "message='M'"), (r"(\(code=|available )\d+", r"\1N")):
+            text = re.sub(pattern, name, text)
+        return text
 
-    def assert_boxes(self, scene: Scene, outcome: Outcome, *boxes: tuple[str, str, tuple[str, ...]]) -> None:
-        """The text, icon and buttons of each; an icon may be covered by the box of another run."""
-        seen = [(self.plain(scene, dialog.text), icon if dialog.icon == "unknown" else dialog.icon, dialog.buttons)
-                for dialog, (_, icon, _) in zip(outcome.dialogs, boxes)]
-        self.assertEqual((list(boxes), len(boxes)), (seen, len(outcome.dialogs)))
+    def assert_boxes(self, scene: Scene, outcome: Outcome, boxes: list[tuple[str, str, tuple[str, ...]]]) -> None:
+        """Expects boxes with these texts, icons and buttons. The icon may be covered by another window."""
+        seen = [(self.plain(scene, dialog.text), dialog.buttons) for dialog in outcome.dialogs]
+        self.assertEqual([(text, buttons) for text, _, buttons in boxes], seen)
+        for dialog, (_, icon, _) in zip(outcome.dialogs, boxes):
+            self.assertIn(dialog.icon, (icon, "unknown"))
 
     def assert_trace(self, scene: Scene, outcome: Outcome, events: list[str]) -> None:
         seen = [name for name in trace_log.names(outcome.trace) if name != "download_progress"]
@@ -189,13 +191,13 @@ class EndToEnd(unittest.TestCase):
         self.assertEqual([], trace_log.faults(scene.trace_path))
 
     def assert_details(self, scene: Scene, outcome: Outcome, details: dict[str, dict[str, str]]) -> None:
-        """The last event of each name carries at least these fields."""
+        """Expects these fields, and perhaps others, in the last event of each name."""
         for name, fields in details.items():
             event = [event for event in outcome.trace if event["stage"] == name][-1]
             self.assertEqual(fields, {key: self.plain(scene, event.get(key, "")) for key in fields}, name)
 
     def assert_installed(self, scene: Scene, tree: packages.Tree) -> None:
-        """The installation, apart from what the application itself wrote, byte for byte."""
+        """Expects these files in the installation, besides those that the application and the log wrote."""
         files = packages.snapshot(scene.install)
         files.pop(programs.MARK, None)
         if scene.started_inside:

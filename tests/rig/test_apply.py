@@ -1,20 +1,19 @@
-"""Replacements that fail half way: the installation comes back, or the user is told that it did not."""
+"""Replacements that fail: the rollback restores the installation, or the message asks for recovery."""
 
 import time
 import unittest
 
 import end_to_end as e2e
-import packages
-import programs
 from end_to_end import Run, apply_box
+from rig import packages, programs
 
-HELD = "zz_last.dat"  # comes last where folders are listed by name
-FIRST = "aa_first.dat"
+FIRST = "aa_first.dat"  # files are replaced in the order of their names
+HELD = "zz_last.dat"
 ROLLBACK = [*e2e.EXTRACTED, *e2e.RETIRED, "rollback_start"]
 
 
 def gave_up(what: str, source: str, target: str) -> str:
-    """The text of a file operation that gave up on a held file, with the code that Wine has for it."""
+    """The message of a file operation that failed on a held file, with the code that Wine returns."""
     return (f"{what}: source='{source}', target='{target}', reason=permission_or_lock, code=5, "
             "message='M', attempts=8")
 
@@ -34,9 +33,9 @@ class Apply(e2e.EndToEnd):
         count = int(outcome.trace[-2]["record_count"])
         self.assertGreater(count, len(e2e.RETIRED), "no replacement came before the one that failed")
 
-    def test_demands_recovery_when_the_rollback_cannot_complete(self) -> None:
-        # While the updater tries to replace a held file, another process takes hold of one that was
-        # already replaced: its old edition cannot come back.
+    def test_asks_for_recovery_when_the_rollback_fails(self) -> None:
+        # While the updater tries to replace HELD, another process opens FIRST, which is already replaced,
+        # so that the rollback cannot restore it.
         scene = self.scene("recovery")
         first = scene.install / FIRST
         restore = gave_up("rollback restore failed", f"<work>\\rollback_backup\\{FIRST}", f"<install>\\{FIRST}")
@@ -49,10 +48,10 @@ class Apply(e2e.EndToEnd):
                             "apply_recovery_required": {"error": error}},
                    tree={**self.installed, FIRST: self.payload[FIRST]}, kept=(*e2e.STAGED, "rollback_backup"))
         with (programs.Hold(self.sandbox, scene.install / HELD),
-              programs.Hold(self.sandbox, first, "--when-told") as second):
+              programs.Hold(self.sandbox, first, "--on-input") as second):
             run = self.begin(scene, case)
             self.wait_for(run, lambda: first.read_bytes() == self.payload[FIRST])
-            second.tell()
+            second.go_on()
             outcome = run.finish()
         self.verify(scene, outcome, case)
         (workspace,) = scene.workspaces()
@@ -66,16 +65,11 @@ class Apply(e2e.EndToEnd):
                        [*e2e.EXTRACTED, "apply_fail"], buttons=e2e.BUTTONS, kept=e2e.STAGED), scene)
         self.assertTrue((scene.install / "zul_rip.exe").is_dir())
 
-    def test_restarts(self) -> None:
-        names = {"restart_exe": f"<install>\\{packages.APPLICATION}",
-                 "requested_restart_exe": "<install>\\zul_rip_gui.exe"}
+    def test_reports_an_application_that_does_not_start(self) -> None:
         payload = {**self.payload, packages.APPLICATION: packages.noise(20_000, "no program")}
-        self.check_all(
-            Run("a legacy name", events=e2e.SUCCESS, arguments={"restart": "zul_rip_gui.exe"},
-                details={"restart_start": {**names, "restart_mode": "normal_gui"}, "restart_ok": names}),
-            Run("an application that does not start", 2, "Cannot restart application after update.",
-                [*e2e.SUCCESS[:-1], "restart_fail"], package=packages.zip_of(payload), kept=e2e.STAGED,
-                tree=packages.updated_tree(self.installed, payload)))
+        self.check(Run("no start", 2, "Cannot restart application after update.",
+                       [*e2e.SUCCESS[:-1], "restart_fail"], package=packages.zip_of(payload), kept=e2e.STAGED,
+                       tree=packages.updated_tree(self.installed, payload)))
 
     def test_waits_for_the_application_to_close(self) -> None:
         scene = self.scene("waits")

@@ -1,16 +1,15 @@
-"""A disk that fills up at each of an update's stages: nothing is lost, and the user is told which."""
+"""A disk that fills up in each stage of an update: no file is lost, and the message names the failure."""
 
 import unittest
-from dataclasses import dataclass
 
 import end_to_end as e2e
-import packages
 from end_to_end import Run, apply_box
-from https_server import Reply
+from rig import packages
+from rig.https_server import Reply
 
 LIBRARY = "library.dat"  # does not compress, and is most of the package
 OLD_KIB, NEW_KIB = 2000, 2100
-PACKAGE_KIB, TREE_KIB = 2600, 3300  # with all that is around the library
+PACKAGE_KIB, TREE_KIB = 2600, 3300  # with the other files
 BACKED_UP = (*e2e.STAGED, "rollback_backup")
 ROLLBACK = [*e2e.EXTRACTED, *e2e.RETIRED, "rollback_start", "rollback_ok", "apply_fail"]
 
@@ -21,15 +20,6 @@ def gave_up(what: str, source: str, target: str) -> str:
                      "Rollback completed and every restored target was verified.")
 
 
-@dataclass
-class Filling:
-    """A run with one of the scene's folders on a small disk of its own."""
-
-    run: Run
-    folder: str
-    room_kib: int  # beside what stands in the folder
-
-
 class FullDisk(e2e.EndToEnd):
     @classmethod
     def setUpClass(cls) -> None:
@@ -38,25 +28,22 @@ class FullDisk(e2e.EndToEnd):
         cls.payload = {**cls.payload, LIBRARY: packages.noise(NEW_KIB << 10, LIBRARY, 2)}
         cls.good_package = packages.zip_of(cls.payload)
 
-    def test_tells_and_loses_nothing(self) -> None:
+    def test_reports_the_stage_and_loses_nothing(self) -> None:
         size = sum(map(len, self.payload.values()))
-        for case in (
-                Filling(Run("download", 2, "Update download failed: Cannot write update package file",
-                            e2e.BROKEN_OFF, mirror=Reply(status=404), kept=(e2e.PACKAGE,)),
-                        "temp", PACKAGE_KIB // 2),
-                Filling(Run("extraction", 2, "Cannot extract update package: not enough disk space for ZIP "
-                            f"extraction: required {size} bytes, available N bytes",
-                            e2e.NOT_EXTRACTED, kept=(e2e.PACKAGE,)), "temp", PACKAGE_KIB + TREE_KIB // 2),
-                Filling(Run("backup", 2, gave_up("rollback backup copy failed", "<install>",
-                                                 "<work>\\rollback_backup"),
-                            ROLLBACK, buttons=e2e.BUTTONS, kept=BACKED_UP),
-                        "temp", PACKAGE_KIB + TREE_KIB + OLD_KIB // 2),
-                Filling(Run("replacement", 2, gave_up("apply update copy failed", "<work>\\stage", "<install>"),
-                            ROLLBACK, buttons=e2e.BUTTONS, kept=BACKED_UP), "install", NEW_KIB // 4)):
-            with self.subTest(case.run.name):
-                scene = self.scene(case.run.name)
-                self.mount_small_disk(getattr(scene, case.folder), case.room_kib)
-                self.check(case.run, scene)
+        for case, folder, room_kib in (  # the folder on a small disk, and how much is free there
+                (Run("download", 2, "Update download failed: Cannot write update package file",
+                     e2e.BROKEN_OFF, mirror=Reply(status=404), kept=(e2e.PACKAGE,)), "temp", PACKAGE_KIB // 2),
+                (Run("extraction", 2, "Cannot extract update package: not enough disk space for ZIP "
+                     f"extraction: required {size} bytes, available N bytes",
+                     e2e.NOT_EXTRACTED, kept=(e2e.PACKAGE,)), "temp", PACKAGE_KIB + TREE_KIB // 2),
+                (Run("backup", 2, gave_up("rollback backup copy failed", "<install>", "<work>\\rollback_backup"),
+                     ROLLBACK, buttons=e2e.BUTTONS, kept=BACKED_UP), "temp", PACKAGE_KIB + TREE_KIB + OLD_KIB // 2),
+                (Run("replacement", 2, gave_up("apply update copy failed", "<work>\\stage", "<install>"),
+                     ROLLBACK, buttons=e2e.BUTTONS, kept=BACKED_UP), "install", NEW_KIB // 4)):
+            with self.subTest(case.name):
+                scene = self.scene(case.name)
+                self.mount_small_disk(getattr(scene, folder), room_kib)
+                self.check(case, scene)
 
 
 if __name__ == "__main__":

@@ -1,8 +1,8 @@
-"""Libraries of the system's names where an attacker may write: beside the updater, in the folder of
-its helper, and in the current folder. None of them may be loaded.
+"""Libraries with names of system libraries where an attacker may write: beside the updater, in the folder
+of its helper, and in the current folder. The updater must load none of them.
 
-What the system loads by itself before a program's first instruction cannot be planted on Windows,
-where those libraries are known ones; Wine has no such list, so they are left out here.
+Windows takes its known libraries from the system folder only. Wine has no list of known libraries, so the
+libraries that the loader needs to start the updater are left out here.
 """
 
 import re
@@ -13,19 +13,17 @@ import unittest
 from pathlib import Path
 
 import end_to_end as e2e
-import packages
-import places
-import programs
 import test_self_replace
 from end_to_end import Run
-from updater_run import Scene
+from rig import packages, places, programs
+from rig.updater_run import Scene
 
-# Known to every Windows that is supported: taken from the system folder whoever asks for them.
+# Known libraries of every supported Windows.
 KNOWN = {f"{name}.dll" for name in (
     "advapi32 clbcatq combase comdlg32 coml2 gdi32 gdiplus imagehlp imm32 kernel32 msctf msvcrt nsi "
     "normaliz ole32 oleaut32 psapi rpcrt4 sechost setupapi shcore shell32 shlwapi user32 wldap32 "
     "ws2_32").split()}
-# Wine's message boxes load these late, and its late loading does not keep to a folder once chosen.
+# Loaded late by Wine's message boxes; Wine's late loading ignores the search order that a process chose.
 LATE_UNDER_WINE = {"msimg32.dll"}
 LOOKED_UP = ("winhttp.dll", "wintrust.dll", "crypt32.dll", "dbghelp.dll", "rstrtmgr.dll")
 PLANT = (places.PROGRAMS / "planted_library.dll").read_bytes()
@@ -52,17 +50,17 @@ class ImportTable(unittest.TestCase):
 
 class PlantedLibraries(test_self_replace.FromInside):
     def setUp(self) -> None:
-        """One file for each name, to be linked: a library that is loaded is known by its file."""
+        """Writes a library for each name. The folders get links, so that each of them costs no space."""
         self.planted = self.scene("planted")
         self.pool = self.planted.notes / "pool"
         self.names = [*LOOKED_UP, *sorted(self.names_in_system_folder() - set(LOOKED_UP))]
         packages.write_tree(self.pool, dict.fromkeys(self.names, PLANT))
-        # Like Windows, and other than by itself, Wine then takes the first file that it comes to.
+        # With this Wine, like Windows, takes the first file of the search order.
         stems = ",".join(name.removesuffix(".dll") for name in self.names)
         self.sandbox.environment["WINEDLLOVERRIDES"] += f";{stems}=native,builtin"
 
     def names_in_system_folder(self) -> set[str]:
-        """Every library of the prefix, but for those that come with the process itself."""
+        """The libraries of the prefix without those that the loader needs to start the updater."""
         system = self.sandbox.drive_c / "windows" / "system32"
         early, left = set(), imported_libraries(places.UPDATER)
         while left:
@@ -78,7 +76,7 @@ class PlantedLibraries(test_self_replace.FromInside):
                 (folder / name).hardlink_to(self.pool / name)
 
     def plant_in_helper_folder(self, scene: Scene, planted: list[Path]) -> None:
-        """As soon as it is there; what stands in `planted` came before the helper began to work."""
+        """Plants as soon as the folder exists. `planted` gets the folder when the helper had not begun yet."""
         while not (folders := list(scene.temp.glob("zul_updater_launch_*"))):
             time.sleep(0.0005)
         self.plant(folders[0])
@@ -96,7 +94,7 @@ class PlantedLibraries(test_self_replace.FromInside):
             self.plant(folder)
         planter = threading.Thread(target=self.plant_in_helper_folder, args=(scene, planted), daemon=True)
         planter.start()
-        # A file is held until the updater has asked who holds it, and signatures have to be verified.
+        # A file is held until the updater has queried its holders, and signatures are verified.
         with programs.Hold(self.sandbox, scene.install / "qorva.exe") as hold:
             outcome = self.hand_over(scene, Run("", more=(SIGNED,)), folder=current,
                                      meanwhile=lambda: self.release(hold, scene.holder_calls))
@@ -117,8 +115,8 @@ class PlantedLibraries(test_self_replace.FromInside):
         scene = self.planted
         self.plant(scene.updater.parent)
         browser = programs.Browser(self.sandbox, scene.notes, self.addCleanup)
-        browser.set_up(in_reach=True)
-        package = packages.zip_of({packages.APPLICATION: b"MZ, but nobody signed it"})
+        browser.set_up(available=True)
+        package = packages.zip_of({packages.APPLICATION: b"MZ without a signature"})
         outcome = self.begin(scene, Run("", package=package, more=(SIGNED,), button="yes")).finish()
         self.assertEqual([], self.loaded_by(scene, "updater.exe"))
         self.assertEqual((2, [e2e.PAGE]), (outcome.exit_code, browser.opened(1)), outcome.dialogs)

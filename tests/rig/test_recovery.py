@@ -1,4 +1,5 @@
-"""What a run leaves that dies, what the next failing runs make of it, and runs whose disk is full."""
+"""The evidence of processes that died, the reports that the next failing runs make of it, and a disk that
+is full."""
 
 import json
 import os
@@ -8,11 +9,10 @@ import unittest
 from pathlib import Path
 
 import end_to_end as e2e
-import packages
-import programs
 from end_to_end import Run
-from https_server import Reply
-from updater_run import INSTALL_FOLDER, Scene, UpdaterRun
+from rig import packages, programs
+from rig.https_server import Reply
+from rig.updater_run import INSTALL_FOLDER, Scene, UpdaterRun
 
 FAILING = Run("failing", 2, "Update download failed: Update download HTTP status 404", primary=Reply(status=404))
 
@@ -28,14 +28,14 @@ class Recovery(e2e.EndToEnd):
         return list((scene.crashes / "session_state").glob("active_*.json"))
 
     def begin_failed(self, scene: Scene) -> UpdaterRun:
-        """A run that has failed and shows its box, which nobody presses."""
+        """A run that has failed and shows its box, which remains on the screen."""
         before = len(self.sessions(scene))
         run = self.begin(scene, FAILING, dialogs=False)
         self.wait_for(run, lambda: len(self.sessions(scene)) > before)
         return run
 
     def begin_waiting(self, scene: Scene) -> tuple[UpdaterRun, UpdaterRun]:
-        """The application, and an update in its middle that waits for the application's end."""
+        """The application, and an update that waits for the application's end."""
         application = scene.begin([], program=scene.install / packages.APPLICATION, dialogs=False)
         run = self.begin(scene, Run("", arguments={"pid": application.pid}))
         self.wait_for(run, lambda: scene.traced("extract_ok"))
@@ -60,10 +60,10 @@ class Recovery(e2e.EndToEnd):
         self.assertEqual(["active_1_broken.json.invalid"], os.listdir(sessions))
         self.assertEqual([], self.evidence(scene))
         for report in scene.reports.glob("compact_process_*.json"):
-            known = json.loads(report.read_text("utf-8"))
+            content = json.loads(report.read_text("utf-8"))
             self.assertEqual(("process_exit_cause_unclassified", "abrupt_exit_same_host_boot"),
-                             (known["compact_process_evidence"]["event"],
-                              known["previous_session_forensics"]["classification"]))
+                             (content["compact_process_evidence"]["event"],
+                              content["previous_session_forensics"]["classification"]))
 
     def test_evidence_of_a_living_run_stays(self) -> None:
         scene = self.scene("living")
@@ -87,12 +87,12 @@ class Recovery(e2e.EndToEnd):
         self.assert_installed(scene, packages.updated_tree(self.installed, self.payload))
         failed = self.begin(scene, FAILING).finish()
         self.assertEqual(2, failed.exit_code)
-        self.assert_boxes(scene, failed, (FAILING.message, "error", ("ok",)))
+        self.assert_boxes(scene, failed, [(FAILING.message, "error", ("ok",))])
         (log,) = (scene.updater.parent / "logs").iterdir()
         self.assertIn("Diagnostics session checkpoint start failed: write failed", log.read_text("utf-8"))
 
     def crash_in_an_update(self, name: str) -> tuple[Scene, dict]:
-        """Crashes a run that waits for the application; what its observer has written."""
+        """Crashes a run that waits for the application. Returns what its observer has written."""
         scene = self.scene(name)
         _, run = self.begin_waiting(scene)
         programs.tool(self.sandbox, "crash", str(run.pid))
@@ -102,10 +102,10 @@ class Recovery(e2e.EndToEnd):
         (session,) = self.evidence(scene)
         return scene, json.loads((session / "incident.json").read_text("utf-8"))
 
-    def test_a_crash_in_the_middle_of_an_update_is_told_by_the_next_start(self) -> None:
+    def test_the_next_start_reports_a_crash_in_an_update(self) -> None:
         for attempt in range(4):
             scene, incident = self.crash_in_an_update(f"crash{attempt}")
-            # Reading the host's libraries too, a capture under Wine may be cut off on a busy machine.
+            # Under Wine a capture also reads libraries of the host, so on a busy machine it may time out.
             if incident["capture_status"] != "collecting_stack":
                 break
         known = {"event": "native_exception", "capture_status": "complete", "finalized": True,
@@ -123,8 +123,8 @@ class Recovery(e2e.EndToEnd):
         self.begin(scene, FAILING).finish()
         self.assertEqual((["crash", "updater_error"], []), (self.kinds(scene), self.evidence(scene)))
         (report,) = scene.reports.glob("compact_process_*.json")
-        told = json.loads(report.read_text("utf-8"))["compact_process_evidence"]
-        self.assertEqual(incident["frames"], told["frames"])
+        reported = json.loads(report.read_text("utf-8"))["compact_process_evidence"]
+        self.assertEqual(incident["frames"], reported["frames"])
 
 
 if __name__ == "__main__":

@@ -1,5 +1,5 @@
-"""The updater started from the folder that it has to update: a copy in the temporary folder takes
-over, and the installed file is replaced like any other."""
+"""The updater is started from the folder that it must update: a copy in the temporary folder takes over
+and replaces the installed updater like any other file."""
 
 import json
 import os
@@ -9,15 +9,11 @@ import time
 import unittest
 from pathlib import Path
 
-import certificates
 import end_to_end as e2e
-import packages
-import places
-import programs
-import trace_log
 from end_to_end import Run
-from https_server import Reply
-from updater_run import Outcome, Scene
+from rig import certificates, packages, places, programs, trace_log
+from rig.https_server import Reply
+from rig.updater_run import Outcome, Scene
 
 UPDATER = "qorva_updater.exe"
 HANDOVER = ["relaunch_installed_helper_from_target_root", "launch_isolated_updater_helper"]
@@ -26,7 +22,7 @@ DAY = 24 * 3600
 
 
 class FromInside(e2e.EndToEnd):
-    """Runs of an installed updater, with the next one in a package whose binaries are signed."""
+    """Runs of an installed updater. The package has another updater, and its binaries are signed."""
 
     @classmethod
     def setUpClass(cls) -> None:
@@ -39,7 +35,7 @@ class FromInside(e2e.EndToEnd):
         cls.good_package = packages.zip_of(cls.payload)
 
     def hand_over(self, scene: Scene, case: Run, meanwhile=lambda: None, **options) -> Outcome:
-        """The installed updater's own outcome, with the trace of both processes."""
+        """The outcome of the installed updater, with the trace of both processes."""
         run = self.begin(scene, case, program=scene.install / UPDATER, **options)
         meanwhile()
         outcome = run.finish()
@@ -61,10 +57,11 @@ class SelfReplace(FromInside):
         scene = self.scene("inside")
         libraries = {"vcruntime140.dll": b"the application's", "z.dll": b"another of its"}
         packages.write_tree(scene.install, libraries)
-        week = [("zul_updater_launch_1_1", 8, True, False), ("zul_updater_launch_2_1", 6, True, True),
-                ("zul_updater_launch_3_1", 8, False, True), ("zul_updater_launc", 8, True, True),
-                ("my_zul_updater_launch_4_1", 8, True, True), ("qorva_updater_5", 8, True, True)]
-        for name, days, is_folder, _ in week:
+        old_entries = (  # name, age in days, is a folder, remains
+            ("zul_updater_launch_1_1", 8, True, False), ("zul_updater_launch_2_1", 6, True, True),
+            ("zul_updater_launch_3_1", 8, False, True), ("zul_updater_launc", 8, True, True),
+            ("my_zul_updater_launch_4_1", 8, True, True), ("qorva_updater_5", 8, True, True))
+        for name, days, is_folder, _ in old_entries:
             packages.write_tree(scene.temp, {f"{name}/zul_updater.exe" if is_folder else name: b"old"})
             os.utime(scene.temp / name, (time.time() - days * DAY,) * 2)
 
@@ -76,7 +73,7 @@ class SelfReplace(FromInside):
             HANDOVER[0]: {**installed, "target_dir": "<install>",
                           "restart_exe": f"<install>\\{packages.APPLICATION}"},
             HANDOVER[1]: {**installed, "copied_runtime_dlls": "2",
-                          "isolated_helper": f"<temp>\\{helper.name}\\zul_updater.exe"}})
+                          "isolated_helper": "<helper>\\zul_updater.exe"}})
         self.assert_marks(scene, *programs.marks_of_start(2))
         self.assert_installed(scene, packages.updated_tree({**self.installed, **libraries}, self.payload))
         self.assertRegex(helper.name, r"^zul_updater_launch_\d+_\d+$")
@@ -84,12 +81,12 @@ class SelfReplace(FromInside):
                                            UPDATER: self.installed[UPDATER], **libraries}),
                          {path: digest for path, digest in packages.snapshot(helper).items()
                           if not path.startswith("logs/")})
-        self.assertEqual(sorted([helper.name, *(name for name, _, _, stays in week if stays)]),
+        self.assertEqual(sorted([helper.name, *(name for name, _, _, remains in old_entries if remains)]),
                          sorted(os.listdir(scene.temp)))
         self.assert_nothing_outside(scene)
 
     def test_the_copy_gets_the_whole_request(self) -> None:
-        # The target is spelled in another way, and is the updater's own folder all the same.
+        # Another spelling of the updater's own folder.
         scene = self.scene("headless")
         outcome = self.hand_over(scene, Run(
             "", primary=Reply(status=503), mirror=Reply(body=self.good_package),
@@ -108,7 +105,7 @@ class SelfReplace(FromInside):
         self.assert_installed(scene, packages.updated_tree(self.installed, self.payload))
         self.assertEqual([self.helper_folder(scene, outcome).name], os.listdir(scene.temp))
 
-    def test_says_why_no_copy_takes_over(self) -> None:
+    def test_reports_why_no_copy_takes_over(self) -> None:
         for program, changes, case in (
             ("setup.exe", {}, Run("no helper", 2, "Updater helper must be named qorva_updater.exe or "
                                   "zul_updater.exe.", [])),
@@ -128,7 +125,7 @@ class SelfReplace(FromInside):
                     scene.temp.rmdir()
                     scene.temp.write_bytes(b"")
                 outcome = self.begin(scene, case, program=scene.install / program).finish()
-                if program != UPDATER:  # no observer is found, and so the first evidence stays
+                if program != UPDATER:  # without an observer the evidence of the start remains
                     shutil.rmtree(scene.crashes / "compact_process")
                 self.verify(scene, outcome, case)
                 self.assertEqual([], scene.running())

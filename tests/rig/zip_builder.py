@@ -1,8 +1,8 @@
-"""Archives made field by field: right by default, and wrong in exactly what a caller names.
+"""Builds archives that are correct except for the fields that the caller sets.
 
     archive(Entry("a.txt", b"hello", deflate=True, local={"crc": 0}), end={"entries": 2})
 
-A length that is named changes the number and not what stands there.
+A length that the caller sets changes the field and not the bytes that it describes.
 """
 
 import struct
@@ -18,7 +18,7 @@ END64 = ("<4sQ2H2I4Q", "signature rest made_by version disk directory_disk entri
          "directory_size directory_offset")
 LOCATOR = ("<4sIQI", "signature disk offset disks")
 ALL_ONES = 0xFFFFFFFF
-STREAMED = 8  # bit 3: sizes and CRC stand in a descriptor behind the data
+STREAMED = 8  # bit 3: the sizes and the CRC are in a descriptor after the data
 UTF8 = 0x800
 
 Fields = dict[str, object]
@@ -35,7 +35,7 @@ def extra(kind: int, data: bytes) -> bytes:
 
 
 def unicode_path(raw: bytes, name: str, version: int = 1) -> bytes:
-    """An Info-ZIP record that gives these bytes a name."""
+    """The Info-ZIP record with the Unicode path of an entry whose name has these bytes."""
     return extra(0x7075, struct.pack("<BI", version, zlib.crc32(raw)) + name.encode())
 
 
@@ -46,8 +46,8 @@ def deflated(data: bytes) -> bytes:
 
 @dataclass
 class Entry:
-    """`packed` replaces the compressed bytes; the sizes and the CRC stay those of `data`, but for a
-    `packed` size that follows the bytes."""
+    """`packed` replaces the compressed bytes and their size; the CRC and the uncompressed size remain
+    those of `data`. `both`, `local` and `central` set header fields."""
 
     name: str | bytes
     data: bytes = b"x"
@@ -96,9 +96,9 @@ class Entry:
 def archive(*entries: Entry, prefix: bytes = b"", gap: bytes = b"", after_directory: bytes = b"",
             comment: bytes = b"", suffix: bytes = b"", end: Fields | None = None,
             end64: Fields | None = None, locator: Fields | None = None) -> bytes:
-    """The offsets do not count `prefix`, as in a program with an archive behind it. `gap` lies before
-    the directory. `end64` writes the Zip64 records, with the end record all ones unless `end` says
-    otherwise."""
+    """Offsets do not count `prefix`, as in a program with an appended archive. `gap` is put before the
+    directory. `end64` adds the Zip64 records; the fields of the end record are then all ones, unless
+    `end` sets them."""
     locals_, directory = b"", b""
     for entry in entries:
         directory += entry.central_part(len(locals_))

@@ -1,10 +1,10 @@
-// What an apply cannot do without, and nothing else: for each file a flushed backup of the target,
-// a flushed copy beside it, and a rename over it. No checks, no retries, no window, no trace.
+// The minimal work of an apply: for each file a flushed backup of the target, a flushed copy beside
+// it, and a rename over it. It has no checks, no retries, no window and no trace.
 //
 //   apply_floor.exe list staged target backup
 //
-// `list` is a file of relative paths, one a line, ASCII, with backslashes; every target exists, and
-// so does every folder of the backup. Prints the seconds that it took. Exits with 1 at the first
+// `list` is a file of relative paths, one a line, in ASCII and with backslashes. All targets and
+// all folders of the backup must exist. Prints the seconds of the work. Exits with 1 at the first
 // failure.
 
 #include <windows.h>

@@ -1,10 +1,11 @@
-"""What an update costs beside the tools that do the same work: ./bench calls this after building.
+"""Compares the cost of an update with that of tools that do the same work. ./bench calls this after
+building.
 
-usage: bench.py [--quick] [--rounds N]
+usage: PYTHONPATH=tools bench.py [--quick] [--rounds N] [--package NAME]
 
-Runs the real updater and the native tools in turn, each in a fresh folder, and prints one table of
-medians and ratios. Folders are deleted only at the end: right after a large deletion a file system
-may create files much more slowly. --quick does one round of the smallest package.
+Runs the real updater and the native tools in turn, each in a new folder, and prints one table of
+medians and ratios. Folders are deleted only at the end: after a large deletion a file system may
+create files much more slowly. --quick does one round of the smallest package.
 """
 
 import argparse
@@ -15,15 +16,13 @@ import subprocess
 from collections import defaultdict
 from pathlib import Path
 
-import certificates
-import places
-import programs
 import workloads
-from https_server import HttpsServer, Reply
 from measured_run import Measured, idle_peak_kib, measure
 from native_tools import NativeTools, copy_tree
-from sandbox import Sandbox
-from updater_run import Scene
+from rig import certificates, places
+from rig.https_server import HttpsServer, Reply
+from rig.sandbox import Sandbox
+from rig.updater_run import Scene
 from workloads import APPLICATION, BIG_FILE, SMALL_FILES, Workload
 
 PROGRAMS = places.BUILD / "tools" / "bench"
@@ -45,14 +44,14 @@ class Samples:
         return updater, tools
 
     def spread(self, stage: str) -> float:
-        """Of the ratios of the rounds: how far the widest lies from the narrowest."""
+        """The largest ratio of a round divided by the smallest."""
         ratios = [a / b for a, b in zip(*(self.taken[stage, side] for side in SIDES))]
         return max(ratios) / min(ratios)
 
 
 class Bench:
     def __init__(self) -> None:
-        # A prefix of its own: other programs of a shared one would be measured too.
+        # A prefix of its own: programs in a shared prefix would change the measurement.
         places.WINE_HOME = workloads.HOME / "wine"
         places.RIG_HOME.mkdir(parents=True, exist_ok=True)
         self.sandbox = Sandbox().start()
@@ -77,10 +76,7 @@ class Bench:
         return self.scenes[-1]
 
     def run_windows(self, program: str, *arguments: object) -> list[float]:
-        """The numbers that a program of the benchmark prints."""
-        return [float(number) for number in self.output_of(program, *arguments).split()]
-
-    def output_of(self, program: str, *arguments: object) -> str:
+        """Runs a program of the benchmark and returns the numbers that it prints."""
         return [float(number) for number in self.output_of(program, *arguments).split()]
 
     def output_of(self, program: str, *arguments: object) -> str:
@@ -99,7 +95,7 @@ class Bench:
         scene = self.scene(f"{work.name}-{number}")
         copy_tree(work.installed, scene.install)
         settle()
-        if number % 2:  # neither side always goes first
+        if number % 2:  # the sides take turns in being first
             native = self.run_tools(tools, url)
             settle()
         run = measure(scene, url, work.sha256())
@@ -118,9 +114,9 @@ class Bench:
         self.note(work, run, native)
 
     def note_diagnostics(self, work: Workload, url: str, number: int) -> None:
-        """The same run with and without diagnostics, right after one another."""
+        """The same run with and without diagnostics, directly after one another."""
         seconds = {"with": 0.0, "without": 0.0}
-        for turn, kind in enumerate(("with", "without", "without", "with")):  # the later run is slower
+        for turn, kind in enumerate(("with", "without", "without", "with")):  # later runs are slower
             scene = self.scene(f"diagnostics-{number}-{turn}")
             if kind == "without":
                 shutil.copyfile(PROGRAMS / "undiagnosed_updater.exe", scene.updater)
@@ -136,7 +132,7 @@ class Bench:
                 "sync": tools.sync_stage(), "backup": tools.back_up(), "rsync": tools.install_over()}
 
     def apply_floor(self, work: Workload, tools: NativeTools) -> float:
-        """The least that an apply can be, over an installation as the updater found it."""
+        """The seconds of a minimal apply, over the same installation as the updater's."""
         install, backup = tools.folder / "floor-install", tools.folder / "floor-backup"
         copy_tree(work.installed, install)
         files = tools.folder / "files"
@@ -165,10 +161,10 @@ class Bench:
                            for (stage, side), mine in samples.taken.items() if side == "updater")
         print(f"  {work.title}: {stages}; peak {run.peak_kib // 1024} MiB", flush=True)
 
-    # -- what needs one run only
+    # -- measurements with one run
 
     def download_shares(self, work: Workload) -> tuple[float, float]:
-        """What the window and the platform's HTTP client have of a download."""
+        """The shares of the window and of the platform's HTTP client in the time of a download."""
         url = self.server.on(places.PRIMARY_HOST, f"/{work.name}.zip", Reply(body=work.package))
         shares = []
         for number in range(3):
@@ -185,7 +181,7 @@ class Bench:
 
 
 def settle() -> None:
-    """What one side left to be written must not be waited for by the other."""
+    """Writes everything to disk, so that neither side waits for writes of the other."""
     os.sync()
 
 
@@ -194,7 +190,7 @@ def assert_same_files(work: Workload, updated: Path, native: Path) -> None:
         assert (updated / path).stat().st_size == (native / path).stat().st_size, path
 
 
-ROWS = (  # stage as it is printed, package, stage, beside, aim
+ROWS = (  # label, package, stage, compared with, aim
     ("download over loopback TLS", APPLICATION, "download", "curl", 1.5),
     ("download over loopback TLS", BIG_FILE, "download", "curl", 1.5),
     ("checksum", APPLICATION, "checksum", "sha256sum", 1.3),
@@ -256,8 +252,7 @@ def print_collector(bench: Bench) -> None:
 
 
 def print_redaction(bench: Bench) -> None:
-    """128 KiB of texts made to be slow beside as much of ordinary log text: alone, and as the text of
-    a report."""
+    """Times of 128 KiB of hostile text and of ordinary log text: redacted, and as the text of a report."""
     lines = [line.split("\t") for line in bench.output_of("redaction_times.exe").splitlines()]
     for label, column in (("redaction", 1), ("text of a report", 2)):
         ordinary = float(lines[0][column])

@@ -1,15 +1,14 @@
-// What being observed costs a process.
+// The cost of an observer for the observed process.
 //
 //   collector_cost.exe INSTALL_FOLDER CRASH_FOLDER ROUNDS
-//       INSTALL_FOLDER holds qorva_updater.exe, the observer; CRASH_FOLDER is made. Prints
-//       "plain_s observed_s handshake_s private_bytes": the median seconds from a process's start
-//       to its end without a collector and with one, the median seconds that the observer's start
-//       and its handshake take of the difference, and the private memory of an observer that
-//       watches.
+//       INSTALL_FOLDER has qorva_updater.exe, the observer; CRASH_FOLDER is created. Prints
+//       "plain_s observed_s handshake_s private_bytes": the median seconds of a process from start
+//       to end without a collector and with one, the part of the difference that the observer's
+//       start and its handshake take, and the private memory of an idle observer.
 //
-// The three kinds of process take turns. The handshake's share is what a start takes longer than
-// one that finds no observer to start. Each process tells by its exit code whether its collector
-// came to where it should. Exits with 1 and a text when something fails.
+// The three kinds of process take turns. The handshake's part is the difference between a start
+// with an observer and a start that finds no observer. The exit code of each process says whether
+// its collector reached the expected state. Exits with 1 and a message when something fails.
 
 #include <windows.h>
 
@@ -44,7 +43,7 @@ int Fail(const char* what) {
   return 1;
 }
 
-/// The measured process: comes, is observed, and goes.
+/// The measured process: starts its collector and ends.
 int BeObserved(const wchar_t* install, const wchar_t* crash, bool with_observer) {
   const CollectorStartResult started = StartCompactCollector(crash, install);
   RecordProcessExitCode(0);
@@ -52,7 +51,7 @@ int BeObserved(const wchar_t* install, const wchar_t* crash, bool with_observer)
   return started.failure_reason == "collector_executable_missing" ? 0 : 1;
 }
 
-/// The seconds of one process from start to end; nothing when it failed.
+/// The seconds of one process from start to end; no value when it failed.
 std::optional<double> TimeProcess(const std::wstring& arguments) {
   const std::filesystem::path program = CurrentExecutablePath(32768);
   std::wstring command_line = L'"' + program.native() + L"\" " + arguments;
@@ -79,8 +78,8 @@ double Median(std::vector<double> values) {
   return *middle;
 }
 
-/// Waits until the observers of the last processes are through, and takes away what those without
-/// one left, so that every process finds the same folder.
+/// Waits for the end of the last observers and removes the evidence of unobserved processes, so
+/// that every process finds the same folder.
 void TidyUp(const fs::Path& crash) {
   for (int waited = 0; waited < 50; ++waited) {
     std::error_code ec;
@@ -92,7 +91,7 @@ void TidyUp(const fs::Path& crash) {
   }
 }
 
-/// Becomes observed itself, and asks what its observer holds while there is nothing to do.
+/// Starts an observer for this process and queries its private memory while it is idle.
 std::optional<std::size_t> ObserverMemory(const fs::Path& install, const fs::Path& crash) {
   if (!StartCompactCollector(crash, install).ready) return std::nullopt;
   RecordProcessExitCode(0);
@@ -108,7 +107,7 @@ std::optional<std::size_t> ObserverMemory(const fs::Path& install, const fs::Pat
           observer.get(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters), sizeof counters)) {
     return std::nullopt;
   }
-  // The same figure twice; Wine fills the first only, older systems the second only.
+  // Two fields for one value: Wine sets only the first, older systems only the second.
   return std::max(counters.PagefileUsage, counters.PrivateUsage);
 }
 

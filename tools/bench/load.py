@@ -1,9 +1,10 @@
-"""The largest packages: how time and memory grow beside the native tools. ./bench --load
+"""Measures how time and memory grow with the largest packages, compared with native tools. ./bench --load
 
-usage: load.py [--only NAME]      gigabyte, deep-tree, small-files-new, entries-65535 or entries-70000
+usage: PYTHONPATH=tools load.py [--only NAME]
+       NAME is gigabyte, deep-tree, small-files-new, entries-65535 or entries-70000
 
-One run of each, by the real executable and by unzip, with a table at the end. Takes about half an
-hour and some ten GB below build/bench.
+Each package is taken once by the real executable and once by unzip. The table comes at the end, after
+about half an hour. Needs about 10 GB below build/bench.
 """
 
 import argparse
@@ -11,15 +12,14 @@ import os
 import subprocess
 import time
 import zipfile
+from collections.abc import Callable
 from dataclasses import dataclass
 
-import packages
-import places
-import programs
 from bench import Bench, settle
-from https_server import Reply
 from measured_run import idle_peak_kib, measure
 from native_tools import SYNC_EACH, timed
+from rig import packages, places, programs
+from rig.https_server import Reply
 from workloads import MIB, Entries, Workload, small_files, zip_entry
 
 LARGEST = 1 << 30
@@ -29,13 +29,13 @@ TIMEOUT = 1800
 
 @dataclass(frozen=True)
 class Load(Workload):
-    """A package over an installation that has nothing but the application."""
+    """A package for an installation that has only the application."""
 
     method: int = zipfile.ZIP_DEFLATED
 
     def write_package(self) -> None:
-        # With the limit as it is the module writes 65,535 entries without the records that this
-        # count announces.
+        # With its own limit the module writes 65,535 entries without Zip64 records, although this count
+        # means that such records follow.
         zipfile.ZIP_FILECOUNT_LIMIT = 0xFFFE
         with zipfile.ZipFile(self.package, "w") as archive:
             archive.writestr(zip_entry(packages.APPLICATION), programs.TEST_APPLICATION_2.read_bytes())
@@ -53,7 +53,7 @@ class Load(Workload):
 
 
 def gigabyte() -> Entries:
-    """Stored parts that make the package exactly as large as one may be."""
+    """Stored parts that give the package exactly the largest allowed size."""
     names = [f"library/part_{number:02}.dat" for number in range(PARTS)]
     application = packages.zip_of({packages.APPLICATION: programs.TEST_APPLICATION_2.read_bytes()})
     headers = sum(30 + 46 + 2 * len(name) for name in names)
@@ -64,8 +64,8 @@ def gigabyte() -> Entries:
         yield name, (block[:min(MIB, size - at)] for at in range(0, size, MIB))
 
 
-def many(count: int) -> object:
-    """With the application, so many entries, each of a line."""
+def many(count: int) -> Callable[[], Entries]:
+    """Small entries; with the application there are `count`."""
     return lambda: ((f"table/{number // 80:03}/{number:05}", iter([b"entry %d\n" % number]))
                     for number in range(count - 1))
 
@@ -85,7 +85,7 @@ LOADS = (Load("gigabyte", "1 GiB, the largest package", gigabyte, zipfile.ZIP_ST
 
 
 def peak_kib_of(*command: object) -> tuple[float, int]:
-    """Seconds, and the kernel's peak of resident memory."""
+    """Runs a command. Returns its seconds and its peak of resident memory."""
     started = time.monotonic()
     process = subprocess.Popen([str(part) for part in command], stdout=subprocess.DEVNULL)
     _, status, usage = os.wait4(process.pid, 0)
@@ -111,8 +111,9 @@ def measure_one(bench: Bench, work: Load) -> str:
     listing = timed("unzip", "-l", work.package)
     count, size = len(work.files()), work.package.stat().st_size
     assert all((scene.install / path).stat().st_size == (stage / path).stat().st_size for path in work.files())
-    return (f"| {work.title} | {count} | {size / MIB:.1f} | {scan:.2f} / {listing:.2f} | {run.extract:.1f} / {unzip:.1f} "
-            f"| {1000 * run.extract / count:.2f} / {1000 * unzip / count:.2f} | {run.apply:.1f} | {run.whole:.1f} "
+    return (f"| {work.title} | {count} | {size / MIB:.1f} | {scan:.2f} / {listing:.2f} "
+            f"| {run.extract:.1f} / {unzip:.1f} | {1000 * run.extract / count:.2f} / {1000 * unzip / count:.2f} "
+            f"| {run.apply:.1f} | {run.whole:.1f} "
             f"| {run.peak_kib / 1024:.1f} / {unzip_kib / 1024:.1f} |")
 
 

@@ -1,4 +1,4 @@
-// Lines of the log and events of the trace a second, each into a real file.
+// Log lines and trace events a second, written into a real file.
 
 #include <benchmark/benchmark.h>
 

@@ -1,7 +1,7 @@
 """One run of the real updater, timed from outside.
 
-The trace's own time stamps are whole seconds, so a watcher notes by its own clock when the trace
-file has grown by a line, to about 2 ms and without taking part in the run."""
+The time stamps in the trace are whole seconds. So a watcher process records when the trace file has
+grown, with an error of about 2 ms."""
 
 import subprocess
 import sys
@@ -9,8 +9,8 @@ import time
 from dataclasses import dataclass
 from pathlib import Path
 
-import trace_log
-from updater_run import Scene
+from rig import trace_log
+from rig.updater_run import Scene
 
 WATCH = Path(__file__).with_name("trace_watch.py")
 
@@ -18,7 +18,7 @@ WATCH = Path(__file__).with_name("trace_watch.py")
 class Watcher:
     def __init__(self, scene: Scene):
         self.scene = scene
-        self.growth: list[tuple[int, float]] = []  # size of the trace, when it was first seen
+        self.growth: list[tuple[int, float]] = []  # size of the trace, time of its first observation
         self.peak_kib = 0
         self.process: subprocess.Popen[str] | None = None
 
@@ -36,7 +36,7 @@ class Watcher:
                 self.growth.append((int(value), float(seconds[0])))
 
     def moments(self) -> list[tuple[float, trace_log.Event]]:
-        """When each event of the trace had been written."""
+        """The time at which each event of the trace was written."""
         text = self.scene.trace_path.read_bytes()
         growth, end, timed = iter(self.growth), 0, []
         size, seen = next(growth)
@@ -50,14 +50,14 @@ class Watcher:
 
 @dataclass
 class Measured:
-    """Seconds of each stage. `download` is the updater's own figure, in whole milliseconds."""
+    """Seconds of each stage. `download` is taken from the trace, with a resolution of 1 ms."""
 
     download: float
     checksum: float
     extract: float
     apply: float
     until_restart: float  # from the start of the process
-    whole: float          # to its end, with the workspace removed
+    whole: float  # until its end, after the removal of the workspace
     peak_kib: int
 
 
@@ -87,7 +87,7 @@ def measure(scene: Scene, url: str, sha256: str, timeout: float = 280) -> Measur
 
 
 def idle_peak_kib(scene: Scene, silent_url: str) -> int:
-    """Peak memory of a run that has its window up and waits for a server that never answers."""
+    """Peak memory of a run that shows its window and waits for a server that never answers."""
     watcher = Watcher(scene)
     watcher.start()
     scene.begin(scene.arguments(url=silent_url, sha256="0" * 64), dialogs=False, timeout=60)

@@ -1,19 +1,19 @@
-"""The tools that do the same work natively, each timed by itself in a fresh folder."""
+"""Native tools that do the same work, each timed in a new folder."""
 
 import subprocess
 import time
 from pathlib import Path
 
-import certificates
+from rig import certificates
 from workloads import Workload
 
-# One fsync for each file, as the updater flushes each file that it writes.
+# One fsync a file, since the updater flushes each file that it writes.
 SYNC_EACH = "find . -type f -print0 | xargs -0 sync"
 
 
 class NativeTools:
-    """One pass over a package in `folder`, which must not exist. Each step gives its seconds and needs
-    those before it. Nothing is deleted."""
+    """Takes one package through all tools in `folder`, which must not exist. Each step returns its
+    seconds and needs the steps before it. Nothing is deleted."""
 
     def __init__(self, workload: Workload, folder: Path):
         self.workload = workload
@@ -61,5 +61,5 @@ def timed(*command: object, cwd: Path | None = None) -> float:
 
 
 def copy_tree(source: Path, target: Path) -> None:
-    """Every byte written anew, and times as they are."""
+    """Copies all bytes, without reflinks, and keeps file times."""
     subprocess.run(["cp", "-a", "--reflink=never", f"{source}/.", target], check=True, timeout=300)

@@ -1,6 +1,6 @@
-// What redaction costs on texts made against it, as a multiple of what the same amount of ordinary
-// log text costs: alone, and as the text of a report, where whole values are held back before it.
-// Prints one line a shape, with tabs: the shape and both ratios; the first line has milliseconds.
+// The cost of redacting hostile texts, relative to the same amount of ordinary log text: alone, and
+// as the text of a report, from which whole values are removed first. Prints a line for each shape,
+// with tabs: the shape and both ratios. The first line has milliseconds.
 
 #include <algorithm>
 #include <chrono>
@@ -20,7 +20,7 @@ std::string AsReportText(std::string_view text) {
   return zul::ReportText(text, true);
 }
 
-/// The shortest of some runs: what else runs on the machine only adds.
+/// The shortest of some runs, since other work on the machine only adds time.
 double Seconds(std::string (*pass)(std::string_view), const std::string& text) {
   double best = 1e9;
   for (int run = 0; run < kRuns; ++run) {

@@ -1,20 +1,20 @@
-// Times what the trace of a run does not show by itself.
+// Times of stages that the trace of a run does not show.
 //
 //   stage_times.exe scan package.zip
 //       the scan of an archive: prints its seconds
 //   stage_times.exe window url file
-//       a download with the window on the screen: prints its seconds, and those that the window
-//       took
+//       a download with the window on the screen: prints its seconds, and those of the window and
+//       of two calls of WinHTTP
 //   stage_times.exe extract package.zip folder
 //   stage_times.exe apply staged installation
-//       these stages by themselves, for counting system calls: prints their seconds
+//       each of these stages alone, for counting system calls: prints its seconds
 //   stage_times.exe probe installation
-//       the look at each file's lock that the apply makes before it changes anything, of free
-//       files: prints its seconds and the number of files
+//       the apply's check for locks, for files that no process holds: prints its seconds and the
+//       number of files
 //   stage_times.exe trace events
-//       so many events of the trace: prints their seconds
+//       writes this number of events to the trace: prints the seconds
 //
-// The URL's host must be one of the deployment's. Exits with 1 and a text when the stage fails.
+// The URL's host must be one of the deployment's. Exits with 1 and a message when the stage fails.
 
 #include <chrono>
 #include <cstdio>
@@ -97,8 +97,8 @@ class TimedTransport final : public zul::DownloadTransport {
   Seconds seconds_{};
 };
 
-/// After each chunk the download asks for the time, hands its figures to the window and then to the
-/// callback: what lies between is the window's.
+/// After each chunk the download reads the time, passes its figures to the window and then to the
+/// callback. The time between is the window's.
 int TimeWindow(const std::string& url, const std::string& file) {
   zul::UpdateProgressWindow window(zul::CreateScreenSurface());
   window.set_status("Preparing update...", "Creating temporary workspace.", 0);
@@ -176,7 +176,7 @@ int TimeTrace(int events) {
 
 }  // namespace
 
-// NOLINTNEXTLINE(bugprone-exception-escape): who measures may see a measurement die
+// NOLINTNEXTLINE(bugprone-exception-escape): a measurement may end with an exception
 int main(int argc, char** argv) {
   const std::string stage = argc > 1 ? argv[1] : "";
   if (stage == "scan" && argc == 3) return TimeScan(argv[2]);

@@ -1,10 +1,10 @@
-"""Notes when a trace grows, and the peak memory of the updater that writes it, until its input ends.
+"""Records when a trace grows, and the peak memory of the updater that writes it, until standard input ends.
 
-usage: trace_watch.py TRACE FOLDER      FOLDER as Windows says it, the updater's run lies in it
+usage: PYTHONPATH=tools trace_watch.py TRACE FOLDER      FOLDER is the scene's folder as a Windows path
 
-Prints "grew SIZE SECONDS" (the monotonic clock) for every growth seen, to about 2 ms, and
-"peak KIB". A process of its own: within the benchmark's it would hold up the server that the updater
-downloads from.
+Prints "grew SIZE SECONDS" (of the monotonic clock) for each growth, with an error of about 2 ms, and at
+the end "peak KIB". This is a process of its own because in the benchmark's process it would slow down
+the server that the updater downloads from.
 """
 
 import os
@@ -14,7 +14,7 @@ import sys
 import time
 from pathlib import Path
 
-from sandbox import programs_from
+from rig.sandbox import programs_from
 
 POLL_SECONDS = 0.002
 POLLS_PER_MEMORY_LOOK = 25
@@ -22,7 +22,7 @@ UPDATER = "qorva_updater.exe"
 
 
 def peak_kib(status: Path | None) -> int:
-    """The kernel's peak of resident memory (VmHWM); 0 when the process is not there."""
+    """The peak of resident memory (VmHWM); 0 when the process does not exist."""
     try:
         found = re.search(r"VmHWM:\s+(\d+) kB", status.read_text()) if status else None
     except OSError:

@@ -1,4 +1,4 @@
-// The updater without its diagnostics, to tell what these cost a run. Never shipped.
+// The updater without diagnostics, to measure their cost. It is never shipped.
 
 #include <windows.h>
 

@@ -1,24 +1,22 @@
-"""The three packages that are measured, each with the installation before it. Everything follows from
-names, so that two machines get the same bytes; made once and kept below build/bench."""
+"""The three measured packages, each with the installation that it updates. All content is derived from
+names, so that every machine makes the same bytes. They are made once and kept below build/bench."""
 
 import hashlib
 import os
 import shutil
 import subprocess
 import zipfile
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from dataclasses import dataclass
 from pathlib import Path
 
-import packages
-import places
-import programs
-from sample_release import KIB, Kind
+from rehearsal.sample_release import KIB, Kind
+from rig import packages, places, programs
 
 HOME = places.ROOT / "build" / "bench"
 MIB = 1024 * KIB
 
-# 300 MB in 1,500 files, of the kinds and sizes that a print RIP ships.
+# 300 MB in 1,500 files of the kinds and sizes that a print RIP has.
 APPLICATION_KINDS = (
     Kind("", "qorva_", ".dll", 44, (180, 7900), packages.binary),
     Kind("plugins", "driver_", ".dll", 52, (90, 1300), packages.binary),
@@ -59,7 +57,7 @@ def one_big_file() -> Entries:
 class Workload:
     name: str
     title: str
-    entries: object  # a function that gives Entries, all but the application itself
+    entries: Callable[[], Entries]  # without the application
 
     @property
     def folder(self) -> Path:
@@ -71,7 +69,7 @@ class Workload:
 
     @property
     def installed(self) -> Path:
-        """The version before: the same files, each a few bytes longer."""
+        """The previous version: the same files, each a few bytes longer."""
         return self.folder / "installed"
 
     def files(self) -> list[str]:
@@ -87,7 +85,7 @@ class Workload:
         return packages.sha256_of(self.package)
 
     def make(self) -> None:
-        """Idempotent."""
+        """Makes the package and the installation unless they exist already."""
         recipe = hashlib.sha256(programs.TEST_APPLICATION_2.read_bytes())
         for source in (__file__, packages.__file__):
             recipe.update(Path(source).read_bytes())

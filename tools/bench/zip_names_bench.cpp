@@ -10,7 +10,7 @@
 
 namespace {
 
-// The same name in each encoding that archives have it in.
+// The same name in each encoding that archives use.
 constexpr const char* kAscii = "resources/icc/coated_fogra39_matte.icc";
 constexpr const char* kUtf8 = "ресурсы/профили/мелованная_бумага.icc";
 constexpr const char* kCp866 =

@@ -1,13 +1,12 @@
-"""One complete real update, before your eyes: ./rehearse calls this after building.
+"""Runs one complete real update and prints what happened. ./rehearse calls this after building.
 
-usage: rehearsal.py [package.zip]
+usage: PYTHONPATH=tools rehearsal.py [package.zip]
 
-Exits with 0 when the update did all that it promises, 1 when it did not, 2 when it could not be
-carried out.
+Exits with 0 when the update kept all its promises, 1 when it did not, 2 when it could not be run.
 """
 
-import shutil
 import re
+import shutil
 import signal
 import subprocess
 import sys
@@ -16,29 +15,24 @@ import threading
 import time
 from pathlib import Path
 
-import certificates
-import packages
-import places
-import programs
 import rehearsal_release
-import trace_log
-from end_to_end import REPORT
-from https_server import HttpsServer, Reply
 from rehearsal_release import Release
 from rehearsal_report import (TimedEvent, changes_between, heading, megabytes, paint, print_changes,
                               print_promises, print_stages, print_timeline, row)
-from sandbox import Sandbox
-from updater_run import Outcome, Scene
+from rig import certificates, packages, places, programs, trace_log
+from rig.https_server import HttpsServer, Reply
+from rig.sandbox import Sandbox
+from rig.updater_run import REPORT, Outcome, Scene
 
-RATE = 25_000_000  # bytes a second: loopback alone would be over before the window can be seen
-SHOTS = {  # taken when the trace says so; the numbers count the events of that name
+RATE = 25_000_000  # bytes a second, so that the download lasts long enough to see the window
+SHOTS = {  # a screenshot for the n-th event of a name in the trace
     ("download_progress", 20): "download", ("download_progress", 70): "download-later",
     ("extract_start", 1): "extract", ("apply_start", 1): "apply",
 }
 
 
 class Watcher(threading.Thread):
-    """Notes when each line of the trace comes, and takes screenshots of what the user sees."""
+    """Records when each line of the trace appears, and takes screenshots."""
 
     def __init__(self, scene: Scene, folder: Path):
         super().__init__(daemon=True)
@@ -63,7 +57,7 @@ class Watcher(threading.Thread):
         try:
             events = trace_log.read(self.scene.trace_path)
         except ValueError:
-            return  # a line is being written
+            return  # a line is not complete yet
         now = time.monotonic() - self.started
         for event in events[len(self.events):]:
             self.events.append(TimedEvent(now, event))
@@ -75,7 +69,7 @@ class Watcher(threading.Thread):
     def take_pictures(self) -> None:
         while not self.over.wait(0.02):
             if self.pending:
-                time.sleep(0.3)  # until the window has drawn what the event announced
+                time.sleep(0.3)  # the window draws after the event is written
                 self.picture(self.pending.pop(0))
 
     def picture(self, name: str) -> None:
@@ -85,7 +79,7 @@ class Watcher(threading.Thread):
             self.shots.append(path)
 
     def message(self) -> None:
-        self.pending.clear()  # the window is gone by then
+        self.pending.clear()  # the progress window is closed now
         self.picture("message")
 
     def finish(self) -> None:
@@ -95,8 +89,8 @@ class Watcher(threading.Thread):
 
 
 def screen(sandbox: Sandbox, *command: str) -> None:
-    """Paints the prefix's screen, or takes a picture of it. The painter says that it failed when it
-    did not."""
+    """Runs a command of ImageMagick on the prefix's display. `display` reports a failure even when it
+    succeeds, so only the result of `import` counts."""
     subprocess.run(command, env=sandbox.environment, check=command[0] == "import", timeout=30,
                    capture_output=True)
 
@@ -147,7 +141,7 @@ def update(scene: Scene, release: Release, server: HttpsServer, folder: Path) ->
 
 def judge_update(scene: Scene, release: Release, outcome: Outcome,
                  outside: dict[str, str]) -> list[tuple[str, list[str]]]:
-    """What the updater promises, and for each what is at odds with it."""
+    """The promises of a successful update, each with what contradicts it."""
     after, payload, expected = installed_files(scene), release.payload, release.expected
     retired = [name for name in packages.RETIRED_NAMES if name not in payload]
     others = [path for path in sorted(after.keys() | expected.keys())
@@ -158,33 +152,33 @@ def judge_update(scene: Scene, release: Release, outcome: Outcome,
                   *["retired_install_executable_removed"] * removed, *trace_log.CHAIN_AFTER_REMOVALS]
     promises = [
         ("exit code 0 and no message box", boxes(outcome)),
-        ("every file of the package stands in the installation, byte for byte",
+        ("every file of the package is in the installation, byte for byte",
          [path for path in payload if after.get(path) != payload[path]]),
-        ("retired executables are gone", [name for name in retired if name in after]),
-        ("all other files are as they were",
+        ("retired executables are removed", [name for name in retired if name in after]),
+        ("all other files are unchanged",
          [path for path in others if after.get(path) != expected.get(path)]),
     ]
     if release.application_version == 2:
-        promises.append(("the application came up again, as version 2",
+        promises.append(("the application was restarted, as version 2",
                          programs.missing_marks(scene.install, *programs.marks_of_start(2), timeout=0)))
     return [
         *promises,
         ("the workspace is removed", sorted(path.name for path in scene.temp.iterdir())),
-        ("the trace holds the whole chain in its order", [] if chain == full_chain else chain),
+        ("the trace has all events in their order", [] if chain == full_chain else chain),
         *promises_of_every_run(scene, outside),
     ]
 
 
 def judge_failure(scene: Scene, release: Release, outcome: Outcome,
                   outside: dict[str, str]) -> list[tuple[str, list[str]]]:
-    """What it promises when it cannot update."""
+    """The promises of an update that fails."""
     after, before = installed_files(scene), packages.digests(release.installed)
     return [
         ("exit code 2 and one message box", [] if (outcome.exit_code, len(outcome.dialogs)) == (2, 1)
          else [f"exit code {outcome.exit_code}", *boxes(outcome)]),
-        ("the installation is as it was, byte for byte",
+        ("the installation is unchanged, byte for byte",
          [path for path in sorted(after.keys() | before.keys()) if after.get(path) != before.get(path)]),
-        ("the workspace is kept for support", [] if len(scene.workspaces()) == 1 else ["it is gone"]),
+        ("the workspace is kept for support", [] if len(scene.workspaces()) == 1 else ["it is missing"]),
         *promises_of_every_run(scene, outside, REPORT),
     ]
 
@@ -194,8 +188,8 @@ def promises_of_every_run(scene: Scene, outside: dict[str, str],
     users = {path: digest for path, digest in packages.snapshot(scene.sandbox.drive_c / "users").items()
              if not allowed.fullmatch(path.removeprefix(f"{scene.user}/AppData/Roaming/"))}
     return [
-        ("every event carries its derived keys", trace_log.faults(scene.trace_path)),
-        ("nothing is written elsewhere in the user's folders",
+        ("every event has the fields that follow from its name", trace_log.faults(scene.trace_path)),
+        ("nothing else in the user's folders is changed",
          sorted(path for path in users.keys() | outside.keys() if users.get(path) != outside.get(path))),
     ]
 
@@ -242,12 +236,12 @@ def print_end(scene: Scene, release: Release, outcome: Outcome, watcher: Watcher
     row("duration", f"{outcome.seconds:.1f} s")
     row("screenshots", *(path.name for path in watcher.shots))
     row("trace", "update_trace.log, and the names of all changed files in changes.txt")
-    row("both in", f"{folder}/")
+    row("all in", f"{folder}/")
     updated = kept and outcome.exit_code == 0
     if not updated:
         row("scene", f"{scene.folder}/")
-    print("\n  " + (paint("The update did what it promises.", "green") if updated else
-                    paint("The update failed, and kept what is promised for that.", "red") if kept else
+    print("\n  " + (paint("The update kept its promises.", "green") if updated else
+                    paint("The update failed and kept the promises for a failure.", "red") if kept else
                     paint("A promise was broken.", "red")))
     return updated
 
@@ -265,7 +259,7 @@ def main() -> int:
         print(f"rehearse: there is no file {package}", file=sys.stderr)
         return 2
     for ending in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
-        signal.signal(ending, leave)  # by an exception, so that nothing is left running
+        signal.signal(ending, leave)  # sys.exit, so that what was started is ended
     return 0 if rehearse(package) else 1
 
 

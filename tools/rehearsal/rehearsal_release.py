@@ -1,5 +1,5 @@
-"""What a rehearsal installs: the sample release, or a package from the command line with a stand-in
-for the version before it."""
+"""The release that a rehearsal installs: the sample release, or a package from the command line with an
+invented previous version."""
 
 import hashlib
 import re
@@ -7,9 +7,8 @@ import zipfile
 from dataclasses import dataclass
 from pathlib import Path
 
-import packages
-import programs
 import sample_release
+from rig import packages, programs
 
 NAME_RULE = re.compile(r"[A-Za-z0-9._-]{1,128}")  # of a required file
 MOST_REQUIRED = 64
@@ -19,15 +18,15 @@ MOST_REQUIRED = 64
 class Release:
     package: Path
     sha256: str
-    payload: dict[str, str]  # SHA-256 of each file that the package puts into the folder
+    payload: dict[str, str]  # the SHA-256 of each file that the package installs
     payload_size: int
-    installed: packages.Tree  # what stands there before
+    installed: packages.Tree  # the installation before the update
     required: tuple[str, ...]
-    note: str = ""  # what is wrong with the package, as far as this side can see
+    note: str = ""  # what this side found wrong with the package
 
     @property
     def application_version(self) -> int | None:
-        """Which of the rig's own applications, which leave a mark, is restarted; None for another."""
+        """The version of the rig's application that is restarted; None when it is another program."""
         if packages.APPLICATION not in self.payload:
             return 1
         own = packages.sha256_of(programs.TEST_APPLICATION_2)
@@ -49,7 +48,7 @@ def sample() -> Release:
 
 
 def from_package(package: Path) -> Release:
-    """A package that cannot be read here is rehearsed all the same: the updater has to refuse it."""
+    """A package that cannot be read here is rehearsed too: the updater must refuse it."""
     try:
         payload, size, note = *read_payload(package), ""
     except (OSError, zipfile.BadZipFile, NotImplementedError, RuntimeError, ValueError) as fault:
@@ -58,8 +57,8 @@ def from_package(package: Path) -> Release:
     required = tuple(names[:MOST_REQUIRED])
     if packages.APPLICATION in names or not names:
         required = (packages.APPLICATION,)
-    # The version before: the application, a user's file, what was retired, and another edition of
-    # every second file of the package.
+    # The previous version: the application, a file of the user, retired executables, and another
+    # edition of every second file of the package.
     installed = {packages.APPLICATION: programs.TEST_APPLICATION_1.read_bytes(),
                  packages.INSTALLER_MARKER: b'{"installer":"rehearsal"}\n',
                  "settings/user.json": b'{"made by":"the user"}\n'}
@@ -72,8 +71,8 @@ def from_package(package: Path) -> Release:
 
 
 def read_payload(package: Path) -> tuple[dict[str, str], int]:
-    """The digests of a package's files by their place in the installation, and their size in all. A
-    single wrapper folder is taken off, and what operating systems strew into archives left out."""
+    """The digests of a package's files by their path in the installation, and their total size. A single
+    wrapper folder is removed, and metadata that operating systems add to archives is left out."""
     files, size = {}, 0
     with zipfile.ZipFile(package) as archive:
         for info in archive.infolist():
@@ -94,6 +93,6 @@ def is_clutter(name: str) -> bool:
 
 
 def is_plain(name: str) -> bool:
-    """Whether a name of a foreign package may safely become a file of ours."""
+    """True when a name of an unknown package is safe to create here."""
     return all(part not in ("", ".", "..") and not set(part) & set('\\:*?"<>|\0')
                for part in name.split("/"))

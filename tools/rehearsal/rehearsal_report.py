@@ -1,9 +1,9 @@
-"""The words and columns of a rehearsal on the terminal, and nothing of its deeds."""
+"""The output of a rehearsal on the terminal."""
 
 import sys
 from dataclasses import dataclass, field
 
-import trace_log
+from rig import trace_log
 
 COLOURS = {"green": "32", "red": "31", "bold": "1", "dim": "2"}
 STAGES = (  # headline, first event, last event
@@ -34,7 +34,7 @@ def row(name: str, *texts: str) -> None:
 
 @dataclass
 class TimedEvent:
-    """A line of the trace and when it came, in seconds since the updater's start."""
+    """A line of the trace and when it appeared, in seconds after the updater's start."""
 
     seconds: float
     event: trace_log.Event
@@ -63,7 +63,7 @@ def changes_between(before: dict[str, str], after: dict[str, str]) -> Changes:
 
 
 def print_stages(events: list[TimedEvent], sizes: dict[str, int]) -> None:
-    """One line for each stage: how long it took, how it ended, how much went through it."""
+    """One line for each stage: its duration, its result and its throughput."""
     heading("Stages")
     for stage, first, last in STAGES:
         start = next((event for event in events if event.name == first), None)
@@ -113,7 +113,7 @@ def print_changes(changes: Changes) -> None:
 
 
 def print_promises(promises: list[tuple[str, list[str]]]) -> bool:
-    """Each promise, and what is at odds with it. True when all were kept."""
+    """Prints each promise with what contradicts it; true when all were kept."""
     heading("Promises")
     for promise, faults in promises:
         print(f"  {paint('broken', 'red') if faults else paint('kept  ', 'green')}  {promise}")

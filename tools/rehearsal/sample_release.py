@@ -1,16 +1,16 @@
-"""The release that a rehearsal shows when it is given no package: a few hundred files of the kinds
-and sizes that a print RIP ships, about 100 MB as a package, and the version before it.
+"""The release of a rehearsal without a package: a few hundred files of the kinds and sizes that a print
+RIP has, about 100 MB as a package, and the previous version.
 
-Everything follows from names, so that two machines get the same bytes. The package takes a few
+All content is derived from names, so that every machine makes the same bytes. The package takes a few
 seconds to compress and is kept in build/rig/sample.
 """
 
 import hashlib
+from collections.abc import Callable
 from pathlib import Path
 from typing import NamedTuple
 
-import packages
-import places
+from rig import packages, places
 
 KIB = 1024
 
@@ -21,7 +21,7 @@ class Kind(NamedTuple):
     extension: str
     count: int
     sizes: tuple[int, int]  # KiB, smallest and largest
-    content: object  # packages.noise, prose or binary
+    content: Callable[..., bytes]  # packages.noise, prose or binary
 
 
 KINDS = (
@@ -57,7 +57,7 @@ def tree_of(version: int, application: bytes) -> packages.Tree:
 
 
 def installation(application: bytes) -> packages.Tree:
-    """Version 1 as it stands on a user's disk."""
+    """Version 1 as it is on a user's disk."""
     tree = tree_of(1, application)
     tree[packages.INSTALLER_MARKER] = b'{"installer":"rehearsal"}\n'
     tree["presets/mine/banner 3 m.json"] = packages.prose(4 * KIB, "the user's own preset")
@@ -67,7 +67,7 @@ def installation(application: bytes) -> packages.Tree:
 
 
 def package(application: bytes) -> Path:
-    """The ZIP of version 2, from the cache when nothing that it is made of has changed."""
+    """The ZIP of version 2. It is made again only when its content or its recipe has changed."""
     recipe = hashlib.sha256(application)
     for source in (packages.__file__, __file__):
         recipe.update(Path(source).read_bytes())

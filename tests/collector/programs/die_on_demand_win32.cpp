@@ -24,7 +24,7 @@
 #include "collector/collector.h"
 #include "core/file_layer.h"
 #include "core/text.h"
-#include "tests/rig/programs/program_support_win32.h"
+#include "tools/rig/programs/program_support_win32.h"
 
 namespace {
 

@@ -1,40 +1,41 @@
-// What the end-to-end runs do on the Windows side of Wine. Everything printed is UTF-8; exit code
-// 64 stands for wrong arguments.
+// What the rig does on the Windows side of Wine. Output is UTF-8. Exit code 64 means wrong
+// arguments.
 //
 //   run --report=PATH --folder=PATH --timeout-ms=N [--press=ok|yes|no|cancel] [--wait-at-boxes]
 //       [--no-output] -- COMMAND LINE
-//       Starts a program the way Windows would: an exact command line, RIG_TEMP as its TEMP and TMP
-//       (which Wine would set from its registry), with our standard output or with none at all, and
-//       terminates it after the time. With --press each message box titled "QORVA Updater" is read
-//       and dismissed by that button, or by its first one where it has no such button. PATH gets a
-//       line of JSON for each event: {"pid":80}; {"box":{"buttons":["yes","no"],"icon":"error",
-//       "text":"..."}}; {"exit":18}, all 32 bits of it, or {"exit":"timeout"}; {"failed":2} when it
-//       could not be started. With --wait-at-boxes a box stays until PATH.go exists.
-//   close CLASS PID           posts WM_CLOSE to the windows of a class of a process
-//   click CLASS PID ID        waits up to 20 s for a button of this id that can be pressed in such
-//   a
-//                             window, prints its text and clicks it
-//   watch CLASS PID           asks such windows for a sign of life over and over until the process
-//                             has ended, and prints {"answers":1234,"slow":[[80100,80180]]}: each
-//                             answer of 50 ms or more by when it was asked for and when it came,
-//                             in ms of the system's clock; 5000 ms stand for none at all
-//   hold FILE [--when-told] [--from-child]
+//       Starts a program with exactly this command line. Its TEMP and TMP are RIG_TEMP (Wine would
+//       take them from its registry). It gets our standard output, or none with --no-output. It is
+//       terminated after the time-out. With --press, the text of each message box titled
+//       "QORVA Updater" is read and this button pressed, or the first button when the box does not
+//       have it. Each event is appended to PATH as a line of JSON: {"pid":80};
+//       {"box":{"buttons":["yes","no"],"icon":"error","text":"..."}}; {"exit":18}, with all 32
+//       bits, or {"exit":"timeout"}; {"failed":2} when the program cannot be started. With
+//       --wait-at-boxes a box stays until PATH.go exists.
+//   close CLASS PID           posts WM_CLOSE to the windows of this class and process
+//   click CLASS PID ID        waits up to 20 s until such a window has an enabled button with this
+//                             id, prints its text and clicks it
+//   watch CLASS PID           sends WM_NULL to such windows again and again until the process has
+//                             ended, and prints {"answers":1234,"slow":[[80100,80180]]}: the send
+//                             and answer times of all answers that took 50 ms or more, in ms of
+//                             the system's clock; 5000 ms apart when there was no answer
+//   hold FILE [--on-input] [--from-child]
 //       Holds a file open, so that others can only read it, until standard input ends; with
-//       --when-told it opens it once a line comes. Prints "held" and its pid. With --from-child a
-//       child does all that, and this process prints "parent" and its pid and ends.
-//   copy TEXT [--keep-open]   puts a text into the clipboard, prints "written", and stays until
-//                             standard input ends: under Wine a clipboard lasts as long as some
-//                             program runs. With --keep-open nobody else can open it until a line
-//                             comes.
-//   paste                     prints the clipboard's text
-//   crash PID                 crashes a process without being its debugger
-//   load NAME...              loads libraries by their names alone, as a program does that leaves
-//                             the search open; prints the path of each
-//   verify FILE...            asks the product's verifier about files and prints for each a line
-//                             {"detail":"valid","publisher":"X","signer":"X","status":0}, where
-//                             "signer" is what is read from the file whatever the verdict
+//       --on-input it opens the file after a line of input. Prints "held" and its pid. With
+//       --from-child a child process does this, and this process prints "parent" and its pid and
+//       ends.
+//   copy TEXT [--keep-open]   puts a text into the clipboard, prints "written", and runs until
+//                             standard input ends: under Wine the clipboard needs a running
+//                             owner. With --keep-open no other process can open the clipboard
+//                             before a line of input.
+//   paste                     prints the text of the clipboard
+//   crash PID                 crashes a process without attaching as its debugger
+//   load NAME...              loads libraries by name and with the default search order; prints the
+//                             path of each
+//   verify FILE...            checks the signatures of files with the product's verifier and prints
+//                             for each {"detail":"valid","publisher":"X","signer":"X","status":0};
+//                             "signer" is read from the file also when it is not valid
 
-#include "tests/rig/programs/rig_tool_win32.h"
+#include "tools/rig/programs/rig_tool_win32.h"
 
 #include <cstdint>
 #include <cstring>
@@ -55,12 +56,12 @@ bool WaitForInput() {
   return ReadFile(GetStdHandle(STD_INPUT_HANDLE), &byte, 1, &read, nullptr) && read != 0;
 }
 
-void WaitForTheEnd() {
+void WaitForEndOfInput() {
   while (WaitForInput()) {
   }
 }
 
-/// Starts this program again with the same command line but for a flag.
+/// Starts this program again with the same command line without the flag.
 int LeaveToChild(const std::wstring& flag) {
   std::wstring command = GetCommandLineW();
   command.replace(command.find(flag), flag.size(), L"");
@@ -76,7 +77,7 @@ int LeaveToChild(const std::wstring& flag) {
 
 int HoldFile(const Arguments& arguments) {
   if (OptionValue(arguments, "--from-child")) return LeaveToChild(L"--from-child");
-  if (OptionValue(arguments, "--when-told")) WaitForInput();
+  if (OptionValue(arguments, "--on-input")) WaitForInput();
   UniqueFileHandle file;
   const std::wstring path = Widen(arguments.at(0));
   if (!WaitUntil(10000, [&] {
@@ -87,7 +88,7 @@ int HoldFile(const Arguments& arguments) {
     return 1;
   }
   PrintLine("held " + std::to_string(GetCurrentProcessId()));
-  WaitForTheEnd();
+  WaitForEndOfInput();
   return 0;
 }
 
@@ -106,7 +107,7 @@ int Paste(const Arguments&) {
 int Copy(const Arguments& arguments) {
   const std::wstring text = Widen(arguments.at(0));
   const bool keep_open = OptionValue(arguments, "--keep-open").has_value();
-  // Under Wine those who open it without a window do not keep each other out.
+  // Under Wine the clipboard is locked only when it is opened with a window.
   const HWND window = keep_open ? CreateWindowExW(0, L"STATIC", L"", 0, 0, 0, 0, 0, HWND_MESSAGE,
                                                   nullptr, nullptr, nullptr)
                                 : nullptr;
@@ -121,18 +122,19 @@ int Copy(const Arguments& arguments) {
   PrintLine("written");
   if (keep_open && WaitForInput()) {
     CloseClipboard();
-    DestroyWindow(window);  // as its owner it would be asked, and would not answer
+    DestroyWindow(
+        window);  // the owner of the clipboard must answer messages, and this one does not
   }
-  WaitForTheEnd();
+  WaitForEndOfInput();
   return 0;
 }
 
 int CrashProcess(const Arguments& arguments) {
   const UniqueKernelHandle process(
       OpenProcess(PROCESS_ALL_ACCESS, FALSE, static_cast<DWORD>(std::stoul(arguments.at(0)))));
-  // A thread that reads a text where nothing is, by the one library that lies at the same place in
-  // every process. (A thread that starts where no code is would do, too, but Wine's dbghelp.dll
-  // dies itself of addresses without unwind information in a module with a build id.)
+  // A thread that reads a string at an invalid address. ntdll.dll has the same address in every
+  // process. (A thread that starts at an invalid address is no choice: Wine's dbghelp.dll crashes
+  // at addresses without unwind information in a module with a build id.)
   const auto read_text = reinterpret_cast<LPTHREAD_START_ROUTINE>(
       reinterpret_cast<void (*)()>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wcslen")));
   const auto nowhere = reinterpret_cast<void*>(std::uintptr_t{0x10});

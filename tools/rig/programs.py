@@ -1,6 +1,5 @@
-"""The Windows programs that the runs work with: the stand-in for the application, and the rig's tool,
-which holds files, reads and fills the clipboard and looks at windows. Their usage stands at the head
-of each source."""
+"""The Windows programs of the rig: the stand-in for the application, and rig_tool.exe, which holds
+files, uses the clipboard and examines windows. The head comment of each source describes its usage."""
 
 import re
 import shutil
@@ -9,28 +8,28 @@ import time
 from collections.abc import Callable
 from pathlib import Path
 
-import places
-from sandbox import Sandbox
+from rig import places
+from rig.sandbox import Sandbox
 
 TEST_APPLICATION_1 = places.PROGRAMS / "test_app_v1.exe"
 TEST_APPLICATION_2 = places.PROGRAMS / "test_app_v2.exe"
-MARK = "app_mark.log"  # what the stand-in writes beside itself
+MARK = "app_mark.log"  # the stand-in writes it into its own folder
 APPLICATION_CLASS = "ZUL_RIP_Main"
 PROGRESS_CLASS = "ZULRipUpdaterProgressWindow"
 
 
 def tool(sandbox: Sandbox, *arguments: str) -> str:
-    """Runs a verb of the rig's tool and gives what it printed."""
+    """Runs a verb of rig_tool.exe and returns its output."""
     return sandbox.run(sandbox.windows_path(places.TOOL), *arguments)
 
 
 def close_application(sandbox: Sandbox, pid: int) -> None:
-    """Asks the application's windows of a Windows process to close."""
+    """Sends WM_CLOSE to the application's windows in the process with this Windows process id."""
     tool(sandbox, "close", APPLICATION_CLASS, str(pid))
 
 
 class Helper:
-    """A verb of the rig's tool that works until the end of the `with` block."""
+    """A verb of rig_tool.exe that runs until the end of the `with` block."""
 
     def __init__(self, sandbox: Sandbox, *arguments: str):
         self.sandbox = sandbox
@@ -39,19 +38,19 @@ class Helper:
             env=sandbox.environment, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
 
     def expect(self, word: str) -> str:
-        """What stands behind the word in the line that begins with it."""
+        """Waits for a line that begins with the word and returns the rest of that line."""
         while line := self.process.stdout.readline().decode().strip():
             if line.startswith(word):
                 return line[len(word):]
-        raise RuntimeError(f"the helper ended before it said {word!r}")
+        raise RuntimeError(f"the helper ended before it printed {word!r}")
 
-    def tell(self) -> None:
-        """Has it do what it waits with."""
+    def go_on(self) -> None:
+        """Sends the line of input that the verb waits for."""
         self.process.stdin.write(b"\n")
         self.process.stdin.flush()
 
     def output(self) -> str:
-        """What it prints until its end, which it now comes to."""
+        """Ends the verb by closing its input and returns the rest of its output."""
         return self.process.communicate(timeout=30)[0].decode()
 
     def __enter__(self):
@@ -63,29 +62,29 @@ class Helper:
 
 
 class Hold(Helper):
-    """A file held open by another process; with `when_told` only once it is told so."""
+    """A file that another process holds open; with "--on-input" only after `go_on`."""
 
     def __init__(self, sandbox: Sandbox, path: Path, *options: str):
         super().__init__(sandbox, "hold", sandbox.windows_path(path), *options)
         self.parent = int(self.expect("parent")) if "--from-child" in options else 0
-        self.pid = 0 if "--when-told" in options else int(self.expect("held"))
+        self.pid = 0 if "--on-input" in options else int(self.expect("held"))
 
 
 class Clipboard(Helper):
-    """Holds a text at first. While it is not in reach nobody else can open it."""
+    """The clipboard, with a text in it. While it is not available, no other process can open it."""
 
-    def __init__(self, sandbox: Sandbox, text: str, in_reach: bool):
-        super().__init__(sandbox, "copy", text, *([] if in_reach else ["--keep-open"]))
+    def __init__(self, sandbox: Sandbox, text: str, available: bool):
+        super().__init__(sandbox, "copy", text, *([] if available else ["--keep-open"]))
         self.expect("written")
 
     def read(self) -> str:
-        """Through a process of its own, as whoever pastes has one. Back in reach from here on."""
-        self.tell()
+        """The text that another process pastes. The clipboard is available from now on."""
+        self.go_on()
         return tool(self.sandbox, "paste").removesuffix("\n")
 
 
 class Browser:
-    """A program that leaves a mark for each address that it is given, as the prefix's only browser."""
+    """The only browser of the prefix: a program that writes down each address that it is started with."""
 
     COMMAND = (r"HKLM\Software\Classes\https\shell\open\command", "/ve")
 
@@ -97,15 +96,15 @@ class Browser:
         add_cleanup(self.choose, re.search(r"REG_SZ\s+(.*?)\s*$", queried, re.M)[1])
 
     def choose(self, command: str) -> None:
-        """Sets what the system starts for a secure address."""
+        """Sets the command that the system runs for an https address."""
         self.sandbox.run("reg", "add", *self.COMMAND, "/f", "/d", command)
 
-    def set_up(self, in_reach: bool) -> None:
-        name = "browser.exe" if in_reach else "no such browser.exe"
+    def set_up(self, available: bool) -> None:
+        name = "browser.exe" if available else "no such browser.exe"
         self.choose(f'"{self.sandbox.windows_path(self.folder / name)}" "%1"')
 
     def opened(self, expected: int) -> list[str]:
-        """The addresses since the last call, once there are as many as expected."""
+        """Waits for this number of addresses and returns those since the last call."""
         missing_marks(self.folder, *["start "] * expected)
         opened = [line.split('"')[3] for line in marks(self.folder) if line.startswith("start ")]
         (self.folder / MARK).unlink(missing_ok=True)
@@ -113,14 +112,14 @@ class Browser:
 
 
 def marks(folder: Path) -> list[str]:
-    """The lines that the application in a folder has written."""
+    """The lines that the application in this folder has written."""
     path = folder / MARK
     return path.read_text("utf-8").splitlines() if path.exists() else []
 
 
 def missing_marks(folder: Path, *starts: str, timeout: float = 20) -> list[str]:
-    """Waits until the application in a folder has written a line that begins with each of the starts,
-    in this order, and gives those that did not come."""
+    """Waits until the application in this folder has written lines with these beginnings, in this order.
+    Returns the beginnings that are missing after `timeout` seconds."""
     end = time.monotonic() + timeout
     while True:
         missing = list(starts)
@@ -133,5 +132,5 @@ def missing_marks(folder: Path, *starts: str, timeout: float = 20) -> list[str]:
 
 
 def marks_of_start(version: int) -> tuple[str, str]:
-    """What the application writes when it comes up with its window."""
+    """The beginnings of the lines that the application writes when it shows its window."""
     return f"start {version}.0.0 qorva_gui.exe ", f"window QORVA {version}.0.0"

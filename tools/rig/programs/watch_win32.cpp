@@ -1,16 +1,17 @@
-// The verbs that look at windows of other processes: "close", "click" and "watch".
+// The verbs about windows of other processes: "close", "click" and "watch".
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "core/handle_win32.h"
 #include "core/text.h"
-#include "tests/rig/programs/rig_tool_win32.h"
+#include "tools/rig/programs/rig_tool_win32.h"
 
 namespace zul::rig {
 namespace {
 
 constexpr UINT kAnswerMs = 5000;
+
 DWORD ProcessArgument(const Arguments& arguments) {
   return static_cast<DWORD>(std::stoul(arguments.at(1)));
 }
@@ -84,7 +85,7 @@ int WatchWindow(const Arguments& arguments) {
           SendMessageTimeoutW(window, WM_NULL, 0, 0, SMTO_BLOCK, kAnswerMs, &ignored) != 0;
       const ULONGLONG came = GetTickCount64();
       if (answered) ++answers;
-      // Nothing is noted of a window that went away meanwhile.
+      // A window that was destroyed meanwhile fails early and is not reported.
       if (came - asked >= (answered ? kSlowMs : kAnswerMs)) slow.push_back({asked, came});
     }
   }

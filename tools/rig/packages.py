@@ -1,5 +1,5 @@
-"""Trees of files, as dictionaries from a relative path ("resources/icc/a.icc") to its bytes, and the
-ZIP packages that are made of them."""
+"""Trees of files and the ZIP packages made of them. A tree maps a relative path such as
+"resources/icc/a.icc" to the file's bytes."""
 
 import hashlib
 import io
@@ -19,12 +19,12 @@ def seeded(*parts: object) -> random.Random:
 
 
 def noise(size: int, *name: object) -> bytes:
-    """Bytes that do not compress, the same for the same name."""
+    """Bytes that do not compress. The same name gives the same bytes."""
     return seeded("noise", *name).randbytes(size)
 
 
 def prose(size: int, *name: object) -> bytes:
-    """Text that compresses well, in UTF-8 with some letters beyond ASCII."""
+    """UTF-8 text that compresses well, with some letters outside ASCII."""
     pick = seeded("prose", *name)
     words = "barva tisk profil černá azurová žlutá kanál vrstva job queue nest white spot".split()
     sentence = " ".join(pick.choices(words, k=1500)).encode()
@@ -34,7 +34,7 @@ def prose(size: int, *name: object) -> bytes:
 
 
 def binary(size: int, *name: object) -> bytes:
-    """Like machine code: about half of it repeats."""
+    """Bytes of which about half repeat, as in machine code."""
     pick = seeded("binary", *name)
     repeated = [pick.randbytes(32) for _ in range(64)]
     blocks, left = [], size
@@ -45,7 +45,7 @@ def binary(size: int, *name: object) -> bytes:
 
 
 def installed_tree(application: bytes) -> Tree:
-    """A small installation of version 1, complete with what later versions retired."""
+    """A small installation of version 1, with executables that later versions retired."""
     return {
         INSTALLER_MARKER: b'{"installer":"rig"}\n',
         APPLICATION: application,
@@ -60,13 +60,13 @@ def installed_tree(application: bytes) -> Tree:
         "resources/icc/unchanged.icc": noise(12_000, "unchanged", 1),
         "resources/obsolete/old_only.dat": noise(2_000, "old only", 1),
         "settings/defaults.json": prose(5_000, "defaults", 1),
-        "user_made.txt": b"The user's own file: no update may touch it.\n",
+        "user_made.txt": b"The user's own file: no update may change it.\n",
         "zz_last.dat": noise(7_000, "last", 1),
     }
 
 
 def package_tree(application: bytes) -> Tree:
-    """Version 2 of `installed_tree`: files to replace, to add and to leave as they are."""
+    """Version 2 of `installed_tree`: it replaces files, adds files and repeats an unchanged one."""
     return {
         APPLICATION: application,
         "qorva_updater.exe": binary(61_000, "updater", 2),
@@ -84,7 +84,7 @@ def package_tree(application: bytes) -> Tree:
 
 
 def updated_tree(installed: Tree, package: Tree) -> Tree:
-    """What stands in the folder after the update."""
+    """The installation after the update."""
     gone = {name for name in RETIRED_NAMES if name not in package}
     return {**{path: data for path, data in installed.items() if path not in gone}, **package}
 
@@ -122,7 +122,7 @@ def sha256_of(package: bytes | Path) -> str:
 
 def write_zip(target: Path | io.BytesIO, entries: list[tuple[str, bytes]], *, wrapper: str = "",
               level: int = 6) -> None:
-    """Writes the entries in their order; level 0 stores them."""
+    """Writes the entries in this order. Level 0 stores them."""
     method = zipfile.ZIP_DEFLATED if level else zipfile.ZIP_STORED
     with zipfile.ZipFile(target, "w", method, compresslevel=level or None) as archive:
         for name, data in entries:

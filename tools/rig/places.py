@@ -1,5 +1,7 @@
-"""Where the rig finds the tree, keeps what it makes, and what the build under test was given as
-deployment data. Everything that the rig makes lies below build/."""
+"""Paths of the tree, of the build under test and of the files that the rig makes, and the deployment
+data that the build was configured with. The rig writes below build/ only.
+
+QORVA_WINDOWS_BUILD and QORVA_RIG_HOME name another build and another folder for the rig's files."""
 
 import os
 import re
@@ -11,7 +13,7 @@ RIG_HOME = Path(os.environ.get("QORVA_RIG_HOME", ROOT / "build" / "rig"))
 WINE_HOME = RIG_HOME / "wine"
 
 UPDATER = BUILD / "src" / "app" / "qorva_updater.exe"
-PROGRAMS = BUILD / "tests" / "rig" / "programs"
+PROGRAMS = BUILD / "tools" / "rig" / "programs"
 TOOL = PROGRAMS / "rig_tool.exe"
 RESTART_MANAGER = PROGRAMS / "rstrtmgr.dll"
 
@@ -29,10 +31,10 @@ PRIMARY_HOST = deployment("QORVA_HOST_UPDATE")
 DISTRIBUTION_HOST = deployment("QORVA_HOST_DISTRIBUTION")
 MIRROR_HOST = deployment("QORVA_HOST_MIRROR_1")
 SECOND_MIRROR_HOST = deployment("QORVA_HOST_MIRROR_2")
-# The second mirror's name is on the list, but here it answers with a certificate nobody trusts.
+# The second mirror is an allowed host, but the rig's server answers for it with an untrusted certificate.
 UNTRUSTED_HOST = SECOND_MIRROR_HOST
 FOREIGN_HOST = "files.elsewhere.example"
-# Where a failed run tries to send its report. Nobody answers there unless a run brings a server.
+# A failed run tries to send its report to these. Only the runs about reports have a server there.
 REPORT_ORIGINS = [deployment(f"QORVA_REPORT_ORIGIN_{origin}").removeprefix("https://").partition(":")
                   for origin in ("PRIMARY", "MIRROR")]
 REPORT_HOSTS = tuple(host for host, _, _ in REPORT_ORIGINS)

@@ -1,4 +1,4 @@
-#include "tests/rig/programs/program_support_win32.h"
+#include "tools/rig/programs/program_support_win32.h"
 
 #include <windows.h>
 

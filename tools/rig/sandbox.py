@@ -1,8 +1,10 @@
-"""The private Wine prefix of the rig, with its own display, and what can be done in it.
+"""The private Wine prefix of the rig, which has its own display.
 
-tools/wine-session makes and ends it. It trusts the rig's certificate authority, and programs that
-need the deployment's host names find them on loopback through libnss_wrapper; neither the machine's
-trust store nor its /etc/hosts is touched.
+    PYTHONPATH=tools python3 -m rig.sandbox start|stop
+
+tools/wine-session makes and ends it. The prefix trusts the rig's certificate authority, and
+libnss_wrapper resolves the deployment's host names to loopback addresses. The machine's trust store
+and /etc/hosts stay unchanged.
 """
 
 import contextlib
@@ -16,12 +18,11 @@ import time
 from dataclasses import dataclass
 from pathlib import Path
 
-import certificates
-import places
+from rig import certificates, places
 
 
 class Sandbox:
-    """Several processes may have it started at once; the last one to ask for its end ends it."""
+    """Several processes may use the prefix at once. The last one that asks for its end ends it."""
 
     def __init__(self) -> None:
         self.prefix = places.WINE_HOME / "prefix"
@@ -31,7 +32,7 @@ class Sandbox:
         self.in_use: io.TextIOWrapper | None = None
 
     def start(self) -> "Sandbox":
-        """Idempotent."""
+        """Starts the prefix, or joins it when it runs already."""
         places.WINE_HOME.mkdir(parents=True, exist_ok=True)
         with (places.WINE_HOME / "rig.lock").open("w") as lock:
             fcntl.flock(lock, fcntl.LOCK_EX)
@@ -42,11 +43,11 @@ class Sandbox:
             self.environment["WINEDLLOVERRIDES"] += f";{places.RESTART_MANAGER.stem}=native"
             hosts = (*places.HOSTS, *places.REPORT_HOSTS)
             renew(self.hosts_file, "".join(f"127.0.0.1 {host}\n" for host in hosts).encode())
-            # Wine links Desktop, Documents and the like to the home folder of whoever runs it.
+            # Wine links Desktop, Documents and other folders to those of the user who started it.
             for link in filter(Path.is_symlink, self.drive_c.glob("users/*/*")):
                 link.unlink()
                 link.mkdir()
-            # Wine's own knows no holder of any file. This one says what a run was told to have it say.
+            # Wine's own library never names a holder of a file. This one reads the holders from a file.
             renew(self.drive_c / "windows" / "system32" / places.RESTART_MANAGER.name,
                   places.RESTART_MANAGER.read_bytes())
             trust = places.WINE_HOME / "trust.reg"
@@ -55,21 +56,22 @@ class Sandbox:
         return self
 
     def leave(self) -> None:
-        """Says that this process no longer needs it."""
+        """This process no longer uses the prefix."""
         if self.in_use:
             self.in_use.close()
 
     def stop(self) -> None:
-        """Ends every program of the prefix, its server and the display, unless another process has
-        them in use."""
+        """Ends all programs of the prefix, its server and the display, unless another process uses
+        them."""
         self.leave()
         with (places.WINE_HOME / "in-use.lock").open("w") as in_use, contextlib.suppress(BlockingIOError):
             fcntl.flock(in_use, fcntl.LOCK_EX | fcntl.LOCK_NB)
             session("stop")
 
-    def run(self, *command: str, timeout: float = 60) -> str:
-        """Runs a Windows program to its end and gives what it printed."""
-        done = subprocess.run(["wine", *command], env=self.environment, stdin=subprocess.DEVNULL,
+    def run(self, *command: str, given: str = "", timeout: float = 60) -> str:
+        """Runs a Windows program to its end, with `given` as its standard input, and returns its output.
+        An exit code other than 0 raises RuntimeError."""
+        done = subprocess.run(["wine", *command], env=self.environment, input=given.encode(),
                               capture_output=True, timeout=timeout)
         if done.returncode != 0:
             raise RuntimeError(f"{command[:2]} ended with {done.returncode}: "
@@ -82,7 +84,7 @@ class Sandbox:
         return "Z:" + str(path.resolve()).replace("/", "\\")
 
     def environment_with_hosts(self) -> dict[str, str]:
-        """For programs that have to find the deployment's hosts, and for their children."""
+        """The environment of a program that must resolve the deployment's hosts."""
         return {**self.environment, "LD_PRELOAD": "libnss_wrapper.so", "NSS_WRAPPER_HOSTS": str(self.hosts_file)}
 
 
@@ -96,7 +98,8 @@ def session(verb: str) -> str:
 
 
 def renew(file: Path, content: bytes) -> bool:
-    """Whether the file had to be written; programs that have the old one loaded keep it."""
+    """Replaces the file unless it has this content; true when it was replaced. Programs that loaded the
+    old file keep it."""
     if file.exists() and file.read_bytes() == content:
         return False
     fresh = file.with_suffix(".new")
@@ -107,7 +110,7 @@ def renew(file: Path, content: bytes) -> bool:
 
 @dataclass(frozen=True)
 class Running:
-    """A program of the prefix, seen from the Unix side."""
+    """A running program of the prefix, as a process of Linux."""
 
     pid: int
     command: str
@@ -115,14 +118,14 @@ class Running:
     def end(self) -> None:
         with contextlib.suppress(OSError):
             os.kill(self.pid, signal.SIGKILL)
-            for _ in range(500):  # until it has let go of its files; what is left then has no command
+            for _ in range(500):  # until its files are closed: a process without memory has no command line
                 if not Path(f"/proc/{self.pid}/cmdline").read_bytes():
                     return
                 time.sleep(0.01)
 
 
 def programs_from(folder: str) -> list[Running]:
-    """The Windows programs that were started from a folder of drive C ("C:\\rig\\name")."""
+    """The running programs whose executable is in a folder of drive C ("C:\\rig\\name")."""
     found = []
     for entry in Path("/proc").glob("[0-9]*"):
         with contextlib.suppress(OSError):
@@ -139,4 +142,4 @@ if __name__ == "__main__":
         case ["stop"]:
             Sandbox().stop()
         case _:
-            sys.exit("usage: sandbox.py start|stop")
+            sys.exit("usage: python3 -m rig.sandbox start|stop")

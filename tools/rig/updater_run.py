@@ -3,6 +3,7 @@ temporary folder below C:\\rig\\<name>."""
 
 import json
 import os
+import re
 import shutil
 import subprocess
 import tempfile
@@ -12,18 +13,18 @@ from collections.abc import Callable
 from dataclasses import dataclass
 from pathlib import Path
 
-import packages
-import places
-import trace_log
-from sandbox import Running, Sandbox, programs_from
+from rig import packages, places, trace_log
+from rig.sandbox import Running, Sandbox, programs_from
 
-# With a blank and letters beyond ASCII, as folders of users have them.
+# With blanks and letters outside ASCII, as in the folders of users.
 INSTALL_FOLDER = "QORVA RIP žluť"
+# The report of a failed run, below the user's folder for application data.
+REPORT = re.compile(r"QORVA/crashes/pending_reports/qorva_updater_error_\d{8}_\d{6}_\d+\.json")
 
 
 @dataclass(frozen=True)
 class Dialog:
-    """A message box that was read and dismissed."""
+    """A message box that the launcher read and dismissed."""
 
     text: str
     icon: str
@@ -40,24 +41,25 @@ class Outcome:
 
 
 class Scene:
-    """Fresh at creation; `clear` ends what runs from it and deletes it, on disk it stays until then."""
+    """The folders of one or more runs. They are empty at first and remain on disk until `clear`, which
+    also ends the programs that were started from them."""
 
     def __init__(self, sandbox: Sandbox, name: str):
         self.sandbox = sandbox
         self.folder = sandbox.drive_c / "rig" / name
-        # A user of its own, since crash evidence and reports lie in the profile of whoever USER names.
+        # A user of its own, since reports and crash evidence are in the profile of the user that USER names.
         self.user = f"rig-{zlib.crc32(name.encode()):08x}"
         self.profile = sandbox.drive_c / "users" / self.user
         self.runs: list[UpdaterRun] = []
-        self.failures = 0  # runs that had to leave a report
-        self.started_inside = False  # whether one was started from the installation
+        self.failures = 0  # runs that must leave a report
+        self.started_inside = False  # whether a run was started from the installation
         self.clear()
         self.install = self.folder / INSTALL_FOLDER
         self.config = self.folder / "config"
         self.temp = self.folder / "temp"
-        self.notes = self.folder / "notes"  # the rig's own
-        self.holders = self.notes / "holders"  # what the Restart Manager is to say
-        self.holder_calls = self.notes / "holders.calls"  # what it was asked
+        self.notes = self.folder / "notes"  # files of the rig itself
+        self.holders = self.notes / "holders"  # the answers of the Restart Manager
+        self.holder_calls = self.notes / "holders.calls"  # the calls of the Restart Manager
         self.roaming = self.profile / "AppData" / "Roaming"
         self.crashes = self.roaming / "QORVA" / "crashes"
         self.reports = self.crashes / "pending_reports"
@@ -68,17 +70,18 @@ class Scene:
         shutil.copyfile(places.UPDATER, self.updater)
 
     def windows(self, path: Path) -> str:
+        """The path as Windows programs write it."""
         return self.sandbox.windows_path(path)
 
     def running(self) -> list[Running]:
         return programs_from(self.windows(self.folder))
 
     def traced(self, event: str) -> bool:
-        """Whether the trace holds the event by now."""
+        """True when the trace has this event already."""
         return self.trace_path.exists() and f'"{event}"' in self.trace_path.read_text("utf-8")
 
     def end(self) -> None:
-        """Ends whatever still runs of it."""
+        """Ends all programs that run from the scene."""
         for program in self.running():
             program.end()
         for run in list(self.runs):
@@ -92,7 +95,7 @@ class Scene:
     def arguments(self, *, url: str, sha256: str, fallback: str = "", pid: int = 0,
                   required: tuple[str, ...] = (packages.APPLICATION,), target: str = "",
                   restart: str = packages.APPLICATION) -> list[str]:
-        """The switches as the application writes them."""
+        """The command line of an update as the application writes it."""
         mirror = [f"--fallback-download-url={fallback}"] if fallback else []
         return [f"--pid={pid}", f"--download-url={url}", *mirror, f"--sha256={sha256}",
                 f"--target-dir={target or self.windows(self.install)}",
@@ -113,9 +116,9 @@ class Scene:
 
 
 class UpdaterRun:
-    """The updater at work. `finish` waits for it; every box that it shows is read and dismissed, after
-    `on_box` was called. Without `dialogs` nobody looks for one, and a run that shows one lasts until
-    its time-out."""
+    """A running updater. `finish` waits for its end. The launcher reads each message box and presses
+    `button`; at the first box it waits until `on_box` has returned. Without `dialogs` the launcher
+    leaves boxes alone, so that a run which shows one lasts until `timeout` seconds have passed."""
 
     def __init__(self, scene: Scene, program: Path, arguments: list[str], *, button: str = "ok",
                  output: str = "pipe", timeout: float = 90, on_box: Callable[[], None] | None = None,
@@ -138,16 +141,16 @@ class UpdaterRun:
             stderr=subprocess.DEVNULL)
         self.asked_for_update = any(argument.startswith("--target-dir=") for argument in arguments)
         end = self.started + 30
-        while not (begun := self.told("pid")):
-            if failed := self.told("failed"):
+        while not (begun := self.noted("pid")):
+            if failed := self.noted("failed"):
                 raise RuntimeError(f"the updater could not be started: error {failed[0]}")
             if time.monotonic() > end:
-                raise TimeoutError("the launcher noted no process")
+                raise TimeoutError("the launcher reported no process")
             time.sleep(0.005)
         self.pid: int = begun[0]
 
-    def told(self, key: str) -> list:
-        """What the launcher noted under a key so far."""
+    def noted(self, key: str) -> list:
+        """The values that the launcher has reported under a key so far."""
         path = self.notes / "report"
         lines = path.read_text("utf-8").split("\n")[:-1] if path.exists() else []
         return [event[key] for event in map(json.loads, lines) if key in event]
@@ -158,7 +161,7 @@ class UpdaterRun:
     def finish(self) -> Outcome:
         self.scene.runs.remove(self)
         if self.on_box:
-            while self.running() and not self.told("box"):
+            while self.running() and not self.noted("box"):
                 time.sleep(0.02)
             if self.running():
                 self.on_box()
@@ -166,15 +169,15 @@ class UpdaterRun:
         self.launcher.wait(self.timeout + 20)
         seconds = time.monotonic() - self.started
         output = self.take_output()
-        (code,) = self.told("exit")
-        dialogs = [Dialog(box["text"], box["icon"], tuple(box["buttons"])) for box in self.told("box")]
+        (code,) = self.noted("exit")
+        dialogs = [Dialog(box["text"], box["icon"], tuple(box["buttons"])) for box in self.noted("box")]
         self.await_observer()
         self.scene.failures += self.asked_for_update and code in (2, 18)
         shutil.rmtree(self.notes)
         return Outcome(code, output, dialogs, seconds, trace_log.read(self.scene.trace_path))
 
     def await_observer(self) -> None:
-        """An observer outlives its run by the moment that it takes to write down how it ended."""
+        """Waits for the end of the observer, which writes down how the updater ended."""
         end = time.monotonic() + 10
         while True:
             updaters = [program.command for program in self.scene.running() if "_updater.exe" in program.command]
@@ -182,7 +185,7 @@ class UpdaterRun:
             if 2 * len(observers) <= len(updaters):
                 return
             if time.monotonic() > end:
-                raise TimeoutError(f"an observer stays: {self.scene.running()}")
+                raise TimeoutError(f"an observer does not end: {self.scene.running()}")
             time.sleep(0.01)
 
     def take_output(self) -> bytes:
@@ -191,6 +194,6 @@ class UpdaterRun:
                 self.output_file.seek(0)
                 return self.output_file.read()
         with self.launcher.stdout as pipe:
-            # Not to the end: the restarted application may hold the other end open.
+            # Without waiting for the end of the pipe, which the restarted application may hold open.
             os.set_blocking(pipe.fileno(), False)
             return pipe.read() or b""

@@ -1,25 +1,23 @@
 // The stand-in for the application: test_app_v1.exe is version 1.0.0, test_app_v2.exe is 2.0.0. The
 // rig copies them under the product's names.
 //
-//   test_app [--ignore-close] [--close-after=N] [--close-delay=MS] [--close-hang=MS] [--hold=PATH]
+//   test_app [--ignore-close] [--close-hang=MS] [--hold=PATH]
 //   test_app --write-app-version-json PATH
 //
 // The first form shows a window of class ZUL_RIP_Main, titled "QORVA 2.0.0", with the version in
-// large letters, until WM_CLOSE ends it with exit code 0. --close-after lets only the N-th WM_CLOSE
-// end it, --ignore-close none; --close-delay lets MS pass between WM_CLOSE and the end while the
-// window stays responsive, --close-hang while it answers nobody. --hold keeps a file open for
-// reading all the while. Other arguments are taken and ignored. The second form writes the version
-// as JSON into PATH and exits with 0, or with 1 when PATH cannot be written.
+// large letters. WM_CLOSE ends it with exit code 0. With --ignore-close it ignores WM_CLOSE; with
+// --close-hang it handles no message for MS milliseconds before it ends. --hold keeps a file open
+// for reading. Other arguments are ignored. The second form writes the version as JSON into PATH
+// and exits with 0, or with 1 when PATH cannot be written.
 //
-// Every start and what follows is told by UTF-8 lines appended to app_mark.log beside the
-// executable:
+// Each event is appended as a UTF-8 line to app_mark.log beside the executable:
 //   start 2.0.0 qorva_gui.exe "C:\x\qorva_gui.exe" --show-update-status    version, own file name,
-//                                                                 the command line as it was given
+//                                                                 command line
 //   window QORVA 2.0.0         the window is on the screen
-//   command 210                message 273 (WM_COMMAND) came with this id
-//   close                      WM_CLOSE came
-//   proof C:\x\proof.json      the version JSON was written
-//   exit                       the window is gone
+//   command 210                message 273 (WM_COMMAND) arrived with this id
+//   close                      WM_CLOSE arrived
+//   proof C:\x\proof.json      the version JSON is written
+//   exit                       the window is closed
 
 #include <windows.h>
 
@@ -27,18 +25,16 @@
 
 #include "core/handle_win32.h"
 #include "core/text.h"
-#include "tests/rig/programs/program_support_win32.h"
+#include "tools/rig/programs/program_support_win32.h"
 
 namespace zul::rig {
 namespace {
 
-constexpr UINT_PTR kCloseTimer = 1;
 constexpr COLORREF kBackground = TEST_APP_MAJOR == 1 ? RGB(70, 78, 92) : RGB(18, 110, 76);
 
 struct App {
   Arguments arguments;
   HBRUSH background = CreateSolidBrush(kBackground);
-  unsigned closes = 0;
 } app;
 
 std::wstring OwnPath() {
@@ -56,7 +52,7 @@ bool Write(const std::wstring& path, DWORD access, DWORD disposition, std::strin
          WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
 }
 
-/// Appends one line in one write, so that several processes can share the log.
+/// Appends a line with one write, so that several processes can share the log.
 void Mark(const std::string& line) {
   const std::wstring own = OwnPath();
   Write(own.substr(0, own.rfind(L'\\') + 1) + L"app_mark.log", FILE_APPEND_DATA, OPEN_ALWAYS,
@@ -74,9 +70,7 @@ int WriteVersionProof(const std::string& path) {
 void AnswerClose(HWND window) {
   Mark("close");
   Sleep(OptionNumber(app.arguments, "--close-hang"));
-  const bool last = ++app.closes >= OptionNumber(app.arguments, "--close-after");
-  if (OptionValue(app.arguments, "--ignore-close") || !last) return;
-  SetTimer(window, kCloseTimer, OptionNumber(app.arguments, "--close-delay"), nullptr);
+  if (!OptionValue(app.arguments, "--ignore-close")) DestroyWindow(window);
 }
 
 LRESULT CALLBACK WindowProcedure(HWND window, UINT message, WPARAM wparam, LPARAM lparam) {
@@ -90,9 +84,6 @@ LRESULT CALLBACK WindowProcedure(HWND window, UINT message, WPARAM wparam, LPARA
       return 0;
     case WM_CLOSE:
       AnswerClose(window);
-      return 0;
-    case WM_TIMER:
-      DestroyWindow(window);
       return 0;
     case WM_DESTROY:
       PostQuitMessage(0);

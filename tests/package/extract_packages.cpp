@@ -1,5 +1,6 @@
-// Extracts packages as the updater does. Each line of standard input is an archive and, behind a
-// tab, the folder to be made; the line that answers it is empty or says why there is none.
+// Extracts packages as the updater does. Each line of standard input has the path of an archive, a
+// tab, and the path of the folder to create. The answer is a line with the message of the failure,
+// which is empty after a success. All text is UTF-8.
 
 #include <iostream>
 #include <string>

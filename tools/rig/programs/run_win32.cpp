@@ -1,4 +1,4 @@
-// The verb "run": one program, its message boxes and its end.
+// The verb "run": starts a program, presses the buttons of its message boxes and waits for its end.
 
 #include <filesystem>
 #include <fstream>
@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "tests/rig/programs/rig_tool_win32.h"
+#include "tools/rig/programs/rig_tool_win32.h"
 
 namespace zul::rig {
 namespace {
@@ -16,14 +16,14 @@ using Json = nlohmann::json;
 const std::map<int, std::string> kButtonNames = {
     {IDOK, "ok"}, {IDCANCEL, "cancel"}, {IDYES, "yes"}, {IDNO, "no"}};
 
-/// Appends a line to the report.
+/// Appends an event to the report.
 void Note(const std::filesystem::path& report, const Json& event) {
   std::ofstream(report, std::ios::binary | std::ios::app)
       << event.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
-/// Which icon a control of another process shows, by its colour on the screen, since the icon's
-/// handle means nothing outside its process. "unknown" when another window covers it.
+/// The kind of icon that a control of another process shows. The handle of an icon is not valid in
+/// other processes, so the colours on the screen decide. "unknown" when another window covers it.
 const char* IconName(HWND icon) {
   RECT place{};
   GetWindowRect(icon, &place);
@@ -34,7 +34,7 @@ const char* IconName(HWND icon) {
   const HDC screen = GetDC(nullptr);
   const HDC copy = CreateCompatibleDC(screen);
   const HBITMAP bitmap = CreateCompatibleBitmap(screen, width, height);
-  SelectObject(copy, bitmap);  // left to the end of the process, which is near
+  SelectObject(copy, bitmap);  // freed by the end of the process
   BitBlt(copy, 0, 0, width, height, screen, place.left, place.top, SRCCOPY);
   std::map<std::string, int> counts;
   for (int at = 0; at < width * height; ++at) {
@@ -54,7 +54,7 @@ const char* IconName(HWND icon) {
 
 struct Box {
   HWND window = nullptr;
-  std::vector<HWND> buttons;  ///< a box that is about to be shown has its frame before these
+  std::vector<HWND> buttons;  ///< empty while the box is still being built
   Json seen;
 };
 
@@ -107,10 +107,14 @@ int RunProgram(const Arguments& arguments) {
   std::wstring command = whole.substr(whole.find(marker) + marker.size());
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
-  if (without_output) startup.dwFlags = STARTF_USESTDHANDLES;  // all three stay null
+  if (without_output) startup.dwFlags = STARTF_USESTDHANDLES;  // with three null handles
   PROCESS_INFORMATION process{};
-  if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, !without_output, 0, nullptr,
-                      folder.c_str(), &startup, &process)) {
+  const auto start = [&] {
+    return CreateProcessW(nullptr, command.data(), nullptr, nullptr, !without_output, 0, nullptr,
+                          folder.c_str(), &startup, &process) != FALSE;
+  };
+  // On a busy machine one start in some 500 fails with Wine's own error, before the program runs.
+  if (!start() && (GetLastError() != ERROR_INTERNAL_ERROR || !start())) {
     Note(report, {{"failed", GetLastError()}});
     return 1;
   }

@@ -1,6 +1,6 @@
-// A library that somebody has put where a program may look for one of the system's. A process that
-// loads it leaves a line in a file beside it, its name with ".loaded" behind: the executable's path
-// (UTF-16).
+// A library that an attacker gives the name of a system library and puts where a program may search
+// for it. A process that loads it appends the path of its executable (UTF-16) as a line to a file
+// beside the library, which has the library's name followed by ".loaded".
 
 #include <windows.h>
 

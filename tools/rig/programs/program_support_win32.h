@@ -1,6 +1,6 @@
 #pragma once
 
-// What the rig's programs share: options from the command line and lines on standard output.
+// Options from the command line and lines on standard output, for the rig's programs.
 
 #include <optional>
 #include <string>
@@ -9,25 +9,25 @@
 
 namespace zul::rig {
 
-/// The exit code of wrong arguments, as sysexits.h has it.
+/// The exit code for wrong arguments (EX_USAGE of sysexits.h).
 inline constexpr int kUsageExit = 64;
 
 using Arguments = std::vector<std::string>;
 
-/// This process's arguments as UTF-8, without the program's name.
+/// This process's arguments as UTF-8, without the program name.
 [[nodiscard]] Arguments CommandLineArguments();
 
-/// What stands behind "--name="; empty for a plain "--name"; nothing when neither is there.
+/// The value after "--name="; empty for "--name" alone; no value when the option is absent.
 [[nodiscard]] std::optional<std::string> OptionValue(const Arguments& arguments,
                                                      std::string_view name);
 
-/// The decimal number behind "--name=", or 0.
+/// The decimal number after "--name=", or 0.
 [[nodiscard]] unsigned OptionNumber(const Arguments& arguments, std::string_view name);
 
-/// UTF-8 as wide text; malformed text becomes empty.
+/// Converts UTF-8 to wide text. Malformed text becomes empty.
 [[nodiscard]] std::wstring Widen(std::string_view text);
 
-/// Writes a line to standard output at once, ended by one line feed.
+/// Writes a line, ended by one line feed, to standard output without buffering.
 void PrintLine(std::string_view line);
 
 }  // namespace zul::rig

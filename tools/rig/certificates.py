@@ -1,8 +1,9 @@
 """Throw-away certificate authorities for the loopback server and for signed binaries.
 
-`trusted` signs every host of the rig, the foreign one included: a redirect there has to be refused
-by name and not for its certificate. `stranger` signs the same names and nobody trusts it. Both are
-made once by the openssl command and kept in build/rig/certificates.
+The rig's prefix trusts the authority `trusted` and does not trust `stranger`. Both sign the names of
+all hosts of the rig, the foreign host included: a redirect to it must be refused because of its name
+and not because of its certificate. Both are made once with the openssl command and kept in
+build/rig/certificates.
 """
 
 import base64
@@ -14,7 +15,7 @@ import tempfile
 from dataclasses import dataclass
 from pathlib import Path
 
-import places
+from rig import places
 
 PUBLISHER = "Rig Tiskařství žluť s.r.o."
 NAMES = ",".join(f"DNS:{host}" for host in (*places.HOSTS, *places.REPORT_HOSTS))
@@ -22,8 +23,8 @@ CERTIFICATES = (  # name, subject, digest, days, extensions
     ("root", "Rig {} root", "sha256", 3650, ("keyUsage=critical,keyCertSign,cRLSign",
                                           "basicConstraints=critical,CA:TRUE")),
     ("server", places.PRIMARY_HOST, "sha256", 3650, (f"subjectAltName={NAMES}", "extendedKeyUsage=serverAuth")),
-    # Wine 8 has room for a digest of this length only when it looks whether a publisher's certificate
-    # was disallowed, and passes any longer one without asking whether its root is trusted.
+    # SHA-1, since Wine 8 checks the list of disallowed certificates in a buffer of 20 bytes: it accepts a
+    # publisher's certificate with a longer digest without checking that its root is trusted.
     ("current", PUBLISHER, "sha1", 3650, ("extendedKeyUsage=codeSigning",)),
     ("expired", PUBLISHER, "sha1", -1, ("extendedKeyUsage=codeSigning",)),
 )
@@ -32,8 +33,8 @@ EDITION = hashlib.sha256(repr(CERTIFICATES).encode()).hexdigest()[:8]
 
 @dataclass(frozen=True)
 class Authority:
-    """A root certificate, a server's certificate for all names, and two publisher's certificates, one
-    of them expired, each with its key beside it."""
+    """A root certificate, a server certificate for all names, and two publisher certificates, of which
+    one is expired. Each has its key beside it."""
 
     folder: Path
 
@@ -46,7 +47,7 @@ class Authority:
         return self.folder / "server.pem", self.folder / "server.key"
 
     def sign(self, binary: bytes, certificate: str = "current") -> bytes:
-        """A Windows binary with a signature of the publisher, and no time stamp."""
+        """Returns the Windows binary with a signature of the publisher and without a time stamp."""
         with tempfile.TemporaryDirectory() as folder:
             plain, signed = Path(folder) / "plain", Path(folder) / "signed"
             plain.write_bytes(binary)
@@ -62,13 +63,14 @@ def run(*command: object) -> None:
 
 
 def make_authority(name: str) -> Authority:
+    """Returns the authority of this name, which is made by the first call."""
     folder = places.RIG_HOME / "certificates" / f"{name}-{EDITION}"
     if (folder / "complete").exists():
         return Authority(folder)
     shutil.rmtree(folder, ignore_errors=True)
     folder.mkdir(parents=True)
     settings = folder / "settings"
-    settings.write_text("[req]\ndistinguished_name=name\n[name]\n")  # the machine's own would add extensions
+    settings.write_text("[req]\ndistinguished_name=name\n[name]\n")  # the machine's settings would add extensions
     for title, subject, digest, days, extensions in CERTIFICATES:
         key, request, certificate = (folder / f"{title}.{kind}" for kind in ("key", "csr", "pem"))
         run("openssl", "req", "-new", "-config", settings, "-newkey", "rsa:2048", "-nodes", "-utf8",
@@ -83,10 +85,11 @@ def make_authority(name: str) -> Authority:
 
 
 def registry_text(root: Path) -> str:
-    """A root certificate as an entry of the current user's root store, for regedit.
+    """A root certificate as an entry of the current user's root store, in the format of regedit.
 
-    The store keeps a certificate as a run of properties, each an id, the encoding 1 and a length in
-    32-bit little-endian before its bytes: 3 is the SHA-1 of the certificate, 32 the certificate.
+    The store keeps a certificate as a sequence of properties. Each has an id, the encoding 1 and the
+    length of its value as 32-bit little-endian numbers, and then the value. Property 3 is the SHA-1 of
+    the certificate, property 32 the certificate.
     """
     body = root.read_text().split("-----BEGIN CERTIFICATE-----")[1]
     der = base64.b64decode(body.split("-----END CERTIFICATE-----")[0])

@@ -1,15 +1,14 @@
-// A stand-in for the system's Restart Manager, which Wine has only in name: its own never knows who
-// holds a file. Built as rstrtmgr.dll and put into the system folder of the rig's prefix, it gives
-// the answers that the rig wrote down beforehand, in the UTF-8 file that QORVA_RIG_HOLDERS names,
-// of lines with a tab between their fields:
+// A replacement for the Restart Manager, since Wine's never names a process that holds a file. It
+// is built as rstrtmgr.dll and installed in the system folder of the rig's prefix. Its answers are
+// in the UTF-8 file that QORVA_RIG_HOLDERS names. Each line has fields with a tab between them:
 //
-//   C:\x\engine.dll  80  Scanner  3  scansvc     path, pid, application name, RM_APP_TYPE, service;
-//                                                holds as long as the process runs
+//   C:\x\engine.dll  80  Scanner  3  scansvc     path, pid, application name, RM_APP_TYPE, service:
+//                                                this process holds the file as long as it runs
 //   !RmGetList  5                                the call fails with this code; "!RmGetList(read)"
-//                                                is the second one, which has room for the answer
+//                                                is the second call, which has room for the answer
 //
-// Without that file nobody holds anything. Each call's name goes into a line of the same file's
-// name with ".calls" behind it.
+// Without that file no process holds any file. The name of each call is appended as a line to the
+// file of the same name followed by ".calls".
 
 #include <windows.h>
 
@@ -29,9 +28,9 @@
 
 namespace {
 
-using Line = std::vector<std::string>;  // always five fields
+using Line = std::vector<std::string>;  // of five fields
 
-std::wstring registered;  // one session at a time is all that is asked of us
+std::wstring registered;  // the updater has one session at a time
 
 std::filesystem::path Holders(const wchar_t* extension = L"") {
   std::wstring path(32768, L'\0');
@@ -56,7 +55,7 @@ DWORD Number(const std::string& text) {
   return static_cast<DWORD>(std::strtoul(text.c_str(), nullptr, 10));
 }
 
-/// Notes the call, and says how it ends when that was laid down.
+/// Writes down the call and returns its prepared result.
 DWORD Answer(const std::string& call) {
   std::ofstream(Holders(L".calls"), std::ios::binary | std::ios::app) << call + "\n";
   for (const Line& line : ReadLines()) {

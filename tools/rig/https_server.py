@@ -1,12 +1,12 @@
-"""An HTTPS server on loopback whose every answer is laid down beforehand.
+"""An HTTPS server on loopback that gives prepared answers.
 
     with HttpsServer(trusted, stranger) as server:
         server.on(places.PRIMARY_HOST, "/a/package.zip", Reply(body=package))
         url = server.url(places.PRIMARY_HOST, "/a/package.zip")
 
-Answers are found by host and path; whatever was not laid down is a 404. The system chooses the
-port unless one is asked for. Each connection has its own thread, and a stalled one waits until its
-client leaves or the server closes.
+An answer is chosen by host and path; a request without a prepared answer gets 404. The system chooses
+the port unless the caller names one. Each connection has its own thread. A stalled answer waits until
+its client leaves or the server closes.
 """
 
 import io
@@ -24,28 +24,28 @@ from pathlib import Path
 from socketserver import ThreadingTCPServer
 from typing import NamedTuple
 
-import places
-from certificates import Authority
+from rig import places
+from rig.certificates import Authority
 
 
 @dataclass(frozen=True)
 class Reply:
-    """One answer. Byte counts are counts of body bytes; what is None does not happen."""
+    """One answer. Counts of bytes are counts of body bytes. A field that is None has no effect."""
 
     status: int = 200
     body: bytes | Path = b""
     headers: tuple[tuple[str, str], ...] = ()
-    declared_length: int | None = -1  # -1 the true one, None no such header
+    declared_length: int | None = -1  # -1: the true length; None: no such header
     chunked: bool = False
-    silent: bool = False  # takes the request and never answers
+    silent: bool = False  # reads the request and never answers
     late_by: float = 0  # seconds between the request and the answer
-    pause: tuple[int, float] | None = None  # after so many bytes nothing for so many seconds
-    stall_after: int | None = None  # sends so many bytes, then nothing more
-    cut_after: int | None = None  # sends so many bytes, then closes the connection
-    reset: bool = False  # closes it with a reset
-    endless: bool = False  # sends the body again and again
+    pause: tuple[int, float] | None = None  # after so many bytes wait so many seconds
+    stall_after: int | None = None  # sends so many bytes and then waits
+    cut_after: int | None = None  # sends so many bytes and closes the connection
+    reset: bool = False  # after `cut_after`, closes with a reset
+    endless: bool = False  # repeats the body without end
     bytes_per_second: int | None = None
-    block: int = 64 * 1024  # bytes handed to the network at a time
+    block: int = 64 * 1024  # bytes sent at a time
 
     def size(self) -> int:
         return len(self.body) if isinstance(self.body, bytes) else self.body.stat().st_size
@@ -58,7 +58,7 @@ def redirect(url: str, status: int = 302) -> Reply:
 class Request(NamedTuple):
     host: str
     path: str  # with its query
-    headers: Mapping[str, str]  # in any case
+    headers: Mapping[str, str]  # names in any case
     secure: bool
     method: str = "GET"
     body: bytes = b""
@@ -88,9 +88,9 @@ class Connection(BaseHTTPRequestHandler):
         pass
 
     def answer(self, reply: Reply) -> bool:
-        """Whether the connection may serve another request."""
+        """Sends the reply; true when the connection may serve another request."""
         if reply.silent:
-            return self.wait_for_the_end()
+            return self.wait_until_closed()
         time.sleep(reply.late_by)
         length = reply.size() if reply.declared_length == -1 else reply.declared_length
         self.send_response(reply.status, "Rehearsed")
@@ -115,9 +115,9 @@ class Connection(BaseHTTPRequestHandler):
             if reply.bytes_per_second:
                 time.sleep(max(0.0, started + sent / reply.bytes_per_second - time.monotonic()))
         if reply.stall_after is not None:
-            return self.wait_for_the_end()
+            return self.wait_until_closed()
         if reply.reset:
-            time.sleep(1)  # what the client has not read by then would be lost
+            time.sleep(1)  # a reset discards what the client has not read yet
             self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
             os.close(self.connection.detach())
         if reply.chunked and reply.cut_after is None:
@@ -134,7 +134,7 @@ class Connection(BaseHTTPRequestHandler):
                 left -= len(block)
                 yield block
 
-    def wait_for_the_end(self) -> bool:
+    def wait_until_closed(self) -> bool:
         while not self.server.owner.closing.wait(0.2):
             if select.select([self.connection], [], [], 0)[0]:
                 break
@@ -155,11 +155,11 @@ class Listener(ThreadingTCPServer):
         threading.Thread(target=self.serve_forever, args=(0.05,), daemon=True).start()
 
     def handle_error(self, *_: object) -> None:
-        pass  # the client left, or would not have our certificate
+        pass  # the client left or refused our certificate
 
 
 class HttpsServer:
-    """The server, and a second listener in plain text that only notes who comes by."""
+    """The server, and a second listener without TLS that only records requests."""
 
     def __init__(self, trusted: Authority, stranger: Authority, address: str = "127.0.0.1", port: int = 0):
         self.lock = threading.Lock()
@@ -194,7 +194,7 @@ class HttpsServer:
         return f"http://{host}:{self.plain.server_address[1]}{path}"
 
     def on(self, host: str, path: str, reply: Reply) -> str:
-        """Lays down the answer for a host and path (without its query); gives its URL."""
+        """Sets the answer for a host and a path without query. Returns the URL."""
         with self.lock:
             self.replies[host, path] = reply
         return self.url(host, path)
@@ -205,5 +205,6 @@ class HttpsServer:
             return self.replies.get((request.host, request.path.partition("?")[0]), Reply(status=404))
 
     def requests(self, path_start: str = "/") -> list[Request]:
+        """The requests so far whose path begins with `path_start`, in the order of their arrival."""
         with self.lock:
             return [request for request in self.seen if request.path.startswith(path_start)]
