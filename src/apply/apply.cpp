@@ -5,8 +5,6 @@
 #include <vector>
 
 #include "apply/apply_targets.h"
-#include "apply/installation_changes.h"
-#include "apply/target_lock.h"
 #include "core/failure.h"
 #include "core/process_environment.h"
 #include "core/text.h"

@@ -10,8 +10,9 @@
 #include <cstdint>
 #include <string>
 
+#include "apply/installation_changes.h"
+#include "apply/target_lock.h"
 #include "core/path.h"
-#include "ui/progress_window.h"
 
 namespace zul {
 
@@ -27,20 +28,6 @@ struct ApplyOutcome {
   ApplyOutcomeKind kind = ApplyOutcomeKind::kFailedBeforeChange;
   std::string message;      ///< the final error text; empty for kApplied
   std::string backup_root;  ///< UTF-8; empty for kApplied and until the folder is needed
-};
-
-/// What closing the application needs. Borrowed for the length of the call.
-struct ApplyCloseContext {
-  UpdateProgressWindow* progress_window = nullptr;  ///< may be null
-  bool force_close = false;  ///< end the application without waiting for the Force close button
-};
-
-/// Failures to inject into an apply. The product never injects any.
-struct ApplyFaultInjection {
-  std::uint32_t fail_after_replacements = 0;  ///< 0 means never
-  bool fail_first_restore = false;
-  bool fail_first_remove = false;
-  bool corrupt_first_restore = false;
 };
 
 /// Applies `staged_root` to `target_root`. Returns true only for kApplied. Waits for locks, so it

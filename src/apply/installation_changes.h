@@ -7,16 +7,24 @@
 // replacement that fails leaves the target unchanged. The records are kept in memory only.
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <unordered_set>
 #include <vector>
 
-#include "apply/apply.h"
 #include "apply/apply_targets.h"
 #include "apply/retry_file_ops.h"
 
 namespace zul {
+
+/// Failures to inject into an apply. The product never injects any.
+struct ApplyFaultInjection {
+  std::uint32_t fail_after_replacements = 0;  ///< 0 means never
+  bool fail_first_restore = false;
+  bool fail_first_remove = false;
+  bool corrupt_first_restore = false;
+};
 
 /// One change to the installation.
 struct RollbackRecord {

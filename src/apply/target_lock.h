@@ -17,8 +17,8 @@
 #include <string_view>
 #include <vector>
 
-#include "apply/apply.h"
 #include "core/path.h"
+#include "ui/progress_window.h"
 
 namespace zul {
 
@@ -102,6 +102,12 @@ using ProcessParents = std::map<std::uint32_t, std::uint32_t>;
 
 // ---------------------------------------------------------------------------------------------
 // Clearing a lock
+
+/// What closing the application needs. Borrowed for the length of the call.
+struct ApplyCloseContext {
+  UpdateProgressWindow* progress_window = nullptr;  ///< may be null
+  bool force_close = false;  ///< end the application without waiting for the Force close button
+};
 
 /// What ResolveTargetLock does to other processes and to the clock.
 struct TargetLockActions {

@@ -43,7 +43,7 @@ StageResult RefuseArchiveModeStage(UpdateRun& run) {
 StageResult IsolateHelperStage(UpdateRun& run) {
   bool relaunched = false;
   std::string error;
-  if (!run.world.relaunch_from_target_if_needed(run.request, relaunched, &error)) {
+  if (!run.world.relaunch_from_target_if_needed(run.request, &relaunched, &error)) {
     return FailRun(run,
                    error.empty() ? "Cannot relaunch updater helper outside the update target "
                                    "directory."
@@ -119,7 +119,7 @@ StageResult ExtractStage(UpdateRun& run) {
     EmitChainEvent("extract_fail", {{"error", run.stage_error}});
     return FailRun(run, "Cannot extract update package: " + run.stage_error);
   }
-  if (!ResolvePayloadLayout(run.stage_dir, run.request.required_payload_files, run.payload_root,
+  if (!ResolvePayloadLayout(run.stage_dir, run.request.required_payload_files, &run.payload_root,
                             &run.stage_error)) {
     EmitChainEvent("extract_fail",
                    {{"error", run.stage_error}, {"reason", "package_layout_contract"}});

@@ -11,7 +11,7 @@
 
 #include "apply/apply.h"
 #include "apply/isolated_helper.h"
-#include "apply/main_process_wait.h"
+#include "apply/target_lock.h"
 #include "core/path.h"
 #include "diagnostics/diagnostics.h"
 #include "request/update_request.h"
