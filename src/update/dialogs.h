@@ -26,13 +26,13 @@ enum class BoxAnswer { kYes, kNo, kOther };
 /// Shows a plain error.
 void ShowUpdaterError(const UpdateWorld& world, std::string_view message);
 
-/// Shows that an apply failed and offers the current installer: Yes opens its page, No copies the
-/// page's address. Where that fails a warning shows the address. `selected_url` is ignored on
+/// Shows that an apply failed, and offers the current installer: Yes opens its page, No copies the
+/// page's address. When that fails, a warning shows the address. `selected_url` is ignored on
 /// purpose: the box offers a page, never the package that has just failed.
 void ShowApplyFailureDialog(const UpdateWorld& world, std::string_view message,
                             std::string_view selected_url);
 
-/// Tells the user of an archive-mode copy to move to the installer, with the same choice. An empty
+/// Asks the user of an archive-mode copy to move to the installer, with the same choice. An empty
 /// `page_url` selects the product's page.
 void ShowInstallerMigrationDialog(const UpdateWorld& world, std::string_view page_url);
 

@@ -11,6 +11,7 @@
 
 namespace zul {
 
+/// The kinds. An installation of an unknown kind may update.
 enum class InstallMode : std::uint32_t { kInstalled = 0, kArchive = 1, kUnknown = 2 };
 
 /// What the disk and the environment say about an executable. Texts are UTF-8.
@@ -23,6 +24,7 @@ struct InstallSignals {
   bool archive_marker_present = false;
 };
 
+/// The kind of an installation, and why.
 struct InstallClassification {
   InstallMode mode = InstallMode::kUnknown;
   std::string install_dir;    ///< the executable's folder as a comparison key; not to be opened

@@ -18,7 +18,7 @@ void DropNextCopy(UpdateRun& run) {
   fs::Remove(run.next_copy_path, ignored);
 }
 
-/// The order of every tail. `show_box` tells the user.
+/// The order of every tail. `show_box` shows the message to the user.
 int EndRun(UpdateRun& run, std::string_view report_stage, std::string_view message,
            const std::function<void()>& show_box, int exit_code) {
   DropNextCopy(run);

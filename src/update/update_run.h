@@ -22,6 +22,7 @@
 
 namespace zul {
 
+/// Exit codes of the process.
 inline constexpr int kExitDone = 0;
 inline constexpr int kExitFailure = 2;
 inline constexpr int kExitArchiveMigrationRequired = 18;
@@ -33,13 +34,14 @@ inline constexpr int kExitArchiveMigrationRequired = 18;
 void ReportUpdaterError(const UpdateRequest& request, std::string_view stage,
                         std::string_view message);
 
-/// What a run asks of the world besides the disk. All texts are UTF-8.
+/// What a run asks of the world besides the disk. A member with the type of a function does what
+/// that function does. All texts are UTF-8.
 struct UpdateWorld {
   /// Full path of this process's executable; empty when the system does not report it.
   fs::Path own_executable;
   std::function<decltype(ClassifyCurrentProcess)> classify_current_process;
 
-  // The stages that need the network or other processes.
+  // Stages that need the network or other processes.
   std::function<decltype(RelaunchFromTargetIfNeeded)> relaunch_from_target_if_needed;
   std::function<decltype(DownloadPackage)> download_package;
   std::function<decltype(WaitForMainProcess)> wait_for_main_process;
@@ -61,12 +63,12 @@ struct UpdateWorld {
   std::function<BoxAnswer(const std::string& text, BoxStyle style)> show_box;
   /// Asks the system to open `url`. False when it could not be started.
   std::function<bool(std::string_view url)> open_url_in_browser;
-  /// False when the clipboard is unavailable.
+  /// Replaces the content of the clipboard. False when the clipboard is unavailable.
   std::function<bool(std::string_view text)> copy_text_to_clipboard;
-  /// Writes to the standard output, where there is one.
+  /// Writes `text` to the standard output. Does nothing when there is none.
   std::function<void(std::string_view text)> print;
 
-  // What support sees.
+  // Diagnostics.
   std::function<decltype(ReportUpdaterError)> report_updater_error;
   std::function<decltype(ShutdownDiagnostics)> shutdown_diagnostics;
 };
@@ -121,8 +123,8 @@ using StageResult = std::optional<int>;
 [[nodiscard]] int RefuseArchiveMode(UpdateRun& run, std::string_view message);
 
 /// The updater started by hand: has the running application show its update screen, or starts the
-/// application beside this executable. A box says why when that fails, and tells the user of an
-/// archive-mode copy to migrate. Returns the exit code.
+/// application beside this executable. When that fails, a box says why. An archive-mode copy shows
+/// the migration notice instead. Returns the exit code.
 [[nodiscard]] int RunWithoutRequest(const UpdateWorld& world);
 
 }  // namespace zul
