@@ -263,7 +263,7 @@ TEST(Endings, LeaveNoEvidenceWhenTheyWereDeclared) {
     const fs::Path session = CompactDirectory(scene.crash) / ("process_" + std::to_string(i));
     WriteFile(session / "emergency.bin", "");
     for (const char* name : {"metadata.json", "collector.json"}) {
-      Commit(session / name, BuildBaseRecord({0xFFFFFFF0, "1"}, 1));
+      EXPECT_EQ(Commit(session / name, BuildBaseRecord({0xFFFFFFF0, "1"}, 1)), "");
     }
   }
   ObservedProcess observed(scene, "exit-declared", "die_on_demand.exe");

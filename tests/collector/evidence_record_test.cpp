@@ -1,11 +1,10 @@
 // The records on disk, and the copy of them that may leave the machine.
 
-#include "collector/evidence_record.h"
-
-#include <gtest/gtest.h>
+#include <cstring>
 
 #include "collector/evidence_sanitizer.h"
 #include "collector/module_record.h"
+#include "tests/collector/records.h"
 #include "tests/support/file_tricks.h"
 #include "tests/support/temp_folder.h"
 
@@ -13,13 +12,9 @@ namespace zul {
 namespace {
 
 using nlohmann::json;
+using test::Commit;
 using test::ReadFile;
 using test::WriteFile;
-
-std::string Commit(const fs::Path& path, const json& record) {
-  std::string error;
-  return CommitEvidenceRecord(path, record, &error) ? "" : error;
-}
 
 std::string Read(const fs::Path& path, json* record) {
   std::string error;
@@ -81,6 +76,7 @@ TEST(EvidenceRecord, IsNeverReadOrWrittenThroughALink) {
     }
     EXPECT_EQ(Read(folder / c.path, &record), c.read) << c.path;
   }
+  EXPECT_EQ(Commit("./relative.json", {}), "record_directory_unsafe");
   EXPECT_FALSE(test::Exists(folder / "folder.json.partial"));
   EXPECT_EQ(test::ListTree(outside.path()), "inner/\ninner/record.json\ntarget\n");
   EXPECT_EQ(ReadFile(outside / "target") + ReadFile(outside / "inner/record.json"), valid + valid);
@@ -106,10 +102,12 @@ TEST(EvidenceSanitizer, CopiesOnlyAllowedKeysWithValuesOfTheirType) {
   source["frames"].push_back("C:\\Users");
   allowed.update(promises);
   EXPECT_EQ(SanitizeEvidenceRecord(source), allowed);
-  source["frames"] = json(49, json{{"rva", 1}});
   allowed["frames"] = json(48, json{{"rva", 1}});
-  allowed["frames_limited"] = true;
-  EXPECT_EQ(SanitizeEvidenceRecord(source), allowed);
+  for (const std::size_t frames : {48u, 49u}) {
+    source["frames"] = json(frames, json{{"rva", 1}});
+    allowed["frames_limited"] = frames > 48;
+    EXPECT_EQ(SanitizeEvidenceRecord(source), allowed);
+  }
   for (const json& wrong : {json("a blank"), json(""), json(-1), json(0.5)}) {
     for (const auto& [key, value] : allowed.items()) source[key] = wrong;
     EXPECT_EQ(SanitizeEvidenceRecord(source), promises) << wrong;
@@ -131,6 +129,24 @@ TEST(ModuleRecord, NamesAFrameOnlyByAModuleWithAHarmlessName) {
   for (const auto& [address, module] : cases) {
     EXPECT_EQ(FrameRecord(modules, address).value("module", "-"), module) << address;
   }
+}
+
+TEST(ModuleRecord, TakesItsBuildFromTheFirstCodeViewEntry) {
+  // DOS and PE headers, a debug directory of two entries at 512, a CodeView record at 768.
+  const std::pair<std::size_t, std::uint32_t> words[] = {
+      {0, 0x5A4D}, {60, 128},  {128, 0x4550}, {136, 0x11223344}, {312, 512}, {316, 56}, {524, 4},
+      {528, 24},   {532, 512}, {552, 2},      {556, 24},         {560, 768}, {788, 7}};
+  std::string image(792, 'g');
+  for (const auto& [at, word] : words) std::memcpy(image.data() + at, &word, sizeof word);
+  image.replace(768, 4, "RSDS");
+  ModuleRecord module{.base = 16, .image_size = image.size()};
+  const auto read = [&](std::uint64_t address, void* to, std::size_t size) {
+    return image.copy(static_cast<char*>(to), size, address - 16) == size;
+  };
+  ReadModuleIdentity(read, &module);
+  EXPECT_EQ(module.image_timestamp, 0x11223344u);
+  EXPECT_EQ(module.pdb_guid, "67676767676767676767676767676767");
+  EXPECT_EQ(module.pdb_age, 7u);
 }
 
 }  // namespace

@@ -21,10 +21,8 @@ TEST(ObserverInput, IsFourHandlesInDecimal) {
     EXPECT_FALSE(ParseObserverArguments(5, argv) || ParseObserverArguments(7, argv));
     return ParseObserverArguments(6, argv).has_value();
   };
-  for (const wchar_t* text : {L"4", L"00000000000000000000000000000004", L"18446744073709551614"}) {
-    EXPECT_TRUE(accepts(text)) << text;
-  }
-  for (const wchar_t* text : {L"", L"0", L"+4", L"4:", L"000000000000000000000000000000004",
+  EXPECT_TRUE(accepts(L"00000000000018446744073709551614"));
+  for (const wchar_t* text : {L"", L"0", L"+4", L"4:", L"000000000000018446744073709551614",
                               L"18446744073709551615", L"18446744073709551616"}) {
     EXPECT_FALSE(accepts(text)) << text;
   }
@@ -46,8 +44,6 @@ TEST(ObserverInput, IsABlockOfTheProcessAndTheSameBuild) {
   for (const char* key : {"build_id", "version", "channel", "platform", "arch"}) {
     json metadata = own;
     metadata[key] = "another";
-    EXPECT_FALSE(IsOfThisBuild(metadata)) << key;
-    metadata.erase(key);
     EXPECT_FALSE(IsOfThisBuild(metadata)) << key;
   }
 }
@@ -109,6 +105,7 @@ TEST(Incident, IsClassifiedByItsCrashAndElseByItsExitCode) {
 
 TEST(EmergencyFile, HoldsARecordOnlyWhenItIsWholeAndNoLink) {
   const test::TempFolder folder;
+  const test::TempFolder linked;
   const std::string crash = Crash(EmergencyKind::kNativeException);
   std::vector<std::string> damaged = {crash.substr(1), crash + "x", crash, crash};
   ++damaged[2][0];
@@ -119,9 +116,8 @@ TEST(EmergencyFile, HoldsARecordOnlyWhenItIsWholeAndNoLink) {
     ReadEmergencyFile(folder.path(), &record);
   }
   test::WriteFile(folder / "target", crash);
-  const fs::Path linked = folder / "linked";
   if (!test::RunsUnderWine() && test::MakeLink(folder / "target", linked / "emergency.bin")) {
-    ReadEmergencyFile(linked, &record);  // Wine shows links to folders only
+    ReadEmergencyFile(linked.path(), &record);  // Wine shows only links to folders as links
   }
   EXPECT_EQ(record, json::object());
 }

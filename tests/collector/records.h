@@ -12,10 +12,10 @@
 
 namespace zul::test {
 
-/// Commits a record; fails the test when that fails.
-inline void Commit(const fs::Path& path, const nlohmann::json& record) {
+/// Commits a record. Returns the reason word of a failure.
+inline std::string Commit(const fs::Path& path, const nlohmann::json& record) {
   std::string error;
-  EXPECT_TRUE(CommitEvidenceRecord(path, record, &error)) << path << ": " << error;
+  return CommitEvidenceRecord(path, record, &error) ? "" : error;
 }
 
 /// Reads a record; fails the test when that fails.

@@ -1,7 +1,5 @@
 // Session folders: their creation and deletion, whose processes have ended, and which are kept.
 
-#include <gtest/gtest.h>
-
 #include "collector/emergency_record.h"
 #include "collector/orphan_sessions.h"
 #include "collector/retention.h"
@@ -35,11 +33,11 @@ class Sessions : public testing::Test {
     fs::Path session = compact_ / name;
     WriteFile(session / "emergency.bin", "");
     json record = BuildBaseRecord(observed, kNow);
-    test::Commit(session / "metadata.json", record);
+    EXPECT_EQ(test::Commit(session / "metadata.json", record), "");
     record.merge_patch(changes);
-    test::Commit(session / "incident.json", record);
+    EXPECT_EQ(test::Commit(session / "incident.json", record), "");
     if (observer != nullptr) {
-      test::Commit(session / "collector.json", BuildBaseRecord(*observer, kNow));
+      EXPECT_EQ(test::Commit(session / "collector.json", BuildBaseRecord(*observer, kNow)), "");
     }
     return session;
   }
@@ -153,11 +151,12 @@ TEST_F(Sessions, HaveAtMost32PendingReports) {
   const fs::Path pending = crash_ / "pending_reports";
   for (int i = 0; i < 35; ++i) WriteFile(pending / (Numbered("compact_process_", i) + ".json"), "");
   WriteFile(pending / "compact_process_0.json.partial", "");
+  WriteFile(pending / "compact_process_0.json" / "folder", "");
   WriteFile(pending / "qorva_crash_1.json", "");
   WriteFile(compact_ / "x", "");
   for (int pass = 0; pass < 2; ++pass) EnforceQueueRetention(crash_.path(), kNow);
   std::error_code ec;
-  EXPECT_EQ(fs::ListDirectory(pending, ec).size(), 34u);
+  EXPECT_EQ(fs::ListDirectory(pending, ec).size(), 35u);
   EXPECT_FALSE(test::Exists(pending / "compact_process_1002.json"));
   EXPECT_EQ(test::Record(compact_ / "queue_retention.json")["expired_pending_reports"], 3);
 }
