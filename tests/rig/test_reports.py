@@ -1,7 +1,7 @@
 """What a failed run sends, to which origins, and what it never sends.
 
 The report origins are compiled into the updater. So this endpoint listens on their port, at a loopback
-address that no other run uses, and only here do the report hosts resolve to it.
+address that no other run uses, and only here do the report hosts and the foreign host resolve to it.
 """
 
 import json
@@ -36,8 +36,9 @@ class ReportRuns(e2e.EndToEnd):
             raise unittest.SkipTest(f"this user may not listen on port {places.REPORT_PORT}: {refused}")
         cls.addClassCleanup(cls.endpoint.__exit__)
         hosts = places.RIG_HOME / f"hosts-{address}"
-        hosts.write_text("".join(f"127.0.0.1 {host}\n" for host in places.HOSTS)
-                         + "".join(f"{address} {host}\n" for host in places.REPORT_HOSTS))
+        here = (*places.REPORT_HOSTS, places.FOREIGN_HOST)
+        hosts.write_text("".join(f"{address if host in here else '127.0.0.1'} {host}\n"
+                                 for host in (*places.HOSTS, *places.REPORT_HOSTS)))
         cls.addClassCleanup(hosts.unlink)
         cls.sandbox.hosts_file = hosts
 
@@ -51,7 +52,7 @@ class ReportRuns(e2e.EndToEnd):
             self.endpoint.on(host, PATH, reply)
 
     def posts(self) -> list[Request]:
-        return self.endpoint.requests()
+        return [request for request in self.endpoint.requests() if request.method == "POST"]
 
     def run_failing(self, scene: Scene, case: Run | None = None, message: str = NOT_FOUND, **options) -> Outcome:
         """A run that fails with this message; by default the server does not have its package."""
