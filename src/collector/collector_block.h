@@ -13,6 +13,7 @@
 #include <type_traits>
 
 #include "collector/emergency_record.h"
+#include "collector/session_directory.h"
 
 namespace zul {
 
@@ -35,7 +36,8 @@ struct CollectorBlock {
   std::uint64_t last_heartbeat_tick = 0;  ///< ms since the system's start
   std::uint64_t start_tick = 0;           ///< ms since the system's start
   std::uint64_t process_identity = 0;     ///< creation time from GetProcessTimes, 100 ns units
-  std::array<char16_t, 4096> session_directory{};  ///< UTF-16; the last unit stays 0
+  std::array<char16_t, kSessionDirectoryUnitsMax + 1>
+      session_directory{};  ///< UTF-16; the last unit stays 0
   std::uint64_t reserved_after_directory = 0;
   EmergencyRecord emergency;
   std::array<std::byte, 16> reserved_at_end{};
@@ -59,10 +61,6 @@ static_assert(offsetof(CollectorBlock, reserved_at_end) == 0x2530);
 static_assert(sizeof(CollectorBlock) == 9536 && CollectorBlock().size == 9536);
 static_assert(std::is_trivially_copyable_v<CollectorBlock> &&
               std::is_standard_layout_v<CollectorBlock>);
-
-/// The longest path of a session folder that fits, in UTF-16 units.
-inline constexpr std::size_t kSessionDirectoryUnitsMax =
-    std::tuple_size_v<decltype(CollectorBlock::session_directory)> - 1;
 
 /// True when `block` has this layout and was filled by the process with this id and creation time.
 /// A wrong handle and a reused process id fail this check.

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "collector/collector_block.h"
 #include "collector/safe_path.h"
 #include "core/failure.h"
 #include "core/file_layer.h"

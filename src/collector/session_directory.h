@@ -4,6 +4,7 @@
 // name, the files in it, and its deletion.
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -13,6 +14,10 @@
 #include "core/path.h"
 
 namespace zul {
+
+/// The longest path of a session's folder, in UTF-16 units: the shared block has room for it and a
+/// terminator.
+inline constexpr std::size_t kSessionDirectoryUnitsMax = 4095;
 
 inline constexpr std::string_view kIncidentFile = "incident.json";
 inline constexpr std::string_view kEmergencyFile = "emergency.bin";

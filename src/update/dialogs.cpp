@@ -3,7 +3,7 @@
 #include "core/deployment.h"
 #include "core/text.h"
 #include "update/install_classification.h"
-#include "update/update_run.h"
+#include "update/update_world.h"
 
 namespace zul {
 

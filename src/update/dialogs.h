@@ -12,17 +12,6 @@ namespace zul {
 
 struct UpdateWorld;
 
-/// Buttons and icon of a box. The values are the flags of the platform's MessageBoxW.
-enum class BoxStyle : std::uint32_t {
-  kError = 0x10,        ///< OK, error icon
-  kWarning = 0x30,      ///< OK, warning icon
-  kErrorChoice = 0x13,  ///< Yes, No and Cancel, error icon
-  kNoticeChoice = 0x43  ///< Yes, No and Cancel, information icon
-};
-
-/// The button that closed a box. kOther is every button but Yes and No.
-enum class BoxAnswer { kYes, kNo, kOther };
-
 /// Shows a plain error.
 void ShowUpdaterError(const UpdateWorld& world, std::string_view message);
 

@@ -13,7 +13,7 @@ struct UpdateWorld;
 /// of the run, message boxes included. Windows only.
 [[nodiscard]] int RunUpdateDriver(int argc, const wchar_t* const* argv);
 
-/// The same in a given world (update_run.h), on any system.
+/// The same in a given world (update_world.h), on any system.
 [[nodiscard]] int RunUpdateDriver(const UpdateWorld& world, int argc, const wchar_t* const* argv);
 
 /// True when an argument from element 1 on is exactly --print-app-version-json.

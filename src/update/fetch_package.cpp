@@ -20,13 +20,13 @@ bool HasDistinctFallback(const UpdateRequest& request) {
 
 bool DownloadFrom(UpdateRun& run, const std::string& url, std::string_view origin_label,
                   DownloadResult& result) {
-  return run.world.download_package(url, run.package_path, origin_label, result, &run.stage_error,
+  return run.world.download_package(url, run.package_path, origin_label, &result, &run.stage_error,
                                     &run.progress_window, {}, {});
 }
 
 bool VerifyFrom(UpdateRun& run, std::string_view origin_label) {
   return VerifyPackageChecksum(
-      {&run.progress_window, run.request, run.package_path, run.stage_error}, origin_label);
+      {&run.progress_window, run.request, run.package_path, &run.stage_error}, origin_label);
 }
 
 void EmitDownloadFailure(std::string_view event, const std::string& error,

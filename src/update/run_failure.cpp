@@ -5,6 +5,7 @@
 #include "diagnostics/report_manifest.h"
 #include "trace/chain_events.h"
 #include "transfer/url_policy.h"
+#include "update/dialogs.h"
 #include "update/update_run.h"
 
 namespace zul {

@@ -1,5 +1,6 @@
 #include "core/file_layer.h"
 #include "core/text.h"
+#include "update/dialogs.h"
 #include "update/update_run.h"
 
 namespace zul {

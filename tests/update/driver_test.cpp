@@ -441,7 +441,7 @@ TEST_F(UpdaterReport, HoldsTheTraceAndTheRequestWithoutQueries) {
   UpdateRequest request;
   request.download_url = "https://h.example/p.zip?token=secret";
   ReportUpdaterError(request, "validate", "");
-  const test::Files files = test::FilesBelow(queue());
+  const test::Files files = test::FilesBelow(queue_);
   ASSERT_EQ(files.size(), 1u);
   const auto& [name, text] = *files.begin();
   const nlohmann::json report = nlohmann::json::parse(text);

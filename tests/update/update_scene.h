@@ -25,8 +25,8 @@
 #include "tests/support/trace_reader.h"
 #include "tests/support/zip_builder.h"
 #include "tests/transfer/scripted_transport.h"
-#include "transfer/download_job.h"
 #include "transfer/url_policy.h"
+#include "update/dialogs.h"
 #include "update/driver.h"
 #include "update/update_run.h"
 
@@ -219,11 +219,11 @@ class UpdateScene {
     world.classify_current_process = [this] {
       return ClassifyInstallTarget(PathToUtf8(world.own_executable));
     };
-    world.relaunch_from_target_if_needed = [this](const UpdateRequest& given, bool& done,
+    world.relaunch_from_target_if_needed = [this](const UpdateRequest& given, bool* done,
                                                   std::string* error) {
       Note("isolate");
       EXPECT_EQ(given, request);
-      done = relaunched;
+      *done = relaunched;
       return Answer(relaunch_error, error);
     };
     world.download_package = std::bind_front(&UpdateScene::Download, this);
@@ -291,7 +291,7 @@ class UpdateScene {
   }
 
   bool Download(std::string_view url, const fs::Path& destination, std::string_view role,
-                DownloadResult& result, std::string* error, UpdateProgressWindow* window,
+                DownloadResult* result, std::string* error, UpdateProgressWindow* window,
                 const DownloadProgressCallback& progress, const DownloadCancelCallback& cancel) {
     const bool from_mirror = role == "rf_fallback";
     Note(from_mirror ? "mirror" : "primary");
