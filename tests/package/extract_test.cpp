@@ -61,7 +61,7 @@ TEST(ExtractPackage, RequiresTheExtensionZip) {
     EXPECT_EQ(Extract(folder / name, folder / "out/stage"), "Not a ZIP archive") << name;
   }
   EXPECT_EQ(Extract(folder / "a.zip", {}), "Destination directory is empty");
-  EXPECT_EQ(Extract(folder / "MISSING.ZIP", folder / "out/stage"), "cannot open ZIP");
+  EXPECT_EQ(Extract(folder / "MISSING.1.ZIP", folder / "out/stage"), "cannot open ZIP");
   EXPECT_FALSE(ExtractPackage(folder / "missing.zip", folder / "out/stage", nullptr));
   EXPECT_EQ(ListTree(folder.path()), "package\n");
 }
