@@ -56,8 +56,7 @@ TEST(ResolvePayloadLayout, FindsTheFlatRootOrTheSingleWrapper) {
   const struct {
     const char* what;
     std::vector<std::string> files;
-    std::string root;  // below the stage
-    std::string error = {};
+    std::string root, error = {};  // the root relative to the stage
   } cases[] = {
       {"flat", {"app.exe", "core.dll", "data/x", "more/y"}, ""},
       {"wrapper", {"wrap/app.exe", "wrap/core.dll", "readme.txt"}, "wrap"},

@@ -23,8 +23,7 @@ TEST(DecodeLegacyZipName, FollowsThePublishedTables) {
   using namespace std::string_literals;
   const struct {
     LegacyCodePage code_page;
-    std::string bytes;
-    std::string name;
+    std::string bytes, name;
     int score;
   } cases[] = {
       {LegacyCodePage::kCp866, HighHalf(),
@@ -53,9 +52,7 @@ TEST(DecodeZipEntryName, PrefersAUnicodePathToTheMoreLikelyCodePage) {
   const std::string unicode = UnicodePathExtra(legacy, "и");
   const struct {
     const char* what;
-    std::string raw;
-    std::string extra;
-    std::string name;
+    std::string raw, extra, name;
     bool unicode_path_used = false;
   } cases[] = {
       {"empty", "", UnicodePathExtra("", "x"), ""},

@@ -47,7 +47,7 @@ TEST(DownloadPackage, WritesTheFileAndReportsItsSteps) {
   run.result.error = "stale";
   run.transport.chunks = {std::string(1048575, 'a'), std::string(1048577, 'b'), "c", "d"};
   run.transport.content_length = "2097154";
-  run.transport.effective_url = "https://" + kHost + "/final.zip?token=secret";
+  run.transport.effective_url = "https://" + kHost + "/final.zip#secret?token";
   run.transport.ms_per_read = 1000;
   test::FakeScreen screen;
   UpdateProgressWindow window(std::make_unique<test::FakeSurface>(screen));
@@ -132,6 +132,9 @@ TEST(DownloadPackage, SucceedsOrReportsTheKindAndReasonOfTheFailure) {
        "declared_size=18446744073709551615"},
       {LeadsTo("http://" + kHost + "/x?secret"), "Update URL must use HTTPS", "transport",
        "effective_url_validation", "effective_url=http://" + kHost + "/x"},
+      {LeadsTo("https://evil.example/x?secret"),
+       "Update download host is not allowed: evil.example", "transport",
+       "effective_url_host_allowlist", "effective_url=https://evil.example/x"},
       {[](Rehearsal& r) { test::WriteFile(r.destination / "in/the/way", ""); },
        "Cannot open update package destination file", "file_io", "open_output"},
       {[](Rehearsal& r) { r.destination = "/dev/full"; }, "Cannot write update package file",

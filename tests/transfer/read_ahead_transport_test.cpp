@@ -21,6 +21,7 @@ std::string ReadAll(DownloadTransport& transport, std::size_t limit) {
     std::string piece(std::min(available, limit), '\0');
     if (available == 0) return body + ".";
     if (!transport.ReadData(piece.data(), piece.size(), &read, &code)) {
+      EXPECT_FALSE(transport.ReadData(piece.data(), piece.size(), &read, &code));
       return body + "!" + std::to_string(code);
     }
     body += piece.substr(0, read);
