@@ -14,7 +14,7 @@ namespace zul {
 
 /// One file to install.
 struct StagedFile {
-  fs::Path source;    ///< in the staged tree, as it was listed
+  fs::Path source;    ///< in the staged tree, links not resolved
   fs::Path relative;  ///< relative to the staged root, links resolved
   fs::Path target;    ///< the target root joined with `relative`
 };

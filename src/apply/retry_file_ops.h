@@ -15,6 +15,7 @@
 
 namespace zul {
 
+/// How often and how an operation waits for a lock. The product changes `keep_alive` only.
 struct RetryPolicy {
   unsigned attempts = 8;
   std::chrono::milliseconds wait{200};                     ///< between two attempts

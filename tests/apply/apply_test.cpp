@@ -27,7 +27,6 @@ TEST(Apply, InstallsTheStagedTreeAndRemovesRetiredExecutables) {
   installation.Stage("qorva.exe", big);
   std::error_code ec;
   ASSERT_TRUE(fs::CreateDirectories(installation.staged_root / "nothing/in here", ec));
-  test::WriteFile(installation.backup_root / "app.exe", "of an earlier failed run");
   EXPECT_TRUE(installation.Apply()) << installation.error;
   EXPECT_EQ(FilesBelow(installation.target_root),
             (Files{{"data/a.icc", std::string("n\0w", 3)},
@@ -57,12 +56,26 @@ TEST(Apply, NeverReplacesTheRunningExecutable) {
   EXPECT_EQ(fs::SizeOf(own, ec), size);
 }
 
+// A folder cannot be opened exclusively, as a library that another process holds cannot.
+TEST(Apply, ProbesEachProgramAndLibraryBeforeAnyChange) {
+  Installation installation;
+  installation.Install("qorva.exe", "retired");
+  installation.Install("ENGINE.DLL/inside.txt", "");
+  installation.Stage("ENGINE.DLL", "new");
+  EXPECT_FALSE(installation.Apply());
+  EXPECT_TRUE(installation.error.starts_with("pre-apply lock probe failed: target='"));
+  EXPECT_EQ(installation.outcome.kind, ApplyOutcomeKind::kFailedBeforeChange);
+  EXPECT_EQ(installation.outcome.backup_root, "");
+  EXPECT_TRUE(test::Exists(installation.target_root / "qorva.exe"));
+}
+
 // Two retired executables are removed, a file is added, and then the apply fails.
 TEST(Apply, NamesEachFileThatCouldNotBeRestored) {
   Installation installation;
   installation.Install("qorva.exe", "first");
   installation.Install("zul_rip.exe", "second");
   installation.Stage("app.exe", "new");
+  test::WriteFile(installation.backup_root / "app.exe", "of an earlier failed run");
   EXPECT_FALSE(installation.Apply({.fail_after_replacements = 3,
                                    .fail_first_restore = true,
                                    .fail_first_remove = true,

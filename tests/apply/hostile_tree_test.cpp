@@ -83,7 +83,7 @@ TEST_F(HostileTree, InstallsAFileOnceDespiteLinksToIt) {
 TEST_F(HostileTree, RefusesUnsafeNamesInBothWalks) {
   if (test::kOnWindows) GTEST_SKIP() << "Windows cannot create such names";
   for (const char* name : {"d0/file", "d1/file", "d2/file"}) {
-    installation_.Install(name, "old");
+    installation_.Install(name, name);
     installation_.Stage(name, "new");
   }
   const Files before = FilesBelow(installation_.target_root);

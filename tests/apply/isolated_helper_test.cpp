@@ -13,7 +13,6 @@
 namespace zul {
 namespace {
 
-using std::chrono::hours;
 using test::WriteFile;
 
 /// Sets the system's temporary folder for one test.
@@ -48,6 +47,7 @@ TEST(IsolatedHelper, RemovesFoldersThatAreAWeekOldAndNothingThroughALink) {
   const test::TempFolder folder;
   const fs::Path temp = folder / "temp";
   const ScopedTempDirectory scoped_temp(temp);
+  const std::chrono::hours week(7 * 24);
   WriteFile(folder / "precious/file", "");
   const fs::Path young = temp / "zul_updater_launch_1_1";
   const fs::Path stale = temp / "zul_updater_launch_2_1";
@@ -57,10 +57,11 @@ TEST(IsolatedHelper, RemovesFoldersThatAreAWeekOldAndNothingThroughALink) {
   }
   if (test::MakeLink(folder / "precious", temp / "zul_updater_launch_3_1")) {
     ASSERT_TRUE(test::MakeLink(folder / "precious", stale / "link"));
-    test::MakeOlder(folder / "precious", hours(8 * 24));
+    test::MakeOlder(folder / "precious", 2 * week);
   }
-  test::MakeOlder(young, hours(7 * 24 - 1));
-  test::MakeOlder(stale, hours(7 * 24));
+  // The age is not exact: the system and its file times use clocks of different resolution.
+  test::MakeOlder(young, week - std::chrono::minutes(1));
+  test::MakeOlder(stale, week + std::chrono::minutes(1));
   RemoveStaleHelperFolders();
   EXPECT_TRUE(test::Exists(young / "sub/zul_updater.exe"));
   EXPECT_FALSE(test::Exists(stale / "sub/zul_updater.exe"));

@@ -17,6 +17,8 @@ TEST(RetryFileOps, NeverRetryAFailureThatIsNotALock) {
   const TempFolder folder;
   WriteFile(folder / "file", "old");
   WriteFile(folder / "full/inside", "kept");
+  std::error_code ec;
+  ASSERT_TRUE(fs::CreateDirectories(folder / "empty", ec));
   const std::string before = test::ListTree(folder.path());
   for (const auto operation : {RetryCopyFile, RetryReplaceFile}) {
     std::string error;
@@ -26,7 +28,7 @@ TEST(RetryFileOps, NeverRetryAFailureThatIsNotALock) {
     EXPECT_NE(error.find("reason=missing_path, code="), std::string::npos) << error;
     EXPECT_EQ(error.find("attempts="), std::string::npos) << error;
   }
-  EXPECT_FALSE(RetryCopyFile(folder / "file", folder / "full", "ctx", nullptr, kNoWait));
+  EXPECT_FALSE(RetryCopyFile(folder / "file", folder / "empty", "ctx", nullptr, kNoWait));
   EXPECT_FALSE(RetryRemoveFile(folder / "full", "ctx", nullptr, kNoWait));
   EXPECT_TRUE(RetryRemoveFile(folder / "no/folder", "ctx", nullptr, kNoWait));
   EXPECT_EQ(test::ListTree(folder.path()), before);

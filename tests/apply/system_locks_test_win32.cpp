@@ -29,8 +29,8 @@ TEST(SystemLocks, EveryOtherHandleIsALock) {
   const fs::Path target = folder / "held.dll";
   test::WriteFile(target, "held");
   for (const DWORD access : {DWORD{GENERIC_READ}, DWORD{GENERIC_WRITE}, DWORD{DELETE}}) {
-    for (DWORD share = 0; share <= (FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
-         ++share) {
+    for (const DWORD share :
+         {DWORD{0}, DWORD{FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE}}) {
       LockProbeResult result;
       UniqueFileHandle holder = Hold(target, access, share);
       EXPECT_FALSE(ProbeTargetLock(target, 0, &result, nullptr)) << access << " " << share;
