@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "core/file_layer.h"
+#include "core/file.h"
 
 namespace zul {
 

@@ -149,7 +149,7 @@ FileOpResult Publish(const fs::Path& target, std::string_view contents,
         IsExistsError(ec) ? kFileOpTargetExists : StatusOf(ec, kFileOpMoveFailed);
     return Failure(status, ec, "Cannot atomically publish new file: ", target, temp.name);
   }
-  temp.name.clear();
+  temp.name.clear();  // the file is the target now
   if (options.flush_parent) FlushParent(target);
   return step;
 }

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <utility>
 
+#include "core/file_layer.h"
 #include "core/process_environment.h"
 #include "core/text.h"
 

@@ -23,7 +23,7 @@
 #include <string_view>
 #include <vector>
 
-#include "core/file_layer.h"
+#include "core/file.h"
 #include "core/log_filter.h"
 
 namespace zul {

@@ -33,6 +33,8 @@ enum class ErrorMeaning {
   kInUse,         ///< 32 (sharing violation), 33 (lock violation)
   kDiskFull,      ///< 39, 112
 };
+
+/// The meaning of `code`.
 [[nodiscard]] ErrorMeaning MeaningOf(const std::error_code& code);
 
 /// kFileNotFound or kPathNotFound.
