@@ -14,6 +14,7 @@
 
 namespace zul {
 
+/// The files of a session. docs/formats/evidence.md describes their contents.
 inline constexpr std::string_view kIncidentFile = "incident.json";
 inline constexpr std::string_view kEmergencyFile = "emergency.bin";
 inline constexpr std::string_view kMetadataFile = "metadata.json";
