@@ -11,6 +11,7 @@
 
 namespace zul {
 
+/// The result of StartCompactCollector.
 struct CollectorStartResult {
   bool ready = false;             ///< the observer answered
   std::string session_directory;  ///< UTF-8; empty when none was created

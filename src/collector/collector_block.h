@@ -17,10 +17,11 @@
 
 namespace zul {
 
+/// What the observed process asks of its observer.
 enum class ObserverRequest : std::uint32_t {
   kNone = 0,
   kCrash = 1,  ///< the emergency record is complete
-  kHang = 2,   ///< the user interface thread does not respond
+  kHang = 2,   ///< the user interface thread does not respond; capture its stack
 };
 
 /// The whole block, little-endian. Both processes are of the same build.

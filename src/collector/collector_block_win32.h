@@ -14,6 +14,7 @@
 
 namespace zul {
 
+/// For UniqueHandle.
 struct SharedBlockTraits {
   using Type = CollectorBlock*;
   static CollectorBlock* Invalid() { return nullptr; }
@@ -25,13 +26,15 @@ using UniqueSharedBlock = UniqueHandle<SharedBlockTraits>;
 /// Creates unnamed shared memory for one block, backed by the page file. Null on failure.
 [[nodiscard]] UniqueKernelHandle CreateBlockMapping();
 
-/// Maps the block in `mapping` without judging its contents. Null when `mapping` is not a file
+/// Maps the block in `mapping` without checking its contents. Null when `mapping` is not a file
 /// mapping or is smaller than a block.
 [[nodiscard]] UniqueSharedBlock MapBlock(HANDLE mapping);
 
 /// Stores the path of the session folder, unit by unit. A path of more than
 /// kSessionDirectoryUnitsMax units is cut.
 void SetSessionDirectory(const fs::Path& directory, CollectorBlock* block);
+
+/// The path that SetSessionDirectory stored.
 [[nodiscard]] fs::Path SessionDirectoryIn(const CollectorBlock& block);
 
 /// The creation time of a process, the value of CollectorBlock::process_identity: 100 ns units

@@ -18,6 +18,7 @@
 
 namespace zul {
 
+/// How a process crashed.
 enum class EmergencyKind : std::uint32_t { kNativeException = 1, kTerminate = 2 };
 
 /// The file's whole content, little-endian. The block that a process shares with its observer holds

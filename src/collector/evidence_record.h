@@ -19,6 +19,7 @@
 
 namespace zul {
 
+/// The `schema` of every record.
 inline constexpr std::string_view kEvidenceSchema = "qorva.compact_process_evidence.v1";
 
 /// The size limit of a record, with its last line feed.

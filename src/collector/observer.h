@@ -1,7 +1,7 @@
 #pragma once
 
-// The observing side of the collector: the same executable, started with --observe, and how it
-// judges its input.
+// The observing side of the collector: the same executable, started with --observe, and the checks
+// on its input.
 
 #include <array>
 #include <cstdint>

@@ -29,7 +29,7 @@ struct ProcessFacts {
 [[nodiscard]] ProcessFacts QueryProcess(std::uint32_t pid);
 
 /// True when `facts` describe the process that `key` names and it has not ended. A process that
-/// this user must not open counts as running. One with another creation time is a different process
+/// this user may not open counts as running. One with another creation time is a different process
 /// with a reused id.
 [[nodiscard]] inline bool IsSameLivingProcess(const ProcessKey& key, const ProcessFacts& facts) {
   if (facts.opened == ProcessFacts::Opened::kDenied) return true;

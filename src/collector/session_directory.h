@@ -19,6 +19,7 @@ namespace zul {
 /// terminator.
 inline constexpr std::size_t kSessionDirectoryUnitsMax = 4095;
 
+/// The files of a session. docs/formats/evidence.md describes their contents.
 inline constexpr std::string_view kIncidentFile = "incident.json";
 inline constexpr std::string_view kEmergencyFile = "emergency.bin";
 inline constexpr std::string_view kMetadataFile = "metadata.json";
