@@ -100,6 +100,7 @@ struct Report {
   Calls calls;
 };
 
+const Calls kMakingFolder = {kCreateDirectoryOnce, kKindOf};
 const Calls kCopying = {kOpenForRead,           kRead,  kCreateNewFile, kWriteSome,
                         kTakeTimeAndAttributes, kFlush, kClose,         kMoveReplacing};
 
@@ -115,7 +116,7 @@ const Report kReports[] = {
     {"cannot resolve extracted file path", Nothing, {kCanonical}},
     {"Cannot inspect extraction destination: ", SystemErrorText, {kKindOf}},
     {"ZIP extraction directory identity changed", Nothing, {kKindOf}},
-    {"Cannot create extraction parent directory: ", SystemErrorText, {kKindOf}},
+    {"Cannot create extraction parent directory: ", SystemErrorText, kMakingFolder},
     {"Cannot create unique extraction directory: ", SystemErrorText, {kCreateDirectoryOnce}},
     {"cannot create extraction directory: ", SystemErrorText, {kCreateDirectoryOnce}},
     {"cannot create extracted file exclusively: ", SystemErrorText, {kCreateNewFile}},
@@ -132,10 +133,9 @@ const Report kReports[] = {
     {"Update payload target escapes the update directory: '", Nothing, {kWeaklyCanonical}},
     {"Update target directory cannot be normalized: '", Nothing, {kWeaklyCanonical}},
     {"pre-apply lock probe failed: target='", DescribeSystemError, {kOpensExclusively}},
-    {"Cannot create rollback backup directory: '", DescribeSystemError, {kCreateDirectoryOnce}},
-    {"Cannot create rollback path: '", DescribeSystemError, {kCreateDirectoryOnce}},
-    {"Cannot create target directory for update: '", DescribeSystemError, {kCreateDirectoryOnce}},
-    {"Cannot create target directory for update: '", DescribeSystemError, {kKindOf}},
+    {"Cannot create rollback backup directory: '", DescribeSystemError, kMakingFolder},
+    {"Cannot create rollback path: '", DescribeSystemError, kMakingFolder},
+    {"Cannot create target directory for update: '", DescribeSystemError, kMakingFolder},
     {"Cannot inspect retired executable target '", DescribeSystemError, {kKindOf}},
     {"Cannot inspect staged update for retired executable '", DescribeSystemError, {kKindOf}},
     {"retired executable removal failed: ", DescribeSystemError, {kKindOf, kRemove}},
@@ -158,6 +158,11 @@ void ExpectExtraction(const FaultyRun& run) {
   EXPECT_TRUE(run.ok || IsReported(run)) << run.text;
   EXPECT_TRUE(!run.IsRetried() || run.ok == run.Passes());
   EXPECT_EQ(run.update.Installed(), SampleUpdate::kOld);
+  // A file that is not on the device is not published.
+  const std::string name = run.NameBelow("work").value_or("");
+  const bool is_staged = name.starts_with(".qorva-zip-stage.") && name.find('/') != name.npos;
+  const Calls writing = {kCreateNewFile, kWriteSome, kFlush, kClose};
+  EXPECT_FALSE(run.ok && is_staged && Contains(writing, run.failed.call));
 
   const Files before = run.update.FoundAtDestination();
   const std::vector<std::string> leftovers = run.update.ExtractionLeftovers();

@@ -30,12 +30,6 @@ int DepthOf(std::string_view text) {
   return deepest;
 }
 
-/// Not a comparison with 0: the library compares as signed and takes a count above 2^63 for a
-/// negative number.
-bool IsNegative(const json& number) {
-  return !number.is_number_unsigned() && number.get<std::int64_t>() < 0;
-}
-
 /// Requires that nothing in `value` can be a path, the name of a person or a sentence.
 void RequireNothingPrivate(const json& value, int depth) {
   Require(depth <= 3, "a sanitised record is a record, its frames, and their fields");
@@ -47,8 +41,8 @@ void RequireNothingPrivate(const json& value, int depth) {
     Require(!text.empty() && text.size() <= 128, "a word has 1 to 128 bytes");
     Require(text.find_first_not_of(kWordBytes) == text.npos, "a word has word bytes only");
   } else {
-    const bool is_count = value.is_number_integer() && !IsNegative(value);
-    Require(value.is_boolean() || is_count, "a value is a word, a flag or a count");
+    // The parser keeps a number as unsigned exactly when it is a count.
+    Require(value.is_boolean() || value.is_number_unsigned(), "a value is a word, flag or count");
   }
 }
 
@@ -83,7 +77,8 @@ void Run(std::string_view input) {
   Require(ParseEvidenceRecord(record->dump(2) + "\n") == *record, "a committed record can be read");
   if (const std::optional<ProcessKey> key = ProcessKeyOf(*record)) {
     const json& pid = record->at("pid");
-    Require(IsNegative(pid) ? key->pid == 0 : pid == key->pid, "a process has its record's id");
+    Require(pid.is_number_unsigned() ? pid == key->pid : key->pid == 0,
+            "a process has its record's id");
     Require(record->at("process_identity") == key->identity, "and its identity");
   }
 }
