@@ -69,6 +69,17 @@ TEST(Apply, ProbesEachProgramAndLibraryBeforeAnyChange) {
   EXPECT_TRUE(test::Exists(installation.target_root / "qorva.exe"));
 }
 
+TEST(Apply, RefusesAFolderUnderTheNameOfARetiredExecutable) {
+  Installation installation;
+  installation.Install("zul_rip.exe/inside.txt", "");
+  installation.Stage("app.exe", "new");
+  EXPECT_FALSE(installation.Apply());
+  EXPECT_EQ(installation.error,
+            "Retired executable target is not a regular root-level file: '" +
+                PathToUtf8(installation.target_root / "zul_rip.exe") + "'.");
+  EXPECT_EQ(installation.outcome.kind, ApplyOutcomeKind::kFailedBeforeChange);
+}
+
 // Two retired executables are removed, a file is added, and then the apply fails.
 TEST(Apply, NamesEachFileThatCouldNotBeRestored) {
   Installation installation;

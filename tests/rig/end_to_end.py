@@ -4,8 +4,8 @@ every run.
 
 `./check` runs everything through ctest. By hand, after a build of the windows preset:
 
-    export PYTHONPATH=tools
-    python3 tests/rig/test_origins.py Origins.test_updates
+    export PYTHONPATH=tools:tests/rig
+    python3 -m unittest test_origins.Origins.test_updates
     python3 -m rig.sandbox stop
 """
 

@@ -1,8 +1,5 @@
 """Replacements that fail: the rollback restores the installation, or the message asks for recovery."""
 
-import time
-import unittest
-
 import end_to_end as e2e
 from end_to_end import Run, apply_box
 from rig import packages, programs
@@ -57,31 +54,8 @@ class Apply(e2e.EndToEnd):
         (workspace,) = scene.workspaces()
         self.assertEqual(self.installed[FIRST], (workspace / "rollback_backup" / FIRST).read_bytes())
 
-    def test_refuses_a_folder_under_the_name_of_a_retired_executable(self) -> None:
-        scene = self.scene("retired folder")
-        (scene.install / "zul_rip.exe").mkdir()
-        self.check(Run("", 2, apply_box("Retired executable target is not a regular root-level file: "
-                                        "'<install>\\zul_rip.exe'."),
-                       [*e2e.EXTRACTED, "apply_fail"], buttons=e2e.BUTTONS, kept=e2e.STAGED), scene)
-        self.assertTrue((scene.install / "zul_rip.exe").is_dir())
-
     def test_reports_an_application_that_does_not_start(self) -> None:
         payload = {**self.payload, packages.APPLICATION: packages.noise(20_000, "no program")}
         self.check(Run("no start", 2, "Cannot restart application after update.",
                        [*e2e.SUCCESS[:-1], "restart_fail"], package=packages.zip_of(payload), kept=e2e.STAGED,
                        tree=packages.updated_tree(self.installed, payload)))
-
-    def test_waits_for_the_application_to_close(self) -> None:
-        scene = self.scene("waits")
-        application = scene.begin([], program=scene.install / packages.APPLICATION, dialogs=False)
-        case = Run("waits", events=e2e.SUCCESS, arguments={"pid": application.pid})
-        run = self.begin(scene, case)
-        self.wait_for(run, lambda: scene.traced("extract_ok"))
-        time.sleep(1.0)
-        self.assertTrue(run.running() and not scene.traced("apply_start"))
-        programs.close_application(self.sandbox, application.pid)
-        self.verify(scene, run.finish(), case)
-
-
-if __name__ == "__main__":
-    unittest.main()

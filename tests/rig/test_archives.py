@@ -3,7 +3,6 @@ of hostile_archives.py. The package room takes every row under Wine; one row for
 goes through the whole executable."""
 
 import shutil
-import unittest
 from pathlib import Path
 
 import end_to_end as e2e
@@ -67,7 +66,3 @@ class Archives(e2e.EndToEnd):
                     self.check(case, scene)
                     (workspace,) = scene.workspaces()
                     self.assertEqual(expected, hostile_archives.files_below(workspace / "stage"))
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,7 +1,5 @@
-"""The message boxes that offer the installer, with the real browser command and the real clipboard.
-tests/update/driver_test.cpp has each button of each box."""
-
-import unittest
+"""The message boxes that offer the installer, with the real clipboard and without a browser. A real browser
+is in test_planted_libraries.py, and each button of each box in tests/update/driver_test.cpp."""
 
 import end_to_end as e2e
 from end_to_end import PAGE, Run
@@ -22,35 +20,24 @@ MIGRATION = (
 
 
 class Dialogs(e2e.EndToEnd):
-    def test_each_button_does_what_the_box_says(self) -> None:
+    def test_the_box_copies_the_link_and_reports_a_missing_browser(self) -> None:
         unsigned = packages.zip_of({packages.APPLICATION: b"MZ without a signature"})
         apply = Run("apply", 2, e2e.apply_box(UNSIGNED), package=unsigned,
-                    more=("--require-signed-payload-binaries=1",))
-        archive_copy = Run("archive-copy", 18, MIGRATION, icon="information", primary=Reply(status=404))
-        no_browser = ("Cannot open browser automatically.\n\n" + PAGE, "warning", ("ok",))
-        no_clipboard = ("Cannot copy download link to clipboard.\n\n" + PAGE, "warning", ("ok",))
+                    more=("--require-signed-payload-binaries=1",), button="no")
+        archive_copy = Run("archive-copy", 18, MIGRATION, icon="information", primary=Reply(status=404), button="yes")
         browser = programs.Browser(self.sandbox, self.scene("browser").notes, self.addCleanup)
-        for case, button, available, opened, clipboard_text, warnings in (
-                (apply, "yes", True, [PAGE], BEFORE, []),
-                (apply, "no", True, [], PAGE, []),
-                (archive_copy, "yes", False, [], BEFORE, [no_browser]),
-                (archive_copy, "no", False, [], BEFORE, [no_clipboard])):
+        for case, available, copied, warnings in ((apply, True, PAGE, []), (archive_copy, False, BEFORE, [
+                ("Cannot open browser automatically.\n\n" + PAGE, "warning", ("ok",))])):
             browser.set_up(available)
-            name = f"{case.name}-{button}"
-            with self.subTest(name), programs.Clipboard(self.sandbox, BEFORE, available) as clipboard:
-                scene = self.scene(name)
+            with self.subTest(case.name), programs.Clipboard(self.sandbox, BEFORE, available) as clipboard:
+                scene = self.scene(case.name)
                 if case is archive_copy:
                     (scene.install / packages.INSTALLER_MARKER).unlink()
                 before = packages.snapshot(scene.install)
-                case.button = button
                 outcome = self.begin(scene, case).finish()
                 self.assertEqual(case.code, outcome.exit_code, outcome.dialogs)
                 self.assert_boxes(scene, outcome, [(case.message, case.icon, e2e.BUTTONS), *warnings])
-                self.assertEqual((opened, clipboard_text), (browser.opened(len(opened)), clipboard.read()))
+                self.assertEqual(([], copied), (browser.opened(0), clipboard.read()))
                 self.assertEqual(before, packages.snapshot(scene.install))
                 self.assert_nothing_outside(scene)
         self.assertEqual([], self.server.requests("/Dialogs-archive"), "an archive copy requested a package")
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -4,7 +4,6 @@ tests/update/driver_test.cpp has each refusal."""
 import json
 import os
 import shutil
-import unittest
 
 import end_to_end as e2e
 from end_to_end import Run
@@ -68,7 +67,3 @@ class ByHand(e2e.EndToEnd):
         self.assertEqual([], programs.missing_marks(
             folder, f'start 1.0.0 {packages.APPLICATION} "{path}" --show-update-status', "window "))
         self.assert_nothing_outside(scene)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -4,7 +4,6 @@ user presses the button. It waits for other processes for a moment and never end
 import json
 import shutil
 import time
-import unittest
 
 import end_to_end as e2e
 from end_to_end import Run, apply_box
@@ -135,6 +134,7 @@ class Locks(e2e.EndToEnd):
         watch_idle = programs.Helper(self.sandbox, "watch", programs.APPLICATION_CLASS, str(idle.pid))
         self.wait_for(run, lambda: scene.traced("extract_ok"))
         time.sleep(1)
+        self.assertTrue(run.running() and not scene.traced("apply_start"))
         programs.close_application(self.sandbox, main.pid)
         outcome = run.finish()
         programs.close_application(self.sandbox, idle.pid)
@@ -145,7 +145,3 @@ class Locks(e2e.EndToEnd):
         for asked, came in seen["slow"]:
             allowed = 300 + max((b - a for a, b in machine["slow"] if a < came and b > asked), default=0)
             self.assertLessEqual(came - asked, allowed, (seen, machine))
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,8 +1,6 @@
 """Where the package comes from: what the platform's HTTP client makes of odd servers, redirects and
 certificates. The choice between the origins is decided natively, in tests/update/driver_test.cpp."""
 
-import unittest
-
 import end_to_end as e2e
 from end_to_end import Run
 from rig import packages, places, trace_log
@@ -93,10 +91,6 @@ class Origins(e2e.EndToEnd):
                 e2e.NOT_FETCHED, primary=redirect(foreign), kept=(),
                 details={"download_fail": {"reason": "effective_url_host_allowlist", "effective_url": foreign,
                                            "failure_kind": "transport"}}),
-            Run("declared too large", 2, TOO_LARGE, e2e.NOT_FETCHED, kept=(),
-                primary=Reply(body=b"x", declared_length=(1 << 30) + 1),
-                details={"download_fail": {"reason": "content_length_cap", "failure_kind": "http_status",
-                                           "declared_size": str((1 << 30) + 1)}}),
             Run("downgrade redirect", 2, LOST, e2e.NOT_FETCHED, kept=(), details=TRANSPORT,
                 primary=redirect(self.server.plain_url(places.PRIMARY_HOST, "/p.zip"))),
             Run("untrusted certificate", 2, LOST, e2e.NOT_FETCHED, kept=(), details=TRANSPORT,
@@ -138,7 +132,3 @@ class Stall(e2e.EndToEnd):
         progress = [event for event in outcome.trace
                     if event["stage"] == "download_progress" and event["origin_role"] == "primary"]
         self.assertEqual(2, len(progress), trace_log.names(outcome.trace))
-
-
-if __name__ == "__main__":
-    unittest.main()

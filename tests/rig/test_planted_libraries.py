@@ -131,7 +131,3 @@ class PlantedLibraries(test_self_replace.FromInside):
                              [path.lower() for path in paths])
             self.assertEqual(sorted(folder / f"{name}.loaded" for name in LOOKED_UP),
                              sorted(self.loaded_by(scene, scene.windows(loader))))
-
-
-if __name__ == "__main__":
-    unittest.main()

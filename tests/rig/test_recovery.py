@@ -5,7 +5,6 @@ import json
 import os
 import subprocess
 import time
-import unittest
 from pathlib import Path
 
 import end_to_end as e2e
@@ -125,7 +124,3 @@ class Recovery(e2e.EndToEnd):
         (report,) = scene.reports.glob("compact_process_*.json")
         reported = json.loads(report.read_text("utf-8"))["compact_process_evidence"]
         self.assertEqual(incident["frames"], reported["frames"])
-
-
-if __name__ == "__main__":
-    unittest.main()
