@@ -19,7 +19,7 @@ from itertools import islice
 from pathlib import Path
 
 import hostile_archives
-from hostile_archives import Expected, Tree
+from hostile_archives import Expected, Tree, files_below
 
 ROOT = Path(__file__).resolve().parents[2]
 # Names without the flag of UTF-8 are read in each of these; one of the results must be ours.
@@ -72,12 +72,6 @@ def unzip_reads(path: Path, _charset: str, scratch: Path) -> Tree | None:
 
 Reader = Callable[[Path, str, Path], Tree | None]
 READERS: tuple[Reader, ...] = (python_reads, bsdtar_reads, seven_zip_reads, unzip_reads)
-
-
-def files_below(folder: Path) -> Tree:
-    """A link counts as a file with its target as content, as in an archive."""
-    return {str(path.relative_to(folder)): os.fsencode(path.readlink()) if path.is_symlink() else path.read_bytes()
-            for path in folder.rglob("*") if path.is_symlink() or path.is_file()}
 
 
 def without_clutter(tree: Tree) -> Tree:

@@ -5,6 +5,7 @@ tests/package/agreement.py gives every row to the native package room and to oth
 tests/rig/test_archives.py to the package room under Wine.
 """
 
+import os
 import random
 import re
 import struct
@@ -58,27 +59,22 @@ OTHER = archive(Entry("other.txt", b"other"))
 
 UNSAFE_NAMES: tuple[str | bytes, ...] = (
     # out of the folder
-    f"../{ESCAPED}", f"..\\{ESCAPED}", f"a/../../{ESCAPED}", f"a\\..\\..\\{ESCAPED}", f"a/..\\../{ESCAPED}",
-    f"../../../../../../{ESCAPED}", f"..\\..\\..\\..\\..\\{ESCAPED}.dll", "..", "a/..", "../", f"./{ESCAPED}",
-    f"a/./{ESCAPED}", f".../{ESCAPED}", f".. /{ESCAPED}", f"..\0/{ESCAPED}",
+    f"../{ESCAPED}", f"..\\{ESCAPED}", f"a\\../../{ESCAPED}", "..", "a/..", "../", f"a/./{ESCAPED}", f".../{ESCAPED}",
     # from a root
-    f"/{ESCAPED}", f"\\{ESCAPED}", f"a//{ESCAPED}", f"C:/{ESCAPED}", f"C:\\{ESCAPED}", f"C:{ESCAPED}",
-    f"Z:/tmp/{ESCAPED}", f"//server/share/{ESCAPED}", f"\\\\server\\share\\{ESCAPED}", f"\\\\?\\C:\\{ESCAPED}",
-    f"//./C:/{ESCAPED}", f"\\??\\C:\\{ESCAPED}", f"file:///C:/{ESCAPED}", "", "/", "a//",
+    f"/{ESCAPED}", f"a//{ESCAPED}", f"C:{ESCAPED}", f"Z:/tmp/{ESCAPED}", f"\\\\?\\C:\\{ESCAPED}",
+    f"\\??\\C:\\{ESCAPED}", "", "/",
     # devices, streams, and names that Windows reads as other names
     "NUL", "con.txt", "a/Aux", "PRN/a", "COM1.tar.gz", "lpt\u00b9", "com\u00b2", "com\u00b3.log", "nul .txt",
-    "CONOUT$:", f"a.txt:{ESCAPED}", "a.txt::$DATA", "qorva_gui.exe:Zone.Identifier", "a.txt.", "a.txt ", "a /b", "a./b",
-    "a. . .", "a\u00a0 ", "a*b", "a?b", "a<b", "a|b", 'a"b',
+    "CONOUT$:", f"a.txt:{ESCAPED}", "a.txt.", "a.txt ", "a /b", "a./b", "a*b", "a?b", "a<b", "a|b", 'a"b',
     # control characters
-    "a\0b", "a.exe\0.txt", "a\nb", "a\x1b[2Jb", "a\x7fb", "\b\b\b",
+    "a\0b", "a\nb", "a\x1b[2Jb", "a\x7fb",
 )
 
 # Unusual names that Windows does not read as another name.
 SAFE_NAMES = (
-    "a\u202egpj.exe", "\u2066a\u2069.txt", "a\u0085b", "\ufeffa", "\u200b", "\uff0e\uff0e\uff0fa", "\u2025\u2215a",
-    "conx", "xcon", "com0", "com10", "com\u2074", "x__MACOSX", "__MACOSX.txt", "a.DS_Store", "a._b", ".hidden", "...a",
-    "LONGNA~1.TXT", "a" * 100, "-rf", "$(id)", "%TEMP%",
-    "d/" * 30 + "a", "A\u030a.txt", "\u00c5.txt", "имя/жук.icc", "dir\\sub\\a",
+    "a\u202egpj.exe", "a\u0085b", "\ufeffa", "\u200b", "\uff0e\uff0e\uff0fa", "\u2025\u2215a", "conx", "xcon",
+    "com0", "com10", "com\u2074", "x__MACOSX", "__MACOSX.txt", "a.DS_Store", "a._b", ".hidden", "...a", "LONGNA~1.TXT",
+    "a" * 100, "$(id)", "%TEMP%", "d/" * 30 + "a", "\u00c5.txt", "имя/жук.icc", "dir\\sub\\a",
 )
 
 
@@ -135,27 +131,22 @@ def local_against_central() -> list[Case]:
     cases = [Case(f"local {name}", one(**options), expected) for name, options, expected in (
         ("method", {"local": {"method": 8}}, "local header compression method does not match central directory"),
         ("flags", {"local": {"flags": UTF8}}, "local header flags do not match central directory"),
-        ("encryption", {"local": {"flags": 1}}, "local header flags do not match central directory"),
-        ("name", {"local_name": "b"}, NAME_DIFFERS),
         ("name that climbs", {"local_name": f"../{ESCAPED}"}, NAME_DIFFERS),
         ("name in another case", {"local_name": "A"}, NAME_DIFFERS),
         ("name of a folder", {"local_name": "a/"}, NAME_DIFFERS),
         ("name length", {"local": {"name_length": 0}}, NAME_DIFFERS),
         ("name beyond the file", {"local": {"name_length": 0xFFFF}}, CUT_LOCAL),
         ("extra field beyond the directory", {"local": {"extra_length": 40}}, BAD_LOCAL),
-        ("extra field that is data", {"local": {"extra_length": 4}}, BAD_LOCAL),
         ("CRC", {"local": {"crc": 1}}, SIZES_DIFFER),
         ("compressed size", {"local": {"packed": 4}}, SIZES_DIFFER),
         ("size", {"local": {"size": 4}}, SIZES_DIFFER),
         ("Zip64 size", {"zip64": True, "local": {"size": 1 << 33}}, SIZES_DIFFER),
-        ("Zip64 size in the directory", {"zip64": True, "central": {"size": 1 << 33}}, SIZES_DIFFER),
         ("zeros without a descriptor", {"local": {"crc": 0, "packed": 0, "size": 0}}, SIZES_DIFFER),
         # Writers that cannot go back to the header and know some of the values.
         ("zeros but for the size, with a descriptor", {"streamed": True, "local": {"size": 18}}, SIZES_DIFFER),
         ("zeros but for the CRC, with a descriptor", {"streamed": True, "local": {"crc": 1}}, SIZES_DIFFER),
         ("signature", {"local": {"signature": b"PK\1\2"}}, BAD_LOCAL),
         ("version and time", {"local": {"version": 63, "time": 1, "date": 1}}, {"a": HELLO}),
-        ("descriptor", {"streamed": True}, {"a": HELLO}),
         ("descriptor of a deflated entry", {"streamed": True, "deflate": True, "zip64": True}, {"a": HELLO}),
         ("descriptor's flag and true values", {"both": stream}, {"a": HELLO}))]
     lying = bytearray(one(streamed=True))
@@ -211,7 +202,6 @@ def containers() -> list[Case]:
         ("no entry", two_files(end=declare(0)), COUNT),
         ("one entry more", two_files(end=declare(3)), INCOMPLETE),
         ("two counts", two_files(end={"entries": 3}), BAD_DIRECTORY),
-        ("one entry less, Zip64", two_files(end64=declare(1)), COUNT),
         ("2^40 entries", two_files(end64=declare(1 << 40)), INCOMPLETE),
         ("2^62 entries", two_files(end64=declare(HUGE)),
          "ZIP central directory has too many entries for this system"),
@@ -239,7 +229,6 @@ def containers() -> list[Case]:
         ("a Zip64 count that differs", two_files(end64=declare(1), end={**declare(2), "directory_size": 94,
                                                                        "directory_offset": 73}), INCOMPLETE),
         ("a directory at the stated place and one at the end", good + second[-22 - 94:], INCOMPLETE),
-        ("an archive after an archive of its size", good + second, INCOMPLETE),
         ("an archive after another", OTHER + good, files),
         ("an archive in a comment", two_files(comment=OTHER), {"other.txt": b"other"}),
         ("an end record in a comment", two_files(comment=b"see " + fake_end), INCOMPLETE),
@@ -265,22 +254,18 @@ def content() -> list[Case]:
         ("zeros, a thousand to one", {"data": ZEROS, "deflate": True}, {"a": ZEROS}),
         ("one stored byte more than declared", {"both": {"size": 17}}, TOO_LONG),
         ("fewer bytes than declared", {"deflate": True, "both": {"size": 19}}, TOO_SHORT),
-        ("fewer stored bytes than declared", {"packed": HELLO[:9]}, TOO_SHORT),
-        ("no data", {"deflate": True, "packed": b""}, TOO_SHORT),
         ("a wrong CRC", {"both": {"crc": 1}}, WRONG_CRC),
         ("a wrong CRC of an empty file", {"data": b"", "both": {"crc": 1}}, WRONG_CRC),
         ("a wrong CRC in a descriptor", {"streamed": True, "central": {"crc": 1}}, WRONG_CRC),
         ("a wrong CRC, and a size for which libraries do not check it",
          {"data": b"a" * 100, "deflate": True, "streamed": True, "both": {"crc": 1, "packed": 8, "size": 100}},
          WRONG_CRC),
-        ("one bit changed", {"packed": bytes([HELLO[0] ^ 1]) + HELLO[1:]}, WRONG_CRC),
         ("invalid deflate data", {"deflate": True, "packed": b"\xff" * 9}, "ZIP inflate failed: compressed data error"),
         ("half of the deflate data", {"data": bytes(range(256)), "deflate": True,
                                       "packed": deflated(bytes(range(256)))[:40]}, re.compile("ZIP .*")),
         ("bytes after the deflate data", {"deflate": True, "packed": deflated(HELLO) + b"more"},
          "ZIP entry close failed: compressed data error"),
         ("encryption", {"both": {"flags": 1}}, ENCRYPTED),
-        ("strong encryption", {"both": {"flags": 0x41}}, ENCRYPTED),
         ("AES", {"both": {"method": 99, "flags": 1}, "extra": extra(0x9901, b"\2\0AE\3\0\0")}, ENCRYPTED),
         ("AES with the method of the content", {"central_extra": extra(0x9901, b"\2\0AE\3\0\0")}, ENCRYPTED),
         ("an encrypted directory", {"both": {"flags": 0x2000}}, "encrypted ZIP central directory is not supported"),
@@ -324,7 +309,9 @@ def meets(expected: Expected | None, seen: str | Tree) -> bool:
 
 
 def files_below(folder: Path) -> Tree:
-    return {str(path.relative_to(folder)): path.read_bytes() for path in folder.rglob("*") if path.is_file()}
+    """A link counts as a file with its target as content, as in an archive."""
+    return {str(path.relative_to(folder)): os.fsencode(path.readlink()) if path.is_symlink() else path.read_bytes()
+            for path in folder.rglob("*") if path.is_symlink() or path.is_file()}
 
 
 def cases() -> list[Case]:
