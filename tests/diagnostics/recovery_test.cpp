@@ -22,7 +22,8 @@ const ProcessKey kDeadProcess{4294967280, "1"};
 json LeftSession(const json& change = json::object()) {
   json session = json::parse(R"({
       "session_id": "session_1", "termination_state": "active", "checkpoint_sequence": 4,
-      "started_at_local": "2026-01-01 00:00:00", "updated_at_unix_ms": 1767225602000,
+      "started_at_local": "2026-01-01 00:00:00", "updated_at_local": "C:\\Users\\me",
+      "updated_at_unix_ms": 1767225602000,
       "host_monotonic_ms": 1, "process_uptime_ms": 1500, "pid": 4294967280, "process_identity": "1",
       "app": {"app_name": "QORVA", "version": "0.9", "exe": "C:\\Users\\me\\x.exe"},
       "runtime_state": {"stage": "apply", "job_name": "Smith poster", "odd": 1},

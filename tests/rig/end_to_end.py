@@ -150,6 +150,13 @@ class EndToEnd(unittest.TestCase):
             self.assertTrue(run.running(), "the run ended too early")
             time.sleep(0.005)
 
+    def wait_until(self, reached: Callable[[], bool]) -> None:
+        """Waits for a condition that must become true within a minute."""
+        end = time.monotonic() + 60
+        while not reached():
+            self.assertLess(time.monotonic(), end, "it did not happen")
+            time.sleep(0.01)
+
     # -- expectations
 
     def verify(self, scene: Scene, outcome: Outcome, case: Run) -> None:

@@ -105,10 +105,7 @@ class PlantedLibraries(test_self_replace.FromInside):
         self.check_that_the_plants_work(scene, scene.install, *planted)
 
     def release(self, hold: programs.Hold, when_there_is: Path) -> None:
-        end = time.monotonic() + 60
-        while not when_there_is.exists():
-            self.assertLess(time.monotonic(), end)
-            time.sleep(0.01)
+        self.wait_until(when_there_is.exists)
         hold.output()
 
     def test_a_failed_update_and_a_started_browser_load_none_of_them(self) -> None:

@@ -4,7 +4,6 @@ is full."""
 import json
 import os
 import subprocess
-import time
 from pathlib import Path
 
 import end_to_end as e2e
@@ -96,8 +95,7 @@ class Recovery(e2e.EndToEnd):
         _, run = self.begin_waiting(scene)
         programs.tool(self.sandbox, "crash", str(run.pid))
         self.assertEqual(0xC0000005, run.finish().exit_code)
-        while any(" --observe " in program.command for program in scene.running()):
-            time.sleep(0.01)
+        self.wait_until(lambda: not any(" --observe " in program.command for program in scene.running()))
         (session,) = self.evidence(scene)
         return scene, json.loads((session / "incident.json").read_text("utf-8"))
 

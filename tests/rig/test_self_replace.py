@@ -39,10 +39,8 @@ class FromInside(e2e.EndToEnd):
         meanwhile()
         outcome = run.finish()
         self.assertEqual((0, []), (outcome.exit_code, outcome.dialogs))
-        end = time.monotonic() + 60
-        while any(re.search(r"zul_updater\.exe|--observe", program.command) for program in scene.running()):
-            self.assertLess(time.monotonic(), end, trace_log.read(scene.trace_path))
-            time.sleep(0.02)
+        self.wait_until(lambda: not any(re.search(r"zul_updater\.exe|--observe", program.command)
+                                        for program in scene.running()))
         outcome.trace = trace_log.read(scene.trace_path)
         return outcome
 
