@@ -74,9 +74,8 @@ TEST(Apply, RefusesAFolderUnderTheNameOfARetiredExecutable) {
   installation.Install("zul_rip.exe/inside.txt", "");
   installation.Stage("app.exe", "new");
   EXPECT_FALSE(installation.Apply());
-  EXPECT_EQ(installation.error,
-            "Retired executable target is not a regular root-level file: '" +
-                PathToUtf8(installation.target_root / "zul_rip.exe") + "'.");
+  EXPECT_EQ(installation.error, "Retired executable target is not a regular root-level file: '" +
+                                    PathToUtf8(installation.target_root / "zul_rip.exe") + "'.");
   EXPECT_EQ(installation.outcome.kind, ApplyOutcomeKind::kFailedBeforeChange);
 }
 
