@@ -7,6 +7,7 @@ build/rig/certificates.
 """
 
 import base64
+import fcntl
 import hashlib
 import shutil
 import struct
@@ -63,12 +64,20 @@ def run(*command: object) -> None:
 
 
 def make_authority(name: str) -> Authority:
-    """Returns the authority of this name, which is made by the first call."""
+    """Returns the authority of this name, which the first call makes. Several programs may call this at once."""
     folder = places.RIG_HOME / "certificates" / f"{name}-{EDITION}"
-    if (folder / "complete").exists():
-        return Authority(folder)
-    shutil.rmtree(folder, ignore_errors=True)
-    folder.mkdir(parents=True)
+    folder.parent.mkdir(parents=True, exist_ok=True)
+    with open(folder.parent / f"{name}.lock", "w") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        if not (folder / "complete").exists():
+            shutil.rmtree(folder, ignore_errors=True)
+            fill(folder, name)
+    return Authority(folder)
+
+
+def fill(folder: Path, name: str) -> None:
+    """Makes the keys and certificates of an authority in a new folder."""
+    folder.mkdir()
     settings = folder / "settings"
     settings.write_text("[req]\ndistinguished_name=name\n[name]\n")  # the machine's settings would add extensions
     for title, subject, digest, days, extensions in CERTIFICATES:
@@ -81,7 +90,6 @@ def make_authority(name: str) -> Authority:
         run("openssl", "x509", "-req", "-in", request, "-copy_extensions", "copyall", f"-{digest}",
             "-days", days, *issuer, "-out", certificate)
     (folder / "complete").touch()
-    return Authority(folder)
 
 
 def registry_text(root: Path) -> str:
