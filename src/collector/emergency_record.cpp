@@ -1,7 +1,6 @@
 #include "collector/emergency_record.h"
 
 #include <bit>
-#include <cstring>
 #include <nlohmann/json.hpp>
 
 #include "collector/session_directory.h"
@@ -22,15 +21,6 @@ bool WriteEmergencyRecord(fs::File& file, const EmergencyRecord& record) noexcep
   return file.Flush(ec) && whole;
 }
 
-std::optional<EmergencyRecord> ParseEmergencyRecord(std::string_view bytes) {
-  constexpr EmergencyRecord kSound;
-  EmergencyRecord record;
-  if (bytes.size() != sizeof record) return std::nullopt;
-  std::memcpy(&record, bytes.data(), sizeof record);
-  if (record.magic != kSound.magic || record.size != kSound.size) return std::nullopt;
-  return record;
-}
-
 void MergeEmergencyRecord(const EmergencyRecord& emergency, nlohmann::json* record) {
   const bool terminated = emergency.kind == static_cast<std::uint32_t>(EmergencyKind::kTerminate);
   (*record)["exception_observed"] = true;
@@ -47,11 +37,13 @@ void ReadEmergencyFile(const fs::Path& session_directory, nlohmann::json* record
     return;
   }
   fs::File file = fs::OpenForRead(path, ec);
-  std::array<char, sizeof(EmergencyRecord)> bytes;
+  constexpr EmergencyRecord kValid;
+  EmergencyRecord emergency;
   std::size_t read = 0;
-  if (!file.is_open() || !file.Read(bytes.data(), bytes.size(), &read, ec)) return;
-  if (const auto emergency = ParseEmergencyRecord({bytes.data(), read})) {
-    MergeEmergencyRecord(*emergency, record);
+  if (file.is_open() && file.Read(&emergency, sizeof emergency, &read, ec) &&
+      read == sizeof emergency && emergency.magic == kValid.magic &&
+      emergency.size == kValid.size) {
+    MergeEmergencyRecord(emergency, record);
   }
 }
 

@@ -10,8 +10,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <nlohmann/json_fwd.hpp>
-#include <optional>
-#include <string_view>
 #include <type_traits>
 
 #include "core/file_layer.h"
@@ -54,15 +52,12 @@ static_assert(std::is_trivially_copyable_v<EmergencyRecord> &&
 /// can call it. False when a part was not written or the flush failed.
 [[nodiscard]] bool WriteEmergencyRecord(fs::File& file, const EmergencyRecord& record) noexcept;
 
-/// The record that `bytes` are; nothing when their number, the magic or the size field is wrong.
-[[nodiscard]] std::optional<EmergencyRecord> ParseEmergencyRecord(std::string_view bytes);
-
 /// Sets exception_observed, exception_code, thread_id and event in an incident record, which must
 /// be an object.
 void MergeEmergencyRecord(const EmergencyRecord& emergency, nlohmann::json* record);
 
-/// Merges a session's emergency.bin into its incident record. A file that holds no record, as the
-/// empty file of a process that did not crash, changes nothing.
+/// Merges a session's emergency.bin into its incident record. A file of another size, or with
+/// another magic or size field, holds no record and changes nothing.
 void ReadEmergencyFile(const fs::Path& session_directory, nlohmann::json* record);
 
 }  // namespace zul
