@@ -80,21 +80,18 @@ TEST(Apply, NamesEachFileThatCouldNotBeRestored) {
                                    .fail_first_restore = true,
                                    .fail_first_remove = true,
                                    .corrupt_first_restore = true}));
-  const auto target = [&](const char* name) {
-    return "'" + PathToUtf8(installation.target_root / name) + "'";
-  };
-  const auto backup = [&](const char* name) {
-    return "'" + PathToUtf8(installation.backup_root / name) + "'";
-  };
+  const auto quoted = [](const fs::Path& path) { return "'" + PathToUtf8(path) + "'"; };
+  const auto target = [&](const char* name) { return quoted(installation.target_root / name); };
+  const auto backup = [&](const char* name) { return quoted(installation.backup_root / name); };
   const std::string injected = ", reason=filesystem_error, code=13, message='" +
                                SystemErrorText(std::make_error_code(std::errc::permission_denied)) +
                                "' (fault injected)";
   EXPECT_EQ(installation.error,
             "RECOVERY_REQUIRED: update apply failed: fault injection: apply failed after 3 "
             "successful replacement(s). Rollback was incomplete; do not start QORVA from this "
-            "folder. Rollback backup was preserved at '" +
-                PathToUtf8(installation.backup_root) +
-                "'. Run the current QORVA installer to repair the installation. " +
+            "folder. Rollback backup was preserved at " +
+                quoted(installation.backup_root) +
+                ". Run the current QORVA installer to repair the installation. " +
                 "Rollback failure(s): rollback remove failed: target=" + target("app.exe") +
                 injected + " | rollback verification failed: newly installed target " +
                 target("app.exe") + " still exists after removal. | rollback restore failed: " +

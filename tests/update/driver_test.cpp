@@ -42,51 +42,36 @@ std::string BoxOf(const std::string& report) {
 
 TEST(Driver, RefusesARequestBeforeAnySideEffect) {
   const std::string incomplete = "Update payload is incomplete.";
+  const std::string foreign = "Update download host is not allowed: h.example";
+  const std::string no_digest = "Update SHA-256 must be a 64-character hex string.";
   const struct {
-    const char* name;
     void (*change)(UpdateRequest& request);
     std::string message;
+    bool for_proof = false;
   } cases[] = {
-      {"no url", [](auto& r) { r.download_url.clear(); }, incomplete},
-      {"no digest", [](auto& r) { r.sha256.clear(); }, incomplete},
-      {"no target", [](auto& r) { r.target_dir.clear(); }, incomplete},
-      {"no application", [](auto& r) { r.restart_exe.clear(); }, incomplete},
-      {"restart arguments", [](auto& r) { r.restart_args = "x"; },
-       "Updater restart arguments are not supported."},
-      // Refused before the path is.
-      {"proof that waits",
-       [](auto& r) {
-         r.headless_restart_version_proof = true;
-         r.target_dir = "x";
-       },
-       "Headless installed-update proof requires an isolated updater request."},
-      {"proof of unsigned files",
-       [](auto& r) {
-         r.headless_restart_version_proof = true;
-         r.pid = 0;
-       },
-       "Headless installed-update proof requires signed payload verification."},
-      {"path", [](auto& r) { r.target_dir = "x"; },
-       "Update target directory must be an absolute path."},
-      {"plain text", [](auto& r) { r.download_url.replace(0, 5, "http"); },
-       "Update URL must use HTTPS"},
-      {"foreign host", [](auto& r) { r.download_url = "https://h.example/p.zip"; },
-       "Update download host is not allowed: h.example"},
-      {"foreign mirror", [](auto& r) { r.fallback_download_url = "https://h.example/p.zip"; },
-       "Update download host is not allowed: h.example"},
-      {"long digest", [](auto& r) { r.sha256 += 'a'; },
-       "Update SHA-256 must be a 64-character hex string."},
-      {"no digit", [](auto& r) { r.sha256.back() = 'g'; },
-       "Update SHA-256 must be a 64-character hex string."},
-      {"required name",
-       [](auto& r) {
-         r.required_payload_files = {"a.dll", "../b.dll"};
-       },
+      {[](auto& r) { r.download_url.clear(); }, incomplete},
+      {[](auto& r) { r.sha256.clear(); }, incomplete},
+      {[](auto& r) { r.target_dir.clear(); }, incomplete},
+      {[](auto& r) { r.restart_exe.clear(); }, incomplete},
+      {[](auto& r) { r.restart_args = "x"; }, "Updater restart arguments are not supported."},
+      // A proof that waits for a process is refused before the path is.
+      {[](auto& r) { r.target_dir = "x"; },
+       "Headless installed-update proof requires an isolated updater request.", true},
+      {[](auto& r) { r.pid = 0; },
+       "Headless installed-update proof requires signed payload verification.", true},
+      {[](auto& r) { r.target_dir = "x"; }, "Update target directory must be an absolute path."},
+      {[](auto& r) { r.download_url.replace(0, 5, "http"); }, "Update URL must use HTTPS"},
+      {[](auto& r) { r.download_url = "https://h.example/p.zip"; }, foreign},
+      {[](auto& r) { r.fallback_download_url = "https://h.example/p.zip"; }, foreign},
+      {[](auto& r) { r.sha256 += 'a'; }, no_digest},
+      {[](auto& r) { r.sha256.back() = 'g'; }, no_digest},
+      {[](auto& r) { r.required_payload_files.push_back("../b.dll"); },
        "Update package required file name is unsafe: ../b.dll"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(&c - cases);
     UpdateScene scene;
+    scene.request.headless_restart_version_proof = c.for_proof;
     scene.Uninstall("qorva_installation.json");  // validation comes before the archive refusal
     c.change(scene.request);
     EXPECT_EQ(scene.Run(), 2);
@@ -135,10 +120,10 @@ struct Case {
   const char* installed = "old";
   bool next_copy_left = false;
 
-  void Check(const std::function<void(UpdateScene&)>& before = [](auto&) {}) const {
+  void Check(bool from_inside = false) const {
     SCOPED_TRACE(name);
     UpdateScene scene;
-    before(scene);
+    if (from_inside) scene.RunFromInside();
     arrange(scene);
     EXPECT_EQ(scene.Run(), exit_code);
     EXPECT_EQ(scene.calls, calls);
@@ -160,8 +145,7 @@ TEST(Driver, RunsItsStagesUntilOneFails) {
       {"success", [](auto&) {}, 0, fetched + kDone, "", kRestarted, "-", "new"},
       {"a package without the running updater",
        [](auto& s) {
-         s.RunFromInside();
-         s.Serve({{"qorva_gui.exe", "new program"}});
+         s.RunFromInside().Serve({{"qorva_gui.exe", "new program"}});
        },
        0, fetched + kDone, "", kRestarted, "-", "new"},
       // Where the URL does not end in ".zip", the first bytes decide.
@@ -247,7 +231,7 @@ TEST(Driver, LeavesNoStagedCopyOfTheUpdaterAfterAFailure) {
        },
        2, replaced + start + kEnd, "error: No.", kNotRestarted, staged, "new", true},
   };
-  for (const Case& c : cases) c.Check([](UpdateScene& scene) { scene.RunFromInside(); });
+  for (const Case& c : cases) c.Check(true);
 }
 
 TEST(Driver, AsksTheMirrorOnlyAfterAFailureThatAMirrorMayCure) {
@@ -305,21 +289,19 @@ TEST(Driver, RestartsTheCurrentNameForAProofOfTheVersion) {
   scene.request.required_payload_files = {"colors.dat"};  // no binary that could be unsigned
   scene.Serve({{"colors.dat", "new colors"}});
   EXPECT_EQ(scene.Run(), 0) << scene.report;
-  EXPECT_TRUE(
-      scene.calls.ends_with(" apply start <install>/qorva_gui.exe --write-app-version-json "
-                            "\"<install>/.qorva_update_restart_proof.json\" window-gone"))
-      << scene.calls;
+  EXPECT_EQ(scene.calls,
+            "isolate primary wait apply start <install>/qorva_gui.exe --write-app-version-json "
+            "\"<install>/.qorva_update_restart_proof.json\" window-gone");
 }
 
 TEST(Driver, ShowsEachStageAndTracesTheSelectedOrigin) {
   UpdateScene scene;
   scene.NameMirror().primary.chunks.front() = "wrong";
   EXPECT_EQ(scene.Run(), 0);
-  const std::string selected =
-      "download_selected selected_url=" + scene.request.fallback_download_url;
+  const auto selected = "download_selected selected_url=" + scene.request.fallback_download_url;
   const std::vector<std::string> events = scene.trace.Events();
   EXPECT_EQ(std::count(events.begin(), events.end(), selected), 1);
-  EXPECT_EQ(scene.titles,
+  EXPECT_EQ(scene.Titles(),
             "Preparing update... | Creating temporary workspace. | 0%\n"
             "Connecting to update server... | Preparing download... | Working...\n"
             "Verifying update package... | Checking downloaded package SHA-256. | 100%\n"
@@ -343,24 +325,15 @@ TEST(Driver, OpensTheApplicationWhenItIsStartedByHand) {
     const char* name;
     std::function<void(UpdateScene&)> arrange;
     int exit_code;
-    std::string calls;
-    std::string box;
+    std::string calls, box;
   } cases[] = {
       {"both names", [](auto& s) { s.Install("zul_rip_gui.exe"); }, 0,
        started + "qorva_gui.exe --show-update-status", ""},
-      {"the legacy name",
-       [](auto& s) {
-         s.Install("zul_rip_gui.exe");
-         s.Uninstall("qorva_gui.exe");
-       },
+      {"the legacy name", [](auto& s) { s.Install("zul_rip_gui.exe").Uninstall("qorva_gui.exe"); },
        0, started + "zul_rip_gui.exe --show-update-status", ""},
       {"it runs", [](auto& s) { s.application_runs = true; }, 0, "show-running", ""},
-      {"an archive copy",
-       [](auto& s) {
-         s.application_runs = true;
-         s.Uninstall("qorva_installation.json");
-       },
-       18, "box", "67: " + kMigrationNotice},
+      {"an archive copy", [](auto& s) { s.Uninstall("qorva_installation.json"); }, 18, "box",
+       "67: " + kMigrationNotice},
       {"it does not start", [](auto& s) { s.launch_error = "No."; }, 2,
        started + "qorva_gui.exe --show-update-status box", "16: No."},
       {"no application", [](auto& s) { s.Uninstall("qorva_gui.exe"); }, 2, "show-running box",
@@ -376,7 +349,7 @@ TEST(Driver, OpensTheApplicationWhenItIsStartedByHand) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     UpdateScene scene;
-    scene.world.own_executable = scene.install / test::kUpdaterName;
+    scene.RunFromInside();
     c.arrange(scene);
     EXPECT_EQ(scene.RunWith({L"updater.exe"}), c.exit_code);
     EXPECT_EQ(scene.calls, c.calls);
