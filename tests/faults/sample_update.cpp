@@ -1,9 +1,13 @@
 #include "tests/faults/sample_update.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 
+#include "core/process_environment.h"
 #include "core/text.h"
 #include "package/extract.h"
+#include "tests/support/file_tricks.h"
 #include "tests/support/zip_builder.h"
 
 namespace zul::test {
@@ -98,14 +102,14 @@ Files SampleUpdate::Installed() const {
   return files;
 }
 
-std::vector<std::string> SampleUpdate::ExtractionLeftovers() const {
-  std::vector<std::string> names;
+std::vector<fs::Path> SampleUpdate::ExtractionLeftovers() const {
+  std::vector<fs::Path> folders;
   std::error_code ec;
   for (const fs::DirectoryEntry& entry : fs::ListDirectory(folder_ / "work", ec)) {
-    const std::string name = PathToUtf8(entry.path.filename());
-    if (name.starts_with(".qorva-zip-")) names.push_back(name);
+    const bool ours = PathToUtf8(entry.path.filename()).starts_with(".qorva-zip-");
+    if (ours) folders.push_back(entry.path);
   }
-  return names;
+  return folders;
 }
 
 bool SampleUpdate::HasWholeDestination() const {
@@ -115,10 +119,8 @@ bool SampleUpdate::HasWholeDestination() const {
     return found == kPackage || (!before.empty() && found == before);
   }
   // Between its two renames an extraction has the old tree in a backup.
-  const std::vector<std::string> beside = ExtractionLeftovers();
-  return before.empty() || std::any_of(beside.begin(), beside.end(), [&](const std::string& name) {
-           return FilesBelow(folder_ / "work" / name / "previous") == before;
-         });
+  const auto is_backup = [&](const auto& at) { return FilesBelow(at / "previous") == before; };
+  return before.empty() || std::ranges::any_of(ExtractionLeftovers(), is_backup);
 }
 
 std::string SampleUpdate::Damage() const {
@@ -142,6 +144,29 @@ std::string SampleUpdate::Damage() const {
   }
   if (others != kElsewhere) damage += "another file has changed\n";
   return damage;
+}
+
+bool TriesEverything() {
+  return GetEnvironmentPath("QORVA_FAULTS") == "all";
+}
+
+void ForEachStep(const Steps& steps, const std::function<void(const FileCall& step)>& test) {
+  const SampleUpdate update(steps.scenario);
+  StartScript([](const FileCall&) { return Verdict(); });
+  static_cast<void>(SampleUpdate::Run(steps.scenario, update.folder()));
+  const unsigned stride = kOnWindows && !TriesEverything() ? 17 : 1;
+  unsigned replaced = 0, tried = 0;
+  for (const FileCall& step : StopScript()) {
+    if (replaced >= steps.from_replaced && replaced < steps.to_replaced &&
+        step.number % stride == 0 && !testing::Test::HasFatalFailure()) {
+      SCOPED_TRACE(std::string(steps.name) + ", step " + std::to_string(step.number) + ": " +
+                   std::string(step.name) + " " + PathToUtf8(step.subject));
+      test(step);
+      ++tried;
+    }
+    if (step.call == Call::kMoveReplacing) ++replaced;
+  }
+  EXPECT_GT(tried, 0u) << steps.name;
 }
 
 }  // namespace zul::test
