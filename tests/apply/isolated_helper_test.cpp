@@ -40,8 +40,7 @@ TEST(IsolatedHelper, RemovesFoldersThatAreAWeekOldAndNothingThroughALink) {
   const test::ScopedEnvironment scoped(test::kTempVariable, PathToUtf8(temp));
   const std::chrono::hours week(7 * 24);
   WriteFile(folder / "precious/file", "");
-  const fs::Path young = temp / "zul_updater_launch_1_1";
-  const fs::Path stale = temp / "zul_updater_launch_2_1";
+  const fs::Path young = temp / "zul_updater_launch_1_1", stale = temp / "zul_updater_launch_2_1";
   for (const fs::Path& helper_folder : {young, stale}) {
     WriteFile(helper_folder / "sub/zul_updater.exe", "");
     test::MakeReadOnly(helper_folder / "sub/zul_updater.exe");

@@ -54,8 +54,7 @@ TEST(LockProbe, AsksForOwnersOnlyWhenTheFileIsLocked) {
   const test::TempFolder folder;
   test::WriteFile(folder / "free.dll", "free");
   int queries = 0;
-  const LockOwnerQuery query = [&](const fs::Path&, std::uint32_t main_pid, Owners* owners,
-                                   std::string*) {
+  const LockOwnerQuery query = [&](const auto&, auto main_pid, Owners* owners, auto*) {
     *owners = {{main_pid, "left by a query that failed", false, "", true}};
     return ++queries > 1;
   };

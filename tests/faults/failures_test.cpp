@@ -240,22 +240,21 @@ const struct FailureCase {
 };
 
 TEST(Failures, AreReportedAndLoseNoFile) {
-  for (const auto& [steps, expect, only] : kFailureCases) {
-    ForEachStep(
-        steps, [&, scenario = steps.scenario, expect = expect, only = only](const FileCall& step) {
-          if (only && step.call != *only) return;
-          unsigned turn = step.number;  // each step meets every other combination
-          for (const Lasts lasts : {Lasts::kOnce, Lasts::kForGood}) {
-            ++turn;
-            for (const SystemFault& fault : kSystemFaults) {
-              if (++turn % 2 == 0 && !TriesEverything()) continue;
-              SCOPED_TRACE(fault.error.message() + (lasts == Lasts::kOnce ? " once" : " for good"));
-              const FaultyRun run(scenario, step.number, lasts, fault);
-              EXPECT_EQ(run.update.Damage(), "");
-              expect(run);
-            }
-          }
-        });
+  for (const FailureCase& c : kFailureCases) {
+    ForEachStep(c.steps, [&](const FileCall& step) {
+      if (c.only && step.call != *c.only) return;
+      unsigned turn = step.number;  // each step meets every other combination
+      for (const Lasts lasts : {Lasts::kOnce, Lasts::kForGood}) {
+        ++turn;
+        for (const SystemFault& fault : kSystemFaults) {
+          if (++turn % 2 == 0 && !TriesEverything()) continue;
+          SCOPED_TRACE(fault.error.message() + (lasts == Lasts::kOnce ? " once" : " for good"));
+          const FaultyRun run(c.steps.scenario, step.number, lasts, fault);
+          EXPECT_EQ(run.update.Damage(), "");
+          c.expect(run);
+        }
+      }
+    });
   }
 }
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <sstream>
 
 #include "core/process_environment.h"
 #include "core/text.h"
@@ -16,10 +17,10 @@ namespace {
 
 constexpr std::uint32_t kChanges = 8;  // 2 retired, 4 replaced, 2 added
 
-Files FilesOfAge(const std::string& age, std::size_t size,
-                 std::initializer_list<const char*> names) {
+Files FilesOfAge(const std::string& age, std::size_t size, const char* names) {
   Files files;
-  for (const std::string name : names) {
+  std::istringstream words(names);
+  for (std::string name; words >> name;) {
     std::string& text = files[name] = age + " " + name + "\n";
     while (text.size() < size) text += text;
   }
@@ -28,15 +29,13 @@ Files FilesOfAge(const std::string& age, std::size_t size,
 
 }  // namespace
 
-const Files SampleUpdate::kOld =
-    FilesOfAge("old", 2000,
-               {"app.exe", "core.dll", "data/profile.icc", "data/deep/table.bin", "qorva.exe",
-                "zul_rip.exe", "mine.txt"});
+const Files SampleUpdate::kOld = FilesOfAge(
+    "old", 2000,
+    "app.exe core.dll data/profile.icc data/deep/table.bin qorva.exe zul_rip.exe mine.txt");
 
-const Files SampleUpdate::kPackage =
-    FilesOfAge("new", 3000,
-               {"app.exe", "core.dll", "data/profile.icc", "data/deep/table.bin",
-                "data/deep/er/new.bin", "fresh/added.dll"});
+const Files SampleUpdate::kPackage = FilesOfAge(
+    "new", 3000,
+    "app.exe core.dll data/profile.icc data/deep/table.bin data/deep/er/new.bin fresh/added.dll");
 
 const Files SampleUpdate::kNew = [] {
   Files files = kPackage;
@@ -54,8 +53,7 @@ const Files kElsewhere = [] {
 }();
 
 bool Has(const Files& files, const Files::value_type& file) {
-  const auto found = files.find(file.first);
-  return found != files.end() && found->second == file.second;
+  return std::ranges::find(files, file) != files.end();
 }
 
 void WriteFiles(const fs::Path& root, const Files& files) {
@@ -70,7 +68,7 @@ bool Extracts(Scenario scenario) {
 
 Files SampleUpdate::FoundAtDestination() const {
   if (scenario_ != Scenario::kReextraction) return {};
-  return FilesOfAge("of an earlier run", 1, {"app.exe", "data/x"});
+  return FilesOfAge("of an earlier run", 1, "app.exe data/x");
 }
 
 SampleUpdate::SampleUpdate(Scenario scenario, const fs::Path& place)

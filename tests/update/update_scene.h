@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <regex>
+#include <set>
 
 #include "apply/self_replace.h"
 #include "core/file_hash.h"
@@ -142,11 +143,10 @@ class UpdateScene {
   std::string Kept() const {
     const fs::Path workspace = Workspace();
     if (workspace.empty()) return "-";
-    std::vector<std::string> names;
+    std::set<std::string> names;
     std::error_code ec;
     for (const auto& entry : fs::ListDirectory(workspace, ec))
-      names.push_back(PathToUtf8(entry.path.filename()));
-    std::sort(names.begin(), names.end());
+      names.insert(PathToUtf8(entry.path.filename()));
     return JoinText(names, " ");
   }
 
@@ -180,8 +180,7 @@ class UpdateScene {
 
   const TraceInTempFolder trace;
   const TempFolder& folder = trace.folder();
-  const fs::Path install = folder / "install";
-  const fs::Path temp = folder / "temp";
+  const fs::Path install = folder / "install", temp = folder / "temp";
   Files payload;  ///< of the package
 
  private:
@@ -209,7 +208,17 @@ class UpdateScene {
       *done = relaunched;
       return Answer(relaunch_error, error);
     };
-    world.download_package = std::bind_front(&UpdateScene::Download, this);
+    world.download_package = [this](auto url, auto& file, auto role, auto* result, auto* error,
+                                    auto* window, auto& progress, auto& cancel) {
+      const bool from_mirror = role == "rf_fallback";
+      Note(from_mirror ? "mirror" : "primary");
+      EXPECT_EQ(url, from_mirror ? request.fallback_download_url : request.download_url);
+      EXPECT_FALSE(Exists(file)) << "a package that was refused";
+      ScriptedTransport& transport = from_mirror ? mirror : primary;
+      const DownloadWorld network{transport, [&transport] { return transport.now_ms; }};
+      const DownloadJob job{url, file, role, window, progress, cancel};
+      return DownloadPackageOver(network, job, result, error);
+    };
     world.wait_for_main_process = [this](auto pid, auto timeout_ms, auto* error, bool pump) {
       Note("wait");
       EXPECT_TRUE(pid == request.pid && timeout_ms == 180000 && pump);
@@ -265,19 +274,6 @@ class UpdateScene {
       report = std::string(stage) + ": " + Plain(std::string(message));
     };
     world.shutdown_diagnostics = [this] { Note("shutdown"); };
-  }
-
-  bool Download(std::string_view url, const fs::Path& destination, std::string_view role,
-                DownloadResult* result, std::string* error, UpdateProgressWindow* window,
-                const DownloadProgressCallback& progress, const DownloadCancelCallback& cancel) {
-    const bool from_mirror = role == "rf_fallback";
-    Note(from_mirror ? "mirror" : "primary");
-    EXPECT_EQ(url, from_mirror ? request.fallback_download_url : request.download_url);
-    EXPECT_FALSE(Exists(destination)) << "a package that was refused";
-    ScriptedTransport& transport = from_mirror ? mirror : primary;
-    const DownloadWorld network{transport, [&transport] { return transport.now_ms; }};
-    return DownloadPackageOver(network, {url, destination, role, window, progress, cancel}, result,
-                               error);
   }
 
   const ScopedEnvironment temp_{kTempVariable, PathToUtf8(temp)};
