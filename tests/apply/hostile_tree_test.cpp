@@ -93,10 +93,11 @@ TEST_F(HostileTree, RefusesUnsafeNamesInBothWalks) {
   fs::Remove(installation_.staged_root / "d0/bad:", ec);
 
   bool tampered = false;
-  test::FakeScreen screen{.on_pump = [&] {
+  test::FakeScreen screen;
+  screen.on_pump = [&] {
     if (!test::Exists(installation_.backup_root) || std::exchange(tampered, true)) return;
     for (const char* name : {"d0/bad:", "d1/bad:", "d2/bad:"}) installation_.Stage(name, "x");
-  }};
+  };
   UpdateProgressWindow window(std::make_unique<test::FakeSurface>(screen));
   EXPECT_FALSE(installation_.Apply({}, &window));
   EXPECT_EQ(installation_.outcome.kind, ApplyOutcomeKind::kRolledBack);

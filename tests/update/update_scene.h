@@ -23,6 +23,7 @@
 #include "transfer/url_policy.h"
 #include "update/dialogs.h"
 #include "update/driver.h"
+#include "update/update_run.h"
 
 namespace zul::test {
 
