@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "tests/apply/installation.h"
-#include "tests/apply/unseen_surface.h"
 #include "tests/support/file_tricks.h"
+#include "tests/ui/fake_screen.h"
 
 namespace zul {
 namespace {
@@ -93,10 +93,12 @@ TEST_F(HostileTree, RefusesUnsafeNamesInBothWalks) {
   fs::Remove(installation_.staged_root / "d0/bad:", ec);
 
   bool tampered = false;
-  UpdateProgressWindow window(std::make_unique<test::UnseenSurface>([&] {
+  test::FakeScreen screen;
+  screen.on_pump = [&] {
     if (!test::Exists(installation_.backup_root) || std::exchange(tampered, true)) return;
     for (const char* name : {"d0/bad:", "d1/bad:", "d2/bad:"}) installation_.Stage(name, "x");
-  }));
+  };
+  UpdateProgressWindow window(std::make_unique<test::FakeSurface>(screen));
   EXPECT_FALSE(installation_.Apply({}, &window));
   EXPECT_EQ(installation_.outcome.kind, ApplyOutcomeKind::kRolledBack);
   EXPECT_TRUE(installation_.error.starts_with(

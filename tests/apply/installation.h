@@ -4,9 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <string_view>
-
 #include "apply/apply.h"
 #include "core/text.h"
 #include "tests/support/temp_folder.h"

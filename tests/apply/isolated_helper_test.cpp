@@ -15,20 +15,11 @@ namespace {
 
 using test::WriteFile;
 
-/// Sets the system's temporary folder for one test.
-struct ScopedTempDirectory {
-  explicit ScopedTempDirectory(const fs::Path& path)
-      : first(test::kOnWindows ? "TMP" : "TMPDIR", PathToUtf8(path)),
-        second("TEMP", PathToUtf8(path)) {}
-  const test::ScopedEnvironment first;
-  const test::ScopedEnvironment second;
-};
-
 TEST(IsolatedHelper, CopiesEveryFileOrFails) {
   const test::TempFolder app;
   const test::SmallVolume volume;
   if (volume.path().empty()) GTEST_SKIP() << volume.why_not();
-  const ScopedTempDirectory small_temp(volume.path());
+  const test::ScopedEnvironment temp(test::kTempVariable, PathToUtf8(volume.path()));
   const fs::Path updater = app / "qorva_updater.exe";
   WriteFile(updater, "the updater");
   for (const auto& [path, context] :
@@ -46,11 +37,10 @@ TEST(IsolatedHelper, CopiesEveryFileOrFails) {
 TEST(IsolatedHelper, RemovesFoldersThatAreAWeekOldAndNothingThroughALink) {
   const test::TempFolder folder;
   const fs::Path temp = folder / "temp";
-  const ScopedTempDirectory scoped_temp(temp);
+  const test::ScopedEnvironment scoped(test::kTempVariable, PathToUtf8(temp));
   const std::chrono::hours week(7 * 24);
   WriteFile(folder / "precious/file", "");
-  const fs::Path young = temp / "zul_updater_launch_1_1";
-  const fs::Path stale = temp / "zul_updater_launch_2_1";
+  const fs::Path young = temp / "zul_updater_launch_1_1", stale = temp / "zul_updater_launch_2_1";
   for (const fs::Path& helper_folder : {young, stale}) {
     WriteFile(helper_folder / "sub/zul_updater.exe", "");
     test::MakeReadOnly(helper_folder / "sub/zul_updater.exe");

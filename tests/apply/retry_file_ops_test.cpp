@@ -37,12 +37,10 @@ TEST(RetryFileOps, NeverRetryAFailureThatIsNotALock) {
 
 TEST(RetryFileOps, SkipTemporaryNamesThatAreTaken) {
   const TempFolder folder;
-  const fs::Path source = folder / "source";
-  const fs::Path target = folder / "target";
+  const fs::Path source = folder / "source", target = folder / "target";
   WriteFile(source, "new");
   WriteFile(target, "old");
-  const std::string left_over =
-      "target.zul_update_tmp_" + std::to_string(CurrentProcessId()) + "_1_";
+  const auto left_over = "target.zul_update_tmp_" + std::to_string(CurrentProcessId()) + "_1_";
   for (int i = 0; i < 31; ++i) WriteFile(folder / (left_over + std::to_string(i)), "theirs");
   EXPECT_TRUE(RetryReplaceFile(source, target, "ctx", nullptr, kNoWait));
   EXPECT_EQ(test::ReadFile(target), "new");

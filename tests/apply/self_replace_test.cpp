@@ -32,6 +32,8 @@ TEST(ReplaceUpdaterDeferred, MovesNowOrAtTheNextStart) {
   test::WriteFile(source, "new");
   const std::string no_space = ": source='" + PathToUtf8(source) + "', target='" +
                                PathToUtf8(target) + "', " + DescribeSystemError(kNoSpace) + ".";
+  const std::string not_replaced = "Cannot replace updater file immediately" + no_space;
+  const std::string not_scheduled = "Cannot schedule updater replacement on reboot" + no_space;
   const struct {
     fs::Path source, target;
     std::error_code now, later;
@@ -40,13 +42,8 @@ TEST(ReplaceUpdaterDeferred, MovesNowOrAtTheNextStart) {
   } cases[] = {
       {source, target, {}, {}, {"now"}, ""},
       {source, target, kInUse, {}, {"now", "later"}, ""},
-      {source, target, kNoSpace, {}, {"now"}, "Cannot replace updater file immediately" + no_space},
-      {source,
-       target,
-       kInUse,
-       kNoSpace,
-       {"now", "later"},
-       "Cannot schedule updater replacement on reboot" + no_space},
+      {source, target, kNoSpace, {}, {"now"}, not_replaced},
+      {source, target, kInUse, kNoSpace, {"now", "later"}, not_scheduled},
       {trace.folder() / "none", {}, {}, {}, {}, "Deferred updater source file is missing."},
       {source, {}, {}, {}, {}, "Deferred updater target path is empty."},
   };

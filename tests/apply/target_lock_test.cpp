@@ -5,8 +5,8 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/apply/unseen_surface.h"
 #include "tests/support/trace_reader.h"
+#include "tests/ui/fake_screen.h"
 
 namespace zul {
 namespace {
@@ -38,8 +38,7 @@ TEST(LockProbe, FindsTheMainProcessAmongTheParents) {
   ProcessParents parents = {{10, 9}, {9, 8}, {8, 1}, {1, 1}, {20, 21}, {21, 20}, {30, 0}};
   for (std::uint32_t pid = 1000; pid < 1200; ++pid) parents[pid] = pid + 1;
   const struct {
-    std::uint32_t pid;
-    std::uint32_t main_pid;
+    std::uint32_t pid, main_pid;
     bool is_inside;
   } cases[] = {
       {8, 8, true},   {10, 8, true},  {8, 10, false}, {10, 7, false},     {20, 8, false},
@@ -55,8 +54,7 @@ TEST(LockProbe, AsksForOwnersOnlyWhenTheFileIsLocked) {
   const test::TempFolder folder;
   test::WriteFile(folder / "free.dll", "free");
   int queries = 0;
-  const LockOwnerQuery query = [&](const fs::Path&, std::uint32_t main_pid, Owners* owners,
-                                   std::string*) {
+  const LockOwnerQuery query = [&](const auto&, auto main_pid, Owners* owners, auto*) {
     *owners = {{main_pid, "left by a query that failed", false, "", true}};
     return ++queries > 1;
   };
@@ -78,6 +76,7 @@ struct Probe {
   Owners owners;
 };
 const Probe kFree{0, {}};
+const Probe kBroken{1224, {}};
 const Probe kScanned{5, {{99, "scan.exe", true, "scansvc", false}}};
 const Probe kRunning{32, {{77, "qorva.exe", false, "", true}, {99, "scan.exe", false, "", false}}};
 
@@ -91,10 +90,10 @@ std::string Times(int count, std::string_view text) {
 /// and the milliseconds of each wait, with "+" while the button is shown.
 struct Clearing {
   test::TraceInTempFolder trace;
-  UpdateProgressWindow window{std::make_unique<test::UnseenSurface>()};
+  test::FakeScreen screen;
+  UpdateProgressWindow window{std::make_unique<test::FakeSurface>(screen)};
   ApplyCloseContext context{&window, false};
-  std::string journal;
-  std::string error;
+  std::string journal, error;
 
   void Note(const std::string& action) {
     journal += action + (window.force_visible() ? "+ " : " ");
@@ -102,8 +101,7 @@ struct Clearing {
 
   /// The first `count` probes have the result `first`, the others `then`.
   bool Resolve(unsigned count, const Probe& first, const Probe& then, unsigned press_at_wait = 0) {
-    unsigned probes = 0;
-    unsigned waits = 0;
+    unsigned probes = 0, waits = 0;
     TargetLockActions actions;
     actions.probe = [&](const fs::Path&, LockProbeResult* result) {
       const Probe& probe = probes++ < count ? first : then;
@@ -140,29 +138,21 @@ const std::string kScanner =
 const struct {
   const char* name;
   unsigned count;
-  Probe first;
-  Probe then;
+  Probe first, then;
   std::string journal;
   std::string failure;  ///< after the target; empty when the lock clears
   unsigned press_at_wait = 0;
   bool force_from_start = false;
 } kCases[] = {
-    {"free at once", 0, {}, kFree, "", ""},
-    {"locked for good", 0, {}, kScanned, Times(11, "250 "), kScanner},
-    {"an error that a wait cannot clear",
-     0,
-     {},
-     {1224, {}},
-     "",
-     "filesystem_error, code=1224, owners=[]"},
-    {"an application that stays",
-     0,
-     {},
-     kRunning,
+    {"free at once", 0, kFree, kFree, "", ""},
+    {"locked for good", 0, kFree, kScanned, Times(11, "250 "), kScanner},
+    {"no wait clears it", 0, kFree, kBroken, "", "filesystem_error, code=1224, owners=[]"},
+    {"an application that stays", 0, kFree, kRunning,
      "close+ " + Times(9, "500+ ") + Times(23, "close+ " + Times(10, "500+ ")) + "close+ 500+ " +
          Times(11, "250 "),
      "main_process_tree_still_alive, code=32, attempts=12, owners=[" + kOwners + "]"},
-    {"an application, then a scanner: close cycles are not attempts", 5, kRunning, kScanned,
+    // Close cycles are not attempts.
+    {"an application, then a scanner", 5, kRunning, kScanned,
      "close+ " + Times(5, "500+ ") + Times(11, "250 "), kScanner},
     {"the button is pressed", 4, kRunning, kFree, "close+ 500+ 500+ force77+ 500+ force77+ 500+ ",
      "", 2},

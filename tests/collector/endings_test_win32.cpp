@@ -104,10 +104,9 @@ class ObservedProcess {
     }
     std::array<HANDLE, 4> ends{};
     SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
-    EXPECT_TRUE(::CreatePipe(&ends[0], &ends[1], &inherited, 0));
-    EXPECT_TRUE(::CreatePipe(&ends[2], &ends[3], &inherited, 0));
-    const UniqueKernelHandle its_input(ends[0]);
-    const UniqueKernelHandle output(ends[2]);
+    EXPECT_TRUE(::CreatePipe(&ends[0], &ends[1], &inherited, 0) &&
+                ::CreatePipe(&ends[2], &ends[3], &inherited, 0));
+    const UniqueKernelHandle its_input(ends[0]), output(ends[2]);
     UniqueKernelHandle its_output(ends[3]);
     input_.Reset(ends[1]);
     ::SetHandleInformation(input_.get(), HANDLE_FLAG_INHERIT, 0);
@@ -139,8 +138,7 @@ class ObservedProcess {
   void Die() { input_.Reset(); }
 
  private:
-  UniqueKernelHandle process_;
-  UniqueKernelHandle input_;
+  UniqueKernelHandle process_, input_;
   json start_;
 };
 
@@ -161,9 +159,8 @@ void ChangeThreads(const char* function, HANDLE process) {
 /// Fails the test when a file in `folder` holds a private text.
 void ExpectNothingPrivate(const fs::Path& folder) {
   for (const auto& [name, bytes] : FilesBelow(folder)) {
-    for (const std::string_view text : kPrivate) {
+    for (const auto text : kPrivate)
       EXPECT_EQ(bytes.find(text), bytes.npos) << name << " holds " << text;
-    }
   }
 }
 

@@ -42,8 +42,7 @@ TEST(EvidenceRecord, IsWrittenAndReadWholeUpToItsSizeLimit) {
 }
 
 TEST(EvidenceRecord, IsNeverReadOrWrittenThroughALink) {
-  const test::TempFolder folder;
-  const test::TempFolder outside;
+  const test::TempFolder folder, outside;
   const std::string valid = json{{"schema", kEvidenceSchema}}.dump();
   for (const fs::Path& path : {outside / "target", outside / "inner/record.json",
                                folder / "c.json.partial/x", folder / "folder.json/x"}) {
@@ -53,14 +52,12 @@ TEST(EvidenceRecord, IsNeverReadOrWrittenThroughALink) {
   if (!test::MakeLink(outside.path(), folder / "link") ||
       !test::MakeLink(outside / "target", folder / "a.json.partial") ||
       !test::MakeLink(outside / "target", folder / "link.json")) {
-    GTEST_SKIP() << "this user may not create links";
+    GTEST_SKIP() << test::kNoLinks;
   }
   const bool wine = test::RunsUnderWine();  // where only links to folders show as links
   const char* const unreadable = "record_missing_unsafe_or_oversized";
   const struct {
-    const char* path;
-    const char* read;
-    const char* commit;  ///< null: not tried
+    const char *path, *read, *commit;  ///< a null commit is not tried
   } cases[] = {
       {"link/inner/record.json", unreadable, "record_directory_unsafe"},
       {"a.json", unreadable, wine ? nullptr : "record_temporary_unsafe"},

@@ -104,8 +104,7 @@ TEST(Incident, IsClassifiedByItsCrashAndElseByItsExitCode) {
 }
 
 TEST(EmergencyFile, HoldsARecordOnlyWhenItIsWholeAndNoLink) {
-  const test::TempFolder folder;
-  const test::TempFolder linked;
+  const test::TempFolder folder, linked;
   const std::string crash = Crash(EmergencyKind::kNativeException);
   std::vector<std::string> damaged = {crash.substr(1), crash + "x", crash, crash};
   ++damaged[2][0];

@@ -120,10 +120,10 @@ TEST_F(Sessions, AreOrphansWhenProcessAndObserverHaveEnded) {
   EXPECT_TRUE(test::MakeLink(compact_ / "process_1_done", compact_ / "process_9_link"));
   std::string orphans;
   for (const OrphanSession& orphan : FinalizeOrphanSessions(crash_.path())) {
-    orphans +=
-        orphan.directory.filename().string() + " " +
-        test::Fields(orphan.record, {"event", "capture_status", "capture_error", "finalized"}) +
-        "\n";
+    const json& record = orphan.record;
+    orphans += orphan.directory.filename().string() + " " +
+               test::Fields(record, {"event", "capture_status", "capture_error", "finalized"}) +
+               "\n";
   }
   EXPECT_EQ(orphans,
             "process_1_done observer_started complete - true\n"

@@ -4,7 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "tests/faults/every_step.h"
+#include "tests/faults/sample_update.h"
 
 namespace zul::test {
 namespace {

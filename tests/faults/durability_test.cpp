@@ -6,7 +6,6 @@
 #include <set>
 
 #include "core/text.h"
-#include "tests/faults/faulty_file_layer.h"
 #include "tests/faults/sample_update.h"
 
 namespace zul::test {
@@ -24,8 +23,7 @@ TEST(Durability, EachFileIsFlushedBeforeItIsClosedAndBeforeTheNextChange) {
   };
   for (const auto& [scenario, file_count] : cases) {
     const SampleUpdate update(scenario);
-    std::set<fs::Path> made;
-    std::set<fs::Path> unflushed;
+    std::set<fs::Path> made, unflushed;
     StartScript([&](const FileCall& call) {
       const fs::Path& file = call.subject;
       if (call.call == kCreateNewFile) made.insert(file);

@@ -5,25 +5,19 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <iterator>
 #include <optional>
-#include <string>
-#include <vector>
+#include <set>
 
 #include "core/system_error.h"
 #include "core/text.h"
-#include "tests/faults/every_step.h"
+#include "tests/faults/sample_update.h"
 #include "tests/support/file_tricks.h"
 
 namespace zul::test {
 namespace {
 
 using enum Call;
-using Calls = std::vector<Call>;
-
-bool Contains(const Calls& calls, Call call) {
-  return std::find(calls.begin(), calls.end(), call) != calls.end();
-}
+using Calls = std::set<Call>;
 
 // ---------------------------------------------------------------------------------------------
 // One run with one failure
@@ -68,8 +62,8 @@ struct FaultyRun {
     if (!NameBelow("app") && !NameBelow("work/rollback_backup")) return false;
     // The close of a file that was only read is not needed.
     if (failed.call == kClose) return calls.at(failed.number - 2).call == kFlush;
-    return Contains({kCreateNewFile, kWriteSome, kTakeTimeAndAttributes, kFlush, kMoveReplacing},
-                    failed.call);
+    return Calls{kCreateNewFile, kWriteSome, kTakeTimeAndAttributes, kFlush, kMoveReplacing}
+        .contains(failed.call);
   }
 
   /// True when a retried step succeeds in the end.
@@ -145,8 +139,8 @@ const Report kReports[] = {
 };
 
 bool IsReported(const FaultyRun& run) {
-  return std::any_of(std::begin(kReports), std::end(kReports), [&](const Report& report) {
-    return Contains(report.calls, run.failed.call) && run.text.starts_with(report.text) &&
+  return std::ranges::any_of(kReports, [&](const Report& report) {
+    return report.calls.contains(run.failed.call) && run.text.starts_with(report.text) &&
            run.text.find(report.error(run.fault.error), report.text.size()) != std::string::npos;
   });
 }
@@ -162,10 +156,10 @@ void ExpectExtraction(const FaultyRun& run) {
   const std::string name = run.NameBelow("work").value_or("");
   const bool is_staged = name.starts_with(".qorva-zip-stage.") && name.find('/') != name.npos;
   const Calls writing = {kCreateNewFile, kWriteSome, kFlush, kClose};
-  EXPECT_FALSE(run.ok && is_staged && Contains(writing, run.failed.call));
+  EXPECT_FALSE(run.ok && is_staged && writing.contains(run.failed.call));
 
   const Files before = run.update.FoundAtDestination();
-  const std::vector<std::string> leftovers = run.update.ExtractionLeftovers();
+  const std::vector<fs::Path> leftovers = run.update.ExtractionLeftovers();
   constexpr std::string_view kPreserved = "; previous destination preserved at ";
   if (const std::size_t at = run.text.find(kPreserved); at != std::string::npos) {
     EXPECT_EQ(FilesBelow(*PathFromUtf8(run.text.substr(at + kPreserved.size()))), before);
@@ -186,9 +180,9 @@ void ExpectApply(const FaultyRun& run) {
 
   // The first change of the sample is the removal of a retired executable.
   const fs::Path retired = run.update.folder() / "app/qorva.exe";
-  const bool has_changed = std::any_of(
-      run.calls.begin(), run.calls.end(),
-      [&](const FileCall& call) { return call.call == kRemove && call.subject == retired; });
+  const bool has_changed = std::ranges::any_of(run.calls, [&](const FileCall& call) {
+    return call.call == kRemove && call.subject == retired;
+  });
   EXPECT_EQ(run.outcome.kind, run.ok        ? ApplyOutcomeKind::kApplied
                               : has_changed ? ApplyOutcomeKind::kRolledBack
                                             : ApplyOutcomeKind::kFailedBeforeChange);
@@ -246,22 +240,21 @@ const struct FailureCase {
 };
 
 TEST(Failures, AreReportedAndLoseNoFile) {
-  for (const auto& [steps, expect, only] : kFailureCases) {
-    ForEachStep(
-        steps, [&, scenario = steps.scenario, expect = expect, only = only](const FileCall& step) {
-          if (only && step.call != *only) return;
-          unsigned turn = step.number;  // each step meets every other combination
-          for (const Lasts lasts : {Lasts::kOnce, Lasts::kForGood}) {
-            ++turn;
-            for (const SystemFault& fault : kSystemFaults) {
-              if (++turn % 2 == 0 && !TriesEverything()) continue;
-              SCOPED_TRACE(fault.error.message() + (lasts == Lasts::kOnce ? " once" : " for good"));
-              const FaultyRun run(scenario, step.number, lasts, fault);
-              EXPECT_EQ(run.update.Damage(), "");
-              expect(run);
-            }
-          }
-        });
+  for (const FailureCase& c : kFailureCases) {
+    ForEachStep(c.steps, [&](const FileCall& step) {
+      if (c.only && step.call != *c.only) return;
+      unsigned turn = step.number;  // each step meets every other combination
+      for (const Lasts lasts : {Lasts::kOnce, Lasts::kForGood}) {
+        ++turn;
+        for (const SystemFault& fault : kSystemFaults) {
+          if (++turn % 2 == 0 && !TriesEverything()) continue;
+          SCOPED_TRACE(fault.error.message() + (lasts == Lasts::kOnce ? " once" : " for good"));
+          const FaultyRun run(c.steps.scenario, step.number, lasts, fault);
+          EXPECT_EQ(run.update.Damage(), "");
+          c.expect(run);
+        }
+      }
+    });
   }
 }
 

@@ -2,8 +2,6 @@
 
 #include <ctime>
 #include <mutex>
-#include <string>
-#include <utility>
 
 #include "core/text.h"
 #include "tests/faults/faulty_call.h"

@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <set>
-#include <string>
-#include <vector>
 
 #include "tests/faults/sample_update.h"
 #include "tests/support/file_tricks.h"

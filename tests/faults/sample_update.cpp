@@ -1,9 +1,14 @@
 #include "tests/faults/sample_update.h"
 
-#include <algorithm>
+#include <gtest/gtest.h>
 
+#include <algorithm>
+#include <sstream>
+
+#include "core/process_environment.h"
 #include "core/text.h"
 #include "package/extract.h"
+#include "tests/support/file_tricks.h"
 #include "tests/support/zip_builder.h"
 
 namespace zul::test {
@@ -12,10 +17,10 @@ namespace {
 
 constexpr std::uint32_t kChanges = 8;  // 2 retired, 4 replaced, 2 added
 
-Files FilesOfAge(const std::string& age, std::size_t size,
-                 std::initializer_list<const char*> names) {
+Files FilesOfAge(const std::string& age, std::size_t size, const char* names) {
   Files files;
-  for (const std::string name : names) {
+  std::istringstream words(names);
+  for (std::string name; words >> name;) {
     std::string& text = files[name] = age + " " + name + "\n";
     while (text.size() < size) text += text;
   }
@@ -24,15 +29,13 @@ Files FilesOfAge(const std::string& age, std::size_t size,
 
 }  // namespace
 
-const Files SampleUpdate::kOld =
-    FilesOfAge("old", 2000,
-               {"app.exe", "core.dll", "data/profile.icc", "data/deep/table.bin", "qorva.exe",
-                "zul_rip.exe", "mine.txt"});
+const Files SampleUpdate::kOld = FilesOfAge(
+    "old", 2000,
+    "app.exe core.dll data/profile.icc data/deep/table.bin qorva.exe zul_rip.exe mine.txt");
 
-const Files SampleUpdate::kPackage =
-    FilesOfAge("new", 3000,
-               {"app.exe", "core.dll", "data/profile.icc", "data/deep/table.bin",
-                "data/deep/er/new.bin", "fresh/added.dll"});
+const Files SampleUpdate::kPackage = FilesOfAge(
+    "new", 3000,
+    "app.exe core.dll data/profile.icc data/deep/table.bin data/deep/er/new.bin fresh/added.dll");
 
 const Files SampleUpdate::kNew = [] {
   Files files = kPackage;
@@ -50,8 +53,7 @@ const Files kElsewhere = [] {
 }();
 
 bool Has(const Files& files, const Files::value_type& file) {
-  const auto found = files.find(file.first);
-  return found != files.end() && found->second == file.second;
+  return std::ranges::find(files, file) != files.end();
 }
 
 void WriteFiles(const fs::Path& root, const Files& files) {
@@ -66,7 +68,7 @@ bool Extracts(Scenario scenario) {
 
 Files SampleUpdate::FoundAtDestination() const {
   if (scenario_ != Scenario::kReextraction) return {};
-  return FilesOfAge("of an earlier run", 1, {"app.exe", "data/x"});
+  return FilesOfAge("of an earlier run", 1, "app.exe data/x");
 }
 
 SampleUpdate::SampleUpdate(Scenario scenario, const fs::Path& place)
@@ -98,14 +100,14 @@ Files SampleUpdate::Installed() const {
   return files;
 }
 
-std::vector<std::string> SampleUpdate::ExtractionLeftovers() const {
-  std::vector<std::string> names;
+std::vector<fs::Path> SampleUpdate::ExtractionLeftovers() const {
+  std::vector<fs::Path> folders;
   std::error_code ec;
   for (const fs::DirectoryEntry& entry : fs::ListDirectory(folder_ / "work", ec)) {
-    const std::string name = PathToUtf8(entry.path.filename());
-    if (name.starts_with(".qorva-zip-")) names.push_back(name);
+    const bool ours = PathToUtf8(entry.path.filename()).starts_with(".qorva-zip-");
+    if (ours) folders.push_back(entry.path);
   }
-  return names;
+  return folders;
 }
 
 bool SampleUpdate::HasWholeDestination() const {
@@ -115,10 +117,8 @@ bool SampleUpdate::HasWholeDestination() const {
     return found == kPackage || (!before.empty() && found == before);
   }
   // Between its two renames an extraction has the old tree in a backup.
-  const std::vector<std::string> beside = ExtractionLeftovers();
-  return before.empty() || std::any_of(beside.begin(), beside.end(), [&](const std::string& name) {
-           return FilesBelow(folder_ / "work" / name / "previous") == before;
-         });
+  const auto is_backup = [&](const auto& at) { return FilesBelow(at / "previous") == before; };
+  return before.empty() || std::ranges::any_of(ExtractionLeftovers(), is_backup);
 }
 
 std::string SampleUpdate::Damage() const {
@@ -142,6 +142,29 @@ std::string SampleUpdate::Damage() const {
   }
   if (others != kElsewhere) damage += "another file has changed\n";
   return damage;
+}
+
+bool TriesEverything() {
+  return GetEnvironmentPath("QORVA_FAULTS") == "all";
+}
+
+void ForEachStep(const Steps& steps, const std::function<void(const FileCall& step)>& test) {
+  const SampleUpdate update(steps.scenario);
+  StartScript([](const FileCall&) { return Verdict(); });
+  static_cast<void>(SampleUpdate::Run(steps.scenario, update.folder()));
+  const unsigned stride = kOnWindows && !TriesEverything() ? 17 : 1;
+  unsigned replaced = 0, tried = 0;
+  for (const FileCall& step : StopScript()) {
+    if (replaced >= steps.from_replaced && replaced < steps.to_replaced &&
+        step.number % stride == 0 && !testing::Test::HasFatalFailure()) {
+      SCOPED_TRACE(std::string(steps.name) + ", step " + std::to_string(step.number) + ": " +
+                   std::string(step.name) + " " + PathToUtf8(step.subject));
+      test(step);
+      ++tried;
+    }
+    if (step.call == Call::kMoveReplacing) ++replaced;
+  }
+  EXPECT_GT(tried, 0u) << steps.name;
 }
 
 }  // namespace zul::test

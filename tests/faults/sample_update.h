@@ -1,12 +1,11 @@
 #pragma once
 
-// A small update with files that are replaced, added, kept and retired, in old and new folders, and
-// what must hold for it whatever fails.
-
-#include <string>
-#include <vector>
+// A small update with files that are replaced, added, kept and retired, in old and new folders;
+// what must hold for it when anything fails; and its steps, which are the calls of a run in which
+// nothing fails.
 
 #include "apply/apply.h"
+#include "tests/faults/faulty_file_layer.h"
 #include "tests/support/environment.h"
 #include "tests/support/temp_folder.h"
 
@@ -45,8 +44,8 @@ class SampleUpdate {
   /// Empty when nothing of that happened.
   [[nodiscard]] std::string Damage() const;
 
-  /// The names of the folders that an extraction left beside its destination.
-  [[nodiscard]] std::vector<std::string> ExtractionLeftovers() const;
+  /// The folders that an extraction left beside its destination.
+  [[nodiscard]] std::vector<fs::Path> ExtractionLeftovers() const;
 
   [[nodiscard]] const fs::Path& folder() const { return folder_; }
 
@@ -58,5 +57,19 @@ class SampleUpdate {
   const fs::Path folder_;
   const ScopedEnvironment config_home_;
 };
+
+/// Some steps of a scenario, by the number of files that are replaced before them.
+struct Steps {
+  const char* name;
+  Scenario scenario;
+  unsigned from_replaced = 0, to_replaced = ~0u;  ///< the last number is left out
+};
+
+/// True with QORVA_FAULTS=all. Otherwise under Wine, where a step takes a hundred times as long,
+/// one of 17 steps is tried.
+[[nodiscard]] bool TriesEverything();
+
+/// Calls `test` with each of the steps until an assertion fails. Messages name the step.
+void ForEachStep(const Steps& steps, const std::function<void(const FileCall& step)>& test);
 
 }  // namespace zul::test

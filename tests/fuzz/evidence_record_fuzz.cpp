@@ -17,8 +17,7 @@ using nlohmann::json;
 
 /// How deep arrays and objects are nested in sound JSON.
 int DepthOf(std::string_view text) {
-  int depth = 0;
-  int deepest = 0;
+  int depth = 0, deepest = 0;
   bool quoted = false;
   for (std::size_t i = 0; i < text.size(); ++i) {
     if (text[i] == '"') quoted = !quoted;
@@ -77,8 +76,7 @@ void Run(std::string_view input) {
   Require(ParseEvidenceRecord(record->dump(2) + "\n") == *record, "a committed record can be read");
   if (const std::optional<ProcessKey> key = ProcessKeyOf(*record)) {
     const json& pid = record->at("pid");
-    Require(pid.is_number_unsigned() ? pid == key->pid : key->pid == 0,
-            "a process has its record's id");
+    Require(pid.is_number_unsigned() ? pid == key->pid : key->pid == 0, "a process has its id");
     Require(record->at("process_identity") == key->identity, "and its identity");
   }
 }

@@ -39,8 +39,7 @@ void RequireSoundField(std::string_view key, std::string_view value) {
   const std::string sanitized = SanitizeStateValue(key, value);
   const std::string redacted = RedactSupportText(value);
   Require(!IsValidUtf8(value) || IsValidUtf8(sanitized), "UTF-8 stays UTF-8 in a field");
-  Require(redacted == value || sanitized == redacted,
-          "a redacted value does not depend on its key");
+  Require(redacted == value || sanitized == redacted, "a redacted value depends on no key");
   Require(!key.empty() || sanitized == redacted, "without a key a value is a text");
   Require(value.find_first_of("\n\r,;") != value.npos || value.empty() || redacted != value ||
               TrimWhitespace(SanitizeStateValue("job_name", value)) == kRedactedName,

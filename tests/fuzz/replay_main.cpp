@@ -10,8 +10,8 @@ int main(int argc, char** argv) {
   int runs = 0;
   for (int i = 1; i < argc; ++i) {
     for (const auto& [name, contents] : zul::test::FilesBelow(*zul::PathFromUtf8(argv[i]))) {
-      std::fprintf(stderr, "%s/%s\n", argv[i],
-                   name.c_str());  // after a failure the last line names it
+      // After a failure the last line names the input.
+      std::fprintf(stderr, "%s/%s\n", argv[i], name.c_str());
       zul::fuzz::Run(contents);
       ++runs;
     }

@@ -39,8 +39,7 @@ void Run(std::string_view input) {
     arguments.push_back(Argument(bytes));
     line += L' ' + QuoteCommandArgument(arguments.back());
   }
-  Require(test::SplitCommandLine(line) == arguments,
-          "quoted arguments split into the same arguments");
+  Require(test::SplitCommandLine(line) == arguments, "quoted arguments split into themselves");
 
   const UpdateRequest request = Parse(arguments);
   const std::vector<std::wstring> rendered =

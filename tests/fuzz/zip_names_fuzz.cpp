@@ -52,7 +52,7 @@ void RequireHarmless(const std::string& path) {
   Require(as_file, "a directory gets the same name as a file");
   Require(path.front() != '/', "an accepted name is relative");
   Require(path.find_first_of("\\:*?\"<>|\x7F") == path.npos,
-          "an accepted name has no special characters");
+          "an accepted name has no special bytes");
   for (const std::string_view part : SplitAt(path, "/")) {
     Require(!part.empty() && part.back() != '.' && part.back() != ' ',
             "no part of an accepted name is empty or ends in a dot or blank");

@@ -12,6 +12,8 @@
 namespace zul::test {
 
 inline constexpr bool kOnWindows = fs::Path::preferred_separator == '\\';
+/// The variable that the system's temporary folder comes from.
+inline constexpr const char* kTempVariable = kOnWindows ? "TMP" : "TMPDIR";
 /// The reason of a test that skips because MakeLink failed.
 inline constexpr const char* kNoLinks = "this user may not make links";
 

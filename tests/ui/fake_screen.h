@@ -2,6 +2,7 @@
 
 // A surface of the progress window without a screen. It records its calls and what it paints.
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,8 +14,11 @@ namespace zul::test {
 
 /// The record of a FakeSurface.
 struct FakeScreen {
-  std::string calls;                ///< C create, R repaint, B button, P pump, D destroy
-  std::vector<std::string> paints;  ///< "title | detail | percent | figures"
+  std::string calls;                       ///< C create, R repaint, B button, P pump, D destroy
+  std::vector<std::string> paints;         ///< "title | detail | percent | figures"
+  UpdateProgressWindow* window = nullptr;  ///< the window on the screen
+  std::function<void()> on_pump = [] {};
+  std::function<void()> on_destroy = [] {};  ///< not again for a window that is gone
 
   std::string TakeCalls() { return std::exchange(calls, std::string()); }
 };
@@ -22,23 +26,30 @@ struct FakeScreen {
 class FakeSurface final : public ProgressSurface {
  public:
   explicit FakeSurface(FakeScreen& screen) : screen_(screen) {}
+  ~FakeSurface() override { screen_.window = nullptr; }
   void EnsureCreated(UpdateProgressWindow& state) override {
-    state_ = &state;
+    screen_.window = &state;
     screen_.calls += 'C';
   }
   void Repaint() override {
     screen_.calls += 'R';
-    screen_.paints.push_back(WideToUtf8Lossy(std::wstring(state_->shown_title()) + L" | " +
-                                             state_->detail() + L" | " + state_->percent_text() +
-                                             L" | " + state_->figures()));
+    const UpdateProgressWindow& shown = *screen_.window;
+    screen_.paints.push_back(WideToUtf8Lossy(std::wstring(shown.shown_title()) + L" | " +
+                                             shown.detail() + L" | " + shown.percent_text() +
+                                             L" | " + shown.figures()));
   }
   void RefreshButton() override { screen_.calls += 'B'; }
-  void PumpMessages() override { screen_.calls += 'P'; }
-  void DestroyWindow() override { screen_.calls += 'D'; }
+  void PumpMessages() override {
+    screen_.calls += 'P';
+    screen_.on_pump();
+  }
+  void DestroyWindow() override {
+    screen_.calls += 'D';
+    if (std::exchange(screen_.window, nullptr) != nullptr) screen_.on_destroy();
+  }
 
  private:
   FakeScreen& screen_;
-  UpdateProgressWindow* state_ = nullptr;
 };
 
 }  // namespace zul::test

@@ -7,24 +7,19 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
-#include <memory>
 #include <regex>
-#include <string>
-#include <utility>
-#include <vector>
+#include <set>
 
 #include "apply/self_replace.h"
 #include "core/file_hash.h"
 #include "core/text.h"
 #include "request/update_request.h"
-#include "tests/support/environment.h"
 #include "tests/support/file_tricks.h"
 #include "tests/support/split_command_line.h"
-#include "tests/support/temp_folder.h"
 #include "tests/support/trace_reader.h"
 #include "tests/support/zip_builder.h"
 #include "tests/transfer/scripted_transport.h"
+#include "tests/ui/fake_screen.h"
 #include "transfer/url_policy.h"
 #include "update/dialogs.h"
 #include "update/driver.h"
@@ -69,12 +64,14 @@ class UpdateScene {
   bool browser_works = true, clipboard_works = true;
   UpdateWorld world;
 
-  void Install(const char* name, const char* contents = "") const {
+  UpdateScene& Install(const char* name, const char* contents = "") {
     WriteFile(install / name, contents);
+    return *this;
   }
-  void Uninstall(const char* name) const {
+  UpdateScene& Uninstall(const char* name) {
     std::error_code ec;
     EXPECT_TRUE(fs::Remove(install / name, ec)) << name;
+    return *this;
   }
 
   /// Both origins serve a package of `files`.
@@ -100,7 +97,10 @@ class UpdateScene {
   }
 
   /// The updater that runs is the installed one: no copy outside has taken over.
-  void RunFromInside() { world.own_executable = install / kUpdaterName; }
+  UpdateScene& RunFromInside() {
+    world.own_executable = install / kUpdaterName;
+    return *this;
+  }
 
   // --- The run
 
@@ -119,7 +119,6 @@ class UpdateScene {
   std::string report;           ///< "stage: message" of the report
   bool next_copy_left = false;  ///< the updater's staged copy, at the time of the report
   std::string boxes;            ///< "style: text" of each, the style as its number
-  std::string titles;  ///< lines "title | detail | percent" of the window, without download figures
   std::string opened, copied, printed;
   Files installed;  ///< before the run
 
@@ -131,16 +130,24 @@ class UpdateScene {
     return JoinText(names, " ");
   }
 
+  /// Lines "title | detail | percent" of the window, without those that have figures.
+  std::string Titles() const {
+    std::string titles;
+    for (const std::string& paint : screen_.paints) {
+      const std::string title = paint.substr(0, paint.size() - 3) + "\n";
+      if (paint.ends_with(" | ") && !titles.ends_with(title)) titles += title;
+    }
+    return titles;
+  }
+
   /// What the workspace of the run holds, one level; "-" without a workspace.
   std::string Kept() const {
     const fs::Path workspace = Workspace();
     if (workspace.empty()) return "-";
-    std::vector<std::string> names;
+    std::set<std::string> names;
     std::error_code ec;
-    for (const fs::DirectoryEntry& entry : fs::ListDirectory(workspace, ec)) {
-      names.push_back(PathToUtf8(entry.path.filename()));
-    }
-    std::sort(names.begin(), names.end());
+    for (const auto& entry : fs::ListDirectory(workspace, ec))
+      names.insert(PathToUtf8(entry.path.filename()));
     return JoinText(names, " ");
   }
 
@@ -174,34 +181,10 @@ class UpdateScene {
 
   const TraceInTempFolder trace;
   const TempFolder& folder = trace.folder();
-  const fs::Path install = folder / "install";
-  const fs::Path temp = folder / "temp";
+  const fs::Path install = folder / "install", temp = folder / "temp";
   Files payload;  ///< of the package
 
  private:
-  /// The progress window, which a run must have taken off the screen before it shows a box.
-  class Surface final : public ProgressSurface {
-   public:
-    explicit Surface(UpdateScene& scene) : scene_(scene) {}
-    ~Surface() override { scene_.window_ = nullptr; }
-    void EnsureCreated(UpdateProgressWindow& state) override { scene_.window_ = &state; }
-    void Repaint() override {
-      const UpdateProgressWindow& shown = *scene_.window_;
-      if (!shown.figures().empty()) return;
-      std::string title = WideToUtf8Lossy(std::wstring(shown.shown_title()) + L" | " +
-                                          shown.detail() + L" | " + shown.percent_text());
-      if (!scene_.titles.ends_with(title + "\n")) scene_.titles += title + "\n";
-    }
-    void RefreshButton() override {}
-    void PumpMessages() override {}
-    void DestroyWindow() override {
-      if (std::exchange(scene_.window_, nullptr) != nullptr) scene_.Note("window-gone");
-    }
-
-   private:
-    UpdateScene& scene_;
-  };
-
   void Note(std::string_view call) { calls.append(calls.empty() ? "" : " ").append(call); }
 
   /// The answer of a fake that fails with `error` unless that is empty.
@@ -211,7 +194,8 @@ class UpdateScene {
   }
 
   void ExpectButtonWithdrawn() const {
-    EXPECT_FALSE(window_ != nullptr && window_->force_visible()) << "Force close is still offered";
+    const bool offered = screen_.window != nullptr && screen_.window->force_visible();
+    EXPECT_FALSE(offered) << "Force close is still offered";
   }
 
   void FillWorld() {
@@ -219,43 +203,46 @@ class UpdateScene {
     world.classify_current_process = [this] {
       return ClassifyInstallTarget(PathToUtf8(world.own_executable));
     };
-    world.relaunch_from_target_if_needed = [this](const UpdateRequest& given, bool* done,
-                                                  std::string* error) {
+    world.relaunch_from_target_if_needed = [this](const auto& given, bool* done, auto* error) {
       Note("isolate");
       EXPECT_EQ(given, request);
       *done = relaunched;
       return Answer(relaunch_error, error);
     };
-    world.download_package = std::bind_front(&UpdateScene::Download, this);
-    world.wait_for_main_process = [this](std::uint32_t pid, std::uint32_t timeout_ms,
-                                         std::string* error, bool pump) {
+    world.download_package = [this](auto url, auto& file, auto role, auto* result, auto* error,
+                                    auto* window, auto& progress, auto& cancel) {
+      const bool from_mirror = role == "rf_fallback";
+      Note(from_mirror ? "mirror" : "primary");
+      EXPECT_EQ(url, from_mirror ? request.fallback_download_url : request.download_url);
+      EXPECT_FALSE(Exists(file)) << "a package that was refused";
+      ScriptedTransport& transport = from_mirror ? mirror : primary;
+      const DownloadWorld network{transport, [&transport] { return transport.now_ms; }};
+      const DownloadJob job{url, file, role, window, progress, cancel};
+      return DownloadPackageOver(network, job, result, error);
+    };
+    world.wait_for_main_process = [this](auto pid, auto timeout_ms, auto* error, bool pump) {
       Note("wait");
       EXPECT_TRUE(pid == request.pid && timeout_ms == 180000 && pump);
       return Answer(wait_error, error);
     };
-    world.apply_staged_update = [this](const fs::Path& staged, const fs::Path& target,
-                                       std::uint32_t pid, ApplyCloseContext* context, bool sign,
-                                       std::string* error, ApplyOutcome* outcome,
-                                       const ApplyFaultInjection*) {
+    world.apply_staged_update = [this](auto& staged, auto& target, auto pid, auto* context,
+                                       bool sign, auto* error, auto* outcome, auto*) {
       Note("apply");
-      EXPECT_EQ(context->progress_window, window_);
-      window_->set_force_close_available(true);
-      if (ApplyStagedUpdate(staged, target, pid, context, sign, error, outcome, &faults)) {
-        return true;
-      }
-      apply_error_ = *error;
-      return false;
+      EXPECT_EQ(context->progress_window, screen_.window);
+      screen_.window->set_force_close_available(true);
+      const bool ok =
+          ApplyStagedUpdate(staged, target, pid, context, sign, error, outcome, &faults);
+      if (!ok) apply_error_ = *error;
+      return ok;
     };
-    world.replace_updater_deferred = [this](const fs::Path& source, const fs::Path& target,
-                                            std::string* error) {
+    world.replace_updater_deferred = [this](auto& source, auto& target, auto* error) {
       Note("replace-self");
       EXPECT_EQ(ReadFile(source), "new updater");
       if (replaced_at_next_start) return true;
       if (!replace_error.empty()) return Answer(replace_error, error);
       return ReplaceUpdaterDeferred(source, target, error);
     };
-    world.launch_application = [this](std::string_view exe, std::string_view arguments,
-                                      std::string* error) {
+    world.launch_application = [this](auto exe, auto arguments, auto* error) {
       ExpectButtonWithdrawn();
       Note("start " + Plain(JoinText(std::vector{exe, arguments}, arguments.empty() ? "" : " ")));
       return Answer(launch_error, error);
@@ -264,7 +251,8 @@ class UpdateScene {
       Note("show-running");
       return application_runs;
     };
-    world.create_screen_surface = [this] { return std::make_unique<Surface>(*this); };
+    screen_.on_destroy = [this] { Note("window-gone"); };
+    world.create_screen_surface = [this] { return std::make_unique<FakeSurface>(screen_); };
     world.show_box = [this](const std::string& text, BoxStyle style) {
       Note("box");
       boxes += std::to_string(static_cast<int>(style)) + ": " + Plain(text);
@@ -279,8 +267,7 @@ class UpdateScene {
       return clipboard_works;
     };
     world.print = [this](std::string_view text) { printed += text; };
-    world.report_updater_error = [this](const UpdateRequest& given, std::string_view stage,
-                                        std::string_view message) {
+    world.report_updater_error = [this](const auto& given, auto stage, auto message) {
       ExpectButtonWithdrawn();
       EXPECT_EQ(given, request);
       Note("report");
@@ -290,21 +277,8 @@ class UpdateScene {
     world.shutdown_diagnostics = [this] { Note("shutdown"); };
   }
 
-  bool Download(std::string_view url, const fs::Path& destination, std::string_view role,
-                DownloadResult* result, std::string* error, UpdateProgressWindow* window,
-                const DownloadProgressCallback& progress, const DownloadCancelCallback& cancel) {
-    const bool from_mirror = role == "rf_fallback";
-    Note(from_mirror ? "mirror" : "primary");
-    EXPECT_EQ(url, from_mirror ? request.fallback_download_url : request.download_url);
-    EXPECT_FALSE(Exists(destination)) << "a package that was refused";
-    ScriptedTransport& transport = from_mirror ? mirror : primary;
-    const DownloadWorld network{transport, [&transport] { return transport.now_ms; }};
-    return DownloadPackageOver(network, {url, destination, role, window, progress, cancel}, result,
-                               error);
-  }
-
-  const ScopedEnvironment temp_{kOnWindows ? "TMP" : "TMPDIR", PathToUtf8(temp)};
-  UpdateProgressWindow* window_ = nullptr;
+  const ScopedEnvironment temp_{kTempVariable, PathToUtf8(temp)};
+  FakeScreen screen_;
   std::string apply_error_;
 };
 
