@@ -127,17 +127,17 @@ BoundedReadResult FailedByException(std::string_view logged, std::string_view me
 
 }  // namespace
 
-BoundedReadResult ReadBounded(std::string_view path, std::uint64_t cap_bytes, std::string& output) {
-  output.clear();
+BoundedReadResult ReadBounded(std::string_view path, std::uint64_t cap_bytes, std::string* output) {
+  output->clear();
   BoundedReadResult result;
   try {
-    result = Read(path, cap_bytes, &output);
+    result = Read(path, cap_bytes, output);
   } catch (const std::exception& exception) {
     result = FailedByException(exception.what(), exception.what());
   } catch (...) {
     result = FailedByException("non-standard exception", "Unknown bounded file read error.");
   }
-  if (result.status != kBoundedReadOk) output.clear();
+  if (result.status != kBoundedReadOk) output->clear();
   return result;
 }
 

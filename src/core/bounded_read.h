@@ -22,11 +22,11 @@ struct BoundedReadResult {
   std::string message;  ///< UTF-8; empty for kBoundedReadOk and kBoundedReadAbsent
 };
 
-/// Reads the file at `path` (UTF-8) into `output`, which is empty unless the status is
+/// Reads the file at `path` (UTF-8) into `*output`, which is empty unless the status is
 /// kBoundedReadOk. A file of more than `cap_bytes` is refused before memory is allocated for it,
 /// and also when it grows past the cap during the read. A cap of 0 means no limit. A file that
 /// shrinks during the read gives its remaining content. Throws nothing.
 [[nodiscard]] BoundedReadResult ReadBounded(std::string_view path, std::uint64_t cap_bytes,
-                                            std::string& output);
+                                            std::string* output);
 
 }  // namespace zul

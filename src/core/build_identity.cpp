@@ -33,15 +33,15 @@ std::string BuildAppVersionJson() {
 
 std::string BuildAppVersionJson(const BuildIdentity& identity) {
   std::string json = "{\"version\":\"";
-  AppendJsonEscaped(json, identity.version);
+  AppendJsonEscaped(&json, identity.version);
   json += "\",\"build_id\":\"";
-  AppendJsonEscaped(json, identity.build_id);
+  AppendJsonEscaped(&json, identity.build_id);
   json += "\",\"channel\":\"";
-  AppendJsonEscaped(json, identity.channel);
+  AppendJsonEscaped(&json, identity.channel);
   json += "\",\"platform\":\"";
-  AppendJsonEscaped(json, identity.platform);
+  AppendJsonEscaped(&json, identity.platform);
   json += "\",\"arch\":\"";
-  AppendJsonEscaped(json, identity.arch);
+  AppendJsonEscaped(&json, identity.arch);
   json += "\"}";
   return json;
 }

@@ -130,14 +130,12 @@ bool FlushDirectory(const Path& path, std::error_code& ec);
 // ---------------------------------------------------------------------------------------------
 // Copies and moves
 
-enum class Overwrite { kNo, kYes };
+/// Copies the contents, last-write time and attributes of one file and replaces an existing target.
+/// After a failure a partial target may remain.
+[[nodiscard]] bool CopyFileTo(const Path& from, const Path& to, std::error_code& ec);
 
-/// Copies the contents, last-write time and attributes of one file. With Overwrite::kNo an existing
-/// target is an error and does not change. After a failure a partial target may remain.
-[[nodiscard]] bool CopyFileTo(const Path& from, const Path& to, Overwrite overwrite,
-                              std::error_code& ec);
-
-/// As `CopyFileTo` with Overwrite::kNo, and flushes the copy to the device before it is closed.
+/// As `CopyFileTo`, to a new file, and flushes the copy to the device. An existing target is an
+/// error and does not change.
 [[nodiscard]] bool CopyFileDurably(const Path& from, const Path& to, std::error_code& ec,
                                    const KeepAlive& keep_alive = {});
 

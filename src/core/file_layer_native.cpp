@@ -172,16 +172,15 @@ bool FlushDirectory(const Path& path, std::error_code& ec) {
 // ---------------------------------------------------------------------------------------------
 // Copies and moves
 
-bool CopyFileTo(const Path& from, const Path& to, Overwrite overwrite, std::error_code& ec) {
+bool CopyFileTo(const Path& from, const Path& to, std::error_code& ec) {
   // std::filesystem::copy_file would report a full volume as an input/output error.
   File source = OpenForRead(from, ec);
   if (ec) return false;
-  if (overwrite == Overwrite::kYes && IsSameFile(from, to, ec)) {
+  if (IsSameFile(from, to, ec)) {
     ec = SystemError(EEXIST);  // opening the target would truncate the source
     return false;
   }
-  File target = overwrite == Overwrite::kYes ? CreateTruncatedFile(to, ec)
-                                             : CreateNewFile(to, NewFileAccess::kWrite, ec);
+  File target = CreateTruncatedFile(to, ec);
   if (ec) return false;
   std::uint64_t copied_bytes = 0;
   return CopyContents(source, target, &copied_bytes, ec) &&

@@ -267,9 +267,8 @@ bool FlushDirectory(const Path& path, std::error_code& ec) {
 // ---------------------------------------------------------------------------------------------
 // Copies and moves
 
-bool CopyFileTo(const Path& from, const Path& to, Overwrite overwrite, std::error_code& ec) {
-  return Succeeded(
-      ::CopyFileW(ApiPath(from).c_str(), ApiPath(to).c_str(), overwrite == Overwrite::kNo), ec);
+bool CopyFileTo(const Path& from, const Path& to, std::error_code& ec) {
+  return Succeeded(::CopyFileW(ApiPath(from).c_str(), ApiPath(to).c_str(), FALSE), ec);
 }
 
 bool Rename(const Path& from, const Path& to, std::error_code& ec) {

@@ -55,7 +55,7 @@ std::string ResolveSettingsPath() {
 bool MigrateLegacySettings(std::string_view source, std::string_view target, std::string* error) {
   const std::string from = "legacy settings from '" + std::string(source) + "'";
   std::string contents;
-  const BoundedReadResult read = ReadBounded(source, kMaxLegacyBytes, contents);
+  const BoundedReadResult read = ReadBounded(source, kMaxLegacyBytes, &contents);
   if (read.status != kBoundedReadOk) {
     return Fail(error, "Cannot migrate " + from + ": cannot read a bounded source" +
                            (read.message.empty() ? "" : ": " + read.message));

@@ -61,22 +61,22 @@ char32_t TakeWide(std::wstring_view& text) {
   return IsSurrogate(unit) || unit > 0x10FFFF ? kMalformed : unit;
 }
 
-void AppendWide(std::wstring& out, char32_t code_point) {
+void AppendWide(std::wstring* out, char32_t code_point) {
   if constexpr (sizeof(wchar_t) == 2) {
     if (code_point >= 0x10000) {
       code_point -= 0x10000;
-      out.push_back(static_cast<wchar_t>(0xD800 + (code_point >> 10)));
-      out.push_back(static_cast<wchar_t>(0xDC00 + (code_point & 0x3FF)));
+      out->push_back(static_cast<wchar_t>(0xD800 + (code_point >> 10)));
+      out->push_back(static_cast<wchar_t>(0xDC00 + (code_point & 0x3FF)));
       return;
     }
   }
-  out.push_back(static_cast<wchar_t>(code_point));
+  out->push_back(static_cast<wchar_t>(code_point));
 }
 
 /// Converts to UTF-8, with U+FFFD for each malformed unit. False when there was one.
-bool ConvertWide(std::wstring_view text, std::string& out) {
+bool ConvertWide(std::wstring_view text, std::string* out) {
   bool sound = true;
-  out.reserve(text.size());
+  out->reserve(text.size());
   while (!text.empty()) {
     char32_t code_point = TakeWide(text);
     if (code_point == kMalformed) {
@@ -98,7 +98,7 @@ std::string NativeToUtf8(const std::basic_string<Char>& native) {
     std::string_view rest = native;
     while (!rest.empty()) {
       const char32_t code_point = TakeUtf8(rest);
-      AppendUtf8(out, code_point == kMalformed ? kReplacement : code_point);
+      AppendUtf8(&out, code_point == kMalformed ? kReplacement : code_point);
     }
     return out;
   }
@@ -130,8 +130,8 @@ bool IsValidUtf8(std::string_view text) {
   return true;
 }
 
-void AppendUtf8(std::string& out, char32_t code_point) {
-  const auto put = [&](char32_t bits) { out.push_back(static_cast<char>(bits)); };
+void AppendUtf8(std::string* out, char32_t code_point) {
+  const auto put = [&](char32_t bits) { out->push_back(static_cast<char>(bits)); };
   if (code_point < 0x80) {
     put(code_point);
   } else if (code_point < 0x800) {
@@ -155,20 +155,20 @@ std::optional<std::wstring> Utf8ToWide(std::string_view text) {
   while (!text.empty()) {
     const char32_t code_point = TakeUtf8(text);
     if (code_point == kMalformed) return std::nullopt;
-    AppendWide(wide, code_point);
+    AppendWide(&wide, code_point);
   }
   return wide;
 }
 
 std::optional<std::string> WideToUtf8(std::wstring_view text) {
   std::string out;
-  if (!ConvertWide(text, out)) return std::nullopt;
+  if (!ConvertWide(text, &out)) return std::nullopt;
   return out;
 }
 
 std::string WideToUtf8Lossy(std::wstring_view text) {
   std::string out;
-  ConvertWide(text, out);
+  ConvertWide(text, &out);
   return out;
 }
 
@@ -201,34 +201,34 @@ fs::Path PathOrEmpty(std::string_view text) {
   return PathFromUtf8(text).value_or(fs::Path());
 }
 
-void AppendJsonEscaped(std::string& out, std::string_view text) {
+void AppendJsonEscaped(std::string* out, std::string_view text) {
   constexpr std::string_view kDigits = "0123456789abcdef";
-  out.reserve(out.size() + text.size() + 8);
+  out->reserve(out->size() + text.size() + 8);
   for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
     switch (c) {
       case '"':
-        out += "\\\"";
+        *out += "\\\"";
         break;
       case '\\':
-        out += "\\\\";
+        *out += "\\\\";
         break;
       case '\n':
-        out += "\\n";
+        *out += "\\n";
         break;
       case '\r':
-        out += "\\r";
+        *out += "\\r";
         break;
       case '\t':
-        out += "\\t";
+        *out += "\\t";
         break;
       default:
         if (byte >= 32) {
-          out.push_back(c);
+          out->push_back(c);
         } else {
-          out += "\\u00";
-          out.push_back(kDigits[byte >> 4]);
-          out.push_back(kDigits[byte & 0xF]);
+          *out += "\\u00";
+          out->push_back(kDigits[byte >> 4]);
+          out->push_back(kDigits[byte & 0xF]);
         }
     }
   }

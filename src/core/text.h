@@ -37,8 +37,8 @@ template <typename Range>
 /// no truncated sequence. The empty text is valid.
 [[nodiscard]] bool IsValidUtf8(std::string_view text);
 
-/// Appends the UTF-8 form of `code_point`, which must be a Unicode scalar value.
-void AppendUtf8(std::string& out, char32_t code_point);
+/// Appends to `*out` the UTF-8 form of `code_point`, which must be a Unicode scalar value.
+void AppendUtf8(std::string* out, char32_t code_point);
 
 /// Converts UTF-8 to wide text (UTF-16 on Windows, UTF-32 on other systems). No value for malformed
 /// text. The empty text converts to the empty text.
@@ -63,8 +63,8 @@ void AppendUtf8(std::string& out, char32_t code_point);
 /// As `PathToUtf8`, with `/` as the only separator.
 [[nodiscard]] std::string PathToGenericUtf8(const fs::Path& path);
 
-/// Appends `text` to `out` with the escapes of a JSON string (RFC 8259). Every other byte from 32
+/// Appends `text` to `*out` with the escapes of a JSON string (RFC 8259). Every other byte from 32
 /// on is copied.
-void AppendJsonEscaped(std::string& out, std::string_view text);
+void AppendJsonEscaped(std::string* out, std::string_view text);
 
 }  // namespace zul

@@ -51,7 +51,7 @@ std::vector<fs::Path> ListJsonFiles(const fs::Path& folder, std::error_code& ec)
 
 JsonFileState ReadJsonObject(const fs::Path& path, std::size_t max_bytes, json* object) {
   std::string bytes;
-  const BoundedReadResult read = ReadBounded(PathToUtf8(path), max_bytes, bytes);
+  const BoundedReadResult read = ReadBounded(PathToUtf8(path), max_bytes, &bytes);
   if (read.status == kBoundedReadTooLarge) return JsonFileState::kNotAnObject;
   if (read.status != kBoundedReadOk) return JsonFileState::kUnreadable;
   std::optional<json> parsed = ParseBoundedObject(bytes);

@@ -96,7 +96,7 @@ LegacyZipName DecodeLegacyZipName(std::string_view raw, LegacyCodePage code_page
   for (const char c : raw) {
     const auto byte = static_cast<unsigned char>(c);
     const char32_t code_point = byte < 0x80 ? byte : high_half[byte - 0x80u];
-    AppendUtf8(decoded.name, code_point);
+    AppendUtf8(&decoded.name, code_point);
     decoded.score += NameScore(code_point);
   }
   return decoded;

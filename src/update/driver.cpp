@@ -149,7 +149,7 @@ StageResult StageSelfUpdate(UpdateRun& run) {
   run.deferred_target = target / name;
   run.next_copy_path = NextCopyPath(run.deferred_target);
   std::error_code ec;
-  if (fs::CopyFileTo(run.payload_root / name, run.next_copy_path, fs::Overwrite::kYes, ec)) {
+  if (fs::CopyFileTo(run.payload_root / name, run.next_copy_path, ec)) {
     return std::nullopt;
   }
   return FailRun(run, "Cannot stage deferred updater self-update copy: target='" +

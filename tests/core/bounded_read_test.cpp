@@ -23,7 +23,7 @@ TEST(BoundedRead, ReadsUpToTheCapAndRefusesALargerFile) {
     WriteFile(folder / "ž", contents);
     for (const std::uint64_t cap : {std::uint64_t{0}, size - 1, size, size + 1}) {
       std::string output = "stale";
-      const BoundedReadResult result = ReadBounded(path, cap, output);
+      const BoundedReadResult result = ReadBounded(path, cap, &output);
       const bool fits = cap == 0 || size <= cap;  // 0 is no cap
       EXPECT_EQ(result.status, fits ? kBoundedReadOk : kBoundedReadTooLarge) << size << " " << cap;
       EXPECT_TRUE(output == (fits ? contents : "")) << size << " " << cap;
@@ -40,10 +40,10 @@ TEST(BoundedRead, HoldsTheCapWhenTheFileGrowsDuringTheRead) {
   if (kOnWindows) GTEST_SKIP() << "Windows has no such file";
   const std::string path = "/proc/self/smaps";
   std::string output;
-  EXPECT_EQ(ReadBounded(path, 0, output).status, kBoundedReadOk);
+  EXPECT_EQ(ReadBounded(path, 0, &output).status, kBoundedReadOk);
   EXPECT_GT(output.size(), 12000U);
   for (const std::uint64_t cap : {16U, 5000U, 10000U}) {
-    const BoundedReadResult result = ReadBounded(path, cap, output);
+    const BoundedReadResult result = ReadBounded(path, cap, &output);
     EXPECT_EQ(result.status, kBoundedReadTooLarge);
     EXPECT_EQ(result.message,
               "File exceeds size cap (> " + std::to_string(cap) + " bytes): " + path);
@@ -85,7 +85,7 @@ TEST(BoundedRead, DistinguishesAnAbsentFileFromABrokenPath) {
   for (const auto& [path, message] : cases) {  // the beginning of the message; empty when absent
     SCOPED_TRACE(path);
     std::string output = "stale";
-    const BoundedReadResult result = ReadBounded(path, kCap, output);
+    const BoundedReadResult result = ReadBounded(path, kCap, &output);
     EXPECT_EQ(result.status, message.empty() ? kBoundedReadAbsent : kBoundedReadFailed);
     EXPECT_EQ(result.message.substr(0, message.size()), message);
     EXPECT_EQ(result.message.empty(), message.empty());

@@ -68,7 +68,7 @@ void WriteFile(const fs::Path& path, std::string_view contents) {
 
 std::string ReadFile(const fs::Path& path) {
   std::string contents;
-  const BoundedReadResult result = ReadBounded(PathToUtf8(path), 0, contents);
+  const BoundedReadResult result = ReadBounded(PathToUtf8(path), 0, &contents);
   if (result.status == kBoundedReadOk) return contents;
   throw std::runtime_error("cannot read '" + PathToUtf8(path) + "': " + result.message);
 }
