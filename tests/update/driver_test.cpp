@@ -117,7 +117,7 @@ struct Case {
   std::string calls = "isolate primary" + kDone;
   std::string events = kRestarted;
   std::string kept = "-";  ///< in the workspace; "-" without one
-  std::string installed = events.starts_with(kApplied) ? "new" : "old";
+  std::string installed = events.find(" apply_ok") != events.npos ? "new" : "old";
   bool next_copy_left = false;
 
   void Check(bool from_inside = false) const {
