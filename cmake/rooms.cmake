@@ -44,4 +44,8 @@ function(qorva_room_tests room)
     set(TESTS_TIMEOUT 120)
   endif()
   set_tests_properties(${program} PROPERTIES TIMEOUT ${TESTS_TIMEOUT})
+  if(WIN32)
+    # On Windows the tests that fill a volume share one small drive.
+    set_tests_properties(${program} PROPERTIES RESOURCE_LOCK small_drive)
+  endif()
 endfunction()
