@@ -1,10 +1,9 @@
-#include "transfer/net/http_client.h"
-
 #include <windows.h>
 
 #include <chrono>
 
 #include "transfer/net/http_call.h"
+#include "transfer/net/http_client.h"
 #include "transfer/winhttp_win32.h"
 
 namespace zul::net {
