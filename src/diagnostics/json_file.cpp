@@ -78,8 +78,7 @@ bool WriteJsonFile(const fs::Path& path, const json& content) {
 
 const json& MemberOf(const json& object, const char* key) {
   static const json kNothing;
-  if (!object.is_object()) return kNothing;
-  const auto member = object.find(key);
+  const auto member = object.find(key);  // finds nothing in a value of another type
   return member == object.end() ? kNothing : *member;
 }
 

@@ -9,6 +9,7 @@
 #include "core/system_error.h"
 #include "core/text.h"
 #include "diagnostics/diagnostics_log.h"
+#include "diagnostics/json_file.h"
 #include "diagnostics/recovery.h"
 #include "diagnostics/report_files.h"
 #include "diagnostics/report_text.h"
@@ -98,7 +99,7 @@ bool QueueDumpReport(const OrphanDump& dump, const RecoverySurroundings& surroun
                      {"dump_size_bytes", std::to_string(dump.size_bytes)}};
   const ReportFacts facts = surroundings.facts(request);
   json manifest = BuildReportManifest(request, facts);
-  manifest["details"]["dump"] = facts.artifacts["dump"];
+  manifest["details"]["dump"] = MemberOf(facts.artifacts, "dump");
   return WriteManifestFile(surroundings.crash_directory, manifest, nullptr);
 }
 

@@ -88,7 +88,8 @@ TEST_F(Session, KeepsTheLatestStepsWithoutRepeatsAndWithinBounds) {
   EXPECT_EQ(steps[2]["details"].size(), 16u);
   EXPECT_EQ(steps[2]["details"]["25"], std::string(255, 'x') + "...");
   for (int i = 0; i < 62; ++i) AddBreadcrumb(std::to_string(i), {});
-  steps = SessionBreadcrumbs();
+  EnqueueReport({});
+  steps = ReadJson(ListReports(queue_).at(0))["breadcrumbs"];
   ASSERT_EQ(steps.size(), 64u);
   EXPECT_EQ(steps.front()["sequence"], 2);
 }
@@ -99,13 +100,17 @@ TEST(CompactCheckpoint, IsBoundedAndSanitised) {
   for (int i = 100; i < 190; ++i) details[std::to_string(i)] = std::string(300, 'v');
   details["101"] = "C:\\Users\\me\\art.tif";
   session["runtime_state"] = details;
-  session["breadcrumbs"] = json(40, {{"event", "mail me@host.example"}, {"details", details}});
+  for (int i = 0; i < 40; ++i) {
+    session["breadcrumbs"].push_back(
+        {{"sequence", i}, {"event", "mail me@host.example"}, {"details", details}});
+  }
   const json record = BuildCompactCheckpoint(session);
   EXPECT_EQ(record["checkpoint_sequence"], 0);
   EXPECT_EQ(record["runtime_state"].size(), 80u);
   EXPECT_EQ(record["runtime_state"]["101"], "[redacted-path]");
   EXPECT_EQ(record["runtime_state"]["102"], std::string(256, 'v') + "...");
   EXPECT_EQ(record["breadcrumbs"].size(), 32u);
+  EXPECT_EQ(record["breadcrumbs"][0]["sequence"], 8);
   EXPECT_EQ(record["breadcrumbs"][0]["event"], "mail [redacted-email]");
   EXPECT_EQ(record["breadcrumbs"][0]["details"].size(), 8u);
   EXPECT_EQ(record["breadcrumbs"][0]["details"]["102"], std::string(128, 'v'));

@@ -24,7 +24,7 @@ json LeftSession(const json& change = json::object()) {
       "session_id": "session_1", "termination_state": "active", "checkpoint_sequence": 4,
       "started_at_local": "2026-01-01 00:00:00", "updated_at_unix_ms": 1767225602000,
       "host_monotonic_ms": 1, "process_uptime_ms": 1500, "pid": 4294967280, "process_identity": "1",
-      "app": {"app_name": "QORVA", "version": "0.9", "exe": "C:\\Users\\me\\x.exe"},
+      "app": {"app_name": "QORVA", "version": "0.9", "user": "C:\\Users\\me"},
       "runtime_state": {"stage": "apply", "job_name": "Smith poster", "odd": 1},
       "breadcrumbs": [
         {"sequence": 1, "time_local": "2026-01-01 00:00:00", "event": "application_started"},
@@ -114,25 +114,20 @@ TEST_F(Recovery, ReportsTheSessionOfADeadProcessOnce) {
 TEST_F(Recovery, TouchesOnlyTheSessionFilesOfDeadProcesses) {
   const std::uint32_t pid = CurrentProcessId();
   const std::string identity = std::to_string(QueryProcess(pid).creation_time.value());
-  const std::string living = LeftSession({{"pid", pid}, {"process_identity", identity}}).dump();
   const std::string dead = LeftSession().dump();
-  const std::string nul = dead + '\0' + "more";
-  for (const auto& [name, contents] :
-       test::Files{{"1.json", living},
-                   {"2_of_a_recycled_id.json", LeftSession({{"pid", pid}}).dump()},
-                   {"3.json", LeftSession({{"termination_state", "clean_shutdown"}}).dump()},
-                   {"4.json", "{\"pid\": 1,"},
-                   {"5.json", nul},
-                   {"6.json.recovering.77", dead},
-                   {"7.txt", dead}}) {
-    WriteFile(Session(name), contents);
-  }
+  test::Files left = {
+      {"1.json", LeftSession({{"pid", pid}, {"process_identity", identity}}).dump()},
+      {"2.json.recovering.77", dead},
+      {"3.txt", dead}};
+  const test::Files invalid = {{"4.json", "{\"pid\": 1,"},
+                               {"5.json", dead + '\0' + "more"},
+                               {"6.json", dead + std::string(524288, ' ')}};
+  test::Files all = {{"7.json", LeftSession({{"termination_state", "clean_shutdown"}}).dump()},
+                     {"8_of_a_recycled_id.json", LeftSession({{"pid", pid}}).dump()}};
+  for (const auto& files : {left, invalid}) all.insert(files.begin(), files.end());
+  for (const auto& [name, contents] : all) WriteFile(Session(name), contents);
   EXPECT_EQ(Recover().size(), 1u);
-  const test::Files left = {{"1.json", living},
-                            {"4.json.invalid", "{\"pid\": 1,"},
-                            {"5.json.invalid", nul},
-                            {"6.json.recovering.77", dead},
-                            {"7.txt", dead}};
+  for (const auto& [name, contents] : invalid) left.emplace(name + ".invalid", contents);
   EXPECT_EQ(test::FilesBelow(SessionStateDirectory(crash_)), left);
 }
 

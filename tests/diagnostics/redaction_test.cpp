@@ -24,7 +24,8 @@ TEST(RedactSupportText, ReplacesWhatIsPrivateAndNothingElse) {
       {"<http://a.example?x>'HTTPS://a.example#y?z'", "<http://a.example>'HTTPS://a.example'"},
       {"xhttps://a/p?https://b/?c done", "xhttps://a/p done"},
       {"ftp://a.example/?x=1 ://?", "ftp://a.example/?x=1 ://?"},
-      {"https://a.example/jan@b.example/x.zip", "https://a.example/[redacted-email]/x.zip"},
+      {"https://a.example/jan@b.example/x.zip x.zip",
+       "https://a.example/[redacted-email]/x.zip [redacted-filename]"},
       // Headers and command lines.
       {"Proxy-Authorization:basic dTpw\r\n", "Proxy-Authorization:basic [redacted-token]\r\n"},
       {"--API_TOKEN=a -password x", "--API_TOKEN=[redacted-token] -password x"},
@@ -75,7 +76,7 @@ TEST(ReportSentence, WithholdsWholeValues) {
     const char* reported;
   } rows[] = {
       // Of quoted values only the messages of the system stay.
-      {"Cannot replace: source='C:\\Users\\Jan Novak\\a b.dll', target='D:\\O'Brien & Sons\\x', "
+      {"Cannot replace: source='C:\\Users\\Jan Novak\\a b.dll', target='D:\\x\\O'Brien & Sons', "
        "reason=permission_or_lock, code=5, message='Access denied.', attempts=8",
        "Cannot replace: source='[redacted-path]', target='[redacted-path]', "
        "reason=permission_or_lock, code=5, message='Access denied.', attempts=8"},

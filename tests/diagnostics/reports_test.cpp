@@ -60,6 +60,7 @@ TEST_F(Reports, WithholdPrivateTexts) {
             "[recent log tail omitted from automatic diagnostics upload]\n");
   EXPECT_EQ(report["client_report_id"], "id_1_2");
   EXPECT_EQ(report["details"], json({{"stage", "apply"}, {"target_dir", "[redacted-path]"}}));
+  EXPECT_EQ(report["artifacts"]["dump"], json({{"present", false}}));
   EXPECT_EQ(report.dump().find(folder_.path().filename().string()), std::string::npos);
   EXPECT_TRUE(LogHas("upload is disabled for this isolated process; report retained locally."));
 }
@@ -86,7 +87,8 @@ TEST_F(Reports, AreDeletedAfterAStatusOf2xxFromAnyOrigin) {
   const fs::Path report = Queued("a.json");
   for (const auto& row : rows) {
     SCOPED_TRACE(row.answers[0].first);
-    WriteFile(report, R"({"upload_attempts": [1, 2, 3, 4, 5, 6, 7]})");
+    WriteFile(report,
+              R"({"older_upload_attempts_omitted": 2, "upload_attempts": [1, 2, 3, 4, 5, 6, 7]})");
     answers_ = row.answers;
     urls_.clear();
     UploadOneReport(report, cancel_, Server());
@@ -95,13 +97,16 @@ TEST_F(Reports, AreDeletedAfterAStatusOf2xxFromAnyOrigin) {
     EXPECT_EQ(urls_.at(0), std::string(deployment::kReportOrigins[0]) + "/v1/diagnostics/report");
     if (row.delivered) continue;
     EXPECT_EQ(ReadJson(report)["upload_attempts"].size(), 8u);
-    EXPECT_EQ(ReadJson(report)["older_upload_attempts_omitted"], 1);
+    EXPECT_EQ(ReadJson(report)["older_upload_attempts_omitted"], 3);
   }
 }
 
 TEST_F(Reports, AreCancelledBetweenOriginsAndBetweenReports) {
   for (const char* name : {"a.json", "b.json", "c.json"}) WriteFile(Queued(name), "{}");
-  on_request_ = [this] { cancel_ = true; };
+  on_request_ = [this] {
+    cancel_ = true;
+    EXPECT_EQ(ReadJson(Queued("a.json"))["upload_attempts"][0]["result"], "attempting");
+  };
   Drain();
   EXPECT_EQ(urls_.size(), 1u);
   EXPECT_EQ(ReadJson(Queued("a.json"))["last_upload_status"], "cancelled");
@@ -121,7 +126,7 @@ TEST_F(Reports, AreCancelledBetweenOriginsAndBetweenReports) {
 TEST_F(Reports, OfOneProcessAreAtMost25) {
   for (int i = 0; i < 27; ++i) WriteFile(Queued(std::to_string(100 + i) + ".json"), "{}");
   const std::string none[] = {"no report", std::string(40, '[') + std::string(40, ']'),
-                              std::string("{}\0{}", 5), std::string(1048577, ' ')};
+                              std::string("{}\0{}", 5), "{}" + std::string(1048575, ' ')};
   for (int i = 0; i < 4; ++i) WriteFile(Queued(std::to_string(100 + i) + ".json"), none[i]);
   WriteFile(Queued("notes.txt"), "{}");
   Drain();
