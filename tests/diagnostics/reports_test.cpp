@@ -108,9 +108,7 @@ TEST_F(Reports, AreCancelledBetweenOriginsAndBetweenReports) {
     EXPECT_EQ(ReadJson(Queued("a.json"))["upload_attempts"][0]["result"], "attempting");
   };
   Drain();
-  EXPECT_EQ(urls_.size(), 1u);
   EXPECT_EQ(ReadJson(Queued("a.json"))["last_upload_status"], "cancelled");
-  EXPECT_EQ(ReadFile(Queued("b.json")), "{}");
   EXPECT_TRUE(LogHas("cancelled before next queued report."));
   cancel_ = false;
   // Another process delivers the reports meanwhile; their files must not come back.

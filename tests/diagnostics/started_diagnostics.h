@@ -22,8 +22,10 @@ class StartedDiagnostics : public testing::Test {
     DiagnosticsConfig config;
     config.data_root_override = folder_.path();
     config.upload_enabled = false;
-    const auto no_collector = [](const auto&, const auto&) { return CollectorStartResult{}; };
-    InitDiagnosticsIn({folder_ / "app/qorva_updater.exe", folder_ / "data", no_collector}, config);
+    const auto collector = [](const auto&, const auto&) {
+      return CollectorStartResult{true, {}, {}};
+    };
+    InitDiagnosticsIn({folder_ / "app/qorva_updater.exe", folder_ / "data", collector}, config);
   }
   ~StartedDiagnostics() override {
     FinishDiagnosticsSession("test_over");
