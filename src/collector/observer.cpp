@@ -4,7 +4,7 @@
 #include <charconv>
 #include <limits>
 #include <nlohmann/json.hpp>
-#include <string_view>
+#include <string>
 
 #include "collector/evidence_record.h"
 
@@ -12,36 +12,43 @@ namespace zul {
 
 namespace {
 
-constexpr int kArgumentCount = 6;
 constexpr std::size_t kFirstHandle = 2;
 constexpr std::size_t kHandleDigitsMax = 32;
 
-std::optional<std::uintptr_t> ParseHandle(std::wstring_view text) {
+std::optional<std::string> NarrowDigits(const wchar_t* text) {
+  if (text == nullptr) return std::nullopt;
   std::string digits;
-  for (const wchar_t c : text) {
-    if (c < L'0' || c > L'9') return std::nullopt;
-    digits.push_back(static_cast<char>('0' + (c - L'0')));
+  for (; *text != L'\0'; ++text) {
+    if (*text < L'0' || *text > L'9' || digits.size() == kHandleDigitsMax) return std::nullopt;
+    digits.push_back(static_cast<char>('0' + (*text - L'0')));
   }
-  std::uintptr_t handle = 0;
-  const auto [stop, error] = std::from_chars(digits.data(), digits.data() + digits.size(), handle);
-  if (digits.size() > kHandleDigitsMax || error != std::errc() || handle == 0 ||
-      handle == std::numeric_limits<std::uintptr_t>::max()) {
-    return std::nullopt;
-  }
-  return handle;
+  return digits;
 }
 
 }  // namespace
 
-std::optional<std::array<std::uintptr_t, 4>> ParseObserverArguments(int argc,
-                                                                    const wchar_t* const* argv) {
-  if (argc != kArgumentCount || argv == nullptr) return std::nullopt;
+std::optional<ObserverArguments> NarrowObserverArguments(int argc, const wchar_t* const* argv) {
+  ObserverArguments arguments = {"qorva_updater", "--observe"};
+  if (argc != static_cast<int>(arguments.size()) || argv == nullptr) return std::nullopt;
+  for (std::size_t i = kFirstHandle; i < arguments.size(); ++i) {
+    const std::optional<std::string> digits = NarrowDigits(argv[i]);
+    if (!digits) return std::nullopt;
+    arguments[i] = *digits;
+  }
+  return arguments;
+}
+
+std::optional<std::array<std::uintptr_t, 4>> ParseObserverHandles(
+    const ObserverArguments& arguments) {
+  if (arguments[1] != "--observe") return std::nullopt;
   std::array<std::uintptr_t, 4> handles{};
   for (std::size_t i = 0; i < handles.size(); ++i) {
-    const wchar_t* const text = argv[kFirstHandle + i];
-    const auto handle = text != nullptr ? ParseHandle(text) : std::nullopt;
-    if (!handle) return std::nullopt;
-    handles[i] = *handle;
+    const std::string& text = arguments[kFirstHandle + i];
+    const auto [stop, error] = std::from_chars(text.data(), text.data() + text.size(), handles[i]);
+    if (error != std::errc() || stop != text.data() + text.size() || handles[i] == 0 ||
+        handles[i] == std::numeric_limits<std::uintptr_t>::max()) {
+      return std::nullopt;
+    }
   }
   return handles;
 }

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
+#include <string>
 
 namespace zul {
 
@@ -18,10 +19,18 @@ namespace zul {
 /// code 73. Defined on Windows only.
 [[nodiscard]] int RunObserver(int argc, wchar_t* const* argv);
 
-/// The four handle values in an observer's arguments. Nothing when there are not six arguments, or
-/// when one of the last four is not 1 to 32 decimal digits, is 0, or has all bits set.
-[[nodiscard]] std::optional<std::array<std::uintptr_t, 4>> ParseObserverArguments(
-    int argc, const wchar_t* const* argv);
+/// An observer's arguments as narrow text: the program, --observe, and four handles in decimal.
+using ObserverArguments = std::array<std::string, 6>;
+
+/// The arguments with which an observer may start. Nothing when there are not six, or when one of
+/// the last four has more than 32 characters or another character than a digit.
+[[nodiscard]] std::optional<ObserverArguments> NarrowObserverArguments(int argc,
+                                                                       const wchar_t* const* argv);
+
+/// The four handle values in an observer's arguments. Nothing when the second is not --observe, or
+/// when one of the last four is not a number, is 0, or has all bits set.
+[[nodiscard]] std::optional<std::array<std::uintptr_t, 4>> ParseObserverHandles(
+    const ObserverArguments& arguments);
 
 /// True when a session's metadata names this executable's build in all five parts. The block of
 /// another build may have another layout.

@@ -228,13 +228,18 @@ void Observation::Release() {
   mapping_.Reset();
 }
 
+int ObserverMain(const ObserverArguments& arguments) {
+  const auto handles = ParseObserverHandles(arguments);
+  return handles ? Observation(*handles).Run() : kExitBadArguments;
+}
+
 }  // namespace
 
 int RunObserver(int argc, wchar_t* const* argv) {
   // This process has no window, so no message box of the system may wait for a user.
   ::SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX | SEM_NOOPENFILEERRORBOX);
-  const auto handles = ParseObserverArguments(argc, argv);
-  return handles ? Observation(*handles).Run() : kExitBadArguments;
+  const auto arguments = NarrowObserverArguments(argc, argv);
+  return arguments ? ObserverMain(*arguments) : kExitBadArguments;
 }
 
 }  // namespace zul

@@ -19,15 +19,28 @@ void DropNextCopy(UpdateRun& run) {
   fs::Remove(run.next_copy_path, ignored);
 }
 
+/// What the end of a failed run concerns.
+struct RunFailureContext {
+  const UpdateRequest& request;
+  UpdateProgressWindow& progress_window;
+};
+
 /// The order of every tail. `show_box` shows the message to the user.
+int ReportAndEnd(const UpdateWorld& world, const RunFailureContext& context,
+                 std::string_view report_stage, std::string_view message,
+                 const std::function<void()>& show_box, int exit_code) {
+  world.report_updater_error(context.request, report_stage, message);
+  context.progress_window.Destroy();
+  show_box();
+  world.shutdown_diagnostics();
+  return exit_code;
+}
+
 int EndRun(UpdateRun& run, std::string_view report_stage, std::string_view message,
            const std::function<void()>& show_box, int exit_code) {
   DropNextCopy(run);
-  run.world.report_updater_error(run.request, report_stage, message);
-  run.progress_window.Destroy();
-  show_box();
-  run.world.shutdown_diagnostics();
-  return exit_code;
+  return ReportAndEnd(run.world, {run.request, run.progress_window}, report_stage, message,
+                      show_box, exit_code);
 }
 
 }  // namespace

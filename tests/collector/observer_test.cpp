@@ -18,8 +18,9 @@ using nlohmann::json;
 TEST(ObserverInput, IsFourHandlesInDecimal) {
   const auto accepts = [](const std::wstring& text) {
     const wchar_t* const argv[] = {L"x", L"--observe", L"1", L"2", L"3", text.c_str(), L"5"};
-    EXPECT_FALSE(ParseObserverArguments(5, argv) || ParseObserverArguments(7, argv));
-    return ParseObserverArguments(6, argv).has_value();
+    EXPECT_FALSE(NarrowObserverArguments(5, argv) || NarrowObserverArguments(7, argv));
+    const auto arguments = NarrowObserverArguments(6, argv);
+    return arguments && ParseObserverHandles(*arguments);
   };
   EXPECT_TRUE(accepts(L"00000000000018446744073709551614"));
   for (const wchar_t* text : {L"", L"0", L"+4", L"4:", L"000000000000018446744073709551614",
