@@ -87,8 +87,8 @@ void ReadArgument(std::wstring_view argument, UpdateRequest* request) {
   }
 }
 
-std::wstring QuoteUtf8(std::string_view text) {
-  return QuoteCommandArgument(Utf8ToWide(text).value_or(std::wstring()));
+std::wstring Widen(std::string_view text) {
+  return Utf8ToWide(text).value_or(std::wstring());
 }
 
 }  // namespace
@@ -101,10 +101,10 @@ UpdateRequest ParseUpdateRequest(int argc, const wchar_t* const* argv) {
   return request;
 }
 
-std::wstring RenderHelperCommandLine(const fs::Path& helper_path, const UpdateRequest& request) {
-  std::wstring line = QuoteUtf8(PathToUtf8(helper_path));
-  const auto append = [&line](std::string_view prefix, std::string_view value) {
-    line.append(L" ").append(prefix.begin(), prefix.end()).append(QuoteUtf8(value));
+std::vector<UpdateSwitch> ListUpdateSwitches(const UpdateRequest& request) {
+  std::vector<UpdateSwitch> switches;
+  const auto append = [&switches](std::string_view prefix, std::string value) {
+    switches.push_back({prefix, std::move(value)});
   };
   append(kPid, std::to_string(request.pid));
   append(kDownloadUrl, request.download_url);
@@ -118,6 +118,14 @@ std::wstring RenderHelperCommandLine(const fs::Path& helper_path, const UpdateRe
   if (request.headless_restart_version_proof) append(kHeadlessProof, "1");
   for (const std::string& file : request.required_payload_files) append(kRequiredFile, file);
   if (request.require_signed_payload_binaries) append(kRequireSigned, "1");
+  return switches;
+}
+
+std::wstring RenderHelperCommandLine(const fs::Path& helper_path, const UpdateRequest& request) {
+  std::wstring line = QuoteCommandArgument(Widen(PathToUtf8(helper_path)));
+  for (const auto& [prefix, value] : ListUpdateSwitches(request)) {
+    line += L' ' + Widen(prefix) + QuoteCommandArgument(Widen(value));
+  }
   return line;
 }
 

@@ -33,6 +33,16 @@ struct UpdateRequest {
 /// a value is ignored.
 [[nodiscard]] UpdateRequest ParseUpdateRequest(int argc, const wchar_t* const* argv);
 
+/// One switch of a command line.
+struct UpdateSwitch {
+  std::string_view prefix;  ///< for example "--pid="; lives as long as the program
+  std::string value;
+};
+
+/// The switches that describe `request`, in their order on a command line. Optional ones that are
+/// not set are left out.
+[[nodiscard]] std::vector<UpdateSwitch> ListUpdateSwitches(const UpdateRequest& request);
+
 /// The command line that starts `helper_path` with the same request: parsing it returns `request`.
 [[nodiscard]] std::wstring RenderHelperCommandLine(const fs::Path& helper_path,
                                                    const UpdateRequest& request);

@@ -1,4 +1,4 @@
-// Compares SplitCommandLine, which the fuzzer uses, and QuoteCommandArgument with the system.
+// Compares the quoting of a command line with the system's splitting.
 #include <windows.h>
 
 #include <gtest/gtest.h>
@@ -6,7 +6,6 @@
 
 #include "core/text.h"
 #include "request/update_request.h"
-#include "tests/support/split_command_line.h"
 
 namespace zul {
 namespace {
@@ -30,15 +29,17 @@ std::wstring TextOfNumber(unsigned number) {
   return text;
 }
 
-TEST(QuoteCommandArgument, IsUndoneByTheSystemAndBySplitCommandLine) {
-  for (unsigned number = 0; number < 5000; ++number) {
-    const std::vector<std::wstring> arguments = {L"C:\\temp dir\\a.exe", TextOfNumber(number),
-                                                 TextOfNumber(number / 7)};
-    const std::wstring raw = L"a " + arguments[1] + arguments[2];
-    ASSERT_EQ(SystemSplit(raw), test::SplitCommandLine(raw)) << WideToUtf8Lossy(raw);
-    std::wstring quoted;
-    for (const std::wstring& argument : arguments) quoted += QuoteCommandArgument(argument) + L" ";
-    ASSERT_EQ(SystemSplit(quoted), arguments) << WideToUtf8Lossy(quoted);
+TEST(RenderHelperCommandLine, IsSplitByTheSystemIntoTheSwitches) {
+  for (unsigned number = 1; number < 5000; ++number) {
+    UpdateRequest request;
+    request.target_dir = WideToUtf8Lossy(TextOfNumber(number));
+    request.restart_exe = WideToUtf8Lossy(TextOfNumber(1 + number / 7));
+    const std::wstring line = RenderHelperCommandLine("C:\\temp dir\\a.exe", request);
+    std::vector<std::wstring> expected = {L"C:\\temp dir\\a.exe"};
+    for (const auto& [prefix, value] : ListUpdateSwitches(request)) {
+      expected.push_back(*Utf8ToWide(std::string(prefix) + value));
+    }
+    ASSERT_EQ(SystemSplit(line), expected) << WideToUtf8Lossy(line);
   }
 }
 

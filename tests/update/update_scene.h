@@ -15,7 +15,6 @@
 #include "core/text.h"
 #include "request/update_request.h"
 #include "tests/support/file_tricks.h"
-#include "tests/support/split_command_line.h"
 #include "tests/support/trace_reader.h"
 #include "tests/support/zip_builder.h"
 #include "tests/transfer/scripted_transport.h"
@@ -104,7 +103,13 @@ class UpdateScene {
 
   // --- The run
 
-  int Run() { return RunWith(SplitCommandLine(RenderHelperCommandLine("updater.exe", request))); }
+  int Run() {
+    std::vector<std::wstring> arguments = {L"updater.exe"};
+    for (const auto& [prefix, value] : ListUpdateSwitches(request)) {
+      arguments.push_back(*Utf8ToWide(std::string(prefix) + value));
+    }
+    return RunWith(arguments);
+  }
 
   int RunWith(const std::vector<std::wstring>& arguments) {
     installed = FilesBelow(install);
