@@ -20,15 +20,32 @@ from rig import places
 
 PUBLISHER = "Rig Tiskařství žluť s.r.o."
 NAMES = ",".join(f"DNS:{host}" for host in (*places.HOSTS, *places.REPORT_HOSTS))
-CERTIFICATES = (  # name, subject, digest, days, extensions
-    ("root", "Rig {} root", "sha256", 3650, ("keyUsage=critical,keyCertSign,cRLSign",
-                                          "basicConstraints=critical,CA:TRUE")),
-    ("server", places.PRIMARY_HOST, "sha256", 3650, (f"subjectAltName={NAMES}", "extendedKeyUsage=serverAuth")),
+VALID, ENDED = "20400101000000Z", "20200201000000Z"
+CERTIFICATES = (  # name, subject, digest, last day, extensions
+    ("root", "Rig {} root", "sha256", VALID, ("keyUsage=critical,keyCertSign,cRLSign",
+                                           "basicConstraints=critical,CA:TRUE")),
+    ("server", places.PRIMARY_HOST, "sha256", VALID, (f"subjectAltName={NAMES}", "extendedKeyUsage=serverAuth")),
     # SHA-1, since Wine 8 checks the list of disallowed certificates in a buffer of 20 bytes: it accepts a
     # publisher's certificate with a longer digest without checking that its root is trusted.
-    ("current", PUBLISHER, "sha1", 3650, ("extendedKeyUsage=codeSigning",)),
-    ("expired", PUBLISHER, "sha1", -1, ("extendedKeyUsage=codeSigning",)),
+    ("current", PUBLISHER, "sha1", VALID, ("extendedKeyUsage=codeSigning",)),
+    ("expired", PUBLISHER, "sha1", ENDED, ("extendedKeyUsage=codeSigning",)),
 )
+# `openssl ca` takes dates, also past ones, in every version. The command needs a database.
+SETTINGS = """[req]
+distinguished_name = name
+[name]
+[ca]
+default_ca = rig
+[rig]
+database = {folder}/database
+new_certs_dir = {folder}
+rand_serial = yes
+unique_subject = no
+copy_extensions = copyall
+policy = name_only
+[name_only]
+commonName = supplied
+"""
 EDITION = hashlib.sha256(repr(CERTIFICATES).encode()).hexdigest()[:8]
 
 
@@ -79,16 +96,17 @@ def fill(folder: Path, name: str) -> None:
     """Makes the keys and certificates of an authority in a new folder."""
     folder.mkdir()
     settings = folder / "settings"
-    settings.write_text("[req]\ndistinguished_name=name\n[name]\n")  # the machine's settings would add extensions
-    for title, subject, digest, days, extensions in CERTIFICATES:
+    settings.write_text(SETTINGS.format(folder=folder))  # the machine's settings would add extensions
+    (folder / "database").touch()
+    for title, subject, digest, last_day, extensions in CERTIFICATES:
         key, request, certificate = (folder / f"{title}.{kind}" for kind in ("key", "csr", "pem"))
         run("openssl", "req", "-new", "-config", settings, "-newkey", "rsa:2048", "-nodes", "-utf8",
             "-subj", f"/CN={subject.format(name)}", "-keyout", key, "-out", request,
             *(word for extension in extensions for word in ("-addext", extension)))
-        issuer = ("-signkey", key) if title == "root" else (
-            "-CA", folder / "root.pem", "-CAkey", folder / "root.key", "-CAcreateserial")
-        run("openssl", "x509", "-req", "-in", request, "-copy_extensions", "copyall", f"-{digest}",
-            "-days", days, *issuer, "-out", certificate)
+        issuer = ("-selfsign",) if title == "root" else ("-cert", folder / "root.pem")
+        run("openssl", "ca", "-batch", "-config", settings, "-utf8", "-md", digest, "-notext", *issuer,
+            "-keyfile", folder / "root.key", "-startdate", "20200101000000Z", "-enddate", last_day,
+            "-in", request, "-out", certificate)
     (folder / "complete").touch()
 
 
