@@ -73,7 +73,7 @@ void DropStableIdentifiers(json* manifest) {
 
 json BuildReportManifest(const ReportRequest& request, const ReportFacts& facts) {
   const bool approved = request.user_approved_redacted_log_tail;
-  json manifest = {{"schema_name", "qorva.diagnostics.report"},
+  json manifest = {{"schema_name", kReportSchema},
                    {"schema_version", 2},
                    {"payload_kind", "diagnostics_manifest"},
                    {"kind", request.kind.empty() ? "unknown" : request.kind},

@@ -205,6 +205,8 @@ TEST_F(Recovery, ReportsADumpOnceAndLeavesIt) {
                              {"seen_crash_1.txt", "x"}};
   for (const auto& [name, contents] : dumps) WriteFile(crash_ / name, contents);
   EXPECT_EQ(Recover().size(), 3u);
+  EXPECT_TRUE(LogHas("Diagnostics report queued: qorva_crash_capture_failed_"));
+  EXPECT_FALSE(LogHas("Diagnostics report queued: qorva_crash_2"));
   std::set<std::string> reported;
   for (const json& report : Recover()) {
     reported.insert(report["kind"].get<std::string>() + ": " + report["reason"].get<std::string>() +
