@@ -177,6 +177,8 @@ class Privacy(ReportRuns):
         base = {"pid": "0", "download-url": PRIMARY, "sha256": "0" * 64}
         for name, change in {
             "folders": {"target-dir": HOME, "restart-exe": UNC + "\\zzqapp.exe"},
+            "folders in long form": {"target-dir": "\\\\?\\" + HOME,
+                                     "restart-exe": "\\\\?\\UNC\\zzqžluťserver\\zzq share\\zzq app.exe"},
             "restart arguments": {"restart-args": "--token=zzqtoken --password zzqsecret zzqargument"},
             "a file name": {"required-payload-file": "zzqdir/zzqartwork zzqblank.tif"},
             "user information": {"download-url": f"https://zzqlogin:zzqword@{places.PRIMARY_HOST}/p.zip"},
@@ -200,7 +202,7 @@ class Privacy(ReportRuns):
         payload = {**self.payload, **dict.fromkeys(names, b"x")}
         package = packages.zip_of(payload)
         for case, message in (
-            (Run("no such required file", package=package, arguments={"required": ("zzqmissing.exe",)}),
+            (Run("no such required file", package=package, arguments={"required": ("zzqmissing poster.exe",)}),
              "Update package contract"),
             (Run("an error page", primary=Reply(status=404, body=b"zzqbody")), NOT_FOUND),
             (Run("a redirect", primary=redirect(f"https://{places.FOREIGN_HOST}/zzqpath zzqmore" + URL_PRIVATE)),
