@@ -41,6 +41,7 @@ struct ReportFacts {
 
 /// The keys of what recovery adds to a manifest.
 inline constexpr std::string_view kCompactEvidenceKey = "compact_process_evidence";
+inline constexpr std::string_view kCompactHangKey = "compact_process_hang";
 inline constexpr std::string_view kPreviousForensicsKey = "previous_session_forensics";
 
 /// The manifest, finished.

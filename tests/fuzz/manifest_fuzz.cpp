@@ -42,8 +42,9 @@ void RequireSendable(const json& before, const json& sent) {
   }
   Require(sent.at("privacy").at("redaction_policy") == kRedactionPolicy, "the policy is named");
   Require(contract.at("what_uploaded") == UploadedParts(before), "the uploaded parts are listed");
-  if (const auto evidence = before.find(kCompactEvidenceKey); evidence != before.end()) {
-    Require(sent.at(kCompactEvidenceKey) == SanitizeEvidenceRecord(*evidence),
+  for (const std::string_view key : {kCompactEvidenceKey, kCompactHangKey}) {
+    const auto evidence = before.find(key);
+    Require(evidence == before.end() || sent.at(key) == SanitizeEvidenceRecord(*evidence),
             "evidence is sanitised again");
   }
   const json& attempts = sent.at("upload_attempts");
