@@ -8,9 +8,9 @@
 namespace zul {
 namespace {
 
-using Recovery = test::StartedDiagnostics;
+using HeldEvidence = test::StartedDiagnostics;
 
-TEST_F(Recovery, LogsASessionFileThatTheSystemRefusesToRead) {
+TEST_F(HeldEvidence, IsLoggedWhenTheSystemRefusesToReadIt) {
   const fs::Path file = SessionStateDirectory(crash_) / "active_1_a.json";
   test::WriteFile(file, "{}");
   const UniqueFileHandle holder(::CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_DELETE,

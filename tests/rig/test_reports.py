@@ -123,7 +123,7 @@ class Delivery(ReportRuns):
         self.assertEqual("failed", kept["upload_contract"]["result"])
         self.answer(OK, OK)
         self.run_failing(scene)
-        self.assertEqual([3, 1], [len(json.loads(post.body)["upload_attempts"]) for post in self.posts()])
+        self.assertEqual([1, 3], [len(json.loads(post.body)["upload_attempts"]) for post in self.posts()])
         self.assertEqual([], self.queued(scene))
 
     def test_reports_that_are_refused_do_not_keep_a_new_one_waiting(self) -> None:
@@ -231,8 +231,8 @@ class Privacy(ReportRuns):
         payload = {**self.payload, **dict.fromkeys(names, b"x")}
         package = packages.zip_of(payload)
         for case, message in (
-            (Run("no such required file", package=package, arguments={"required": ("zzqmissing poster.exe",)}),
-             "Update package contract"),
+            (Run("no such required file", package=package, arguments={"required": ("missing.dll",)}),
+             "Update package layout mismatch"),
             (Run("an error page", primary=Reply(status=404, body=b"zzqbody")), NOT_FOUND),
             (Run("a redirect", primary=redirect(f"https://{places.FOREIGN_HOST}/zzqpath zzqmore" + URL_PRIVATE)),
              "Update download failed"),
@@ -242,7 +242,8 @@ class Privacy(ReportRuns):
                 case.query = URL_PRIVATE
                 scene = self.scene(case.name)
                 self.run_failing(scene, case, message)
-                self.assert_nothing_private(scene)
+                (report,) = self.assert_nothing_private(scene)
+                self.assertEqual(case.name == "no such required file", "missing: missing.dll" in report["reason"])
 
     def test_hides_the_paths_of_a_failed_apply(self) -> None:
         scene = self.scene("apply")
