@@ -232,7 +232,7 @@ class Privacy(ReportRuns):
         package = packages.zip_of(payload)
         for case, message in (
             (Run("no such required file", package=package, arguments={"required": ("missing.dll",)}),
-             "Update package layout mismatch"),
+             "Update package contract"),
             (Run("an error page", primary=Reply(status=404, body=b"zzqbody")), NOT_FOUND),
             (Run("a redirect", primary=redirect(f"https://{places.FOREIGN_HOST}/zzqpath zzqmore" + URL_PRIVATE)),
              "Update download failed"),
