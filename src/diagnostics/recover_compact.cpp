@@ -55,7 +55,7 @@ json FindSession(const fs::Path& crash_directory, const ProcessKey& process) {
 struct EarlierProcess {
   std::optional<json> checkpoint;  ///< the last one, bounded
   std::optional<json> hang;        ///< the hang that was captured, sanitised
-  json app;                        ///< the `app` object; a null value when nothing tells its build
+  json app;                        ///< the `app` object; a null value when its build is unknown
 };
 
 /// The build of a process as its evidence names it.
