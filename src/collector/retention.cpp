@@ -1,6 +1,9 @@
 #include "collector/retention.h"
 
 #include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstdint>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -46,6 +49,23 @@ std::vector<std::string> EndedSessions(const fs::Path& crash_directory, std::err
     }
   }
   return names;
+}
+
+/// The process that the name of a session names, "process_<time of start>_<pid>_<creation time>",
+/// which a claim of recovery may follow. Nothing for another name.
+std::optional<ProcessKey> ProcessOfSession(const fs::Path& session) {
+  const std::string name = PathToUtf8(session.filename());
+  std::array<std::uint64_t, 3> numbers{};
+  const char* const end = name.data() + name.size();
+  const char* at = name.data() + std::min(name.size(), name.find('_'));
+  for (std::uint64_t& number : numbers) {
+    if (at == end || *at != '_') return std::nullopt;
+    const auto [stop, error] = std::from_chars(at + 1, end, number);
+    if (error != std::errc()) return std::nullopt;
+    at = stop;
+  }
+  if (at != end && *at != '.') return std::nullopt;
+  return ProcessKey{numbers[1], std::to_string(numbers[2])};
 }
 
 /// True when the session has an incident record, or a file that may be one: what cannot be read now

@@ -1,7 +1,6 @@
 #include "collector/session_directory.h"
 
 #include <algorithm>
-#include <charconv>
 
 #include "collector/safe_path.h"
 #include "core/failure.h"
@@ -76,23 +75,6 @@ bool CreateCompactSession(const fs::Path& crash_directory, std::uint64_t now_uni
   }
   *directory = session;
   return true;
-}
-
-std::optional<ProcessKey> ProcessOfSession(const fs::Path& directory) {
-  const std::string name = PathToUtf8(directory.filename());
-  if (!IsCompactSessionName(name)) return std::nullopt;
-  // The time of the start, the id and the creation time of the process.
-  std::array<std::uint64_t, 3> numbers{};
-  const char* at = name.data() + kSessionPrefix.size() - 1;
-  const char* const end = name.data() + name.size();
-  for (std::uint64_t& number : numbers) {
-    if (at == end || *at != '_') return std::nullopt;
-    const auto [stop, error] = std::from_chars(at + 1, end, number);
-    if (error != std::errc()) return std::nullopt;
-    at = stop;
-  }
-  if (at != end && *at != '.') return std::nullopt;  // a claim begins with a dot
-  return ProcessKey{numbers[1], std::to_string(numbers[2])};
 }
 
 std::vector<fs::Path> ListCompactSessions(const fs::Path& crash_directory, std::error_code& ec) {

@@ -6,13 +6,11 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <system_error>
 #include <vector>
 
-#include "collector/process_life.h"
 #include "core/path.h"
 
 namespace zul {
@@ -64,10 +62,6 @@ inline constexpr std::array<std::string_view, 11> kSessionFiles = {kIncidentFile
 [[nodiscard]] bool CreateCompactSession(const fs::Path& crash_directory, std::uint64_t now_unix_ms,
                                         std::uint32_t pid, std::uint64_t creation_time,
                                         fs::Path* directory, std::string* reason);
-
-/// The process that the name of a session folder names, whether recovery has claimed the folder or
-/// not. Nothing for another name. Lexical.
-[[nodiscard]] std::optional<ProcessKey> ProcessOfSession(const fs::Path& directory);
 
 /// The session folders of a crash folder that pass IsSafeDirectoryChain, sorted by name. Names
 /// begin with the time of the start, so the oldest session comes first. Empty when the folder of

