@@ -46,6 +46,7 @@ int ProcessEntry() {
   if (!AsksForVersion(argc, argv.get())) StartDiagnostics();
   const int exit_code = RunUpdateDriver(argc, argv.get());
   RecordProcessExitCode(static_cast<std::uint32_t>(exit_code));
+  EndUnobservedSession();
   return exit_code;
 }
 

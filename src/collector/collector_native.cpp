@@ -12,6 +12,8 @@ CollectorStartResult StartCompactCollector(const fs::Path& /*crash_directory*/,
 
 void RecordProcessExitCode(std::uint32_t /*code*/) noexcept {}
 
+void EndUnobservedSession() noexcept {}
+
 fs::Path CompactSessionDirectory() {
   return {};
 }

@@ -117,9 +117,9 @@ bool StartObserved(const fs::Path& session, const fs::Path& install_directory,
   std::error_code ec;
   fs::File emergency_file = CreateEmergencyFile(session, ec);
   if (!emergency_file.is_open()) return Fail(reason, "emergency_record_open_failed");
-  CrashChannel* const channel = PublishChannel(&objects, std::move(emergency_file));
-  const ProcessKey self{channel->block->pid, std::to_string(creation_time)};
+  const ProcessKey self{::GetCurrentProcessId(), std::to_string(creation_time)};
   if (!CommitFirstRecords(session, self)) return Fail(reason, "collector_metadata_write_failed");
+  CrashChannel* const channel = PublishChannel(&objects, std::move(emergency_file));
   InstallCrashHandlers(channel);
   const fs::Path executable = install_directory / "qorva_updater.exe";
   if (!IsRegularExecutable(executable)) return Fail(reason, "collector_executable_missing");
@@ -158,11 +158,26 @@ CollectorStartResult StartCompactCollector(const fs::Path& crash_directory,
   }
   result.session_directory = PathToUtf8(session);
   result.ready = StartObserved(session, install_directory, creation_time, &result.failure_reason);
+  if (g_channel.load() == nullptr) {  // no crash of this process can be recorded
+    DeleteCompactSession(session);
+    result.session_directory.clear();
+  }
   return result;
 }
 
 void RecordProcessExitCode(std::uint32_t code) noexcept {
   if (CrashChannel* channel = g_channel.load()) DeclareExit(*channel->block, code);
+}
+
+void EndUnobservedSession() noexcept {
+  CrashChannel* const channel = g_channel.load();
+  if (channel == nullptr || channel->observer.load() != nullptr) return;
+  try {
+    std::error_code ec;
+    static_cast<void>(channel->emergency_file.Close(ec));
+    DeleteCompactSession(SessionDirectoryIn(*channel->block));
+  } catch (...) {  // out of memory: the folder remains
+  }
 }
 
 fs::Path CompactSessionDirectory() {

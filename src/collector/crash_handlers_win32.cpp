@@ -22,6 +22,9 @@ constinit std::atomic<CrashChannel*> g_channel{nullptr};
 constinit std::atomic<bool> g_recorded{false};
 constinit LPTOP_LEVEL_EXCEPTION_FILTER g_previous_filter = nullptr;
 constinit std::terminate_handler g_previous_terminate = nullptr;
+/// The library's own handler, which is in force until a program installs one. It allocates and
+/// prints, so it can block for ever in a process whose heap is locked.
+const std::terminate_handler g_default_terminate = std::get_terminate();
 
 /// Fills a record that has its magic and size, from `exception`. Where that lacks a context the
 /// record keeps the one that it has.
@@ -95,7 +98,8 @@ LONG WINAPI FilterException(EXCEPTION_POINTERS* exception) {
 void InstallCrashHandlers(CrashChannel* channel) noexcept {
   g_channel.store(channel);
   g_previous_filter = ::SetUnhandledExceptionFilter(FilterException);
-  g_previous_terminate = std::set_terminate(HandleTerminate);
+  const std::terminate_handler previous = std::set_terminate(HandleTerminate);
+  g_previous_terminate = previous == g_default_terminate ? nullptr : previous;
   ULONG stack_bytes = kStackGuaranteeBytes;
   ::SetThreadStackGuarantee(&stack_bytes);
 }

@@ -1,10 +1,14 @@
 #include "collector/evidence_record.h"
 
+#include <chrono>
+#include <thread>
+
 #include "collector/safe_path.h"
 #include "collector/session_directory.h"
 #include "core/build_identity.h"
 #include "core/failure.h"
 #include "core/file_layer.h"
+#include "core/system_error.h"
 
 namespace zul {
 
@@ -27,6 +31,20 @@ bool WriteWhole(fs::File file, std::string_view text) {
   std::size_t written = 0;
   return file.WriteSome(text.data(), text.size(), &written, ec) && written == text.size() &&
          file.Flush(ec) && file.Close(ec);
+}
+
+/// Moves a complete temporary over the record. A scanner, a backup or a recovery that has either
+/// file open makes the system refuse this for a moment, so it is tried again for 200 ms: well
+/// within the time that a crashing process waits for its observer.
+bool Publish(const fs::Path& temporary, const fs::Path& path) {
+  constexpr int kAttempts = 11;
+  constexpr std::chrono::milliseconds kPause{20};
+  std::error_code ec;
+  for (int attempt = 1; !fs::MoveReplacingWhole(temporary, path, ec); ++attempt) {
+    if (attempt == kAttempts || !IsLockedOrDeniedError(ec)) return false;
+    std::this_thread::sleep_for(kPause);
+  }
+  return true;
 }
 
 /// At most `size` bytes from the start of a file; empty also when reading fails.
@@ -74,7 +92,7 @@ bool CommitEvidenceRecord(const fs::Path& path, const json& record, std::string*
   std::error_code ec;
   fs::File file = fs::CreateNewFileItself(temporary, ec);
   if (!file.is_open()) return Fail(error, "record_open_failed");
-  if (WriteWhole(std::move(file), text) && fs::MoveReplacingWhole(temporary, path, ec)) return true;
+  if (WriteWhole(std::move(file), text) && Publish(temporary, path)) return true;
   fs::Remove(temporary, ec);
   return Fail(error, "record_commit_failed");
 }

@@ -34,6 +34,7 @@ inline constexpr int kEvidenceDepthMax = 32;
 [[nodiscard]] nlohmann::json BuildBaseRecord(const ProcessKey& observed, std::uint64_t now_unix_ms);
 
 /// Writes `record` to `path`, replacing an older record. Returns when the record is on the device.
+/// Blocks for 200 ms more while another process has the record open.
 /// Text that is not valid UTF-8 is written with replacement characters. On failure the old record
 /// and no other file remains, and `error` (may be null) gets record_directory_unsafe,
 /// record_size_limit, record_temporary_unsafe, record_open_failed or record_commit_failed.

@@ -1,6 +1,9 @@
 #include "collector/retention.h"
 
 #include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstdint>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -48,6 +51,48 @@ std::vector<std::string> EndedSessions(const fs::Path& crash_directory, std::err
   return names;
 }
 
+/// The process that the name of a session names, "process_<time of start>_<pid>_<creation time>",
+/// which a claim of recovery may follow. Nothing for another name.
+std::optional<ProcessKey> ProcessOfSession(const fs::Path& session) {
+  const std::string name = PathToUtf8(session.filename());
+  std::array<std::uint64_t, 3> numbers{};
+  const char* const end = name.data() + name.size();
+  const char* at = name.data() + std::min(name.size(), name.find('_'));
+  for (std::uint64_t& number : numbers) {
+    if (at == end || *at != '_') return std::nullopt;
+    const auto [stop, error] = std::from_chars(at + 1, end, number);
+    if (error != std::errc()) return std::nullopt;
+    at = stop;
+  }
+  if (at != end && *at != '.') return std::nullopt;
+  return ProcessKey{numbers[1], std::to_string(numbers[2])};
+}
+
+/// True when the session has an incident record, or a file that may be one: what cannot be read now
+/// may be readable later.
+bool MayHaveIncident(const fs::Path& session) {
+  const fs::Path incident = session / kIncidentFile;
+  json record;
+  std::string reason;
+  if (ReadEvidenceRecord(incident, &record, &reason)) return true;
+  std::error_code ec;
+  if (fs::KindOf(incident, fs::Links::kDoNotFollow, ec) == fs::EntryKind::kNotFound) return false;
+  const bool empty = fs::SizeOf(incident, ec) == 0 && !ec;
+  return !empty && reason != "record_schema_invalid";
+}
+
+/// Removes the sessions that hold nothing to report: those of ended processes without an incident
+/// record. The process ended while it created the folder, or another one while it removed it.
+void RemoveEmptySessions(const fs::Path& crash_directory) {
+  std::error_code ignored;
+  for (const fs::Path& session : ListCompactSessions(crash_directory, ignored)) {
+    const std::optional<ProcessKey> process = ProcessOfSession(session);
+    if (process && !MayHaveIncident(session) && !IsProcessAlive(*process)) {
+      DeleteCompactSession(session);
+    }
+  }
+}
+
 std::vector<std::string> CompactReports(const fs::Path& pending, std::error_code& ec) {
   std::vector<std::string> names;
   for (const fs::DirectoryEntry& entry : fs::ListDirectory(pending, ec)) {
@@ -72,6 +117,7 @@ void CommitResult(const fs::Path& crash_directory, std::string_view name, json r
 }  // namespace
 
 void EnforceCompactRetention(const fs::Path& crash_directory, std::uint64_t now_unix_ms) {
+  RemoveEmptySessions(crash_directory);
   std::error_code ec;
   const std::vector<std::string> expired = AllButTheNewest(EndedSessions(crash_directory, ec));
   if (ec || expired.empty()) return;

@@ -98,7 +98,8 @@ bool CaptureThreadContextSnapshot(HANDLE process, DWORD thread_id, CONTEXT* cont
     return false;
   }
   const bool found = FindContext(functions, snapshot, thread_id, context);
-  functions.free_snapshot(process, snapshot);
+  // The first argument is the process that holds the snapshot, not the captured one.
+  functions.free_snapshot(::GetCurrentProcess(), snapshot);
   if (!found) (*record)["capture_error"] = "ui_thread_context_unavailable";
   return found;
 }

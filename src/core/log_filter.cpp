@@ -59,19 +59,23 @@ bool SetThreshold(LogThresholds* thresholds, std::string_view name, LogLevel lev
 /// Applies `apply` to each trimmed, non-empty entry of `text`. No value when an entry fails or
 /// there is no entry.
 template <typename Apply>
-std::optional<LogThresholds> ParseEntries(std::string_view text, LogLevel start, Apply apply) {
+std::optional<LogThresholds> ParseEntries(std::string_view text, LogLevel start,
+                                          LogFilterFaults* faults, Apply apply) {
   LogThresholds thresholds;
   thresholds.fill(start);
   bool any = false;
+  bool sound = true;
   while (!text.empty()) {
     const std::size_t end = text.find_first_of(",;");
     const std::string_view entry = TrimWhitespace(text.substr(0, end));
     text = end == std::string_view::npos ? std::string_view() : text.substr(end + 1);
     if (entry.empty()) continue;
-    if (!apply(&thresholds, entry)) return std::nullopt;
     any = true;
+    if (apply(&thresholds, entry)) continue;
+    sound = false;
+    if (faults != nullptr) faults->push_back(entry);
   }
-  if (!any) return std::nullopt;
+  if (!any || !sound) return std::nullopt;
   return thresholds;
 }
 
@@ -100,8 +104,8 @@ std::string_view LogCategoryName(LogCategory category) {
   return kCategoryNames[LogCategoryIndex(category)];
 }
 
-std::optional<LogThresholds> ParseLogFilter(std::string_view text) {
-  return ParseEntries(text, LogLevel::kDebug,
+std::optional<LogThresholds> ParseLogFilter(std::string_view text, LogFilterFaults* faults) {
+  return ParseEntries(text, LogLevel::kDebug, faults,
                       [](LogThresholds* thresholds, std::string_view entry) {
                         const std::size_t split = entry.find_first_of("=:");
                         if (split == std::string_view::npos) return false;
@@ -110,10 +114,11 @@ std::optional<LogThresholds> ParseLogFilter(std::string_view text) {
                       });
 }
 
-std::optional<LogThresholds> ParseLogCategories(std::string_view text) {
-  return ParseEntries(text, LogLevel::kWarn, [](LogThresholds* thresholds, std::string_view entry) {
-    return SetThreshold(thresholds, entry, LogLevel::kDebug);
-  });
+std::optional<LogThresholds> ParseLogCategories(std::string_view text, LogFilterFaults* faults) {
+  return ParseEntries(text, LogLevel::kWarn, faults,
+                      [](LogThresholds* thresholds, std::string_view entry) {
+                        return SetThreshold(thresholds, entry, LogLevel::kDebug);
+                      });
 }
 
 }  // namespace zul

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <optional>
 #include <string_view>
+#include <vector>
 
 namespace zul {
 
@@ -24,12 +25,18 @@ using LogThresholds = std::array<LogLevel, kLogCategoryCount>;
 /// The category's word; "general" for an unknown category.
 [[nodiscard]] std::string_view LogCategoryName(LogCategory category);
 
+/// The entries of a filter that were not understood: views into its text, trimmed.
+using LogFilterFaults = std::vector<std::string_view>;
+
 /// Parses "name=level" entries separated by "," or ";" (QORVA_LOG_FILTER). No value when an entry
-/// is malformed or there is no entry.
-[[nodiscard]] std::optional<LogThresholds> ParseLogFilter(std::string_view text);
+/// is malformed, which `faults` (may be null) receives, or there is no entry.
+[[nodiscard]] std::optional<LogThresholds> ParseLogFilter(std::string_view text,
+                                                          LogFilterFaults* faults = nullptr);
 
 /// Parses category names separated by "," or ";" (QORVA_LOG_CATEGORIES). The named categories have
-/// the threshold DEBUG, the others WARN. No value when a name is unknown or there is no name.
-[[nodiscard]] std::optional<LogThresholds> ParseLogCategories(std::string_view text);
+/// the threshold DEBUG, the others WARN. No value when a name is unknown, which `faults` (may be
+/// null) receives, or there is no name.
+[[nodiscard]] std::optional<LogThresholds> ParseLogCategories(std::string_view text,
+                                                              LogFilterFaults* faults = nullptr);
 
 }  // namespace zul

@@ -1,5 +1,6 @@
 #include "core/logger.h"
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -53,6 +54,36 @@ std::time_t SystemClock() {
   return std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
 }
 
+/// In the order in which they count.
+struct FilterVariable {
+  const char* name;
+  std::optional<LogThresholds> (*parse)(std::string_view text, LogFilterFaults* faults);
+};
+constexpr FilterVariable kFilterVariables[] = {{"QORVA_LOG_FILTER", ParseLogFilter},
+                                               {"QORVA_LOG_CATEGORIES", ParseLogCategories}};
+
+/// "general=WARN, diagnostics=INFO, ...".
+std::string Describe(const LogThresholds& thresholds) {
+  std::vector<std::string> levels;
+  for (std::size_t i = 0; i < kLogCategoryCount; ++i) {
+    const std::string_view level = TrimWhitespace(LogLevelField(thresholds[i]));
+    levels.push_back(std::string(LogCategoryName(static_cast<LogCategory>(i))) + "=" +
+                     std::string(level));
+  }
+  return JoinText(levels, ", ");
+}
+
+/// "not understood: 'bogus=info'", on one line of bounded length.
+std::string Describe(const LogFilterFaults& faults) {
+  constexpr std::size_t kFaultsBytesMax = 200;
+  if (faults.empty()) return "it has no entry";
+  std::string text = JoinText(faults, "', '");
+  if (text.size() > kFaultsBytesMax) text = text.substr(0, kFaultsBytesMax) + "...";
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < ' '; }, '?');
+  return "not understood: '" + text + "'";
+}
+
 /// `x.log` and 1 give `x.log.1`.
 fs::Path RotatedName(const fs::Path& path, int number) {
   fs::Path result = path;
@@ -96,12 +127,26 @@ std::string Logger::CurrentPath() const {
 }
 
 void Logger::ApplyFilterFromEnvironment() {
-  LogThresholds thresholds{};
-  if (const std::string filter = GetEnvironmentPath("QORVA_LOG_FILTER"); !filter.empty()) {
-    thresholds = ParseLogFilter(filter).value_or(LogThresholds{});
-  } else if (const std::string names = GetEnvironmentPath("QORVA_LOG_CATEGORIES"); !names.empty()) {
-    thresholds = ParseLogCategories(names).value_or(LogThresholds{});
+  for (const auto& [variable, parse] : kFilterVariables) {
+    const std::string text = GetEnvironmentPath(variable);
+    if (text.empty()) continue;
+    LogFilterFaults faults;
+    const std::optional<LogThresholds> thresholds = parse(text, &faults);
+    SetThresholds(thresholds.value_or(LogThresholds{}));
+    // These lines pass any filter: without them a log that lacks lines does not say why.
+    if (thresholds) {
+      Compose({}, LogLevel::kInfo, {"Log filter of ", variable, ": ", Describe(*thresholds)});
+    } else {
+      Compose(
+          {}, LogLevel::kWarn,
+          {"Log filter of ", variable, " is ignored, so nothing is filtered: ", Describe(faults)});
+    }
+    return;
   }
+  SetThresholds({});
+}
+
+void Logger::SetThresholds(const LogThresholds& thresholds) {
   for (std::size_t i = 0; i < kLogCategoryCount; ++i) category_levels_[i].store(thresholds[i]);
 }
 

@@ -57,7 +57,8 @@ class Logger {
   [[nodiscard]] std::string CurrentPath() const;
 
   /// Sets the thresholds from QORVA_LOG_FILTER or, when that is unset, from QORVA_LOG_CATEGORIES.
-  /// They can only narrow the output: lines below INFO are never logged.
+  /// They can only narrow the output: lines below INFO are never logged. When one of the two is
+  /// set, a line that passes every filter says what is in force and what was not understood.
   void ApplyFilterFromEnvironment();
 
   /// Logs the concatenation of the pieces in the category kGeneral; the line has no category field.
@@ -101,6 +102,7 @@ class Logger {
   /// The lowest level of all categories. Nothing lowers it, so DEBUG lines are never logged.
   static constexpr LogLevel kMinimumLevel = LogLevel::kInfo;
 
+  void SetThresholds(const LogThresholds& thresholds);
   void Compose(std::optional<LogCategory> category, LogLevel level,
                std::initializer_list<std::string_view> pieces);
   [[nodiscard]] std::shared_ptr<const Sinks> CurrentSinks() const;

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <mutex>
+#include <set>
 #include <string_view>
 #include <thread>
 #include <utility>
@@ -179,7 +180,9 @@ ReportFacts GatherReportFacts(const ReportRequest& request) {
           .artifacts = {{"report", ArtifactMetadata(request.report_file)},
                         {"dump", ArtifactMetadata(request.dump_file)},
                         {"log", ArtifactMetadata(log)}},
-          .report_file_text = ReadReportText(request.report_file)};
+          .report_file_text = request.trace_run_id.empty()
+                                  ? ReadReportText(request.report_file)
+                                  : ReadTraceText(request.report_file, request.trace_run_id)};
 }
 
 RecoverySurroundings RecoveryHere(const fs::Path& crash_directory) {
@@ -188,11 +191,35 @@ RecoverySurroundings RecoveryHere(const fs::Path& crash_directory) {
           }};
 }
 
+/// The file names of the reports that this process has queued about itself.
+class OwnReports {
+ public:
+  void Add(std::string file_name) {
+    const std::scoped_lock lock(mutex_);
+    names_.insert(std::move(file_name));
+  }
+  [[nodiscard]] std::set<std::string> Names() const {
+    const std::scoped_lock lock(mutex_);
+    return names_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::set<std::string> names_;
+};
+
+OwnReports& Own() {
+  // Never destroyed: the upload thread may still read it while the process ends.
+  static OwnReports& own = *new OwnReports;
+  return own;
+}
+
 void UploadQueuedReports(const std::atomic<bool>& cancel) {
   static TriedReports tried;  // used by one worker at a time
   const fs::Path crash_directory = PathOrEmpty(GetDiagnosticsState().crash_directory);
   if (crash_directory.empty()) return;
-  DrainReportQueue(PendingReportsDirectory(crash_directory), cancel, net::SendHttpRequest, &tried);
+  DrainReportQueue(PendingReportsDirectory(crash_directory), Own().Names(), cancel,
+                   net::SendHttpRequest, &tried);
 }
 
 UploadWorker& ProcessUploadWorker() {
@@ -215,7 +242,8 @@ void Enqueue(const ReportRequest& request) {
   std::string file_name;
   if (!WriteManifestFile(PathOrEmpty(state.crash_directory), manifest, &file_name)) return;
   if (request.kind == "crash") return;  // the start that recovers a crash also starts the upload
-  LogDiagnostics(LogLevel::kInfo, "Diagnostics report queued: ", file_name);
+  LogReportQueued(file_name);
+  Own().Add(std::move(file_name));
   if (state.upload_enabled) {
     StartUploadWorker();
   } else {

@@ -49,9 +49,11 @@ std::vector<fs::Path> ListJsonFiles(const fs::Path& folder, std::error_code& ec)
   return files;
 }
 
-JsonFileState ReadJsonObject(const fs::Path& path, std::size_t max_bytes, json* object) {
+JsonFileState ReadJsonObject(const fs::Path& path, std::size_t max_bytes, json* object,
+                             std::string* message) {
   std::string bytes;
-  const BoundedReadResult read = ReadBounded(PathToUtf8(path), max_bytes, &bytes);
+  BoundedReadResult read = ReadBounded(PathToUtf8(path), max_bytes, &bytes);
+  if (message != nullptr) *message = std::move(read.message);
   if (read.status == kBoundedReadTooLarge) return JsonFileState::kNotAnObject;
   if (read.status != kBoundedReadOk) return JsonFileState::kUnreadable;
   std::optional<json> parsed = ParseBoundedObject(bytes);

@@ -26,9 +26,9 @@ enum class JsonFileState {
 };
 
 /// Reads a file of at most `max_bytes` that holds one JSON object. `*object` changes only on
-/// success.
+/// success. `message` (may be null) receives why an existing file is kUnreadable.
 [[nodiscard]] JsonFileState ReadJsonObject(const fs::Path& path, std::size_t max_bytes,
-                                           nlohmann::json* object);
+                                           nlohmann::json* object, std::string* message = nullptr);
 
 /// Writes `content` with an indent of 2 through "<path>.tmp.<pid>" and one rename, and creates the
 /// folder. Blocks until the device has the data. On failure the old file stays, and the failure is

@@ -30,22 +30,59 @@ bool IsOfProcess(const json& record, const ProcessKey& process) {
   return key && key->pid == process.pid && key->identity == process.identity;
 }
 
-/// The last checkpoint of a process, bounded: from its compact session, or else from its session
-/// file.
-std::optional<json> FindCheckpoint(const fs::Path& session, const fs::Path& crash_directory,
-                                   const ProcessKey& process) {
-  json checkpoint;
-  if (ReadEvidenceRecord(session / kCheckpointFile, &checkpoint, nullptr) &&
-      IsOfProcess(checkpoint, process)) {
-    return BuildCompactCheckpoint(checkpoint);
+/// The record of this name in a session folder; nothing when it is of another process.
+std::optional<json> RecordOf(const ProcessKey& process, const fs::Path& file) {
+  json record;
+  if (!ReadEvidenceRecord(file, &record, nullptr) || !IsOfProcess(record, process)) {
+    return std::nullopt;
   }
+  return record;
+}
+
+/// The session file of a process; a null value when there is none.
+json FindSession(const fs::Path& crash_directory, const ProcessKey& process) {
+  json session;
   for (const fs::Path& file : ListSessionFiles(crash_directory)) {
-    if (ReadJsonObject(file, kSessionFileBytesMax, &checkpoint) == JsonFileState::kObject &&
-        IsOfProcess(checkpoint, process)) {
-      return BuildCompactCheckpoint(checkpoint);
+    if (ReadJsonObject(file, kSessionFileBytesMax, &session) == JsonFileState::kObject &&
+        IsOfProcess(session, process)) {
+      return session;
     }
   }
-  return std::nullopt;
+  return {};
+}
+
+/// What an earlier process left, besides the incident of its end.
+struct EarlierProcess {
+  std::optional<json> checkpoint;  ///< the last one, bounded
+  std::optional<json> hang;        ///< the hang that was captured, sanitised
+  json app;                        ///< the `app` object; a null value when its build is unknown
+};
+
+/// The build of a process as its evidence names it.
+json AppOf(const json& evidence) {
+  if (!MemberOf(evidence, "build_id").is_string()) return {};
+  json app = {{"app_name", "QORVA"}};
+  for (const char* key : {"version", "build_id", "channel", "platform", "arch"}) {
+    if (MemberOf(evidence, key).is_string()) app[key] = evidence[key];
+  }
+  return app;
+}
+
+EarlierProcess FindEarlierProcess(const fs::Path& session_folder, const fs::Path& crash_directory,
+                                  const ProcessKey& process, const json& evidence) {
+  EarlierProcess earlier;
+  const json session = FindSession(crash_directory, process);
+  if (const auto checkpoint = RecordOf(process, session_folder / kCheckpointFile)) {
+    earlier.checkpoint = BuildCompactCheckpoint(*checkpoint);
+  } else if (session.is_object()) {
+    earlier.checkpoint = BuildCompactCheckpoint(session);
+  }
+  if (const auto hang = RecordOf(process, session_folder / kHangFile)) {
+    earlier.hang = SanitizeEvidenceRecord(*hang);
+  }
+  const json& app = MemberOf(session, "app");
+  earlier.app = MemberOf(app, "build_id").is_string() ? SanitizeAppObject(app) : AppOf(evidence);
+  return earlier;
 }
 
 std::string KindOfEnd(const json& evidence) {
@@ -54,19 +91,21 @@ std::string KindOfEnd(const json& evidence) {
 }
 
 json BuildCompactManifest(const RecoverySurroundings& surroundings, const json& evidence,
-                          const std::optional<json>& checkpoint, const std::string& report_id) {
+                          const EarlierProcess& earlier, const std::string& report_id) {
   ReportRequest request;
   request.kind = KindOfEnd(evidence);
   request.reason = "Independent process evidence: " + TextIn(evidence, "event") +
                    "; capture=" + TextIn(evidence, "capture_status", "unknown");
   request.client_report_id = report_id;
-  if (!checkpoint) request.details = {{"previous_checkpoint", "unavailable"}};
+  if (!earlier.checkpoint) request.details = {{"previous_checkpoint", "unavailable"}};
   json manifest = BuildReportManifest(request, surroundings.facts(request));
+  if (!earlier.app.is_null()) manifest["app"] = earlier.app;
   manifest["breadcrumbs"] = json::array();
-  if (checkpoint) {
-    AddSessionForensics(*checkpoint, ClassifySessionEndNow(*checkpoint), &manifest);
+  if (earlier.checkpoint) {
+    AddSessionForensics(*earlier.checkpoint, ClassifySessionEndNow(*earlier.checkpoint), &manifest);
   }
   manifest[std::string(kCompactEvidenceKey)] = evidence;
+  if (earlier.hang) manifest[std::string(kCompactHangKey)] = *earlier.hang;
   manifest["privacy"]["compact_process_evidence"] = "module_offsets_and_sanitized_state_only";
   FinishManifest(&manifest);
   return manifest;
@@ -95,7 +134,8 @@ void RecoverCompactSession(const OrphanSession& orphan, const RecoverySurroundin
     const std::string report_id = "compact_" + claim.OriginalName();
     const json manifest = BuildCompactManifest(
         surroundings, evidence,
-        FindCheckpoint(claim.path(), surroundings.crash_directory, *process), report_id);
+        FindEarlierProcess(claim.path(), surroundings.crash_directory, *process, evidence),
+        report_id);
     if (!claim.StillHeld() ||
         !QueueCompactReport(manifest, surroundings.crash_directory, report_id)) {
       return;

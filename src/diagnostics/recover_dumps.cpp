@@ -100,7 +100,10 @@ bool QueueDumpReport(const OrphanDump& dump, const RecoverySurroundings& surroun
   const ReportFacts facts = surroundings.facts(request);
   json manifest = BuildReportManifest(request, facts);
   manifest["details"]["dump"] = MemberOf(facts.artifacts, "dump");
-  return WriteManifestFile(surroundings.crash_directory, manifest, nullptr);
+  std::string file_name;
+  if (!WriteManifestFile(surroundings.crash_directory, manifest, &file_name)) return false;
+  if (!dump.IsComplete()) LogReportQueued(file_name);
+  return true;
 }
 
 void RecoverDump(OrphanDump dump, const RecoverySurroundings& surroundings) {

@@ -155,8 +155,11 @@ bool RecoverSessionFile(const fs::Path& file, const RecoverySurroundings& surrou
   RecoveryClaim claim(file, ClaimKind::kFile);
   if (!claim.held()) return false;
   json session;
-  switch (ReadJsonObject(claim.path(), kSessionFileBytesMax, &session)) {
+  std::string message;
+  switch (ReadJsonObject(claim.path(), kSessionFileBytesMax, &session, &message)) {
     case JsonFileState::kUnreadable:
+      // A file that is gone was taken by another process.
+      if (claim.StillHeld()) LogDiagnosticsFailure("session recovery", message);
       return false;
     case JsonFileState::kNotAnObject:
       SetAside(&claim, file);

@@ -1,5 +1,6 @@
 #include "diagnostics/report_files.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <utility>
@@ -27,6 +28,43 @@ std::string NewManifestName(const json& manifest) {
          std::to_string(++counter) + ".json";
 }
 
+void LogReadFailure(const std::error_code& ec) {
+  LogDiagnosticsFailure("read text prefix", SystemErrorText(ec));
+}
+
+/// Opens a text for reading. A failure other than a missing file is logged.
+fs::File OpenText(const fs::Path& path) {
+  std::error_code ec;
+  if (path.empty()) return {};
+  fs::File file = fs::OpenForRead(path, ec);
+  if (ec && !IsNotFoundError(ec)) LogReadFailure(ec);
+  return file;
+}
+
+/// At most `size` bytes of an open file; none of a file that is not open. What was read before a
+/// failure counts, and the failure is logged.
+std::string ReadFrom(fs::File* file, std::uint64_t offset_bytes, std::size_t size) {
+  std::string text(file->is_open() ? size : 0, '\0');
+  std::size_t filled = 0;
+  std::size_t read = 1;
+  while (filled < text.size() && read > 0) {
+    std::error_code ec;
+    if (!file->ReadAt(offset_bytes + filled, text.data() + filled, text.size() - filled, &read,
+                      ec)) {
+      LogReadFailure(ec);
+      break;
+    }
+    filled += read;
+  }
+  text.resize(filled);
+  return text;
+}
+
+/// The position after the first line end; the size of a text without one.
+std::size_t EndOfLine(std::string_view text) {
+  return std::min(text.find('\n'), text.size() - 1) + 1;
+}
+
 }  // namespace
 
 json ArtifactMetadata(const fs::Path& path) {
@@ -43,28 +81,29 @@ json ArtifactMetadata(const fs::Path& path) {
 }
 
 std::string ReadReportText(const fs::Path& path) {
-  if (path.empty()) return {};
-  std::string text;
-  std::error_code ec;
-  fs::File file = fs::OpenForRead(path, ec);
-  if (ec) {
-    if (!IsNotFoundError(ec)) LogDiagnosticsFailure("read text prefix", SystemErrorText(ec));
-    return {};
-  }
-  text.resize(kReportTextBytesMax);
-  std::size_t filled = 0;
-  std::size_t read = 1;
-  while (filled < text.size() && read > 0) {
-    if (!file.Read(text.data() + filled, text.size() - filled, &read, ec)) {
-      LogDiagnosticsFailure("read text prefix", SystemErrorText(ec));
-      break;
-    }
-    filled += read;
-  }
-  text.resize(filled);
+  fs::File file = OpenText(path);
+  std::string text = ReadFrom(&file, 0, kReportTextBytesMax);
   // Half a line is half an event, and half a secret may match no rule of the redaction.
   const std::size_t last_end = text.rfind('\n');
-  if (filled == kReportTextBytesMax && last_end != std::string::npos) text.resize(last_end + 1);
+  if (text.size() == kReportTextBytesMax && last_end != std::string::npos) {
+    text.resize(last_end + 1);
+  }
+  return text;
+}
+
+std::string ReadTraceText(const fs::Path& trace, std::string_view run_id) {
+  fs::File file = OpenText(trace);
+  std::error_code ec;
+  std::uint64_t size_bytes = 0;
+  if (file.is_open() && !file.Size(&size_bytes, ec)) LogReadFailure(ec);
+  // One byte more than the text may have: it shows whether the text begins with a whole line.
+  const bool cut = size_bytes > kReportTextBytesMax;
+  const std::uint64_t start = cut ? size_bytes - kReportTextBytesMax - 1 : 0;
+  std::string text = ReadFrom(&file, start, static_cast<std::size_t>(size_bytes - start));
+  if (cut) text.erase(0, EndOfLine(text));
+  text.resize(text.rfind('\n') + 1);  // an event that is being written has no end yet
+  const std::size_t run = text.find(run_id);
+  if (run != std::string::npos) text.erase(0, text.rfind('\n', run) + 1);
   return text;
 }
 
@@ -112,6 +151,10 @@ bool WriteManifestFile(const fs::Path& crash_directory, const json& manifest,
     LogDiagnosticsFailure("manifest file open", "stream open failed");
   }
   return false;
+}
+
+void LogReportQueued(std::string_view file_name) {
+  LogDiagnostics(LogLevel::kInfo, "Diagnostics report queued: ", file_name);
 }
 
 std::vector<fs::Path> ListReports(const fs::Path& queue) {

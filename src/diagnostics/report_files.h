@@ -21,6 +21,11 @@ namespace zul {
 /// it consists of one. Empty for an empty path or a missing file; another failure is logged.
 [[nodiscard]] std::string ReadReportText(const fs::Path& path);
 
+/// The end of an update trace, at most 131072 bytes in whole lines: the newest events, since the
+/// trace of all runs only grows. Begins with the first of these lines that contains `run_id`, if
+/// any does. Empty and logged as above.
+[[nodiscard]] std::string ReadTraceText(const fs::Path& trace, std::string_view run_id);
+
 /// Writes a new text file. False, with a failure line of `label`, when the name exists or the file
 /// cannot be written; nothing of it stays then.
 [[nodiscard]] bool WriteReportText(const fs::Path& path, std::string_view text,
@@ -33,6 +38,9 @@ namespace zul {
 /// reader finds the file whole or not at all. A failure is logged.
 [[nodiscard]] bool WriteManifestFile(const fs::Path& crash_directory,
                                      const nlohmann::json& manifest, std::string* file_name);
+
+/// Logs that the report with this file name is in the queue.
+void LogReportQueued(std::string_view file_name);
 
 /// The reports in a queue, sorted by name. Empty when the folder cannot be listed.
 [[nodiscard]] std::vector<fs::Path> ListReports(const fs::Path& queue);

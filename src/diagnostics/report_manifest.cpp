@@ -73,7 +73,7 @@ void DropStableIdentifiers(json* manifest) {
 
 json BuildReportManifest(const ReportRequest& request, const ReportFacts& facts) {
   const bool approved = request.user_approved_redacted_log_tail;
-  json manifest = {{"schema_name", "qorva.diagnostics.report"},
+  json manifest = {{"schema_name", kReportSchema},
                    {"schema_version", 2},
                    {"payload_kind", "diagnostics_manifest"},
                    {"kind", request.kind.empty() ? "unknown" : request.kind},
@@ -121,7 +121,9 @@ void NormalizeManifestPrivacy(json* manifest) {
 json UploadedParts(const json& manifest) {
   json parts = {"diagnostics_manifest", "redacted_report_text",   "artifact_metadata",
                 "sanitized_details",    "structured_breadcrumbs", "upload_attempt_evidence"};
-  if (manifest.contains(kCompactEvidenceKey)) parts.push_back(kCompactEvidenceKey);
+  for (const std::string_view key : {kCompactEvidenceKey, kCompactHangKey}) {
+    if (manifest.contains(key)) parts.push_back(key);
+  }
   if (manifest.contains(kPreviousForensicsKey)) parts.push_back("last_session_forensics");
   return parts;
 }

@@ -15,12 +15,16 @@
 
 namespace zul {
 
+/// The `schema_name` of every report.
+inline constexpr std::string_view kReportSchema = "qorva.diagnostics.report";
+
 /// What a report is about. Texts are UTF-8.
 struct ReportRequest {
   std::string kind;              ///< a short word; empty means "unknown"
   std::string reason;            ///< a sentence
   std::string client_report_id;  ///< may be empty
   fs::Path report_file;          ///< its text becomes part of the report; may be empty
+  std::string trace_run_id;      ///< set when that is the update trace: `correlation_id` of the run
   fs::Path dump_file;            ///< described only; may be empty
   DiagnosticFields details;
   bool user_approved_redacted_log_tail = false;
@@ -32,11 +36,12 @@ struct ReportFacts {
   nlohmann::json app;            ///< build and process, an object
   nlohmann::json breadcrumbs;    ///< of a session, an array
   nlohmann::json artifacts;      ///< `report`, `dump` and `log`, each as ArtifactMetadata gives it
-  std::string report_file_text;  ///< as ReadReportText gives it; neither cut nor redacted yet
+  std::string report_file_text;  ///< of the report file; neither cut nor redacted yet
 };
 
 /// The keys of what recovery adds to a manifest.
 inline constexpr std::string_view kCompactEvidenceKey = "compact_process_evidence";
+inline constexpr std::string_view kCompactHangKey = "compact_process_hang";
 inline constexpr std::string_view kPreviousForensicsKey = "previous_session_forensics";
 
 /// The manifest, finished.

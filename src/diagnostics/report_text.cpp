@@ -25,10 +25,20 @@ constexpr ByteSet kAfterQuote = kWhitespace.With(",.;:)]");
 constexpr std::string_view kLogTailMark = "=== recent log tail ===";
 constexpr std::string_view kLogTailOmitted =
     "[recent log tail omitted from automatic diagnostics upload]\n";
-/// The beginnings of failure texts that end with unquoted file names from the command line.
+/// The beginnings of failure texts that continue with unquoted file names from the command line.
+/// What follows the names does not matter to support and is left out.
 constexpr std::string_view kNameAnnouncements[] = {
     "required file name is unsafe: ", "required file name is duplicated: ",
     "Required files are missing: "};
+/// The extensions of the product's own files, without the dot: programs and their settings. Formats
+/// that customers use too, such as those of artwork and job tickets, must never be added here.
+constexpr std::string_view kProductExtensions[] = {
+    "bat",  "cat",      "cfg", "cmd", "com", "conf", "cpl", "dll", "drv", "exe", "inf", "ini",
+    "json", "manifest", "msi", "ocx", "pak", "pyd",  "qm",  "qml", "rcc", "scr", "sys"};
+constexpr std::size_t kProductNameBytesMax = 260;
+/// The bytes of such a file's relative name. A customer's folder may have blanks and other letters.
+constexpr ByteSet kProductNameBytes = kAsciiLetters.With("0123456789._+-/\\");
+
 /// What continues a failure text after an unquoted path.
 constexpr std::string_view kCodeOfFailure = " (code=";
 
@@ -56,6 +66,34 @@ std::string WithholdText(std::string_view text);
 template <typename Range>
 bool Contains(const Range& words, std::string_view word) {
   return std::find(std::begin(words), std::end(words), word) != std::end(words);
+}
+
+/// True for a relative name that one of the product's own files may have, such as "bin/x.dll".
+/// Support needs it: it is the same on every machine.
+bool IsProductFileName(std::string_view name) {
+  if (name.empty() || name.size() > kProductNameBytesMax ||
+      kProductNameBytes.Skip(name, 0) != name.size()) {
+    return false;
+  }
+  const std::size_t dot = name.find_last_of("./\\");
+  if (dot == kNone || name[dot] != '.' ||
+      !Contains(kProductExtensions, AsciiLower(name.substr(dot + 1)))) {
+    return false;
+  }
+  for (std::size_t begin = 0; begin <= name.size();) {
+    const std::size_t end = std::min(name.find_first_of("/\\", begin), name.size());
+    if (name.substr(begin, end - begin).find_first_not_of('.') == kNone) return false;
+    begin = end + 1;
+  }
+  return true;
+}
+
+/// A relative name with "/" between its parts: in JSON a `\` is escaped, and the redaction takes
+/// two of them for the beginning of a UNC path.
+std::string WithSlashes(std::string_view name) {
+  std::string slashed(name);
+  std::replace(slashed.begin(), slashed.end(), '\\', '/');
+  return slashed;
 }
 
 /// The first single quote from `pos` on that opens a value.
@@ -93,6 +131,13 @@ std::string WithholdSingleQuoted(std::string_view text) {
     const bool stays = StaysQuoted(text.substr(copied, open - copied));
     const std::size_t close =
         stays && !staying_can_close ? kNone : ClosingQuote(text, open + 1, stays);
+    if (close != kNone && IsProductFileName(text.substr(open + 1, close - open - 1))) {
+      out.append(text.substr(copied, open + 1 - copied));
+      out.append(WithSlashes(text.substr(open + 1, close - open - 1)));
+      copied = close;
+      open = OpeningQuote(text, close + 1);
+      continue;
+    }
     if (stays) {
       staying_can_close = close != kNone;
       open = OpeningQuote(text, staying_can_close ? close + 1 : open + 1);
@@ -166,12 +211,28 @@ std::string WithholdPlain(std::string_view text) {
   return WithholdUnquotedPaths(WithholdSingleQuoted(text));
 }
 
+/// The end of the names in "a.dll, b/c.dll. Supported ...", which are names of product files; 0
+/// when one of them is another name.
+std::size_t EndOfProductFiles(std::string_view names) {
+  for (std::size_t begin = 0;;) {
+    std::size_t end = std::min(names.find_first_of(", ", begin), names.size());
+    const bool more = names.substr(end).starts_with(", ");
+    const std::size_t next = end + 2;
+    if (!more && end > begin && names[end - 1] == '.') --end;
+    if (!IsProductFileName(names.substr(begin, end - begin))) return 0;
+    if (!more) return end;
+    begin = next;
+  }
+}
+
 std::string WithholdLine(std::string_view line) {
   for (const std::string_view announcement : kNameAnnouncements) {
     const std::size_t found = line.find(announcement);
     if (found == kNone || line.starts_with('{')) continue;  // in JSON the names end with the string
     std::string out = WithholdLine(line.substr(0, found));
-    return out.append(announcement).append(kRedactedFilename);
+    const std::string_view names = line.substr(found + announcement.size());
+    const std::size_t end = EndOfProductFiles(names);
+    return out.append(announcement).append(end == 0 ? kRedactedFilename : names.substr(0, end));
   }
   std::string out;
   std::size_t copied = 0;
@@ -240,10 +301,15 @@ std::string ReportSentence(std::string_view text) {
 
 std::string ReportField(std::string_view key, std::string_view value) {
   if (value.empty()) return {};
-  if (Contains(kPathKeys, key)) return std::string(kRedactedPath);
+  const bool one_word = kKeyBytes.Skip(value, 0) == value.size();
+  if (Contains(kPathKeys, key)) {
+    // A value without a separator is no path: a source may be a menu.
+    if (one_word) return std::string(value);
+    return IsProductFileName(value) ? WithSlashes(value) : std::string(kRedactedPath);
+  }
   if (key == "url" || key.ends_with("_url")) return ReportUrl(value);
   if (std::string marker = MarkerOfKey(key); !marker.empty()) return marker;
-  if (kKeyBytes.Skip(value, 0) == value.size()) return std::string(value);  // one word
+  if (one_word) return std::string(value);
   return SanitizeStateValue(key, WithholdText(value));
 }
 

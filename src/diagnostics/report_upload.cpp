@@ -130,13 +130,17 @@ class Upload {
 
 }  // namespace
 
-void DrainReportQueue(const fs::Path& queue, const std::atomic<bool>& cancel,
-                      const ReportSender& send, TriedReports* tried) {
+void DrainReportQueue(const fs::Path& queue, const std::set<std::string>& own,
+                      const std::atomic<bool>& cancel, const ReportSender& send,
+                      TriedReports* tried) {
   std::error_code ec;
   if (fs::KindOf(queue, fs::Links::kFollow, ec) != fs::EntryKind::kDirectory) return;
   std::vector<fs::Path> reports = ListReports(queue);
   std::erase_if(reports, [&](const fs::Path& report) {
     return tried->contains(PathToUtf8(report.filename()));
+  });
+  std::stable_partition(reports.begin(), reports.end(), [&](const fs::Path& report) {
+    return own.contains(PathToUtf8(report.filename()));
   });
   const std::size_t share = kReportsPerProcess - std::min(kReportsPerProcess, tried->size());
   reports.resize(std::min(reports.size(), share));
@@ -157,16 +161,17 @@ void UploadOneReport(const fs::Path& report, const std::atomic<bool>& cancel,
   json manifest;
   switch (ReadJsonObject(report, kManifestBytesMax, &manifest)) {
     case JsonFileState::kObject:
+      if (TextIn(manifest, "schema_name") != kReportSchema) break;
       Upload(report, std::move(manifest)).Run(cancel, send);
       return;
     case JsonFileState::kNotAnObject:
-      LogDiagnosticsFailure("upload manifest parse", "not a report");
-      return;
+      break;
     case JsonFileState::kUnreadable:
       // A report that has gone since the queue was listed was delivered by another process.
       if (IsQueued(report)) LogDiagnosticsFailure("upload manifest parse", "cannot be read");
       return;
   }
+  LogDiagnosticsFailure("upload manifest parse", "not a report");
 }
 
 }  // namespace zul

@@ -23,13 +23,17 @@ using TriedReports = std::set<std::string>;
 /// The most reports that one process tries.
 inline constexpr std::size_t kReportsPerProcess = 25;
 
-/// Uploads the reports in `queue` that were not tried yet, in the order of their names. Ends when
-/// `cancel` is set or the process has tried kReportsPerProcess reports. Blocks for the requests.
-void DrainReportQueue(const fs::Path& queue, const std::atomic<bool>& cancel,
-                      const ReportSender& send, TriedReports* tried);
+/// Uploads the reports in `queue` that were not tried yet: those of this process, whose file names
+/// are `own`, before the others, and each group in the order of its names. So old reports that no
+/// origin accepts cannot keep a new one waiting. Ends when `cancel` is set or the process has tried
+/// kReportsPerProcess reports. Blocks for the requests.
+void DrainReportQueue(const fs::Path& queue, const std::set<std::string>& own,
+                      const std::atomic<bool>& cancel, const ReportSender& send,
+                      TriedReports* tried);
 
 /// Offers one report to each origin in turn until one accepts it. `cancel` is read before each
-/// origin, never during a request.
+/// origin, never during a request. A file that does not have the schema of a report is neither sent
+/// nor changed.
 void UploadOneReport(const fs::Path& report, const std::atomic<bool>& cancel,
                      const ReportSender& send);
 

@@ -59,8 +59,9 @@ std::string_view OriginRole(std::string_view origin) {
 
 void PrepareForUpload(json* manifest, std::string_view correlation_id) {
   (*manifest)["upload_attempted_at_local"] = LocalTimeText();
-  if (const auto evidence = manifest->find(kCompactEvidenceKey); evidence != manifest->end()) {
-    *evidence = SanitizeEvidenceRecord(*evidence);
+  for (const std::string_view key : {kCompactEvidenceKey, kCompactHangKey}) {
+    const auto evidence = manifest->find(key);
+    if (evidence != manifest->end()) *evidence = SanitizeEvidenceRecord(*evidence);
   }
   BoundAttempts(manifest);
   json& contract = *ObjectIn(manifest, kContract);

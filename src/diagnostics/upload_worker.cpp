@@ -9,6 +9,7 @@ namespace zul {
 
 void UploadWorker::Start() {
   std::thread finished;
+  std::string failure;
   {
     const std::scoped_lock lock(mutex_);
     if (running_) {
@@ -19,9 +20,15 @@ void UploadWorker::Start() {
     // The new thread must not clear the flag: a Stop may have set it by then.
     cancel_ = false;
     wanted_again_ = false;
-    running_ =
-        RunGuarded("upload worker start", [this] { thread_ = std::thread([this] { Run(); }); });
+    try {
+      thread_ = start_thread_([this] { Run(); });
+      running_ = true;
+    } catch (const std::exception& caught) {
+      failure = caught.what();
+    }
   }
+  // Logged without the lock: a receiver of log lines may call this object.
+  if (!failure.empty()) LogDiagnosticsFailure("upload worker start", failure);
   if (finished.joinable()) finished.join();
 }
 

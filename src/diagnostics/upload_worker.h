@@ -20,7 +20,11 @@ class UploadWorker {
   /// Must end early when `cancel` is set. An exception from it is logged.
   using Job = std::function<void(const std::atomic<bool>& cancel)>;
 
-  explicit UploadWorker(Job job) : job_(std::move(job)) {}
+  /// Starts a thread that runs `body`. Throws when the system has none.
+  using ThreadStarter = std::function<std::thread(std::function<void()> body)>;
+
+  explicit UploadWorker(Job job, ThreadStarter start_thread = StartThread)
+      : job_(std::move(job)), start_thread_(std::move(start_thread)) {}
   /// Cancels and joins.
   ~UploadWorker() { Stop(std::chrono::milliseconds(0)); }
   UploadWorker(const UploadWorker&) = delete;
@@ -34,9 +38,13 @@ class UploadWorker {
   void Stop(std::chrono::milliseconds timeout);
 
  private:
+  static std::thread StartThread(std::function<void()> body) {
+    return std::thread(std::move(body));
+  }
   void Run();
 
   const Job job_;
+  const ThreadStarter start_thread_;
   std::mutex mutex_;               ///< guards the members below
   std::condition_variable ended_;  ///< signalled when `running_` becomes false
   std::thread thread_;             ///< joinable until a caller takes it to join it

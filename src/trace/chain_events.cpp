@@ -39,17 +39,6 @@ std::string UtcTimestamp() {
   return {text, size};
 }
 
-/// The id of this process's chain. A relaunched helper is another process with another id.
-const std::string& CorrelationId() {
-  static std::atomic<std::uint64_t> counter{0};
-  static const std::string id = [] {
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
-    return "update-" + std::to_string(ms) + "-" + std::to_string(counter++);
-  }();
-  return id;
-}
-
 /// Sets a derived key unless `value` is empty or the stage has given a value of its own.
 void SetDerived(nlohmann::json* line, const char* key, std::string_view value) {
   if (value.empty()) return;
@@ -104,6 +93,17 @@ std::mutex& TraceMutex() {
 }
 
 }  // namespace
+
+/// A relaunched helper is another process with another id.
+const std::string& CorrelationId() {
+  static std::atomic<std::uint64_t> counter{0};
+  static const std::string id = [] {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+    return "update-" + std::to_string(ms) + "-" + std::to_string(counter++);
+  }();
+  return id;
+}
 
 /// To resolve the settings folder may migrate old settings and takes several accesses to the disk,
 /// and an update writes hundreds of events. So the path is cached while QORVA_CONFIG_HOME stays the

@@ -23,6 +23,10 @@ using ChainEventField = std::pair<std::string, std::string>;
 /// the file. The caller must pass URLs through StripUrlQuery first.
 void EmitChainEvent(std::string_view name, const std::vector<ChainEventField>& fields);
 
+/// The `correlation_id` of this process's events: "update-", the time of its first use in
+/// milliseconds since 1970, "-0". Thread-safe.
+[[nodiscard]] const std::string& CorrelationId();
+
 /// The action of the update chain that an event belongs to; empty for none.
 [[nodiscard]] std::string_view MapChainAction(std::string_view name);
 /// The phase of an event: "start", "end", "timeout", "failure", "degraded" or empty.

@@ -69,6 +69,7 @@ void ReportUpdaterError(const UpdateRequest& request, std::string_view stage,
   report.kind = "updater_error";
   report.reason = message.empty() ? stage : message;
   report.report_file = PathOrEmpty(trace_log_path);
+  report.trace_run_id = CorrelationId();
   report.details = {{"stage", std::string(stage)},
                     {"trace_log_path", trace_log_path},
                     {"target_dir", request.target_dir},

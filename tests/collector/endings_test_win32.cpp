@@ -63,6 +63,7 @@ const Ending kEndings[] = {
      "native_exception partial stack_unwind_incomplete false 3221225725"},
     {"heaps-locked", 0xC0000005, kCrash},
     {"uncaught", 3, "std_terminate complete - false 0"},
+    {"terminate-heaps-locked", 3, "std_terminate complete - false 0"},
     // Two threads crash: the first is recorded, the second ends the process.
     {"crash-twice", 0xC000001D, "native_exception partial stack_unwind_incomplete false 3221225477",
      Fate::kLate},
@@ -253,6 +254,42 @@ TEST(Endings, AreRecordedWithTheirCause) {
   }
 }
 
+/// Opens every file of a folder for reading with the share mode.
+std::vector<UniqueFileHandle> Hold(const fs::Path& folder, DWORD share) {
+  std::vector<UniqueFileHandle> held;
+  std::error_code ec;
+  for (const fs::DirectoryEntry& entry : fs::ListDirectory(folder, ec)) {
+    held.emplace_back(
+        ::CreateFileW(entry.path.c_str(), GENERIC_READ, share, nullptr, OPEN_EXISTING, 0, nullptr));
+    // The observed process itself writes emergency.bin.
+    EXPECT_TRUE(held.back() || entry.path.filename() == kEmergencyFile) << entry.path;
+  }
+  return held;
+}
+
+TEST(Endings, AreRecordedWhileAnotherProgramReadsTheRecords) {
+  constexpr DWORD kEveryShareMode = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+  for (DWORD share = 0; share <= kEveryShareMode; ++share) {
+    SCOPED_TRACE(share);
+    DWORD exit_code = kWatchdogCode;  // of a capture that was too slow, see IsRecordedInTime
+    for (int attempt = 0; attempt < 4 && exit_code == kWatchdogCode; ++attempt) {
+      const Scene scene;
+      ObservedProcess observed(scene, "null-write", "die_on_demand.exe");
+      const UniqueKernelHandle observer = OpenObserver(observed);
+      std::vector<UniqueFileHandle> held = Hold(observed.session(), share);
+      observed.Die();
+      ::Sleep(100);
+      held.clear();
+      exit_code = ExitCodeOf(observer.get());
+      if (exit_code != 0) continue;
+      const json record = Record(observed.session() / "incident.json");
+      EXPECT_EQ(Fields(record, {"event", "capture_status", "finalized", "exit_code"}),
+                "native_exception complete true 3221225477");
+    }
+    EXPECT_EQ(exit_code, 0u);
+  }
+}
+
 TEST(Endings, LeaveNoEvidenceWhenTheyWereDeclared) {
   const Scene scene;
   // More sessions than there may be. The start first removes the oldest.
@@ -271,6 +308,12 @@ TEST(Endings, LeaveNoEvidenceWhenTheyWereDeclared) {
   EXPECT_FALSE(Exists(observed.session()));
   std::error_code ec;
   EXPECT_EQ(ListCompactSessions(scene.crash, ec).size(), 32u);
+  fs::Remove(scene.observer, ec);
+  ObservedProcess unobserved(scene, "exit-declared", "die_on_demand.exe");
+  EXPECT_TRUE(Exists(unobserved.session())) << "for a crash";
+  unobserved.Die();
+  EXPECT_EQ(ExitCodeOf(unobserved.handle()), 7u);
+  EXPECT_FALSE(Exists(unobserved.session()));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include "collector/evidence_sanitizer.h"
 #include "collector/module_record.h"
+#include "collector/safe_path.h"
 #include "tests/collector/records.h"
 #include "tests/support/file_tricks.h"
 #include "tests/support/temp_folder.h"
@@ -77,6 +78,16 @@ TEST(EvidenceRecord, IsNeverReadOrWrittenThroughALink) {
   EXPECT_FALSE(test::Exists(folder / "folder.json.partial"));
   EXPECT_EQ(test::ListTree(outside.path()), "inner/\ninner/record.json\ntarget\n");
   EXPECT_EQ(ReadFile(outside / "target") + ReadFile(outside / "inner/record.json"), valid + valid);
+}
+
+TEST(SafePath, EndsAtTheRootOfAShare) {
+  for (const char* root : {"\\\\server\\share", "//server/share/", "\\\\10.0.0.1\\users$"}) {
+    EXPECT_TRUE(IsShareRoot(root)) << root;
+  }
+  for (const char* other : {"\\\\server", "\\\\server\\", "\\\\server\\share\\x", "\\server\\share",
+                            "\\\\?\\C:", "\\\\.\\C:", "C:\\x", "\\\\", "", "\\\\\\server\\share"}) {
+    EXPECT_FALSE(IsShareRoot(other)) << other;
+  }
 }
 
 TEST(EvidenceSanitizer, CopiesOnlyAllowedKeysWithValuesOfTheirType) {

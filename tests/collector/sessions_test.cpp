@@ -147,6 +147,42 @@ TEST_F(Sessions, AreKeptWhenTheyAreNewOrMayBeInUse) {
   EXPECT_EQ(test::Record(compact_ / "retention.json")["expired_sessions"], 1);
 }
 
+TEST_F(Sessions, AreRemovedWhenTheirProcessEndedWithoutAnIncident) {
+  const std::string ended = "_4294967280_1";
+  const std::string pid = std::to_string(kThisProcess.pid);
+  const json no_incident = {{"schema", nullptr}};
+  const auto add_all = [&](int number) {
+    const auto path = [&](const std::string& name) {
+      return compact_ / (Numbered("process_", number) + name);
+    };
+    std::error_code ec;
+    EXPECT_TRUE(fs::CreateDirectories(path("1" + ended), ec));
+    WriteFile(path("2" + ended) / "emergency.bin", "");
+    WriteFile(path("3" + ended) / "incident.json.partial", "{");
+    WriteFile(path("4" + ended) / "incident.json", "");
+    const std::string five = Numbered("process_", number) + "5" + ended;
+    Add(five + ".recovering.7", kEnded, &kEnded, no_incident);
+    fs::Remove(Add(five, kEnded, &kEnded) / "incident.json", ec);
+    fs::Remove(Add(five + "0", kEnded, nullptr) / "incident.json", ec);
+    WriteFile(path("6_" + pid + "_1") / "emergency.bin", "");  // its id was used again
+  };
+  for (int number = 0; number < 5; ++number) add_all(number);
+  const std::string living = "process_1_" + pid + "_" + kThisProcess.identity;
+  WriteFile(compact_ / living / "emergency.bin", "");
+  WriteFile(compact_ / "process_1_4294967280" / "emergency.bin", "");
+  Add("process_2" + ended, kEnded, nullptr);
+  fs::Path created;
+  std::string reason;
+  EXPECT_FALSE(CreateCompactSession(crash_.path(), kNow, 7, 5, &created, &reason)) << reason;
+  EnforceCompactRetention(crash_.path(), kNow);
+  EXPECT_EQ(test::ListTree(compact_),
+            living + "/\n" + living + "/emergency.bin\n" +
+                "process_1_4294967280/\nprocess_1_4294967280/emergency.bin\nprocess_2" + ended +
+                "/\nprocess_2" + ended + "/emergency.bin\nprocess_2" + ended +
+                "/incident.json\nprocess_2" + ended + "/metadata.json\n");
+  EXPECT_TRUE(CreateCompactSession(crash_.path(), kNow, 7, 5, &created, &reason)) << reason;
+}
+
 TEST_F(Sessions, HaveAtMost32PendingReports) {
   const fs::Path pending = crash_ / "pending_reports";
   for (int i = 0; i < 35; ++i) WriteFile(pending / (Numbered("compact_process_", i) + ".json"), "");

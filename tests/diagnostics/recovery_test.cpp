@@ -25,7 +25,7 @@ json LeftSession(const json& change = json::object()) {
       "started_at_local": "2026-01-01 00:00:00", "updated_at_local": "C:\\Users\\me",
       "updated_at_unix_ms": 1767225602000,
       "host_monotonic_ms": 1, "process_uptime_ms": 1500, "pid": 4294967280, "process_identity": "1",
-      "app": {"app_name": "QORVA", "version": "0.9", "user": "C:\\Users\\me"},
+      "app": {"app_name": "QORVA", "version": "0.9", "build_id": "7", "user": "C:\\Users\\me"},
       "runtime_state": {"stage": "apply", "job_name": "Smith poster", "odd": 1},
       "breadcrumbs": [
         {"sequence": 1, "time_local": "2026-01-01 00:00:00", "event": "application_started"},
@@ -52,6 +52,7 @@ class Recovery : public test::StartedDiagnostics {
     const fs::Path session = CompactDirectory(crash_) / name;
     WriteFile(session / "emergency.bin", "");
     json record = BuildBaseRecord(kDeadProcess, 1767225602000);
+    record["build_id"] = "of-the-dead";
     record.update(change);
     EXPECT_TRUE(CommitEvidenceRecord(session / "incident.json", record, nullptr));
   }
@@ -167,6 +168,9 @@ TEST_F(Recovery, ReportsEachCompactSessionThatDidNotEndCleanly) {
     const json checkpoint =
         LeftSession({{"schema", kEvidenceSchema}, {"process_identity", identity}});
     ASSERT_TRUE(CommitEvidenceRecord(all / name / "checkpoint.json", checkpoint, nullptr));
+    json hang = BuildBaseRecord({kDeadProcess.pid, identity}, 1);
+    hang.update({{"event", "ui_hang"}, {"private", "x"}, {"frames", json(1, {{"rva", 7}})}});
+    ASSERT_TRUE(CommitEvidenceRecord(all / name / "hang.json", hang, nullptr));
   }
   // One session was claimed by a process that died, another one by a living process.
   std::error_code ec;
@@ -186,6 +190,14 @@ TEST_F(Recovery, ReportsEachCompactSessionThatDidNotEndCleanly) {
     const bool known = i == 1;
     EXPECT_EQ(report["breadcrumbs"].size(), known ? 2u : 0u);
     EXPECT_EQ(report["details"].value("previous_checkpoint", ""), known ? "" : "unavailable");
+    EXPECT_EQ(report["app"]["build_id"], "of-the-dead") << "not that of this process";
+    EXPECT_EQ(report.contains("compact_process_hang"), known);
+    EXPECT_EQ(
+        report["upload_contract"]["what_uploaded"].dump().find("_hang\"") != std::string::npos,
+        known);
+    if (!known) continue;
+    EXPECT_EQ(report["compact_process_hang"]["frames"], json(1, {{"rva", 7}}));
+    EXPECT_FALSE(report["compact_process_hang"].contains("private"));
   }
 
   // The session file serves where the compact session has no checkpoint.
@@ -194,6 +206,7 @@ TEST_F(Recovery, ReportsEachCompactSessionThatDidNotEndCleanly) {
   Recover();
   const json report = ReadJson(queue_ / "compact_process_7.json");
   EXPECT_EQ(report["previous_session_forensics"]["checkpoint_sequence"], 4);
+  EXPECT_EQ(report["app"].value("build_id", "") + report["app"].value("version", ""), "70.9");
 }
 
 TEST_F(Recovery, ReportsADumpOnceAndLeavesIt) {
@@ -205,6 +218,8 @@ TEST_F(Recovery, ReportsADumpOnceAndLeavesIt) {
                              {"seen_crash_1.txt", "x"}};
   for (const auto& [name, contents] : dumps) WriteFile(crash_ / name, contents);
   EXPECT_EQ(Recover().size(), 3u);
+  EXPECT_TRUE(LogHas("Diagnostics report queued: qorva_crash_capture_failed_"));
+  EXPECT_FALSE(LogHas("Diagnostics report queued: qorva_crash_2"));
   std::set<std::string> reported;
   for (const json& report : Recover()) {
     reported.insert(report["kind"].get<std::string>() + ": " + report["reason"].get<std::string>() +

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <nlohmann/json.hpp>
 
 #include "core/text.h"
 #include "diagnostics/report_text.h"
@@ -98,7 +99,13 @@ TEST(ReportSentence, WithholdsWholeValues) {
        "{\"error\":\"no '[redacted-path]' (code=2)\\nsecond\",\"target\":\"[redacted-path]\"}"},
       {"{\"error\":\"{\\\"token\\\":\\\"x\\\"}\"}",
        "{\"error\":\"{\\\"token\\\":\\\"[redacted-token]\\\"}\"}"},
-      {"say=\"C:\\Users\\Jan N\" done", "say=\"[redacted-path]\" done"},
+      // The product's own files keep their relative names.
+      {"not signed: 'bin/x.dll' (unsigned), 'a\\B-1.EXE' in 'C:\\Jan\\x.dll'",
+       "not signed: 'bin/x.dll' (unsigned), 'a/B-1.EXE' in '[redacted-path]'"},
+      {"{\"error\":\"locked: 'bin\\\\x.dll'\",\"path\":\"qorva.exe\",\"target\":\"lib/a.dll\"}",
+       "{\"error\":\"locked: 'bin/x.dll'\",\"path\":\"qorva.exe\",\"target\":\"lib/a.dll\"}"},
+      {"Required files are missing: a.dll, b/c.exe. Supported layout is x",
+       "Required files are missing: a.dll, b/c.exe"},
   };
   for (const auto& row : rows) {
     EXPECT_EQ(ReportSentence(row.text), row.reported) << row.text;
@@ -112,6 +119,7 @@ TEST(ReportField, IsWithheldByTheMeaningOfItsKey) {
     const char* reported;
   } rows[] = {
       {"restart_exe", "Jan Novak", "[redacted-path]"},
+      {"source", "menu", "menu"},
       {"customer_name", "Novak, Jan", "[redacted-name]"},
       {"my-Password", "a b", "[redacted-token]"},
       // URLs keep what identifies the package.
@@ -123,6 +131,62 @@ TEST(ReportField, IsWithheldByTheMeaningOfItsKey) {
   };
   for (const auto& row : rows) {
     EXPECT_EQ(ReportField(row.key, row.value), row.reported) << row.key << " " << row.value;
+  }
+}
+
+// Each private word in these texts begins with "zzq". The texts are as failures, fields and events
+// have them; a text is also read out of JSON and out of JSON in JSON.
+TEST(ReportText, HasNoPlantedSecret) {
+  const char* const kPlanted[] = {
+      // Paths with blanks, in and without quotes.
+      R"~(cannot open 'C:\Users\Zzqjan Zzqnovak\zzq a b.dll' (code=5, message='Denied.'))~",
+      R"~(cannot open C:\Users\Zzqjan Zzqnovak\zzq a b.dll (code=5, message='Denied.'))~",
+      R"~(source='e:/zzq orders/zzq (1).dll', target='F:\x\Zzq & Sons')~",
+      R"~(owners=[pid=4,name='C:\Program Files (x86)\Zzqtool\zzq.exe'])~",
+      R"~(cannot use 'C:\O'Zzqneill' files\zzq.dll' (code=2))~",
+      "cannot open /home/zzqjan zzqnovak/zzq.exe",
+      "cannot read '/Users/Zzq Jan/zzq b.json'",
+      // Users whose names are not ASCII.
+      R"~(target='C:\Users\Žlutý zzqkůň\AppData\zzq.dll')~",
+      R"~(C:\Users\zzqJürgen Müßig\zzq.exe (code=3))~",
+      R"~(helper='C:\Users\田中 zzq太郎\zzq.exe', runtime_dir='C:\Users\田中 zzq太郎')~",
+      "{\"target_dir\":\"C:\\\\Users\\\\zzqIvan \\u0418\\u0432\\u0430\\u043d\"}",
+      R"~('bin/zzqŽluť.dll' is locked)~",
+      // UNC paths.
+      R"~(\\zzqserver\zzq share\zzq.exe (code=53))~",
+      R"~(target="\\192.168.1.7\zzq jobs\zzq.exe")~",
+      R"~({"payload_root":"\\\\zzqserver\\zzq share"})~",
+      "is in '//zzqserver/zzq share/x.dll'",
+      // Paths with a prefix of the system.
+      R"~(\\?\C:\Users\Zzq Jan\zzq.dll (code=5))~",
+      R"~(target='\\?\UNC\zzqserver\zzq share\x.dll')~",
+      R"~({"backup_root":"\\\\?\\D:\\zzq jobs"})~",
+      R"~(source='\??\C:\zzq jobs\x.dll')~",
+      // JSON, escaped once and twice.
+      R"~({"error":"no 'C:\\Zzq a\\zzq b.dll' (code=2)","stage":"x"})~",
+      R"~({"error":"{\"path\":\"C:\\\\zzq a\\\\zzq b.dll\"}"})~",
+      R"~({"error":"{\"customer_name\":\"Zzqnovak, Zzqjan\"}","token":"zzq a"})~",
+      R"~({"source":"file:\/\/\/C:\/zzq a\/b.dll"})~",
+      R"~({"error":"cut 'C:\\Zzq a\\zzq)~",
+      // What only looks like a relative name.
+      "locked: 'zzq orders/x.dll', 'zzqorders/poster.tif', 'zzqjob', 'zzq/../x.dll', 'zzq//x.dll'",
+      "locked: 'zzqposter.psd', '/zzq/x.dll', 'C:zzq.dll', './zzq.dll', 'zzq@mail.example'",
+      R"~({"target":"zzq orders/x.dll","package":"zzqorders/poster.psd","source":"zzq jan"})~",
+      "Required files are missing: x.dll, Zzq poster.dll, y.dll. Supported",
+      "Required files are missing: x.dll. Zzqnovak",
+      // Secrets in and beside names.
+      "job_name='zzqjob.exe' token=zzq.dll --password zzq.exe",
+      "https://h.example/a.dll?zzq='bin/x.dll'#zzq",
+  };
+  const auto in_json = [](const std::string& text) {
+    return nlohmann::json{{"error", text}}.dump();
+  };
+  for (const std::string text : kPlanted) {
+    for (const std::string& form :
+         {ReportSentence(text), ReportField("error", text), ReportText(in_json(text), false),
+          ReportText(in_json(in_json(text)), true)}) {
+      EXPECT_EQ(AsciiLower(form).find("zzq"), form.npos) << text << "\n" << form;
+    }
   }
 }
 

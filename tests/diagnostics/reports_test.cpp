@@ -15,6 +15,9 @@ using nlohmann::json;
 using test::ReadFile;
 using test::WriteFile;
 
+/// The smallest report.
+const std::string kReport = R"({"schema_name": "qorva.diagnostics.report"})";
+
 /// A queue, and a server that gives the answers of a list, then 503.
 class Reports : public test::StartedDiagnostics {
  protected:
@@ -33,7 +36,9 @@ class Reports : public test::StartedDiagnostics {
       return response;
     };
   }
-  void Drain() { DrainReportQueue(queue_, cancel_, Server(), &tried_); }
+  void Drain(const std::set<std::string>& own = {}) {
+    DrainReportQueue(queue_, own, cancel_, Server(), &tried_);
+  }
 
   std::deque<Answer> answers_;
   std::vector<std::string> urls_;
@@ -74,6 +79,40 @@ TEST_F(Reports, TakeWholeLinesOfALongFileUnlessItIsOneLine) {
   }
 }
 
+TEST_F(Reports, TakeTheEventsOfTheirOwnRunFromTheEndOfTheTrace) {
+  const auto event = [](const std::string& run, std::size_t bytes) {
+    const std::string line = R"({"correlation_id":")" + run + R"(","stage":"x","y":")";
+    return line + std::string(bytes - line.size() - 3, 'y') + "\"}\n";
+  };
+  const std::string earlier = event("update-1-0", 100), own = event("update-2-0", 100);
+  const std::string full = own + event("update-2-0", 131072 - 100);
+  const struct {
+    std::string trace, text;
+  } rows[] = {
+      {earlier + own + earlier + own, own + earlier + own},
+      {earlier + own + "{\"half", own},
+      {earlier + full, full},
+      {earlier + own + full, full},  // the text begins with a whole line
+      {earlier + full + own, full.substr(100) + own},
+      {earlier + earlier, earlier + earlier},  // a run without an event
+      {std::string(200000, 'x'), ""},
+      {"", ""},
+  };
+  for (const auto& row : rows) {
+    WriteFile(folder_ / "update_trace.log", row.trace);
+    const std::string text = ReadTraceText(folder_ / "update_trace.log", "update-2-0");
+    EXPECT_TRUE(text == row.text) << "row " << &row - rows << ": " << text.substr(0, 100);
+  }
+  ReportRequest request;
+  request.report_file = folder_ / "update_trace.log";
+  WriteFile(request.report_file, std::string(200000, '\n') + R"({"target":"C:\\Jan Novak"})"
+                                                             "\n");
+  request.trace_run_id = "target";
+  EnqueueReport(request);
+  EXPECT_EQ(ReadJson(ListReports(queue_).at(0))["report_text"],
+            "{\"target\":\"[redacted-path]\"}\n");
+}
+
 TEST_F(Reports, AreDeletedAfterAStatusOf2xxFromAnyOrigin) {
   const struct {
     std::deque<Answer> answers;
@@ -88,7 +127,8 @@ TEST_F(Reports, AreDeletedAfterAStatusOf2xxFromAnyOrigin) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.answers[0].first);
     WriteFile(report,
-              R"({"older_upload_attempts_omitted": 2, "upload_attempts": [1, 2, 3, 4, 5, 6, 7]})");
+              R"({"schema_name": "qorva.diagnostics.report", "older_upload_attempts_omitted": 2,
+                  "upload_attempts": [1, 2, 3, 4, 5, 6, 7]})");
     answers_ = row.answers;
     urls_.clear();
     UploadOneReport(report, cancel_, Server());
@@ -102,7 +142,7 @@ TEST_F(Reports, AreDeletedAfterAStatusOf2xxFromAnyOrigin) {
 }
 
 TEST_F(Reports, AreCancelledBetweenOriginsAndBetweenReports) {
-  for (const char* name : {"a.json", "b.json", "c.json"}) WriteFile(Queued(name), "{}");
+  for (const char* name : {"a.json", "b.json", "c.json"}) WriteFile(Queued(name), kReport);
   on_request_ = [this] {
     cancel_ = true;
     EXPECT_EQ(ReadJson(Queued("a.json"))["upload_attempts"][0]["result"], "attempting");
@@ -122,18 +162,44 @@ TEST_F(Reports, AreCancelledBetweenOriginsAndBetweenReports) {
 }
 
 TEST_F(Reports, OfOneProcessAreAtMost25) {
-  for (int i = 0; i < 27; ++i) WriteFile(Queued(std::to_string(100 + i) + ".json"), "{}");
+  for (int i = 0; i < 27; ++i) WriteFile(Queued(std::to_string(100 + i) + ".json"), kReport);
   const std::string none[] = {"no report", std::string(40, '[') + std::string(40, ']'),
-                              std::string("{}\0{}", 5), "{}" + std::string(1048575, ' ')};
-  for (int i = 0; i < 4; ++i) WriteFile(Queued(std::to_string(100 + i) + ".json"), none[i]);
-  WriteFile(Queued("notes.txt"), "{}");
+                              kReport + '\0' + kReport, kReport + std::string(1048576, ' '),
+                              R"({"kind": "hang", "schema_name": "another"})"};
+  const int strangers = static_cast<int>(std::size(none));
+  for (int i = 0; i < strangers; ++i) {
+    WriteFile(Queued(std::to_string(100 + i) + ".json"), none[i]);
+  }
+  WriteFile(Queued("notes.txt"), kReport);
   Drain();
   EXPECT_TRUE(LogHas("Diagnostics uploader: pending reports=25"));
-  EXPECT_EQ(urls_.size(), 2u * 21);
-  EXPECT_EQ(ReadFile(Queued("100.json")), "no report");
-  WriteFile(Queued("000.json"), "{}");
+  EXPECT_EQ(urls_.size(), 2u * (25 - strangers));
+  WriteFile(Queued("000.json"), kReport);
   Drain();
-  EXPECT_EQ(ReadFile(Queued("000.json")) + ReadFile(Queued("125.json")), "{}{}");
+  EXPECT_EQ(ReadFile(Queued("000.json")) + ReadFile(Queued("125.json")), kReport + kReport);
+}
+
+TEST_F(Reports, OfThisProcessAreTriedFirst) {
+  for (int i = 0; i < 25; ++i) WriteFile(Queued(std::to_string(100 + i) + ".json"), kReport);
+  for (const char* own : {"own_2.json", "own_1.json"}) WriteFile(Queued(own), kReport);
+  answers_ = {{200, ""}, {201, ""}};
+  Drain({"own_1.json", "own_2.json", "sent.json"});
+  EXPECT_EQ(urls_.size(), 2u + 2 * 23);
+  EXPECT_EQ(ListReports(queue_).size(), 25u);
+  EXPECT_EQ(ReadFile(Queued("123.json")), kReport) << "at most 25, this process's own included";
+}
+
+TEST_F(Reports, AreNotUploadedWithoutAThread) {
+  UploadWorker worker([](const auto&) {},
+                      [](const auto&) -> std::thread { throw std::runtime_error("no thread"); });
+  static UploadWorker* stopped_by_sink = nullptr;  // the sink outlives this test
+  stopped_by_sink = &worker;
+  GetLogger().AddSink([](LogCategory, LogLevel, const std::string&) {
+    if (stopped_by_sink != nullptr) stopped_by_sink->Stop({});
+  });
+  worker.Start();  // does not return if it logs under its lock
+  stopped_by_sink = nullptr;
+  EXPECT_TRUE(LogHas("Diagnostics upload worker start failed: no thread"));
 }
 
 TEST_F(Reports, AreUploadedAgainIfAskedForMeanwhile) {

@@ -20,6 +20,7 @@ PATH = "/v1/diagnostics/report"
 OK = Reply(body=b"{}")
 DRAIN_SECONDS = 15  # the end of the process waits so long for the upload
 REQUEST_SECONDS = 6 + 4  # the time-out of a request, and a margin for a slow machine
+EARLIER = b'{"schema_name":"qorva.diagnostics.report","kind":"earlier"}'
 NOT_FOUND = "Update download failed: Update download HTTP status 404"
 
 
@@ -122,15 +123,43 @@ class Delivery(ReportRuns):
         self.assertEqual("failed", kept["upload_contract"]["result"])
         self.answer(OK, OK)
         self.run_failing(scene)
-        self.assertEqual([3, 1], [len(json.loads(post.body)["upload_attempts"]) for post in self.posts()])
+        self.assertEqual([1, 3], [len(json.loads(post.body)["upload_attempts"]) for post in self.posts()])
         self.assertEqual([], self.queued(scene))
+
+    def test_reports_that_are_refused_do_not_keep_a_new_one_waiting(self) -> None:
+        scene = self.scene("refused")
+        packages.write_tree(scene.reports, {f"{number}.json": EARLIER for number in range(25)})
+        self.answer(Reply(status=413), Reply(status=413))
+        self.run_failing(scene)
+        kinds = [json.loads(post.body)["kind"] for post in self.posts()]
+        self.assertEqual(["updater_error"] * 2 + ["earlier"] * 48, kinds)
+        self.assertEqual(26, len(self.queued(scene)))
+
+    def test_a_report_has_its_own_run_at_the_end_of_a_long_trace(self) -> None:
+        scene = self.scene("long trace")
+        scene.trace_path.parent.mkdir(parents=True)
+        with open(scene.trace_path, "w", encoding="utf-8", newline="\n") as trace:
+            for run in range(10):  # as long as ten updates of 300 MB
+                event = {"action_id": "update.download", "correlation_id": f"update-176986260512{run}-0",
+                         "origin_role": "primary", "stage": "download_progress", "ts": "2026-01-31T12:30:05Z",
+                         "url": f"https://{places.PRIMARY_HOST}/releases/package.zip"}
+                for number in range(300):
+                    line = {**event, "bytes_downloaded": str(number << 20)}
+                    trace.write(json.dumps(line, sort_keys=True, separators=(",", ":")) + "\n")
+        self.assertGreater(scene.trace_path.stat().st_size, 600_000)
+        self.run_failing(scene)
+        (post,) = self.posts()
+        events = [json.loads(line) for line in json.loads(post.body)["report_text"].splitlines()]
+        self.assertEqual(["updater_run_start", "download_primary_fail"],
+                         [events[end]["stage"] for end in (0, -1)])
+        self.assertEqual(1, len({event["correlation_id"] for event in events}))
 
     def test_a_hanging_request_delays_the_end_by_a_bounded_time(self) -> None:
         for name, reply in (("silent", Reply(silent=True)),
                             ("dripping", Reply(body=b"x" * 60_000, bytes_per_second=2, block=1))):
             with self.subTest(name):
                 scene = self.scene(f"hangs {name}")
-                packages.write_tree(scene.reports, {f"{number}.json": b'{"kind":"earlier"}' for number in range(3)})
+                packages.write_tree(scene.reports, {f"{number}.json": EARLIER for number in range(3)})
                 self.answer(reply, reply)
                 boxes: list[float] = []
                 self.run_failing(scene, on_box=lambda: boxes.append(time.monotonic()))
@@ -177,6 +206,8 @@ class Privacy(ReportRuns):
         base = {"pid": "0", "download-url": PRIMARY, "sha256": "0" * 64}
         for name, change in {
             "folders": {"target-dir": HOME, "restart-exe": UNC + "\\zzqapp.exe"},
+            "folders in long form": {"target-dir": "\\\\?\\" + HOME,
+                                     "restart-exe": "\\\\?\\UNC\\zzqžluťserver\\zzq share\\zzq app.exe"},
             "restart arguments": {"restart-args": "--token=zzqtoken --password zzqsecret zzqargument"},
             "a file name": {"required-payload-file": "zzqdir/zzqartwork zzqblank.tif"},
             "user information": {"download-url": f"https://zzqlogin:zzqword@{places.PRIMARY_HOST}/p.zip"},
@@ -200,7 +231,7 @@ class Privacy(ReportRuns):
         payload = {**self.payload, **dict.fromkeys(names, b"x")}
         package = packages.zip_of(payload)
         for case, message in (
-            (Run("no such required file", package=package, arguments={"required": ("zzqmissing.exe",)}),
+            (Run("no such required file", package=package, arguments={"required": ("missing.dll",)}),
              "Update package contract"),
             (Run("an error page", primary=Reply(status=404, body=b"zzqbody")), NOT_FOUND),
             (Run("a redirect", primary=redirect(f"https://{places.FOREIGN_HOST}/zzqpath zzqmore" + URL_PRIVATE)),
@@ -211,7 +242,8 @@ class Privacy(ReportRuns):
                 case.query = URL_PRIVATE
                 scene = self.scene(case.name)
                 self.run_failing(scene, case, message)
-                self.assert_nothing_private(scene)
+                (report,) = self.assert_nothing_private(scene)
+                self.assertEqual(case.name == "no such required file", "missing: missing.dll" in report["reason"])
 
     def test_hides_the_paths_of_a_failed_apply(self) -> None:
         scene = self.scene("apply")

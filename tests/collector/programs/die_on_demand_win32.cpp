@@ -38,6 +38,7 @@ template <UINT kCode>
 void Exit() {
   RecordProcessExitCode(1);  // the last declared code counts
   RecordProcessExitCode(7);
+  EndUnobservedSession();
   ::ExitProcess(kCode);
 }
 
@@ -86,9 +87,14 @@ void CrashTwice() {
   WriteNull();
 }
 
+void Terminate() {
+  std::terminate();
+}
+
 /// Another thread holds the locks of all heaps, so that an allocation in the crash path never
 /// returns.
-void CrashWithHeapsLocked() {
+template <void (*kCrash)()>
+void WithHeapsLocked() {
   static const HANDLE held = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
   std::thread([] {
     std::array<HANDLE, 64> heaps;
@@ -98,7 +104,7 @@ void CrashWithHeapsLocked() {
     SleepForEver();
   }).detach();
   ::WaitForSingleObject(held, INFINITE);
-  WriteNull();
+  kCrash();
 }
 
 /// Chains the unwind information of this function to itself ("x64 exception handling" in the
@@ -128,7 +134,8 @@ constexpr Way kWays[] = {{"exit-declared", Exit<7>},
                          {"stack-overflow", OverflowStack},
                          {"uncaught", Throw},
                          {"crash-twice", CrashTwice},
-                         {"heaps-locked", CrashWithHeapsLocked},
+                         {"heaps-locked", WithHeapsLocked<WriteNull>},
+                         {"terminate-heaps-locked", WithHeapsLocked<Terminate>},
                          {"unwind-loop", TerminateInAnUnwindLoop}};
 
 }  // namespace
