@@ -1,0 +1,91 @@
+#include "inspect/symbols.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <sstream>
+
+#include "core/file_layer.h"
+#include "core/text.h"
+#include "inspect/binary_identity.h"
+
+namespace zul {
+
+namespace {
+
+/// The file of `folder` that is the build of the frame; empty when there is none.
+fs::Path FindBuild(const StackFrame& frame, const fs::Path& folder) {
+  std::error_code ec;
+  for (const fs::DirectoryEntry& entry : fs::ListDirectory(folder, ec)) {
+    if (entry.kind == fs::EntryKind::kRegular && IsBuildOf(frame, entry.path)) return entry.path;
+  }
+  return {};
+}
+
+/// The address that a symbol file has for a frame. A caller's frame holds the address after the
+/// call, which may belong to the next line.
+std::string AddressOf(const StackFrame& frame, std::uint64_t image_base, bool is_caller) {
+  char text[24];
+  static_cast<void>(
+      std::snprintf(text, sizeof text, "0x%llx",
+                    static_cast<unsigned long long>(image_base + frame.rva - (is_caller ? 1 : 0))));
+  return text;
+}
+
+/// "function file:line" of the first two lines; empty when the tool knows neither.
+std::string SymbolIn(const std::string& output) {
+  std::istringstream lines(output);
+  std::string function, place;
+  std::getline(lines, function);
+  std::getline(lines, place);
+  if (function.empty() || function.starts_with("??")) return {};
+  return place.starts_with("??") ? function : function + " " + place;
+}
+
+std::string SymbolAt(const fs::Path& binary, const std::string& address) {
+  const std::string file = PathToUtf8(binary);
+  std::string output;
+  if (RunTool("llvm-symbolizer", {"--no-inlines", "--obj=" + file, address}, &output) &&
+      !SymbolIn(output).empty()) {
+    return SymbolIn(output);
+  }
+  output.clear();
+  return RunTool("addr2line", {"-f", "-C", "-e", file, address}, &output) ? SymbolIn(output)
+                                                                          : std::string();
+}
+
+}  // namespace
+
+bool IsBuildOf(const StackFrame& frame, const fs::Path& binary) {
+  BinaryIdentity identity;
+  if (!ReadBinaryIdentity(binary, &identity)) return false;
+  if (!frame.pdb_guid.empty()) {
+    return identity.pdb_guid == frame.pdb_guid && identity.pdb_age == frame.pdb_age;
+  }
+  return frame.image_timestamp != 0 && identity.image_timestamp == frame.image_timestamp &&
+         identity.image_size == frame.image_size;
+}
+
+std::string ResolveFrames(const std::string& folder, std::vector<StackFrame>* frames) {
+  bool found_build = false;
+  bool resolved = false;
+  for (StackFrame& frame : *frames) {
+    if (frame.module.empty()) continue;
+    const fs::Path binary = FindBuild(frame, PathOrEmpty(folder));
+    if (binary.empty()) continue;
+    found_build = true;
+    BinaryIdentity identity;
+    static_cast<void>(ReadBinaryIdentity(binary, &identity));
+    frame.symbol =
+        SymbolAt(binary, AddressOf(frame, identity.image_base, &frame != &frames->front()));
+    resolved |= !frame.symbol.empty();
+  }
+  if (resolved || frames->empty()) return {};
+  return found_build
+             ? "The build is in '" + folder +
+                   "', but llvm-symbolizer and addr2line are missing or find no symbols there; "
+                   "put the .debug file beside the program."
+             : "No program in '" + folder +
+                   "' is this build; its qorva_updater.exe and .debug file must be there.";
+}
+
+}  // namespace zul
