@@ -32,8 +32,9 @@ json FrameJson(const StackFrame& frame) {
 void PrintFinding(const EvidenceFinding& finding, Paper* paper) {
   paper->Prose("what", finding.summary, finding.ended_badly ? Colour::kBad : Colour::kGood);
   paper->Row("build", finding.build);
-  paper->Row("when", UtcText(finding.observed_at) + " UTC, after " +
-                         std::to_string(finding.uptime_ms / 1000) + " s");
+  const std::string after =
+      finding.uptime_ms == 0 ? "" : ", after " + std::to_string(finding.uptime_ms / 1000) + " s";
+  paper->Row("when", UtcText(finding.observed_at) + " UTC" + after);
   paper->Row("capture", finding.capture);
   for (std::size_t i = 0; i < finding.frames.size(); ++i) {
     paper->Row(i == 0 ? "stack" : "", FrameText(finding.frames[i]));

@@ -67,7 +67,8 @@ void Paper::Row(std::string_view label, std::string_view text, Colour colour) {
 
 void Paper::Prose(std::string_view label, std::string_view text, Colour colour) {
   while (text.size() > kProseColumns) {
-    const std::size_t blank = text.rfind(' ', kProseColumns);
+    std::size_t blank = text.rfind(' ', kProseColumns);
+    if (blank == std::string_view::npos) blank = text.find(' ', kProseColumns);
     if (blank == std::string_view::npos) break;
     Row(label, text.substr(0, blank), colour);
     text.remove_prefix(blank + 1);

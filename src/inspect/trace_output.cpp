@@ -79,12 +79,14 @@ std::string StepText(const TraceStep& step) {
   return text;
 }
 
-void PrintStep(const TraceStep& step, Paper* paper) {
+/// The error that ended the run is printed once, as the user saw it.
+void PrintStep(const TraceStep& step, const std::optional<TraceFailure>& failure, Paper* paper) {
   paper->Line(StepText(step), ColourOf(step.outcome));
   constexpr std::string_view kIndent = "          ";
   for (const std::string& note : step.notes)
     paper->Line(std::string(kIndent) + note, Colour::kFaint);
-  if (!step.error.empty()) paper->Line(std::string(kIndent) + step.error);
+  if (step.error.empty() || (failure && failure->error == step.error)) return;
+  paper->Line(std::string(kIndent) + step.error);
 }
 
 std::string_view RemedyText(Remedy remedy) {
@@ -128,12 +130,12 @@ std::string UtcText(std::int64_t seconds_since_1970) {
 
 void PrintRun(const TraceRun& run, Paper* paper) {
   paper->Heading("Run of " + UtcText(run.begun) + " UTC");
-  paper->Row("installation", ValueOr(run, "target_dir", "unknown"));
+  paper->Row("folder", ValueOr(run, "target_dir", "unknown"));
   paper->Row("package", ValueOr(run, "download_url", "unknown"));
   if (run.handed_over)
     paper->Row("", "handed over to a copy of the updater outside the installation");
   paper->Line("");
-  for (const TraceStep& step : run.steps) PrintStep(step, paper);
+  for (const TraceStep& step : run.steps) PrintStep(step, run.failure, paper);
   const TraceVerdict verdict = JudgeRun(run);
   paper->Line("");
   paper->Line(
@@ -142,6 +144,7 @@ void PrintRun(const TraceRun& run, Paper* paper) {
       ColourOf(run.outcome));
   if (const std::string text = UserText(run); !text.empty()) paper->Prose("the user saw", text);
   if (verdict.advice.empty()) return;
+  paper->Prose("installation", verdict.installation);
   paper->Prose("what to do", verdict.advice);
   paper->Row("who can", RemedyText(verdict.remedy));
 }
@@ -176,6 +179,7 @@ json RunJson(const TraceRun& run) {
   const TraceVerdict verdict = JudgeRun(run);
   object["summary"] = verdict.summary;
   if (verdict.advice.empty()) return object;
+  object["installation"] = verdict.installation;
   object["advice"] = verdict.advice;
   object["remedy"] = RemedyWord(verdict.remedy);
   object["user_text"] = UserText(run);

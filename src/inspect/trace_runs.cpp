@@ -224,6 +224,7 @@ class RunReader {
   }
 
   static void FailRun(std::string_view name, const TraceEvent& event, TraceRun* run) {
+    if (event.Field("reason") == "deferred_self_replace") name = "replace updater";
     End(name, TraceOutcome::kFailed, event, run);
     run->failure = {event.name, std::string(event.Field("reason")),
                     std::string(event.Field("origin_role")), std::string(event.Field("error"))};

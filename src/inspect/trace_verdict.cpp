@@ -83,9 +83,11 @@ constexpr std::array kAdvice = std::to_array<AdviceRule>({
      "then "
      "start the update again."},
     {"main_process_tree_still_alive", Remedy::kMachine,
-     "QORVA still runs: close it or end it in the Task Manager, then start the update again."},
+     "QORVA or a program that it has started still uses the file: close what `owners` names or end "
+     "it "
+     "in the Task Manager, then start the update again."},
     {"external_process_lock", Remedy::kMachine,
-     "Close the program that `owners` names, then start the update again; nothing has changed."},
+     "Close the program that `owners` names, then start the update again."},
     {"unknown_lock_owner", Remedy::kMachine,
      "A program that is not named keeps the file open, often a virus scanner or a file manager: "
      "close "
@@ -94,12 +96,8 @@ constexpr std::array kAdvice = std::to_array<AdviceRule>({
     {"code=39,", Remedy::kMachine, kFreeDisk},
     {"code=28,", Remedy::kMachine, kFreeDisk},
     {"permission", Remedy::kMachine, kCheckRights},
-    {"Rollback completed", Remedy::kMachine,
-     "The old version is complete and may be started; remove the cause in the text, then start the "
-     "update again."},
     {"Cannot restart application", Remedy::kMachine,
-     "The update is installed; start QORVA by hand, and look whether a security product blocks "
-     "it."},
+     "Start QORVA by hand, and look whether a security product blocks it."},
 });
 
 std::string_view PlaceOf(const TraceRun& run) {
@@ -130,24 +128,49 @@ TraceVerdict JudgeFailure(const TraceFailure& failure, std::string_view step) {
   return verdict;
 }
 
-/// A run whose trace stops. What may have changed depends on the step.
+std::string FailedStep(const TraceRun& run) {
+  const auto failed =
+      std::find_if(run.steps.rbegin(), run.steps.rend(), [&run](const TraceStep& step) {
+        return step.outcome == TraceOutcome::kFailed && step.error == run.failure->error;
+      });
+  return failed == run.steps.rend() ? std::string() : failed->name;
+}
+
+const TraceStep* FindStep(const TraceRun& run, std::string_view name) {
+  const auto found = std::find_if(run.steps.begin(), run.steps.end(),
+                                  [name](const TraceStep& step) { return step.name == name; });
+  return found == run.steps.end() ? nullptr : &*found;
+}
+
+/// What has become of the installed files in a run that did not succeed.
+std::string_view InstallationAfter(const TraceRun& run) {
+  const TraceStep* const install = FindStep(run, "install");
+  const TraceStep* const rollback = FindStep(run, "roll back");
+  if (install == nullptr) return "Nothing was changed.";
+  if (install->outcome == TraceOutcome::kSucceeded) return "The new version is installed.";
+  if (run.last_event == "apply_recovery_required" ||
+      (rollback != nullptr && rollback->outcome == TraceOutcome::kFailed)) {
+    return "It is damaged: some files are new and some are old.";
+  }
+  if (rollback != nullptr && rollback->outcome == TraceOutcome::kSucceeded) {
+    return "It is the old version: every change was undone and verified.";
+  }
+  if (run.failure) return "Nothing was changed.";
+  return "It may hold old and new files; each of them is complete.";
+}
+
+/// A run whose trace stops.
 TraceVerdict JudgeUnfinished(const TraceRun& run) {
   const std::string_view place = PlaceOf(run);
-  const std::string step = run.steps.empty() ? std::string() : run.steps.back().name;
-  const bool changing = step == "install" || step == "roll back";
+  const bool changing = FindStep(run, "install") != nullptr;
   TraceVerdict verdict{.remedy = Remedy::kMachine};
-  verdict.summary =
-      "The run never ended: its last event is '" + run.last_event + "'" +
-      (place.empty() ? ", at the step '" + step + "'." : ", " + std::string(place) + ".");
-  verdict.advice =
-      changing
-          ? "The installation may hold old and new files: start the update again; the old files "
-            "are "
-            "in rollback_backup in the workspace in the temporary folder. Look at the evidence for "
-            "a "
-            "crash."
-          : "Nothing was changed: start the update again. If it does not run any more, the process "
-            "was ended, has crashed (look at the evidence), or refused the package's format.";
+  verdict.summary = "The run never ended: its last event is '" + run.last_event + "'" +
+                    (place.empty() ? ", of the step '" + run.steps.back().name + "'."
+                                   : ", " + std::string(place) + ".");
+  verdict.advice = "The process was ended, has crashed (look at the evidence) or still runs";
+  if (run.last_event == "download_selected") verdict.advice += ", or the file is of another format";
+  verdict.advice += "; start the update again.";
+  if (changing) verdict.advice += " The old files are in rollback_backup in the workspace.";
   return verdict;
 }
 
@@ -167,20 +190,13 @@ std::string UserText(const TraceRun& run) {
 }
 
 TraceVerdict JudgeRun(const TraceRun& run) {
-  switch (run.outcome) {
-    case TraceOutcome::kSucceeded:
-      return {.summary = "The update is installed, and the application was started."};
-    case TraceOutcome::kFailed: {
-      const auto failed =
-          std::find_if(run.steps.rbegin(), run.steps.rend(), [&run](const TraceStep& step) {
-            return step.outcome == TraceOutcome::kFailed && step.error == run.failure->error;
-          });
-      return JudgeFailure(*run.failure, failed == run.steps.rend() ? "" : failed->name);
-    }
-    case TraceOutcome::kNeverEnded:
-      break;
+  if (run.outcome == TraceOutcome::kSucceeded) {
+    return {.summary = "The update is installed, and the application was started."};
   }
-  return JudgeUnfinished(run);
+  TraceVerdict verdict =
+      run.failure ? JudgeFailure(*run.failure, FailedStep(run)) : JudgeUnfinished(run);
+  verdict.installation = InstallationAfter(run);
+  return verdict;
 }
 
 }  // namespace zul

@@ -14,8 +14,9 @@ namespace zul {
 [[nodiscard]] std::string UserText(const TraceRun& run);
 
 struct TraceVerdict {
-  std::string summary;  ///< one sentence
-  std::string advice;   ///< one sentence; empty for a run that succeeded
+  std::string summary{};       ///< one sentence
+  std::string advice{};        ///< one sentence; empty for a run that succeeded
+  std::string installation{};  ///< what has become of the installed files; one sentence
   Remedy remedy = Remedy::kProduct;
 };
 

@@ -11,7 +11,14 @@ namespace {
 
 using test::UpdateScene;
 
-TEST(Trace, GivesTheTextThatTheUserSaw) {
+/// How a scene names what a verdict says about the installed files.
+std::string InstalledBy(const TraceVerdict& verdict) {
+  if (verdict.installation == "The new version is installed.") return "new";
+  const bool damaged = verdict.installation.starts_with("It is damaged");
+  return damaged ? "neither" : "old";
+}
+
+TEST(Trace, GivesTheTextThatTheUserSawAndTheStateOfTheInstallation) {
   const std::pair<const char*, void (*)(UpdateScene & scene)> cases[] = {
       {"download", [](auto& s) { s.primary.status = 404; }},
       {"mirror", [](auto& s) { s.NameMirror().primary.status = s.mirror.status = 503; }},
@@ -38,6 +45,7 @@ TEST(Trace, GivesTheTextThatTheUserSaw) {
     const TraceRun& run = reading.runs.front();
     EXPECT_EQ(run.outcome, TraceOutcome::kFailed) << what;
     EXPECT_EQ(scene.Plain(UserText(run)), scene.report.substr(scene.report.find(": ") + 2)) << what;
+    EXPECT_EQ(InstalledBy(JudgeRun(run)), scene.Installed()) << what;
     EXPECT_EQ(JudgeRun(run).summary.find("''"), std::string::npos) << what << ": no step";
   }
 }
