@@ -31,26 +31,49 @@ std::string AddressOf(const StackFrame& frame, std::uint64_t image_base, bool is
   return text;
 }
 
-/// "function file:line" of the first two lines; empty when the tool knows neither.
+/// The function without its parameters, which make a line unreadable.
+std::string_view NameOf(std::string_view function) {
+  int depth = 0;
+  for (std::size_t i = function.size(); i-- > 0;) {
+    depth += function[i] == ')' ? 1 : function[i] == '(' ? -1 : 0;
+    if (function[i] == '(' && depth == 0) {
+      return function.substr(i).starts_with("(anonymous") ? function : function.substr(0, i);
+    }
+  }
+  return function;
+}
+
+/// A source file of ours from its folder "src" on, wherever the build was.
+std::string_view PlaceOf(std::string_view place) {
+  const std::size_t source = place.rfind("/src/");
+  return source == std::string_view::npos ? place : place.substr(source + 1);
+}
+
+/// "function file:line" of a tool's answer, empty when it knows neither. The answer has two lines
+/// for each function that was inlined at the address; the last two are the function itself.
 std::string SymbolIn(const std::string& output) {
   std::istringstream lines(output);
-  std::string function, place;
-  std::getline(lines, function);
-  std::getline(lines, place);
+  std::string function, place, next;
+  while (std::getline(lines, next) && !next.empty()) {
+    function = next;
+    std::getline(lines, place);
+  }
   if (function.empty() || function.starts_with("??")) return {};
-  return place.starts_with("??") ? function : function + " " + place;
+  std::string symbol(NameOf(function));
+  if (!place.starts_with("??")) symbol.append(" ").append(PlaceOf(place));
+  return symbol;
 }
 
 std::string SymbolAt(const fs::Path& binary, const std::string& address) {
   const std::string file = PathToUtf8(binary);
   std::string output;
-  if (RunTool("llvm-symbolizer", {"--no-inlines", "--obj=" + file, address}, &output) &&
+  if (RunTool("llvm-symbolizer", {"--obj=" + file, address}, &output) &&
       !SymbolIn(output).empty()) {
     return SymbolIn(output);
   }
   output.clear();
-  return RunTool("addr2line", {"-f", "-C", "-e", file, address}, &output) ? SymbolIn(output)
-                                                                          : std::string();
+  return RunTool("addr2line", {"-f", "-i", "-C", "-e", file, address}, &output) ? SymbolIn(output)
+                                                                                : std::string();
 }
 
 }  // namespace
