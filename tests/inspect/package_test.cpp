@@ -6,11 +6,10 @@
 #include <regex>
 #include <set>
 
+#include "core/deployment.h"
 #include "core/text.h"
 #include "inspect/package_advice.h"
 #include "inspect/package_inspection.h"
-#include "request/update_request.h"
-#include "tests/support/split_command_line.h"
 #include "tests/support/temp_folder.h"
 #include "tests/support/zip_builder.h"
 
@@ -94,7 +93,7 @@ TEST(WindowsCollisions, AreFoundForTheLettersOfFileNames) {
   }
 }
 
-TEST(PackageInspection, EndsWithACommandLineThatTheUpdaterReads) {
+TEST(PackageInspection, EndsWithACommandLineToPaste) {
   const test::TempFolder folder;
   test::ZipBuilder zip;
   zip.File("Q/qorva_gui.exe", "MZ").Deflated();
@@ -106,15 +105,18 @@ TEST(PackageInspection, EndsWithACommandLineThatTheUpdaterReads) {
   ASSERT_FALSE(inspection.refusal) << inspection.refusal->message;
   EXPECT_EQ(inspection.wrapper, "Q");
   EXPECT_EQ(JoinText(inspection.skipped_paths, " "), "._clutter");
-  const std::vector<std::wstring> arguments =
-      test::SplitCommandLine(Utf8ToWide(inspection.command_line).value());
-  std::vector<const wchar_t*> argv;
-  for (const std::wstring& argument : arguments) argv.push_back(argument.c_str());
-  const UpdateRequest request = ParseUpdateRequest(static_cast<int>(argv.size()), argv.data());
-  EXPECT_EQ(request.sha256, inspection.sha256);
-  EXPECT_TRUE(request.download_url.ends_with("/PATH/package.zip")) << "a name that needs escapes";
-  EXPECT_EQ(request.target_dir + "\\qorva_gui.exe", request.restart_exe);
-  EXPECT_EQ(request.required_payload_files, inspection.required);
+  EXPECT_EQ(inspection.command_line,
+            ExampleCommandLine("my package.zip", inspection.sha256, {"qorva_gui.exe"}, false));
+  // Blanks in the name of the package would need escapes in a URL.
+  const std::string hosts[] = {std::string(deployment::kDownloadHosts[1]),
+                               std::string(deployment::kDownloadHosts[2])};
+  EXPECT_EQ(
+      ExampleCommandLine("my package.zip", "ab", {"x.exe", "y.dll"}, true),
+      R"("C:\Program Files\QORVA\qorva_updater.exe" --pid=0 --download-url=https://)" + hosts[0] +
+          "/PATH/package.zip --fallback-download-url=https://" + hosts[1] +
+          R"(/PATH/package.zip --sha256=ab --target-dir="C:\Program Files\QORVA" )"
+          R"(--restart-exe="C:\Program Files\QORVA\qorva_gui.exe" --required-payload-file=x.exe )"
+          R"(--required-payload-file=y.dll --require-signed-payload-binaries=1)");
 }
 
 }  // namespace
