@@ -207,12 +207,12 @@ EvidenceFinding DescribeEvidence(const json& record) {
 
 bool InspectEvidence(const std::string& path, std::vector<EvidenceInspection>* inspections,
                      std::string* error) {
-  const fs::Path folder = PathOrEmpty(path);
   std::error_code ec;
-  const fs::EntryKind kind = fs::KindOf(folder, fs::Links::kFollow, ec);
+  const fs::EntryKind kind = fs::KindOf(PathOrEmpty(path), fs::Links::kFollow, ec);
   if (kind == fs::EntryKind::kNotFound) return Fail(error, "there is no folder '" + path + "'");
   if (kind != fs::EntryKind::kDirectory) return Fail(error, "'" + path + "' is not a folder");
-  for (const fs::Path& session : SessionFolders(folder)) {
+  // A record is read only below folders that are no links.
+  for (const fs::Path& session : SessionFolders(fs::WeaklyCanonical(PathOrEmpty(path), ec))) {
     inspections->push_back(InspectSession(session));
   }
   return !inspections->empty() ||

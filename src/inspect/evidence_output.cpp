@@ -31,6 +31,7 @@ json FrameJson(const StackFrame& frame) {
 
 void PrintFinding(const EvidenceFinding& finding, Paper* paper) {
   paper->Prose("what", finding.summary, finding.ended_badly ? Colour::kBad : Colour::kGood);
+  if (finding.build.empty()) return;  // a damaged record
   paper->Row("build", finding.build);
   const std::string after =
       finding.uptime_ms == 0 ? "" : ", after " + std::to_string(finding.uptime_ms / 1000) + " s";

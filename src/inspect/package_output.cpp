@@ -26,7 +26,7 @@ bool HasNoSignature(const PayloadBinary& binary) {
 }
 
 bool IsNotTrusted(const PayloadBinary& binary) {
-  return binary.verdict.status != PayloadSignatureStatus::kValid;
+  return binary.has_signature && binary.verdict.status != PayloadSignatureStatus::kValid;
 }
 
 /// On a system without a trust provider no verdict says anything.
@@ -89,9 +89,8 @@ void PrintSignatures(const std::vector<PayloadBinary>& binaries, Paper* paper) {
     paper->Line("Whether a signature is trusted, only qorva_inspect.exe on Windows can say.");
     return;
   }
-  const Names untrusted = NamesWhere(binaries, IsNotTrusted);
-  PrintNote(untrusted, "not signed by a publisher that this machine trusts", Colour::kCaution,
-            paper);
+  PrintNote(NamesWhere(binaries, IsNotTrusted), "with a signature that this machine does not trust",
+            Colour::kCaution, paper);
 }
 
 void PrintRefusal(const PackageInspection& inspection, Paper* paper) {

@@ -220,7 +220,7 @@ def print_timeline(scene: Scene) -> None:
     command = ["wine", scene.windows(places.INSPECTOR), "trace", scene.windows(scene.trace_path)]
     done = subprocess.run(command, env=scene.sandbox.environment, capture_output=True, timeout=60)
     heading("Timeline, by qorva_inspect")
-    print(textwrap.indent((done.stdout + done.stderr).decode(errors="replace").replace("\r\n", "\n"), "  "))
+    print(textwrap.indent((done.stdout + done.stderr).decode(errors="replace").replace("\r\n", "\n"), "  "), end="")
 
 
 def print_end(scene: Scene, release: Release, outcome: Outcome, watcher: Watcher,
