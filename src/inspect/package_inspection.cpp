@@ -9,7 +9,6 @@
 #include "core/process_environment.h"
 #include "core/text.h"
 #include "inspect/binary_identity.h"
-#include "inspect/package_advice.h"
 #include "package/extract.h"
 #include "package/layout.h"
 #include "request/update_request.h"
@@ -52,7 +51,8 @@ void Refuse(std::string message, std::optional<ZipRefusedEntry> entry,
   const PackageAdvice* const row = FindPackageAdvice(message);
   std::string advice(row != nullptr ? row->advice : "");
   if (inspection->size_bytes == 0) advice = "The file is empty: make it or copy it again.";
-  inspection->refusal = {std::move(message), std::move(advice), std::move(entry)};
+  inspection->refusal = {std::move(message), std::move(advice), std::move(entry),
+                         row != nullptr ? row->remedy : Remedy::kPublisher};
 }
 
 /// Sets the size of the file. False when it is not a file that can be read.
@@ -176,6 +176,10 @@ bool InspectPackage(const std::string& path, const std::vector<std::string>& req
   });
   JudgeArchive(archive, work, inspection);
   if (!hash.get()) return Fail(error, hash_error);
+  if (inspection->refusal && inspection->refusal->remedy != Remedy::kPublisher) {
+    return Fail(error, "the inspection stopped: " + inspection->refusal->message + ". " +
+                           inspection->refusal->advice);
+  }
   if (!inspection->refusal) {
     inspection->command_line =
         ExampleCommandLine(PathToUtf8(archive.filename()), inspection->sha256, required,

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "inspect/package_advice.h"
 #include "inspect/payload_facts.h"
 #include "package/payload_signatures.h"
 
@@ -16,6 +17,7 @@ struct PackageRefusal {
   std::string message;                   ///< the updater's own
   std::string advice;                    ///< one sentence
   std::optional<ZipRefusedEntry> entry;  ///< the entry that caused it, if one did
+  Remedy remedy = Remedy::kPublisher;
 };
 
 /// A program or library of the payload.
@@ -47,7 +49,8 @@ struct PackageInspection {
 };
 
 /// Inspects the package at `path` (UTF-8). Unpacks it into a new folder in the temporary folder,
-/// which it removes at the end. False, with one sentence in `error`, when the file cannot be read.
+/// which it removes at the end. False, with one sentence in `error`, when the file cannot be read
+/// or this machine, and not the package, stops the inspection.
 [[nodiscard]] bool InspectPackage(const std::string& path, const std::vector<std::string>& required,
                                   PackageInspection* inspection, std::string* error);
 

@@ -85,13 +85,14 @@ std::int64_t SecondsOf(std::string_view text) {
   using namespace std::chrono;
   int y = 0, mo = 0, d = 0, h = 0, mi = 0, s = 0;
   const std::string copy(text);
-  if (std::sscanf(copy.c_str(), "%4d-%2d-%2dT%2d:%2d:%2dZ", &y, &mo, &d, &h, &mi, &s) != 6)
+  if (std::sscanf(copy.c_str(), "%4d-%2d-%2dT%2d:%2d:%2dZ", &y, &mo, &d, &h, &mi, &s) != 6) {
     return 0;
+  }
   const year_month_day date{year(y), month(static_cast<unsigned>(mo)),
                             day(static_cast<unsigned>(d))};
   if (!date.ok()) return 0;
-  return duration_cast<seconds>(sys_days(date).time_since_epoch()).count() + h * 3600LL + mi * 60 +
-         s;
+  const auto time = sys_days(date).time_since_epoch() + hours(h) + minutes(mi) + seconds(s);
+  return duration_cast<seconds>(time).count();
 }
 
 std::uint64_t NumberOf(std::string_view text) {

@@ -9,6 +9,7 @@ import json
 import subprocess
 import sys
 import tempfile
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import hostile_archives
@@ -18,18 +19,23 @@ NO_REQUIRED_FILE = "Update package required file contract is empty or too large.
 
 def verdict(program: str, archive: Path) -> tuple[int, str]:
     done = subprocess.run([program, "package", archive, "--json"], capture_output=True, timeout=60)
-    return done.returncode, json.loads(done.stdout)["refusal"]["message"]
+    reply = json.loads(done.stdout)
+    if done.returncode == 2:  # this machine stopped the inspection, for example for lack of space
+        return 1, reply["error"].removeprefix("the inspection stopped: ").partition(". ")[0]
+    return done.returncode, reply["refusal"]["message"]
 
 
 def main(program: str) -> int:
     faults = []
     cases = hostile_archives.cases()
     with tempfile.TemporaryDirectory() as folder:
-        for number, case in enumerate(cases):
-            archive = Path(folder, f"{number}.zip")
+        archives = [Path(folder, f"{number}.zip") for number in range(len(cases))]
+        for case, archive in zip(cases, archives):
             archive.write_bytes(case.archive)
+        with ThreadPoolExecutor() as pool:
+            verdicts = pool.map(lambda archive: verdict(program, archive), archives)
+        for case, (status, message) in zip(cases, verdicts):
             expected = NO_REQUIRED_FILE if isinstance(case.expected, dict) else case.expected
-            status, message = verdict(program, archive)
             if status != 1 or not hostile_archives.meets(expected, message):
                 faults.append(f"{case.name}: {status} {message!r} instead of {expected!r}")
         left = [path.name for path in Path(tempfile.gettempdir()).glob("qorva_inspect_*")]
