@@ -30,6 +30,7 @@ class WorkFolder {
   WorkFolder& operator=(const WorkFolder&) = delete;
 
   [[nodiscard]] bool Create(std::string* error) {
+    if (TempDirectory().empty()) return Fail(error, "the system names no temporary folder");
     const fs::Path path = TempDirectory() / ("qorva_inspect_" + std::to_string(CurrentProcessId()) +
                                              "_" + std::to_string(PerformanceCounter()));
     std::error_code ec;

@@ -90,8 +90,7 @@ constexpr std::array kAdvice = std::to_array<AdviceRule>({
      "Close the program that `owners` names, then start the update again."},
     {"unknown_lock_owner", Remedy::kMachine,
      "A program that is not named keeps the file open, often a virus scanner or a file manager: "
-     "close "
-     "it or restart the machine, then start the update again."},
+     "close it or restart the machine, then start the update again."},
     {"code=112,", Remedy::kMachine, kFreeDisk},
     {"code=39,", Remedy::kMachine, kFreeDisk},
     {"code=28,", Remedy::kMachine, kFreeDisk},
@@ -110,12 +109,10 @@ std::string_view PlaceOf(const TraceRun& run) {
 TraceVerdict JudgeFailure(const TraceFailure& failure, std::string_view step) {
   TraceVerdict verdict;
   verdict.summary = "The run failed at the step '" + std::string(step) + "'.";
-  if (failure.event == "extract_fail") {
-    if (const PackageAdvice* const row = FindPackageAdvice(failure.error)) {
-      verdict.remedy = row->remedy;
-      verdict.advice = row->advice;
-      return verdict;
-    }
+  if (const PackageAdvice* const row = FindPackageAdvice(failure.error)) {
+    verdict.remedy = row->remedy;
+    verdict.advice = row->advice;
+    return verdict;
   }
   for (const AdviceRule& row : kAdvice) {
     if (failure.error.find(row.part) == std::string::npos) continue;

@@ -131,6 +131,8 @@ TEST(Verdict, SaysWhoCanHelp) {
       {"a download_primary_fail error=WinHttpReadData", "network"},
       {"a apply_fail error=reason=external_process_lock,", "machine"},
       {"a apply_fail error=code=112,", "machine"},
+      {"a apply_fail error=Staged update binary is not signed by a trusted publisher: 'a.dll'",
+       "publisher"},
       {"a apply_fail error=unheard-of", "product"},
   };
   for (const auto& [event, remedy] : cases) {
