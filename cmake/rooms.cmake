@@ -49,3 +49,14 @@ function(qorva_room_tests room)
     set_tests_properties(${program} PROPERTIES RESOURCE_LOCK small_drive)
   endif()
 endfunction()
+
+# Gives a Windows program a build id and a link map, and moves its symbols to a file beside it, which is
+# not shipped.
+function(qorva_split_symbols program)
+  target_link_options(${program} PRIVATE -Wl,--build-id -Wl,-Map=$<TARGET_FILE:${program}>.map)
+  add_custom_command(TARGET ${program} POST_BUILD
+    COMMAND ${CMAKE_OBJCOPY} --only-keep-debug $<TARGET_FILE:${program}> $<TARGET_FILE:${program}>.debug
+    COMMAND ${CMAKE_STRIP} --strip-all $<TARGET_FILE:${program}>
+    COMMAND ${CMAKE_OBJCOPY} --add-gnu-debuglink=$<TARGET_FILE:${program}>.debug $<TARGET_FILE:${program}>
+    VERBATIM)
+endfunction()

@@ -122,6 +122,10 @@ bool StagedTreeWalk::MayBeWritten(const fs::Path& target, const fs::Path& resolv
          ValidatePayloadTarget(target_root_, target, error);
 }
 
+std::span<const std::string_view> RetiredExecutableNames() {
+  return kRetiredExecutables;
+}
+
 bool ListRetiredExecutables(const fs::Path& staged_root, const fs::Path& target_root,
                             std::vector<fs::Path>* removals, std::string* error) {
   using fs::EntryKind;

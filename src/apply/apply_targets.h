@@ -3,6 +3,7 @@
 // The files that an apply changes: the files of the staged tree, which it installs, and the retired
 // executables, which it removes.
 
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -71,6 +72,9 @@ class StagedTreeWalk {
   fs::Path relative_folder_;
   std::unordered_set<fs::Path::string_type> found_;  // the relative path of each file
 };
+
+/// The names of the retired executables, lower-case, in the order of their removal.
+[[nodiscard]] std::span<const std::string_view> RetiredExecutableNames();
 
 /// Lists the retired executables: programs of earlier versions whose names the current layout no
 /// longer uses. If they stayed in the installation, a shortcut could start an old program. Fills

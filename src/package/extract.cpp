@@ -17,28 +17,38 @@ bool HasZipExtension(const fs::Path& archive_path) {
   return dot != std::string::npos && AsciiLower(std::string_view(name).substr(dot + 1)) == "zip";
 }
 
-}  // namespace
-
-bool ExtractPackage(const fs::Path& archive_path, const fs::Path& destination, std::string* error,
-                    const fs::KeepAlive& keep_alive) {
+bool Extract(const fs::Path& archive_path, const fs::Path& destination, ZipScanResult* scan,
+             const fs::KeepAlive& keep_alive, FileFlush flush, std::string* error) {
   if (error != nullptr) error->clear();
   if (!HasZipExtension(archive_path)) return Fail(error, "Not a ZIP archive");
   if (destination.empty()) return Fail(error, "Destination directory is empty");
   const std::string archive = PathToUtf8(archive_path);
-  ZipScanResult scan;
-  if (!ScanZipArchive(archive, &scan, error)) return false;
+  if (!ScanZipArchive(archive, scan, error)) return false;
   fs::Path stage_dir;
   if (!CreateUniqueSiblingDirectory(destination, ".qorva-zip-stage", &stage_dir, error)) {
     return false;
   }
-  if (CheckFreeSpaceForExtraction(stage_dir, scan.total_uncompressed_bytes, error) &&
-      ExtractScannedEntries(archive, scan, stage_dir, error, keep_alive) &&
+  if (CheckFreeSpaceForExtraction(stage_dir, scan->total_uncompressed_bytes, error) &&
+      ExtractScannedEntries(archive, scan, stage_dir, error, keep_alive, flush) &&
       CommitExtractionDirectory(stage_dir, destination, error)) {
     return true;
   }
   std::error_code ignored;
   fs::RemoveTree(stage_dir, ignored);
   return false;
+}
+
+}  // namespace
+
+bool ExtractPackage(const fs::Path& archive_path, const fs::Path& destination, std::string* error,
+                    const fs::KeepAlive& keep_alive) {
+  ZipScanResult scan;
+  return Extract(archive_path, destination, &scan, keep_alive, FileFlush::kEachFile, error);
+}
+
+bool ExtractPackageToInspect(const fs::Path& archive_path, const fs::Path& destination,
+                             ZipScanResult* scan, std::string* error) {
+  return Extract(archive_path, destination, scan, {}, FileFlush::kNone, error);
 }
 
 }  // namespace zul

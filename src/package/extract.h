@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "core/file_layer.h"
+#include "package/zip_scan.h"
 
 namespace zul {
 
@@ -20,5 +21,12 @@ namespace zul {
 /// empty. Blocks.
 [[nodiscard]] bool ExtractPackage(const fs::Path& archive_path, const fs::Path& destination,
                                   std::string* error, const fs::KeepAlive& keep_alive = {});
+
+/// As `ExtractPackage`, for a tree that is only looked at: the files are not made durable, which
+/// takes most of the time. `*scan` receives what the archive holds or, after a failure, the entry
+/// that caused it.
+[[nodiscard]] bool ExtractPackageToInspect(const fs::Path& archive_path,
+                                           const fs::Path& destination, ZipScanResult* scan,
+                                           std::string* error);
 
 }  // namespace zul

@@ -15,11 +15,6 @@ constexpr std::uint32_t kTrustNoSignature = 0x800B0100;
 constexpr std::uint32_t kTrustSubjectFormUnknown = 0x800B0003;
 constexpr std::uint32_t kTrustProviderUnknown = 0x800B0001;
 
-bool IsBinaryName(const fs::Path& path) {
-  const std::string extension = AsciiLower(PathToUtf8(path.extension()));
-  return extension == ".exe" || extension == ".dll";
-}
-
 std::string_view SignatureStatusWord(PayloadSignatureStatus status) {
   switch (status) {
     case PayloadSignatureStatus::kValid:
@@ -90,7 +85,7 @@ class SignaturePass {
                   "Staged update contains an unsafe payload path during signature validation: '" +
                       PathToUtf8(relative.empty() ? path : relative) + "'");
     }
-    return !IsBinaryName(relative) || Verify(resolved, PathToGenericUtf8(relative));
+    return !IsSignedFileName(relative) || Verify(resolved, PathToGenericUtf8(relative));
   }
 
   bool Verify(const fs::Path& resolved, std::string relative) {
@@ -114,6 +109,11 @@ class SignaturePass {
 };
 
 }  // namespace
+
+bool IsSignedFileName(const fs::Path& path) {
+  const std::string extension = AsciiLower(PathToUtf8(path.extension()));
+  return extension == ".exe" || extension == ".dll";
+}
 
 bool VerifyStagedPayloadSignatures(const fs::Path& staged_root, bool require_signed,
                                    const PayloadSignatureVerifier& verifier,

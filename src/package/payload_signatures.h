@@ -30,6 +30,9 @@ struct UpdatePayloadBinarySignatureResult {
 using PayloadSignatureVerifier =
     std::function<UpdatePayloadBinarySignatureResult(const std::string& path)>;
 
+/// True for the name of a file that needs a signature: .exe or .dll, in any case.
+[[nodiscard]] bool IsSignedFileName(const fs::Path& path);
+
 /// Calls `verifier` for every .exe and .dll below `staged_root`; the first file that is not valid
 /// ends the pass. Without `require_signed` it returns true and reads nothing. `verified_files` (may
 /// be null) receives the paths that were checked, relative to the root, UTF-8, with `/` separators,

@@ -117,9 +117,11 @@ bool FlushAndClose(ExclusiveFile& file, const ZipEntryRecord& record, const Extr
                    const fs::Path& root, std::string* error) {
   const bool is_long = static_cast<std::uint64_t>(record.uncompressed_size) >= fs::kLongFlushBytes;
   std::string detail;
-  bool flushed = false;
-  RunKeepingAlive([&] { flushed = file.flush(&detail); },
-                  is_long ? pass.keep_alive : fs::KeepAlive());
+  bool flushed = pass.flush == FileFlush::kNone;
+  if (!flushed) {
+    RunKeepingAlive([&] { flushed = file.flush(&detail); },
+                    is_long ? pass.keep_alive : fs::KeepAlive());
+  }
   if (!flushed) return Fail(error, "cannot flush extracted file: ", detail);
   // Asks the open file for its location: the path may name another file by now.
   std::error_code code;
@@ -174,32 +176,36 @@ bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record, const fs::
   return true;
 }
 
-bool ExtractScannedEntries(std::string_view archive_path, const ZipScanResult& scan,
-                           const fs::Path& stage_dir, std::string* error,
-                           fs::KeepAlive keep_alive) {
+bool ExtractScannedEntries(std::string_view archive_path, ZipScanResult* scan,
+                           const fs::Path& stage_dir, std::string* error, fs::KeepAlive keep_alive,
+                           FileFlush flush) {
   ZipReader reader;
   if (!OpenZipReader(archive_path, &reader, error)) return false;
   std::uint64_t entry_count = 0;
   if (reader.DeclaredEntryCount(&entry_count) != kZipOk ||
-      entry_count != scan.central_entry_count) {
+      entry_count != scan->central_entry_count) {
     return Fail(error, kSourceChanged);
   }
   ExtractionPass pass;
   pass.keep_alive = std::move(keep_alive);
-  auto wanted = scan.entries.begin();
+  pass.flush = flush;
+  auto wanted = scan->entries.begin();
   ZipStatus status = reader.GoToFirstEntry();
   for (std::uint64_t index = 0; index < entry_count; ++index) {
     if (status != kZipOk) return Fail(error, kSourceChanged);
-    if (wanted != scan.entries.end() && wanted->central_index == index) {
+    if (wanted != scan->entries.end() && wanted->central_index == index) {
       ZipEntryRecord found;
       if (!ReadZipEntryRecord(reader, index, &found, error)) return false;
       if (!IsSameEntry(found, *wanted)) return Fail(error, kSourceChanged);
-      if (!ExtractOneEntry(reader, *wanted, stage_dir, pass, error)) return false;
+      if (!ExtractOneEntry(reader, *wanted, stage_dir, pass, error)) {
+        scan->refused = RefusedEntry(*wanted);
+        return false;
+      }
       ++wanted;
     }
     status = reader.GoToNextEntry();
   }
-  return (wanted == scan.entries.end() && status == kZipEndOfList) || Fail(error, kSourceChanged);
+  return (wanted == scan->entries.end() && status == kZipEndOfList) || Fail(error, kSourceChanged);
 }
 
 }  // namespace zul

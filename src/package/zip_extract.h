@@ -15,6 +15,9 @@
 
 namespace zul {
 
+/// Whether each file is made durable before it is closed.
+enum class FileFlush { kEachFile, kNone };
+
 /// The state of one pass.
 struct ExtractionPass {
   static constexpr std::size_t kBufferBytes = 1048576;
@@ -26,13 +29,16 @@ struct ExtractionPass {
   std::unique_ptr<std::byte[]> buffer = std::make_unique<std::byte[]>(kBufferBytes);
   /// Called for each piece of an entry's data and while a large entry is flushed.
   fs::KeepAlive keep_alive;
+  FileFlush flush = FileFlush::kEachFile;
 };
 
-/// Extracts the entries of `scan` from the archive at `archive_path` (UTF-8) into `stage_dir`.
-/// After a failure the files that were complete remain in the stage. `error` may be null.
-[[nodiscard]] bool ExtractScannedEntries(std::string_view archive_path, const ZipScanResult& scan,
+/// Extracts the entries of `*scan` from the archive at `archive_path` (UTF-8) into `stage_dir`.
+/// After a failure the files that were complete remain in the stage, and `scan->refused` is the
+/// entry that caused it, if one did. `error` may be null.
+[[nodiscard]] bool ExtractScannedEntries(std::string_view archive_path, ZipScanResult* scan,
                                          const fs::Path& stage_dir, std::string* error,
-                                         fs::KeepAlive keep_alive = {});
+                                         fs::KeepAlive keep_alive = {},
+                                         FileFlush flush = FileFlush::kEachFile);
 
 /// Extracts the entry that `reader` has reached and that equals `record`. Removes a file that is
 /// incomplete or whose data is not as declared. `error` may be null.

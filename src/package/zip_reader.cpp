@@ -199,6 +199,8 @@ bool ZipReader::CentralHeader(ZipCentralHeader* header) const {
   if (!info || !info->filename) return false;
   TakeFields(*info, header);
   header->aes_version = info->aes_version;
+  header->version_made_by = info->version_madeby;
+  header->external_attributes = info->external_fa;
   header->disk_number = info->disk_number;
   header->local_header_offset = info->disk_offset;
   return true;

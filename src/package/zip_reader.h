@@ -27,6 +27,8 @@ struct ZipHeaderFields {
 /// A record of the central directory. The views are valid until the reader moves to another entry.
 struct ZipCentralHeader : ZipHeaderFields {
   std::uint16_t aes_version = 0;
+  std::uint16_t version_made_by = 0;      ///< the high byte is the writer's system (APPNOTE 4.4.2)
+  std::uint32_t external_attributes = 0;  ///< as that system has them
   std::uint32_t disk_number = 0;
   std::int64_t local_header_offset = 0;
 };

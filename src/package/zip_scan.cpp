@@ -43,6 +43,17 @@ bool IsAesEncrypted(const ZipCentralHeader& header) {
          HasExtraRecord(header.extra, kExtraAes);
 }
 
+// External attributes of Unix (APPNOTE 4.4.15): the upper half is st_mode.
+bool IsUnixLink(const ZipCentralHeader& header) {
+  constexpr std::uint32_t kUnix = 3;
+  constexpr std::uint32_t kMacOs = 19;
+  constexpr std::uint32_t kTypeMask = 0170000;
+  constexpr std::uint32_t kLinkType = 0120000;
+  const std::uint32_t system = header.version_made_by >> 8u;
+  return (system == kUnix || system == kMacOs) &&
+         (header.external_attributes >> 16u & kTypeMask) == kLinkType;
+}
+
 bool HasNoSizes(const ZipHeaderFields& header) {
   return header.crc32 == 0 && header.compressed_size == 0 && header.uncompressed_size == 0;
 }
@@ -115,6 +126,7 @@ bool ReadZipEntryRecord(const ZipReader& reader, std::uint64_t index, ZipEntryRe
   record->uncompressed_size = header.uncompressed_size;
   record->local_header_offset = header.local_header_offset;
   record->is_directory = name->is_directory;
+  record->is_link = IsUnixLink(header);
   return true;
 }
 
@@ -192,8 +204,18 @@ bool HaveOverlap(std::vector<ZipExtent>& extents) {
                             }) != extents.end();
 }
 
-bool ScanEntries(ZipReader& reader, std::uint64_t entry_count, std::vector<ZipEntryRecord>* records,
+bool Refuse(const ZipReader& reader, std::uint64_t index, ZipScanResult* result) {
+  ZipCentralHeader header;
+  if (reader.CentralHeader(&header)) {
+    result->refused = {index, DecodeZipEntryName(header.name, header.extra).name,
+                       header.local_header_offset};
+  }
+  return false;
+}
+
+bool ScanEntries(ZipReader& reader, ZipScanResult* result, std::vector<ZipEntryRecord>* records,
                  std::string* error) {
+  const std::uint64_t entry_count = result->central_entry_count;
   const auto room = static_cast<std::size_t>(
       std::min({entry_count, kRecordsReservedMax,
                 static_cast<std::uint64_t>(reader.file_size()) / kCentralRecordBytesMin}));
@@ -203,7 +225,9 @@ bool ScanEntries(ZipReader& reader, std::uint64_t entry_count, std::vector<ZipEn
   ZipStatus status = reader.GoToFirstEntry();
   for (std::uint64_t index = 0; index < entry_count; ++index) {
     if (status != kZipOk) return Fail(error, "ZIP central directory is incomplete");
-    if (!ScanEntry(reader, index, &records->emplace_back(), error)) return false;
+    if (!ScanEntry(reader, index, &records->emplace_back(), error)) {
+      return Refuse(reader, index, result);
+    }
     extents.push_back(reader.extent());
     status = reader.GoToNextEntry();
   }
@@ -254,8 +278,9 @@ class PathCollisions {
     directory_spellings_.reserve(entries.size());
   }
 
-  bool Check(std::string* error) {
+  bool Check(std::string* error, std::size_t* at) {
     for (std::size_t i = 0; i < entries_.size(); ++i) {
+      *at = i;
       if (!is_directory_.try_emplace(spellings_[i].folded, entries_[i].is_directory).second) {
         return Fail(error, "ZIP entry path collision");
       }
@@ -268,6 +293,7 @@ class PathCollisions {
     for (const auto& [folded, exact] : directory_spellings_) {
       const auto entry = is_directory_.find(folded);
       if (entry != is_directory_.end() && !entry->second) {
+        *at = IndexOf(folded);
         return Fail(error, "ZIP file path conflicts with a child entry");
       }
     }
@@ -275,6 +301,12 @@ class PathCollisions {
   }
 
  private:
+  [[nodiscard]] std::size_t IndexOf(std::string_view folded) const {
+    const auto has_path = [&](const Spelling& spelling) { return spelling.folded == folded; };
+    const auto found = std::find_if(spellings_.begin(), spellings_.end(), has_path);
+    return static_cast<std::size_t>(found - spellings_.begin());
+  }
+
   bool EnterDirectory(const Spelling& path) {
     return directory_spellings_.try_emplace(path.folded, path.exact).first->second == path.exact;
   }
@@ -300,8 +332,14 @@ class PathCollisions {
 
 }  // namespace
 
-bool CheckZipPathCollisions(const std::vector<ZipEntryRecord>& entries, std::string* error) {
-  return PathCollisions(entries).Check(error);
+ZipRefusedEntry RefusedEntry(const ZipEntryRecord& record) {
+  return {record.central_index, record.path, record.local_header_offset};
+}
+
+bool CheckZipPathCollisions(const std::vector<ZipEntryRecord>& entries, std::string* error,
+                            std::size_t* at) {
+  std::size_t ignored = 0;
+  return PathCollisions(entries).Check(error, at != nullptr ? at : &ignored);
 }
 
 bool ScanZipArchive(std::string_view archive_path, ZipScanResult* result, std::string* error) {
@@ -310,10 +348,18 @@ bool ScanZipArchive(std::string_view archive_path, ZipScanResult* result, std::s
   if (!OpenZipReader(archive_path, &reader, error)) return false;
   if (!CheckArchive(reader, &result->central_entry_count, error)) return false;
   std::vector<ZipEntryRecord> records;
-  if (!ScanEntries(reader, result->central_entry_count, &records, error)) return false;
-  std::erase_if(records,
-                [](const ZipEntryRecord& record) { return IsArchiveMetadataPath(record.path); });
-  return CheckZipPathCollisions(records, error) && TakeFiles(std::move(records), result, error);
+  if (!ScanEntries(reader, result, &records, error)) return false;
+  std::erase_if(records, [result](ZipEntryRecord& record) {
+    if (!IsArchiveMetadataPath(record.path)) return false;
+    if (!record.is_directory) result->skipped_paths.push_back(std::move(record.path));
+    return true;
+  });
+  std::size_t at = 0;
+  if (!CheckZipPathCollisions(records, error, &at)) {
+    result->refused = RefusedEntry(records[at]);
+    return false;
+  }
+  return TakeFiles(std::move(records), result, error);
 }
 
 }  // namespace zul

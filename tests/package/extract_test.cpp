@@ -129,7 +129,7 @@ TEST(ExtractScannedEntries, RefusesAnArchiveThatWasReplacedAfterTheScan) {
     const TempFolder stage;
     WriteFile(archive, c.archive);
     std::string error;
-    EXPECT_EQ(ExtractScannedEntries(PathToUtf8(archive), scan, stage.path(), &error),
+    EXPECT_EQ(ExtractScannedEntries(PathToUtf8(archive), &scan, stage.path(), &error),
               c.error.empty());
     EXPECT_EQ(error, c.error) << c.what;
   }

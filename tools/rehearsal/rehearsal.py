@@ -18,7 +18,7 @@ from pathlib import Path
 import rehearsal_release
 from rehearsal_release import Release
 from rehearsal_report import (TimedEvent, changes_between, heading, megabytes, paint, print_changes,
-                              print_promises, print_stages, print_timeline, row)
+                              print_promises, print_stages, row)
 from rig import certificates, packages, places, programs, trace_log
 from rig.https_server import HttpsServer, Reply
 from rig.sandbox import Sandbox
@@ -215,12 +215,20 @@ def print_beginning(release: Release) -> None:
         f", {len(release.installed)} files, {retired} of them retired executables")
 
 
+def print_timeline(scene: Scene) -> None:
+    """The run as support reads it."""
+    command = ["wine", scene.windows(places.INSPECTOR), "trace", scene.windows(scene.trace_path)]
+    done = subprocess.run(command, env=scene.sandbox.environment, capture_output=True, timeout=60)
+    heading("Timeline, by qorva_inspect")
+    print(textwrap.indent((done.stdout + done.stderr).decode(errors="replace").replace("\r\n", "\n"), "  "), end="")
+
+
 def print_end(scene: Scene, release: Release, outcome: Outcome, watcher: Watcher,
               promises: list[tuple[str, list[str]]], folder: Path) -> bool:
     packed = release.package.stat().st_size
     print_stages(watcher.events, {"download": packed, "verify": packed,
                                   "extract": release.payload_size, "apply": release.payload_size})
-    print_timeline(watcher.events)
+    print_timeline(scene)
     changes = changes_between(packages.digests(release.installed), installed_files(scene))
     print_changes(changes)
     for dialog in outcome.dialogs:

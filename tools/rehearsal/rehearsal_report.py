@@ -80,26 +80,6 @@ def print_stages(events: list[TimedEvent], sizes: dict[str, int]) -> None:
             row(stage, f"{took:6.2f} s", paint("success", "green") + rate)
 
 
-def print_timeline(events: list[TimedEvent]) -> None:
-    heading("Trace")
-    print(paint(f"  {'at':>7}   {'event':<38}{'step':<17}{'phase':<10}outcome", "dim"))
-    position = 0
-    while position < len(events):
-        timed = events[position]
-        run = position
-        while run + 1 < len(events) and events[run + 1].name == timed.name == "download_progress":
-            run += 1
-        repeated = f" × {run - position + 1}" if run > position else ""
-        event = timed.event
-        result = event.get("result", "")
-        colour = {"success": "green", "failed": "red", "timeout": "red"}.get(result, "dim")
-        more = event.get("user_error_id") or event.get("phase", "")
-        print(f"  {timed.seconds:6.2f}s   {timed.name + repeated:<38}{event.get('action_id', ''):<17}"
-              f"{event.get('chain_event', ''):<10}{paint(' '.join(filter(None, (result, more))), colour)}"
-              .rstrip())
-        position = run + 1
-
-
 def print_changes(changes: Changes) -> None:
     heading("Installation")
     for word, paths in vars(changes).items():

@@ -14,7 +14,7 @@ from pathlib import Path
 from components import ROOT, Unknown, components_of
 from documents import bill_of_materials, notices
 
-PROGRAMS = ("app/qorva_updater.exe",)
+PROGRAMS = ("app/qorva_updater.exe", "app/qorva_inspect.exe")
 
 
 def git(*arguments: str) -> str:

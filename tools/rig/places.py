@@ -13,6 +13,7 @@ RIG_HOME = Path(os.environ.get("QORVA_RIG_HOME", ROOT / "build" / "rig"))
 WINE_HOME = RIG_HOME / "wine"
 
 UPDATER = BUILD / "src" / "app" / "qorva_updater.exe"
+INSPECTOR = UPDATER.with_name("qorva_inspect.exe")
 PROGRAMS = BUILD / "tools" / "rig" / "programs"
 TOOL = PROGRAMS / "rig_tool.exe"
 RESTART_MANAGER = PROGRAMS / "rstrtmgr.dll"
