@@ -59,6 +59,8 @@ class Transaction {
         !PrepareBackups()) {
       return Failed(ApplyOutcomeKind::kFailedBeforeChange);
     }
+    const ChangesInProgress changing(close_context_ != nullptr ? close_context_->progress_window
+                                                               : nullptr);
     if (RemoveRetired() && InstallStagedFiles()) return Commit();
     return changes_.count() == 0 ? Failed(ApplyOutcomeKind::kFailedBeforeChange) : RollBack();
   }

@@ -159,10 +159,11 @@ StageResult StageSelfUpdate(UpdateRun& run) {
 StageResult WaitStage(UpdateRun& run) {
   run.progress_window.set_status("Waiting for application to close...",
                                  "The updater will continue automatically.", 100);
-  if (run.world.wait_for_main_process(run.request.pid, kMainProcessWaitMs, &run.stage_error,
-                                      true)) {
-    return std::nullopt;
-  }
+  if (run.request.pid != 0) run.progress_window.give_way_to({run.request.pid});
+  const bool ended =
+      run.world.wait_for_main_process(run.request.pid, kMainProcessWaitMs, &run.stage_error, true);
+  run.progress_window.give_way_to({});
+  if (ended) return std::nullopt;
   EmitChainEvent("apply_wait_main_process_fail",
                  {{"error", run.stage_error}, {"pid", std::to_string(run.request.pid)}});
   return FailRun(run, run.stage_error);
