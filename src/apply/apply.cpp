@@ -89,7 +89,8 @@ class Transaction {
       RunKeepingAlive([&] { result = VerifyBinarySignature(path); }, keep_alive_);
       return result;
     };
-    if (!VerifyStagedPayloadSignatures(staged_root_, required, verifier, &checked, &error_)) {
+    if (!VerifyStagedPayloadSignatures(staged_root_, required, verifier, &checked, &error_,
+                                       keep_alive_)) {
       return false;
     }
     if (required) {
