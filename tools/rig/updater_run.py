@@ -29,7 +29,6 @@ class Dialog:
     text: str
     icon: str
     buttons: tuple[str, ...]
-    dpi_aware: bool
 
 
 @dataclass
@@ -171,8 +170,7 @@ class UpdaterRun:
         seconds = time.monotonic() - self.started
         output = self.take_output()
         (code,) = self.noted("exit")
-        dialogs = [Dialog(box["text"], box["icon"], tuple(box["buttons"]), box["dpi_aware"])
-                   for box in self.noted("box")]
+        dialogs = [Dialog(box["text"], box["icon"], tuple(box["buttons"])) for box in self.noted("box")]
         self.await_observer()
         self.scene.failures += self.asked_for_update and code in (2, 18)
         shutil.rmtree(self.notes)

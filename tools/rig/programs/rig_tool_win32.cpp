@@ -8,7 +8,7 @@
 //       terminated after the time-out. With --press, the text of each message box titled
 //       "QORVA Updater" is read and this button pressed, or the first button when the box does not
 //       have it. Each event is appended to PATH as a line of JSON: {"pid":80};
-//       {"box":{"buttons":["yes","no"],"dpi_aware":true,"icon":"error","text":"..."}}; {"exit":18},
+//       {"box":{"buttons":["yes","no"],"icon":"error","text":"..."}}; {"exit":18},
 //       with all 32 bits, or {"exit":"timeout"}; {"failed":2} when the program cannot be started.
 //       With
 //       --wait-at-boxes a box stays until PATH.go exists.

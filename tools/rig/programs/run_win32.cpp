@@ -52,14 +52,6 @@ const char* IconName(HWND icon) {
   return name;
 }
 
-/// True when the system does not stretch the window's bitmap on a screen of another scaling.
-bool IsDpiAware(HWND window) {
-  // DPI_AWARENESS_PER_MONITOR_AWARE of windef.h.
-  constexpr int kPerMonitorAware = 2;
-  return GetAwarenessFromDpiAwarenessContext(GetWindowDpiAwarenessContext(window)) ==
-         kPerMonitorAware;
-}
-
 struct Box {
   HWND window = nullptr;
   std::vector<HWND> buttons;  ///< empty while the box is still being built
@@ -70,7 +62,6 @@ Box FindBox(DWORD pid) {
   const std::vector<HWND> windows = FindWindows(L"#32770", pid, L"QORVA Updater");
   if (windows.empty()) return {};
   Box box{windows.front(), {}, {{"icon", "none"}, {"text", ""}, {"buttons", Json::array()}}};
-  box.seen["dpi_aware"] = IsDpiAware(box.window);
   HWND child = nullptr;
   while ((child = FindWindowExW(box.window, child, nullptr, nullptr)) != nullptr) {
     wchar_t kind[16] = L"";
