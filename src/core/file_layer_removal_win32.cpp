@@ -59,10 +59,8 @@ UniqueFileHandle OpenInFolder(HANDLE folder, std::wstring_view name, Opening ope
 
 /// True for a folder that is not a link. Wine shows a link only by its path.
 bool IsOwnFolder(HANDLE handle, const std::wstring& api_path) {
-  FILE_ATTRIBUTE_TAG_INFO info{};
-  if (!::GetFileInformationByHandleEx(handle, FileAttributeTagInfo, &info, sizeof info)) {
-    return false;
-  }
+  FILE_BASIC_INFO info{};
+  if (!::GetFileInformationByHandleEx(handle, FileBasicInfo, &info, sizeof info)) return false;
   const DWORD by_path = ::GetFileAttributesW(api_path.c_str());
   const bool is_link_by_path =
       by_path != INVALID_FILE_ATTRIBUTES && (by_path & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
