@@ -184,15 +184,36 @@ TEST_F(ScreenSurface, KeysReachTheButtonOnlyAfterTab) {
   }
 }
 
-TEST_F(ScreenSurface, RefusesTheEndOfTheSessionDuringTheChanges) {
+TEST_F(ScreenSurface, StaysBelowTheModalBoxesOfAProcessToWhichItGivesWay) {
+  constexpr DWORD kShown = WS_POPUP | WS_VISIBLE;
+  const auto make = [](HWND owner) {
+    return CreateWindowExW(0, L"STATIC", L"", kShown, 0, 0, 9, 9, owner, nullptr, nullptr, nullptr);
+  };
+  const HWND owner = make(nullptr);
+  const HWND box = make(owner);
   progress.set_status("Title", "Detail", 10);
-  const auto consents = [] { return SendMessageW(FindOwnWindow(), WM_QUERYENDSESSION, 0, 0); };
-  EXPECT_TRUE(consents());
-  {
-    const ChangesInProgress changing(&progress);
-    EXPECT_FALSE(consents());
+  const HWND window = FindOwnWindow();
+  const auto is_in_front_of_box = [&] {
+    HWND next = window;
+    while (next != nullptr && next != box) next = GetWindow(next, GW_HWNDNEXT);
+    return next == box;
+  };
+  const struct {
+    bool modal;
+    std::vector<std::uint32_t> pids;
+    bool topmost, in_front;
+  } steps[] = {{true, {}, true, true},
+               {true, {GetCurrentProcessId()}, false, false},
+               {false, {GetCurrentProcessId()}, false, true},  // a palette, not a modal box
+               {true, {4}, false, true}};                      // of another process
+  for (const auto& step : steps) {
+    EnableWindow(owner, !step.modal);
+    progress.give_way_to({});
+    progress.give_way_to(step.pids);
+    EXPECT_EQ((GetWindowLongW(window, GWL_EXSTYLE) & WS_EX_TOPMOST) != 0, step.topmost);
+    EXPECT_EQ(is_in_front_of_box(), step.in_front) << &step - steps;
   }
-  EXPECT_TRUE(consents());
+  DestroyWindow(owner);
 }
 
 TEST_F(ScreenSurface, FreesItsGdiObjects) {
