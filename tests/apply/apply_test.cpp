@@ -91,7 +91,9 @@ TEST(Apply, RefusesTheEndOfTheSessionFromTheFirstChangeToTheEnd) {
     screen.on_pump = [&] {
       const bool first_look = unchanged + changed == 0;
       ++(FilesBelow(app.target_root) == old_files ? unchanged : changed);
-      if (first_look || changed > 0) EXPECT_EQ(window.changes_in_progress(), !first_look);
+      if (first_look || changed > 0) {
+        EXPECT_EQ(window.changes_in_progress(), !first_look);
+      }
     };
     EXPECT_EQ(app.Apply({.fail_after_replacements = fail_after}, &window), fail_after == 0);
     EXPECT_GT(changed, 1);
