@@ -13,6 +13,7 @@
 #include "collector/observer.h"
 #include "core/system_library_win32.h"
 #include "diagnostics/diagnostics.h"
+#include "ui/dpi_awareness.h"
 #include "update/driver.h"
 
 namespace zul {
@@ -43,7 +44,10 @@ int ProcessEntry() {
   const ArgumentVector argv(::CommandLineToArgvW(::GetCommandLineW(), &argc));
   if (!argv) argc = 0;  // a command line that cannot be split counts as one without arguments
   if (IsObserver(argc, argv.get())) return RunObserver(argc, argv.get());
-  if (!AsksForVersion(argc, argv.get())) StartDiagnostics();
+  if (!AsksForVersion(argc, argv.get())) {
+    MakeProcessDpiAware();
+    StartDiagnostics();
+  }
   const int exit_code = RunUpdateDriver(argc, argv.get());
   RecordProcessExitCode(static_cast<std::uint32_t>(exit_code));
   EndUnobservedSession();

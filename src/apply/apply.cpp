@@ -59,6 +59,8 @@ class Transaction {
         !PrepareBackups()) {
       return Failed(ApplyOutcomeKind::kFailedBeforeChange);
     }
+    const ChangesInProgress changing(close_context_ != nullptr ? close_context_->progress_window
+                                                               : nullptr);
     if (RemoveRetired() && InstallStagedFiles()) return Commit();
     return changes_.count() == 0 ? Failed(ApplyOutcomeKind::kFailedBeforeChange) : RollBack();
   }
@@ -87,7 +89,8 @@ class Transaction {
       RunKeepingAlive([&] { result = VerifyBinarySignature(path); }, keep_alive_);
       return result;
     };
-    if (!VerifyStagedPayloadSignatures(staged_root_, required, verifier, &checked, &error_)) {
+    if (!VerifyStagedPayloadSignatures(staged_root_, required, verifier, &checked, &error_,
+                                       keep_alive_)) {
       return false;
     }
     if (required) {

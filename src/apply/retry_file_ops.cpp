@@ -1,7 +1,6 @@
 #include "apply/retry_file_ops.h"
 
 #include <optional>
-#include <thread>
 
 #include "core/failure.h"
 #include "core/process_environment.h"
@@ -13,7 +12,6 @@ namespace zul {
 namespace {
 
 constexpr unsigned kTemporaryNames = 32;
-constexpr std::chrono::milliseconds kKeepAlivePeriod{20};
 
 /// Why an attempt failed; nothing when it succeeded. The code may be 0, because a system call can
 /// fail without a code.
@@ -28,12 +26,7 @@ struct Operation {
 
 void Wait(const RetryPolicy& policy) {
   if (policy.sleep) return policy.sleep(policy.wait);
-  const auto end = std::chrono::steady_clock::now() + policy.wait;
-  while (policy.keep_alive && std::chrono::steady_clock::now() + kKeepAlivePeriod < end) {
-    std::this_thread::sleep_for(kKeepAlivePeriod);
-    policy.keep_alive();
-  }
-  std::this_thread::sleep_until(end);
+  SleepKeepingAlive(policy.wait, policy.keep_alive);
 }
 
 /// Calls `attempt` with its number, from 1, until it succeeds, fails for another reason than a

@@ -112,7 +112,9 @@ class LockClearing {
 
   void AskToClose(const std::vector<std::uint32_t>& pids, const LockProbeResult& probe) {
     close_requested_ = true;
+    GiveWayTo(pids);
     const unsigned processed = actions_.request_close(pids);
+    GiveWayTo(pids);  // to a box that the request has opened
     EmitChainEvent("apply_request_close_locking_zul_process",
                    {{"target", PathToUtf8(target_)},
                     {"pids", JoinPids(pids)},
@@ -147,7 +149,13 @@ class LockClearing {
   void OfferForceClose(bool offered) {
     if (window_ == nullptr || offered == offered_) return;
     window_->set_force_close_available(offered);
+    if (!offered) window_->give_way_to({});
     offered_ = offered;
+  }
+
+  /// The application may ask its user whether to save.
+  void GiveWayTo(const std::vector<std::uint32_t>& pids) {
+    if (window_ != nullptr) window_->give_way_to(pids);
   }
 
   const fs::Path& target_;

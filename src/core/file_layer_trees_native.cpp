@@ -68,25 +68,31 @@ void KeepFirst(std::error_code& first, const std::error_code& ec) {
   if (!first) first = ec;
 }
 
-/// Empties and removes the folder `name` in the folder `at`. Continues after a failure and keeps
-/// the first one in `first`.
+/// Removes the entry `name` of the folder `at`, with AT_REMOVEDIR in `flags` a folder.
+void Unlink(int at, const char* name, int flags, std::error_code& first) {
+  if (::unlinkat(at, name, flags) == -1 && errno != ENOENT) KeepFirst(first, LastSystemError());
+}
+
+/// Empties and removes the folder `name` in the folder `at`; removes it unopened when it has become
+/// a link or a file since it was listed. Continues after a failure and keeps the first one in
+/// `first`.
 void RemoveFolder(int at, const char* name, std::error_code& first, const KeepAlive& keep_alive) {
   std::error_code ec;
-  if (const DirectoryStream stream = OpenStream(at, name, O_NOFOLLOW, ec)) {
+  const DirectoryStream stream = OpenStream(at, name, O_NOFOLLOW, ec);
+  if (ec.value() == ENOTDIR || ec.value() == ELOOP) return Unlink(at, name, 0, first);
+  if (stream) {
     const int here = ::dirfd(stream.get());
     while (const dirent* entry = NextEntry(stream.get(), ec)) {
       if (KindOfEntry(stream.get(), *entry) == EntryKind::kDirectory) {
         RemoveFolder(here, entry->d_name, first, keep_alive);
-      } else if (::unlinkat(here, entry->d_name, 0) == -1 && errno != ENOENT) {
-        KeepFirst(first, LastSystemError());
+      } else {
+        Unlink(here, entry->d_name, 0, first);
       }
       if (keep_alive) keep_alive();
     }
   }
   if (ec) KeepFirst(first, ec);
-  if (::unlinkat(at, name, AT_REMOVEDIR) == -1 && errno != ENOENT) {
-    KeepFirst(first, LastSystemError());
-  }
+  Unlink(at, name, AT_REMOVEDIR, first);
 }
 
 }  // namespace

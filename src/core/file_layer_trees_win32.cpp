@@ -69,95 +69,6 @@ EntryKind KindOfEntry(const WIN32_FIND_DATAW& entry) {
   return EntryKind::kRegular;
 }
 
-/// Removes one file, empty folder or link. Both system calls remove a link itself and never its
-/// target; a link to a folder needs the call for folders.
-bool RemoveEntry(const std::wstring& api_path, DWORD attributes, std::error_code& ec) {
-  if ((attributes & FILE_ATTRIBUTE_READONLY) != 0) {
-    ::SetFileAttributesW(api_path.c_str(), attributes & ~DWORD{FILE_ATTRIBUTE_READONLY});
-  }
-  const BOOL removed = (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0
-                           ? ::RemoveDirectoryW(api_path.c_str())
-                           : ::DeleteFileW(api_path.c_str());
-  ec = removed ? std::error_code() : LastSystemError();
-  if (IsNotFoundError(ec)) ec.clear();
-  return !ec;
-}
-
-/// One removal of a tree. It has a stack of its own instead of recursion, because a tree may be
-/// thousands of folders deep.
-class TreeRemover {
- public:
-  /// `keep_alive` is borrowed.
-  TreeRemover(std::wstring root, const KeepAlive& keep_alive)
-      : path_(std::move(root)), keep_alive_(keep_alive) {}
-
-  std::error_code Run(DWORD root_attributes) {
-    Enter(root_attributes);
-    while (!levels_.empty()) {
-      std::error_code ec;
-      if (const WIN32_FIND_DATAW* entry = levels_.back()->listing.Next(ec)) {
-        Visit(*entry);
-        if (keep_alive_) keep_alive_();
-      } else {
-        Keep(ec);
-        Leave();
-      }
-    }
-    return first_;
-  }
-
- private:
-  struct Level {
-    Listing listing;
-    std::size_t parent_length;
-    DWORD attributes;
-  };
-
-  void Visit(const WIN32_FIND_DATAW& entry) {
-    const std::size_t length = path_.size();
-    const DWORD attributes = entry.dwFileAttributes;
-    path_ += L'\\';
-    path_ += entry.cFileName;
-    if (KindOfEntry(entry) == EntryKind::kDirectory) {
-      Enter(attributes, length);
-      return;
-    }
-    std::error_code ec;
-    RemoveEntry(path_, attributes, ec);
-    Keep(ec);
-    path_.resize(length);
-  }
-
-  void Enter(DWORD attributes, std::size_t parent_length = 0) {
-    auto level = std::make_unique<Level>();
-    level->parent_length = parent_length;
-    level->attributes = attributes;
-    std::error_code ec;
-    level->listing.Open(path_, ec);
-    Keep(ec);
-    levels_.push_back(std::move(level));
-  }
-
-  void Leave() {
-    const DWORD attributes = levels_.back()->attributes;
-    const std::size_t parent_length = levels_.back()->parent_length;
-    levels_.pop_back();  // closes the listing: an open folder cannot be removed
-    std::error_code ec;
-    RemoveEntry(path_, attributes, ec);
-    Keep(ec);
-    path_.resize(parent_length);
-  }
-
-  void Keep(const std::error_code& ec) {
-    if (!first_) first_ = ec;
-  }
-
-  std::wstring path_;
-  const KeepAlive& keep_alive_;
-  std::vector<std::unique_ptr<Level>> levels_;
-  std::error_code first_;
-};
-
 }  // namespace
 
 std::vector<DirectoryEntry> ListDirectory(const Path& path, std::error_code& ec) {
@@ -209,29 +120,6 @@ bool TreeWalker::Next(DirectoryEntry* entry, std::error_code& ec) {
   }
   state.levels.clear();
   return false;
-}
-
-bool RemoveTree(const Path& path, std::error_code& ec, const KeepAlive& keep_alive) {
-  const std::wstring root = ApiPath(path);
-  const DWORD attributes = ::GetFileAttributesW(root.c_str());
-  if (attributes == INVALID_FILE_ATTRIBUTES) {
-    ec = LastSystemError();
-    if (IsNotFoundError(ec)) ec.clear();
-    return !ec;
-  }
-  const bool descend = (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 &&
-                       (attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0;
-  if (descend) {
-    ec = TreeRemover(root, keep_alive).Run(attributes);
-  } else {
-    RemoveEntry(root, attributes, ec);
-  }
-  // The calls also succeed for an entry that another process has open with delete sharing, and
-  // under Wine for one on a read-only volume.
-  if (!ec && ::GetFileAttributesW(root.c_str()) != INVALID_FILE_ATTRIBUTES) {
-    ec = SystemError(ERROR_ACCESS_DENIED);
-  }
-  return !ec;
 }
 
 }  // namespace zul::fs

@@ -1,8 +1,8 @@
 #include "core/keep_alive.h"
 
-#include <chrono>
 #include <future>
 #include <system_error>
+#include <thread>
 
 namespace zul {
 
@@ -27,6 +27,15 @@ void RunKeepingAlive(const std::function<void()>& work, const KeepAlive& keep_al
   if (!done.valid()) return work();
   while (done.wait_for(kPeriod) != std::future_status::ready) keep_alive();
   done.get();
+}
+
+void SleepKeepingAlive(std::chrono::milliseconds duration, const KeepAlive& keep_alive) {
+  const auto end = std::chrono::steady_clock::now() + duration;
+  while (keep_alive && std::chrono::steady_clock::now() + kPeriod < end) {
+    std::this_thread::sleep_for(kPeriod);
+    keep_alive();
+  }
+  std::this_thread::sleep_until(end);
 }
 
 }  // namespace zul

@@ -3,6 +3,7 @@
 // Long operations on the thread that owns the window. An operation calls back between its pieces;
 // a single system call that may block for long runs on a second thread.
 
+#include <chrono>
 #include <functional>
 
 namespace zul {
@@ -16,5 +17,8 @@ using KeepAlive = std::function<void()>;
 /// Without one, or when the system cannot create a thread, `work` runs on the calling thread. For
 /// calls that may take longer than a window may fail to respond; the thread itself costs time too.
 void RunKeepingAlive(const std::function<void()>& work, const KeepAlive& keep_alive);
+
+/// Blocks for `duration`. Calls `keep_alive`, which may be empty, about every 20 ms.
+void SleepKeepingAlive(std::chrono::milliseconds duration, const KeepAlive& keep_alive);
 
 }  // namespace zul

@@ -23,18 +23,21 @@ bool Extract(const fs::Path& archive_path, const fs::Path& destination, ZipScanR
   if (!HasZipExtension(archive_path)) return Fail(error, "Not a ZIP archive");
   if (destination.empty()) return Fail(error, "Destination directory is empty");
   const std::string archive = PathToUtf8(archive_path);
-  if (!ScanZipArchive(archive, scan, error)) return false;
+  bool accepted = false;
+  // The open alone can take long, when a scanner reads the whole file first.
+  RunKeepingAlive([&] { accepted = ScanZipArchive(archive, scan, error); }, keep_alive);
+  if (!accepted) return false;
   fs::Path stage_dir;
   if (!CreateUniqueSiblingDirectory(destination, ".qorva-zip-stage", &stage_dir, error)) {
     return false;
   }
   if (CheckFreeSpaceForExtraction(stage_dir, scan->total_uncompressed_bytes, error) &&
       ExtractScannedEntries(archive, scan, stage_dir, error, keep_alive, flush) &&
-      CommitExtractionDirectory(stage_dir, destination, error)) {
+      CommitExtractionDirectory(stage_dir, destination, error, keep_alive)) {
     return true;
   }
   std::error_code ignored;
-  fs::RemoveTree(stage_dir, ignored);
+  fs::RemoveTree(stage_dir, ignored, keep_alive);
   return false;
 }
 

@@ -17,8 +17,7 @@ namespace zul {
 
 /// Extracts the ZIP at `archive_path` to `destination`. On failure the destination is unchanged,
 /// unless the error says where the previous tree was preserved. `error` (may be null) receives the
-/// reason and is empty on success. `keep_alive` is called at least once for each entry that is not
-/// empty. Blocks.
+/// reason and is empty on success. `keep_alive` is called at least once for each entry. Blocks.
 [[nodiscard]] bool ExtractPackage(const fs::Path& archive_path, const fs::Path& destination,
                                   std::string* error, const fs::KeepAlive& keep_alive = {});
 

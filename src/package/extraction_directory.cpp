@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <atomic>
 #include <iterator>
-#include <thread>
 
 #include "core/failure.h"
 #include "core/file_layer.h"
@@ -27,26 +26,33 @@ bool IsSameFolded(const fs::Path& a, const fs::Path& b) {
   return AsciiLower(PathToGenericUtf8(a)) == AsciiLower(PathToGenericUtf8(b));
 }
 
-void RemoveTreeIfPossible(const fs::Path& path) {
+void RemoveTreeIfPossible(const fs::Path& path, const KeepAlive& keep_alive) {
   std::error_code ignored;
-  fs::RemoveTree(path, ignored);
+  fs::RemoveTree(path, ignored, keep_alive);
 }
 
-void RemoveOldBackup(const fs::Path& backup_dir) {
+void RemoveOldBackup(const fs::Path& backup_dir, const KeepAlive& keep_alive) {
   std::error_code code;
-  if (fs::RemoveTree(backup_dir, code)) return;
+  if (fs::RemoveTree(backup_dir, code, keep_alive)) return;
   GetLogger().Log(LogCategory::kUpdater, LogLevel::kWarn,
                   "ZIP extraction committed successfully, but old backup cleanup failed at '",
                   PathToUtf8(backup_dir), "': ", FormatFileError(code));
 }
 
+bool RenameKeepingAlive(const fs::Path& from, const fs::Path& to, std::error_code& code,
+                        const KeepAlive& keep_alive) {
+  return RenameWithRetry(from, to, code, [&keep_alive](std::chrono::milliseconds duration) {
+    SleepKeepingAlive(duration, keep_alive);
+  });
+}
+
 // Moves the previous tree back after a failed publish. Returns what the failure's message has to
 // add: empty when the tree is back.
 std::string RestorePrevious(const fs::Path& backup_dir, const fs::Path& previous,
-                            const fs::Path& destination) {
+                            const fs::Path& destination, const KeepAlive& keep_alive) {
   std::error_code code;
-  if (RenameWithRetry(previous, destination, code)) {
-    RemoveTreeIfPossible(backup_dir);
+  if (RenameKeepingAlive(previous, destination, code, keep_alive)) {
+    RemoveTreeIfPossible(backup_dir, keep_alive);
     return {};
   }
   return "; rollback failed: " + FormatFileError(code) + "; previous destination preserved at " +
@@ -107,23 +113,19 @@ bool RenameWithRetry(const fs::Path& from, const fs::Path& to, std::error_code& 
   for (int retries = 0;; ++retries) {
     if (fs::Rename(from, to, error_code)) return true;
     if (retries == kRenameRetries || !IsTransient(error_code)) return false;
-    if (sleep) {
-      sleep(kRenameRetryDelay);
-    } else {
-      std::this_thread::sleep_for(kRenameRetryDelay);
-    }
+    sleep(kRenameRetryDelay);
   }
 }
 
 bool CommitExtractionDirectory(const fs::Path& stage_dir, const fs::Path& destination,
-                               std::string* error) {
+                               std::string* error, const KeepAlive& keep_alive) {
   std::error_code code;
   const fs::EntryKind kind = fs::KindOf(destination, fs::Links::kDoNotFollow, code);
   if (kind == fs::EntryKind::kUnknown) {
     return Fail(error, "Cannot inspect extraction destination: ", code);
   }
   if (kind == fs::EntryKind::kNotFound) {
-    return RenameWithRetry(stage_dir, destination, code) ||
+    return RenameKeepingAlive(stage_dir, destination, code, keep_alive) ||
            Fail(error, "Cannot finalize extraction directory: ", FormatFileError(code));
   }
   fs::Path backup_dir;
@@ -131,18 +133,18 @@ bool CommitExtractionDirectory(const fs::Path& stage_dir, const fs::Path& destin
     return false;
   }
   const fs::Path previous = backup_dir / "previous";
-  if (!RenameWithRetry(destination, previous, code)) {
+  if (!RenameKeepingAlive(destination, previous, code, keep_alive)) {
     std::error_code ignored;
     fs::Remove(backup_dir, ignored);
     return Fail(error, "Cannot stage previous extraction directory: ", FormatFileError(code));
   }
-  if (RenameWithRetry(stage_dir, destination, code)) {
-    RemoveOldBackup(backup_dir);
+  if (RenameKeepingAlive(stage_dir, destination, code, keep_alive)) {
+    RemoveOldBackup(backup_dir, keep_alive);
     return true;
   }
   std::string message = "Cannot finalize extraction directory: " + FormatFileError(code);
-  message += RestorePrevious(backup_dir, previous, destination);
-  RemoveTreeIfPossible(stage_dir);
+  message += RestorePrevious(backup_dir, previous, destination, keep_alive);
+  RemoveTreeIfPossible(stage_dir, keep_alive);
   return Fail(error, message);
 }
 

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "core/keep_alive.h"
 #include "core/path.h"
 
 namespace zul {
@@ -30,19 +31,20 @@ namespace zul {
 /// case. A path is not inside itself. Purely lexical.
 [[nodiscard]] bool IsPathInsideRootFolded(const fs::Path& root, const fs::Path& candidate);
 
-/// Waits between two tries; empty for the system's sleep.
+/// Waits between two tries.
 using RetrySleep = std::function<void(std::chrono::milliseconds)>;
 
 /// Renames. Tries again every 50 ms, up to 40 times, while another process seems to use the entry
 /// (sharing violation, access denied, busy). Blocks.
 [[nodiscard]] bool RenameWithRetry(const fs::Path& from, const fs::Path& to,
-                                   std::error_code& error_code, const RetrySleep& sleep = {});
+                                   std::error_code& error_code, const RetrySleep& sleep);
 
 /// Publishes a complete stage at `destination` by one rename. A previous entry there is first moved
 /// to "previous" in a backup directory, and moved back when the stage cannot be published. When
-/// that fails too, the error says where the previous entry is. `error` may be null.
+/// that fails too, the error says where the previous entry is. `error` may be null. `keep_alive` is
+/// called during waits and removals; it may be empty.
 [[nodiscard]] bool CommitExtractionDirectory(const fs::Path& stage_dir, const fs::Path& destination,
-                                             std::string* error);
+                                             std::string* error, const KeepAlive& keep_alive = {});
 
 /// The number and the system's text of an error code, as messages quote them.
 [[nodiscard]] std::string FormatFileError(const std::error_code& error_code);

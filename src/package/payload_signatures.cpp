@@ -33,11 +33,13 @@ std::string_view SignatureStatusWord(PayloadSignatureStatus status) {
 class SignaturePass {
  public:
   SignaturePass(const fs::Path& staged_root, const PayloadSignatureVerifier& verifier,
-                std::vector<std::string>* verified_files, std::string* error)
+                std::vector<std::string>* verified_files, std::string* error,
+                const KeepAlive& keep_alive)
       : staged_root_(staged_root),
         verifier_(verifier),
         verified_files_(verified_files),
-        error_(error) {}
+        error_(error),
+        keep_alive_(keep_alive) {}
 
   bool Run() {
     fs::TreeWalker walker(staged_root_);
@@ -46,6 +48,7 @@ class SignaturePass {
     bool started = false;
     while (walker.Next(&entry, ec)) {
       started = true;
+      if (keep_alive_) keep_alive_();
       if (IsRegularFile(entry) && !Check(entry.path)) return false;
     }
     if (!ec) return true;
@@ -105,6 +108,7 @@ class SignaturePass {
   const PayloadSignatureVerifier& verifier_;
   std::vector<std::string>* const verified_files_;
   std::string* const error_;
+  const KeepAlive& keep_alive_;
   fs::Path resolved_root_;
 };
 
@@ -117,13 +121,14 @@ bool IsSignedFileName(const fs::Path& path) {
 
 bool VerifyStagedPayloadSignatures(const fs::Path& staged_root, bool require_signed,
                                    const PayloadSignatureVerifier& verifier,
-                                   std::vector<std::string>* verified_files, std::string* error) {
+                                   std::vector<std::string>* verified_files, std::string* error,
+                                   const KeepAlive& keep_alive) {
   if (verified_files != nullptr) verified_files->clear();
   if (!require_signed) return true;
   if (!verifier) {
     return Fail(error, "Update payload binary signature verifier is not configured.");
   }
-  return SignaturePass(staged_root, verifier, verified_files, error).Run();
+  return SignaturePass(staged_root, verifier, verified_files, error, keep_alive).Run();
 }
 
 UpdatePayloadBinarySignatureResult MapTrustStatus(std::int32_t trust_status) {

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "core/keep_alive.h"
 #include "core/path.h"
 
 namespace zul {
@@ -37,11 +38,13 @@ using PayloadSignatureVerifier =
 /// ends the pass. Without `require_signed` it returns true and reads nothing. `verified_files` (may
 /// be null) receives the paths that were checked, relative to the root, UTF-8, with `/` separators,
 /// in the order of the walk. On failure `error` (may be null) has the reason. Throws
-/// std::filesystem::filesystem_error for an entry whose type cannot be read.
+/// std::filesystem::filesystem_error for an entry whose type cannot be read. `keep_alive` is called
+/// for each entry; it may be empty.
 [[nodiscard]] bool VerifyStagedPayloadSignatures(const fs::Path& staged_root, bool require_signed,
                                                  const PayloadSignatureVerifier& verifier,
                                                  std::vector<std::string>* verified_files,
-                                                 std::string* error);
+                                                 std::string* error,
+                                                 const KeepAlive& keep_alive = {});
 
 /// The result for a status of WinVerifyTrust (an HRESULT).
 [[nodiscard]] UpdatePayloadBinarySignatureResult MapTrustStatus(std::int32_t trust_status);

@@ -193,6 +193,7 @@ bool ExtractScannedEntries(std::string_view archive_path, ZipScanResult* scan,
   ZipStatus status = reader.GoToFirstEntry();
   for (std::uint64_t index = 0; index < entry_count; ++index) {
     if (status != kZipOk) return Fail(error, kSourceChanged);
+    if (pass.keep_alive) pass.keep_alive();
     if (wanted != scan->entries.end() && wanted->central_index == index) {
       ZipEntryRecord found;
       if (!ReadZipEntryRecord(reader, index, &found, error)) return false;

@@ -3,13 +3,19 @@
 #include <array>
 #include <bit>
 #include <chrono>
+#include <optional>
 #include <string_view>
 #include <utility>
 
+#include "ui/caption_mouse_win32.h"
+#include "ui/dpi_awareness.h"
 #include "ui/message_pump.h"
 #include "ui/progress_layout.h"
 #include "ui/progress_painter_win32.h"
 #include "ui/progress_window.h"
+#include "ui/user32_function_win32.h"
+#include "ui/window_messages_win32.h"
+#include "ui/window_placement_win32.h"
 
 namespace zul {
 
@@ -17,10 +23,15 @@ namespace {
 
 constexpr wchar_t kClassName[] = L"ZULRipUpdaterProgressWindow";
 constexpr wchar_t kWindowTitle[] = L"QORVA Updater";
+// At most 255 characters (MAX_STR_BLOCKREASON).
+constexpr wchar_t kSessionBlockReason[] =
+    L"QORVA is being updated. Please wait until the update has finished.";
 constexpr DWORD kStyle = WS_CAPTION | WS_SYSMENU | WS_MINIMIZEBOX;
 constexpr DWORD kExtendedStyle = WS_EX_TOPMOST;
 constexpr int kForceButtonId = 1001;
 constexpr WORD kIconResource = 1;
+constexpr int kSmallestDpi = 96;
+constexpr int kLargestDpi = 960;  // twice the largest scaling of the system's settings
 constexpr std::chrono::milliseconds kPumpInterval{10};
 
 struct IconTraits {
@@ -30,26 +41,11 @@ struct IconTraits {
 };
 using UniqueIcon = UniqueHandle<IconTraits>;
 
-/// A function of user32.dll. Null on older systems that do not have it.
-template <typename Function>
-Function FindUser32Function(const char* name) {
-  const HMODULE module = GetModuleHandleW(L"user32.dll");
-  return module == nullptr ? nullptr : std::bit_cast<Function>(GetProcAddress(module, name));
-}
-
-void MakeProcessDpiAware() {
-  // DPI_AWARENESS_CONTEXT_PER_MONITOR_AWARE_V2 of winuser.h.
-  const auto per_monitor_v2 = std::bit_cast<HANDLE>(INT_PTR{-4});
-  const auto set_context =
-      FindUser32Function<BOOL(WINAPI*)(HANDLE)>("SetProcessDpiAwarenessContext");
-  if (set_context == nullptr || !set_context(per_monitor_v2)) SetProcessDPIAware();
-}
-
 int SystemDpi() {
   const auto get_dpi = FindUser32Function<UINT(WINAPI*)()>("GetDpiForSystem");
   if (get_dpi != nullptr) return static_cast<int>(get_dpi());
   const HDC screen = GetDC(nullptr);
-  if (screen == nullptr) return 0;  // counts as 96
+  if (screen == nullptr) return 96;
   const int dpi = GetDeviceCaps(screen, LOGPIXELSX);
   ReleaseDC(nullptr, screen);
   return dpi;
@@ -62,14 +58,25 @@ UniqueIcon LoadOwnIcon(int width_metric, int height_metric) {
       GetSystemMetrics(width_metric), GetSystemMetrics(height_metric), LR_DEFAULTCOLOR)));
 }
 
+/// The size of the whole window for one dpi; nothing when the system cannot compute it.
+std::optional<SIZE> OuterSize(int dpi) {
+  RECT outer{0, 0, ScaleForDpi(kProgressClientWidth, dpi), ScaleForDpi(kProgressClientHeight, dpi)};
+  const auto adjust = FindUser32Function<BOOL(WINAPI*)(RECT*, DWORD, BOOL, DWORD, UINT)>(
+      "AdjustWindowRectExForDpi");
+  const BOOL adjusted = adjust != nullptr
+                            ? adjust(&outer, kStyle, FALSE, kExtendedStyle, static_cast<UINT>(dpi))
+                            : AdjustWindowRectEx(&outer, kStyle, FALSE, kExtendedStyle);
+  if (!adjusted) return std::nullopt;
+  return SIZE{outer.right - outer.left, outer.bottom - outer.top};
+}
+
 SIZE ClientSize(HWND window) {
   RECT client{};
   GetClientRect(window, &client);
   return SIZE{client.right, client.bottom};
 }
 
-/// The window on the screen. All handles belong to the thread that created it. The window's user
-/// data points to this object from WM_NCCREATE on.
+/// The window on the screen. All handles belong to the thread that created it.
 class ScreenSurface final : public ProgressSurface {
  public:
   ScreenSurface() = default;
@@ -83,6 +90,8 @@ class ScreenSurface final : public ProgressSurface {
   void EnsureCreated(UpdateProgressWindow& state) override;
   void Repaint() override;
   void RefreshButton() override;
+  void RefreshPlacement() override;
+  void RefreshSessionBlock() override;
   void PumpMessages() override;
   void DestroyWindow() override {
     DestroyNativeWindow();
@@ -93,18 +102,30 @@ class ScreenSurface final : public ProgressSurface {
   static bool RegisterWindowClass();
   static LRESULT CALLBACK WindowProcedure(HWND window, UINT message, WPARAM wparam, LPARAM lparam);
 
+  static LRESULT CALLBACK ButtonProcedure(HWND button, UINT message, WPARAM wparam, LPARAM lparam);
+
   bool CreateMainWindow();
   bool CreateForceButton();
   void SetIcons();
   void DestroyNativeWindow();
+  [[nodiscard]] bool Refuses(UINT message, WPARAM wparam) const;
   LRESULT Handle(HWND window, UINT message, WPARAM wparam, LPARAM lparam);
-  void Paint();
-  void ChangeDpi(int dpi, const RECT& suggested);
+  LRESULT HandleForButton(HWND button, UINT message, WPARAM wparam, LPARAM lparam);
+  void Paint(HWND window);
+  void ChangeDpi(int dpi);
+  void Resize(SIZE outer);
   void PlaceForceButton();
+  void FocusForceButton();
+
+  /// The surface of this thread that has or creates a window. Not in the window's user data, which
+  /// other processes can change.
+  static thread_local ScreenSurface* shown_;
 
   UpdateProgressWindow* state_ = nullptr;
-  HWND window_ = nullptr;
+  HWND window_ = nullptr;  ///< null while the window is created or destroyed
   HWND force_button_ = nullptr;
+  WNDPROC button_procedure_ = nullptr;  ///< of the system
+  CaptionMouse caption_mouse_;
   int dpi_ = 0;
   ProgressFonts fonts_;
   UniqueIcon large_icon_;
@@ -112,12 +133,14 @@ class ScreenSurface final : public ProgressSurface {
   std::chrono::steady_clock::time_point next_pump_{};  // a pump before this time does nothing
 };
 
+thread_local ScreenSurface* ScreenSurface::shown_ = nullptr;
+
 // --- Making the window -----------------------------------------------------------------------
 
 void ScreenSurface::EnsureCreated(UpdateProgressWindow& state) {
   state_ = &state;
   if (window_ != nullptr) return;
-  [[maybe_unused]] static const bool dpi_aware = (MakeProcessDpiAware(), true);
+  MakeProcessDpiAware();
   dpi_ = SystemDpi();
   if (!RegisterWindowClass() || !CreateMainWindow()) return;
   fonts_ = ProgressFonts(dpi_);
@@ -127,7 +150,9 @@ void ScreenSurface::EnsureCreated(UpdateProgressWindow& state) {
   }
   SetIcons();
   RefreshButton();
+  RefreshSessionBlock();
   ShowWindow(window_, SW_SHOWNORMAL);
+  RefreshPlacement();
   Repaint();
 }
 
@@ -142,15 +167,14 @@ bool ScreenSurface::RegisterWindowClass() {
 }
 
 bool ScreenSurface::CreateMainWindow() {
-  RECT outer{0, 0, ScaleForDpi(kProgressClientWidth, dpi_),
-             ScaleForDpi(kProgressClientHeight, dpi_)};
-  if (!AdjustWindowRectEx(&outer, kStyle, FALSE, kExtendedStyle)) return false;
-  const int width = outer.right - outer.left;
-  const int height = outer.bottom - outer.top;
-  const int left = (GetSystemMetrics(SM_CXSCREEN) - width) / 2;
-  const int top = (GetSystemMetrics(SM_CYSCREEN) - height) / 2;
-  window_ = CreateWindowExW(kExtendedStyle, kClassName, kWindowTitle, kStyle, left, top, width,
-                            height, nullptr, nullptr, GetModuleHandleW(nullptr), this);
+  const std::optional<SIZE> size = OuterSize(dpi_);
+  if (!size) return false;
+  const int left = (GetSystemMetrics(SM_CXSCREEN) - size->cx) / 2;
+  const int top = (GetSystemMetrics(SM_CYSCREEN) - size->cy) / 2;
+  shown_ = this;
+  window_ = CreateWindowExW(kExtendedStyle, kClassName, kWindowTitle, kStyle, left, top, size->cx,
+                            size->cy, nullptr, nullptr, GetModuleHandleW(nullptr), nullptr);
+  if (window_ == nullptr) shown_ = nullptr;
   return window_ != nullptr;
 }
 
@@ -159,6 +183,8 @@ bool ScreenSurface::CreateForceButton() {
       0, L"BUTTON", state_->force_button_text(), WS_CHILD | WS_TABSTOP, 0, 0, 0, 0, window_,
       std::bit_cast<HMENU>(INT_PTR{kForceButtonId}), GetModuleHandleW(nullptr), nullptr);
   if (force_button_ == nullptr) return false;
+  button_procedure_ = std::bit_cast<WNDPROC>(SetWindowLongPtrW(
+      force_button_, GWLP_WNDPROC, std::bit_cast<LONG_PTR>(&ScreenSurface::ButtonProcedure)));
   PlaceForceButton();
   return true;
 }
@@ -171,7 +197,10 @@ void ScreenSurface::SetIcons() {
 }
 
 void ScreenSurface::DestroyNativeWindow() {
-  if (window_ != nullptr) ::DestroyWindow(window_);
+  if (window_ == nullptr) return;
+  ::DestroyWindow(std::exchange(window_, nullptr));
+  force_button_ = nullptr;
+  shown_ = nullptr;
 }
 
 // --- Showing the state -------------------------------------------------------
@@ -202,8 +231,24 @@ void ScreenSurface::RefreshButton() {
   if (text != std::wstring_view(shown.data(), static_cast<std::size_t>(length))) {
     SetWindowTextW(force_button_, state_->force_button_text());  // repaints the button
   }
+  // A key meant for the application must not press the button: it never gets the focus by itself,
+  // nor keeps it for the next time that it is shown.
+  if (GetFocus() == force_button_ && !state_->force_enabled()) SetFocus(window_);
   EnableWindow(force_button_, state_->force_enabled());
   ShowWindow(force_button_, state_->force_visible() ? SW_SHOW : SW_HIDE);
+}
+
+void ScreenSurface::RefreshPlacement() {
+  if (window_ != nullptr) PlaceWindow(window_, state_->gives_way_to());
+}
+
+void ScreenSurface::RefreshSessionBlock() {
+  if (window_ == nullptr) return;
+  if (state_->changes_in_progress()) {
+    ShutdownBlockReasonCreate(window_, kSessionBlockReason);
+  } else {
+    ShutdownBlockReasonDestroy(window_);
+  }
 }
 
 /// Sets the button's position, and its font for the current dpi.
@@ -213,79 +258,122 @@ void ScreenSurface::PlaceForceButton() {
   MoveWindow(force_button_, place.left, place.top, place.width(), place.height(), TRUE);
 }
 
-void ScreenSurface::ChangeDpi(int dpi, const RECT& suggested) {
-  dpi_ = dpi;
+void ScreenSurface::FocusForceButton() {
+  if (!state_->force_enabled()) return;
+  SendMessageW(window_, WM_CHANGEUISTATE, MAKEWPARAM(UIS_CLEAR, UISF_HIDEFOCUS), 0);
+  SetFocus(force_button_);
+}
+
+/// The window keeps its centre, so that most of it stays on the screen that has this dpi. The
+/// rectangle that the system suggests in the message is not used: any process can post a message.
+void ScreenSurface::ChangeDpi(int dpi) {
+  const std::optional<SIZE> outer = OuterSize(dpi);
+  if (dpi < kSmallestDpi || dpi > kLargestDpi || !outer) return;
+  caption_mouse_.ChangeDpi(std::exchange(dpi_, dpi), dpi);
   // The old fonts live until PlaceForceButton has given the button a new one.
   const ProgressFonts old_fonts = std::exchange(fonts_, ProgressFonts(dpi_));
-  SetWindowPos(window_, nullptr, suggested.left, suggested.top, suggested.right - suggested.left,
-               suggested.bottom - suggested.top, SWP_NOZORDER | SWP_NOACTIVATE);
+  Resize(*outer);
   if (force_button_ != nullptr) PlaceForceButton();
   Repaint();
 }
 
-void ScreenSurface::Paint() {
+/// For a minimised window, changes the place that it has when it is restored.
+void ScreenSurface::Resize(SIZE outer) {
+  WINDOWPLACEMENT placement{};
+  placement.length = sizeof placement;
+  if (!GetWindowPlacement(window_, &placement)) return;
+  RECT& place = placement.rcNormalPosition;
+  const LONG left = (place.left + place.right - outer.cx) / 2;
+  const LONG top = (place.top + place.bottom - outer.cy) / 2;
+  place = {left, top, left + outer.cx, top + outer.cy};
+  placement.showCmd = IsIconic(window_) ? SW_SHOWMINNOACTIVE : SW_SHOWNA;
+  SetWindowPlacement(window_, &placement);
+}
+
+void ScreenSurface::Paint(HWND window) {
   PAINTSTRUCT paint{};
-  const HDC dc = BeginPaint(window_, &paint);
+  const HDC dc = BeginPaint(window, &paint);
   if (dc == nullptr) {
-    ValidateRect(window_, nullptr);  // otherwise the system sends WM_PAINT again and again
+    ValidateRect(window, nullptr);  // otherwise the system sends WM_PAINT again and again
     return;
   }
-  const SIZE client = ClientSize(window_);
+  const SIZE client = ClientSize(window);
   if (state_->force_visible()) {
     // The button paints itself; the background painted over it would make it flicker.
     const PixelRect button = LayOutForceButton(client.cx, dpi_);
     ExcludeClipRect(dc, button.left, button.top, button.right, button.bottom);
   }
   PaintProgress(dc, client, dpi_, *state_, fonts_);
-  EndPaint(window_, &paint);
+  EndPaint(window, &paint);
 }
 
 // --- Messages --------------------------------------------------------------------------------
 
+bool ScreenSurface::Refuses(UINT message, WPARAM wparam) const {
+  return IsRefusedMessage(message, wparam) || (window_ != nullptr && IsLifeMessage(message));
+}
+
 LRESULT CALLBACK ScreenSurface::WindowProcedure(HWND window, UINT message, WPARAM wparam,
                                                 LPARAM lparam) {
-  if (message == WM_NCCREATE) {
-    const auto* create = std::bit_cast<const CREATESTRUCTW*>(lparam);
-    SetWindowLongPtrW(window, GWLP_USERDATA, std::bit_cast<LONG_PTR>(create->lpCreateParams));
-    static_cast<ScreenSurface*>(create->lpCreateParams)->window_ = window;
-  }
-  auto* const surface = std::bit_cast<ScreenSurface*>(GetWindowLongPtrW(window, GWLP_USERDATA));
-  return surface == nullptr ? DefWindowProcW(window, message, wparam, lparam)
-                            : surface->Handle(window, message, wparam, lparam);
+  return shown_ == nullptr ? DefWindowProcW(window, message, wparam, lparam)
+                           : shown_->Handle(window, message, wparam, lparam);
 }
 
 LRESULT ScreenSurface::Handle(HWND window, UINT message, WPARAM wparam, LPARAM lparam) {
+  if (caption_mouse_.Handle(window, message, wparam) || Refuses(message, wparam)) return 0;
   switch (message) {
     case WM_PAINT:
-      Paint();
+      Paint(window);
       return 0;
     case WM_ERASEBKGND:
       return 1;
     case WM_CLOSE:  // the user can hide the window but not end the update
       ShowWindow(window, SW_MINIMIZE);
       return 0;
+    case WM_QUERYENDSESSION:
+      return state_->changes_in_progress() ? FALSE : TRUE;
     case WM_COMMAND:
       if (LOWORD(wparam) == kForceButtonId && HIWORD(wparam) == BN_CLICKED) {
         state_->PressForceClose();
         return 0;
       }
       break;
+    case WM_KEYDOWN:
+      if (wparam == VK_TAB) FocusForceButton();
+      return 0;
     case WM_CTLCOLORBTN: {  // the background at the button's round corners
       const auto dc = std::bit_cast<HDC>(wparam);
       SetDCBrushColor(dc, kProgressBackground);
       return std::bit_cast<LRESULT>(GetStockObject(DC_BRUSH));
     }
     case WM_DPICHANGED:
-      ChangeDpi(HIWORD(wparam), *std::bit_cast<const RECT*>(lparam));
-      return 0;
-    case WM_DESTROY:
-      window_ = nullptr;
-      force_button_ = nullptr;
+      if (window_ != nullptr) ChangeDpi(HIWORD(wparam));
       return 0;
     default:
       break;
   }
   return DefWindowProcW(window, message, wparam, lparam);
+}
+
+LRESULT CALLBACK ScreenSurface::ButtonProcedure(HWND button, UINT message, WPARAM wparam,
+                                                LPARAM lparam) {
+  return shown_ == nullptr ? DefWindowProcW(button, message, wparam, lparam)
+                           : shown_->HandleForButton(button, message, wparam, lparam);
+}
+
+LRESULT ScreenSurface::HandleForButton(HWND button, UINT message, WPARAM wparam, LPARAM lparam) {
+  constexpr LPARAM kIsRepeated = 1 << 30;
+  // The last two would destroy, hide or move the button.
+  if (Refuses(message, wparam) || message == WM_CLOSE || message == WM_SYSCOMMAND) return 0;
+  if (message == WM_KEYDOWN && wparam == VK_TAB) {
+    SetFocus(window_);
+    return 0;
+  }
+  if (message == WM_KEYDOWN && wparam == VK_RETURN) {
+    if ((lparam & kIsRepeated) == 0) state_->PressForceClose();
+    return 0;
+  }
+  return CallWindowProcW(button_procedure_, button, message, wparam, lparam);
 }
 
 }  // namespace

@@ -116,6 +116,21 @@ void UpdateProgressWindow::set_force_close_available(bool visible) {
   surface_->PumpMessages();
 }
 
+void UpdateProgressWindow::give_way_to(std::vector<std::uint32_t> pids) {
+  surface_->EnsureCreated(*this);
+  gives_way_to_ = std::move(pids);
+  surface_->RefreshPlacement();
+  surface_->PumpMessages();
+}
+
+/// Only the beginning handles messages: the end is also called while an exception is under way.
+void UpdateProgressWindow::set_changes_in_progress(bool in_progress) {
+  if (in_progress) surface_->EnsureCreated(*this);
+  changes_in_progress_ = in_progress;
+  surface_->RefreshSessionBlock();
+  if (in_progress) surface_->PumpMessages();
+}
+
 void UpdateProgressWindow::PumpMessages() {
   surface_->PumpMessages();
 }

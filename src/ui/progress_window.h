@@ -5,9 +5,9 @@
 // painted; a ProgressSurface draws it. There is no user-interface thread: the window belongs to the
 // thread that runs the update, and every operation ends by pumping the messages of that thread.
 //
-// Life of the native window: the first operation creates it. The user can minimise it but not close
-// it. Destroy() or the destructor removes it. When it cannot be created, the operation continues
-// without it and the next operation tries again.
+// Life of the native window: the first operation creates it. The user can move and minimise it but
+// not close it, and it has no menu. Destroy() or the destructor removes it. When it cannot be
+// created, the operation continues without it and the next operation tries again.
 
 #include <chrono>
 #include <cstdint>
@@ -15,6 +15,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "core/keep_alive.h"
 
@@ -34,6 +35,10 @@ class ProgressSurface {
   virtual void Repaint() = 0;
   /// Updates visibility, text and enabled state of the button from the state.
   virtual void RefreshButton() = 0;
+  /// Updates from the state whether the window is in front of all others.
+  virtual void RefreshPlacement() = 0;
+  /// Updates from the state the reason that the system shows when the user logs off.
+  virtual void RefreshSessionBlock() = 0;
   /// Handles the messages in this thread's queue. May be called at any rate: a surface may skip a
   /// call that follows another one within milliseconds.
   virtual void PumpMessages() = 0;
@@ -41,7 +46,8 @@ class ProgressSurface {
   virtual void DestroyWindow() = 0;
 };
 
-/// The surface that is a real window on the screen. Windows only.
+/// The surface that is a real window on the screen. At most one per thread has a native window.
+/// Windows only.
 [[nodiscard]] std::unique_ptr<ProgressSurface> CreateScreenSurface();
 
 /// The state of the window, and the operations through which the stages of the update report to the
@@ -71,6 +77,14 @@ class UpdateProgressWindow {
   /// True after the user has pressed the button, until it is hidden.
   [[nodiscard]] bool force_close_requested() const { return force_requested_; }
 
+  /// While the update waits for processes of the application, the window gives way to their boxes:
+  /// it is not in front of all others. An empty list ends this.
+  void give_way_to(std::vector<std::uint32_t> pids);
+
+  /// While the installation is being changed, the window refuses the end of the user's session and
+  /// says why.
+  void set_changes_in_progress(bool in_progress);
+
   /// Keeps the window responsive during a wait.
   void PumpMessages();
 
@@ -96,6 +110,10 @@ class UpdateProgressWindow {
   [[nodiscard]] bool force_visible() const { return force_visible_; }
   [[nodiscard]] bool force_enabled() const { return force_visible_ && !force_requested_; }
   [[nodiscard]] const wchar_t* force_button_text() const;
+  /// The processes to whose boxes the window gives way.
+  [[nodiscard]] const std::vector<std::uint32_t>& gives_way_to() const { return gives_way_to_; }
+  /// Whether the user's session may not end now.
+  [[nodiscard]] bool changes_in_progress() const { return changes_in_progress_; }
 
  private:
   [[nodiscard]] bool PaintIsDue(std::chrono::steady_clock::time_point now) const;
@@ -109,6 +127,8 @@ class UpdateProgressWindow {
   bool has_figures_ = false;
   bool force_visible_ = false;
   bool force_requested_ = false;
+  bool changes_in_progress_ = false;
+  std::vector<std::uint32_t> gives_way_to_;
   std::wstring title_;
   std::wstring detail_;
   // The last paint of download figures.
@@ -116,6 +136,23 @@ class UpdateProgressWindow {
   std::chrono::steady_clock::time_point last_paint_time_{};
   std::uint64_t last_paint_downloaded_ = 0;
   int last_paint_percent_ = -1;
+};
+
+/// Marks the time during which the installation is being changed: from the construction to the
+/// destruction. `window` is borrowed and may be null.
+class ChangesInProgress {
+ public:
+  explicit ChangesInProgress(UpdateProgressWindow* window) : window_(window) {
+    if (window_ != nullptr) window_->set_changes_in_progress(true);
+  }
+  ~ChangesInProgress() {
+    if (window_ != nullptr) window_->set_changes_in_progress(false);
+  }
+  ChangesInProgress(const ChangesInProgress&) = delete;
+  ChangesInProgress& operator=(const ChangesInProgress&) = delete;
+
+ private:
+  UpdateProgressWindow* const window_;
 };
 
 /// A callback for long operations that pumps the messages of `window`, which is borrowed. Empty

@@ -149,9 +149,10 @@ StageResult StageSelfUpdate(UpdateRun& run) {
   run.deferred_target = target / name;
   run.next_copy_path = NextCopyPath(run.deferred_target);
   std::error_code ec;
-  if (fs::CopyFileTo(run.payload_root / name, run.next_copy_path, ec)) {
-    return std::nullopt;
-  }
+  bool copied = false;
+  RunKeepingAlive([&] { copied = fs::CopyFileTo(run.payload_root / name, run.next_copy_path, ec); },
+                  KeepingAlive(&run.progress_window));
+  if (copied) return std::nullopt;
   return FailRun(run, "Cannot stage deferred updater self-update copy: target='" +
                           PathToUtf8(run.next_copy_path) + "', " + DescribeSystemError(ec) + ".");
 }
@@ -159,10 +160,11 @@ StageResult StageSelfUpdate(UpdateRun& run) {
 StageResult WaitStage(UpdateRun& run) {
   run.progress_window.set_status("Waiting for application to close...",
                                  "The updater will continue automatically.", 100);
-  if (run.world.wait_for_main_process(run.request.pid, kMainProcessWaitMs, &run.stage_error,
-                                      true)) {
-    return std::nullopt;
-  }
+  if (run.request.pid != 0) run.progress_window.give_way_to({run.request.pid});
+  const bool ended =
+      run.world.wait_for_main_process(run.request.pid, kMainProcessWaitMs, &run.stage_error, true);
+  run.progress_window.give_way_to({});
+  if (ended) return std::nullopt;
   EmitChainEvent("apply_wait_main_process_fail",
                  {{"error", run.stage_error}, {"pid", std::to_string(run.request.pid)}});
   return FailRun(run, run.stage_error);
@@ -224,8 +226,15 @@ StageResult RestartStage(UpdateRun& run) {
                   {"requested_restart_exe", request.restart_exe},
                   {"restart_mode", request.headless_restart_version_proof ? "headless_version_proof"
                                                                           : "normal_gui"}});
-  if (!run.world.launch_application(restart_exe, BuildRestartArguments(request),
-                                    &run.stage_error)) {
+  bool launched = false;
+  // Scanners read a new program before they let it start.
+  RunKeepingAlive(
+      [&] {
+        launched = run.world.launch_application(restart_exe, BuildRestartArguments(request),
+                                                &run.stage_error);
+      },
+      KeepingAlive(&run.progress_window));
+  if (!launched) {
     EmitChainEvent("restart_fail", {{"error", run.stage_error},
                                     {"restart_exe", restart_exe},
                                     {"requested_restart_exe", request.restart_exe}});

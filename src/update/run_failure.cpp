@@ -29,7 +29,9 @@ struct RunFailureContext {
 int ReportAndEnd(const UpdateWorld& world, const RunFailureContext& context,
                  std::string_view report_stage, std::string_view message,
                  const std::function<void()>& show_box, int exit_code) {
-  world.report_updater_error(context.request, report_stage, message);
+  // What earlier processes left is reported too, which may take long.
+  RunKeepingAlive([&] { world.report_updater_error(context.request, report_stage, message); },
+                  KeepingAlive(&context.progress_window));
   context.progress_window.Destroy();
   show_box();
   world.shutdown_diagnostics();

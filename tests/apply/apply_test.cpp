@@ -7,6 +7,7 @@
 #include "core/process_environment.h"
 #include "core/system_error.h"
 #include "tests/apply/installation.h"
+#include "tests/ui/fake_screen.h"
 
 namespace zul {
 namespace {
@@ -74,6 +75,30 @@ TEST(Apply, RefusesAFolderUnderTheNameOfARetiredExecutable) {
   EXPECT_EQ(installation.error, "Retired executable target is not a regular root-level file: '" +
                                     PathToUtf8(installation.target_root / "zul_rip.exe") + "'.");
   EXPECT_EQ(installation.outcome.kind, ApplyOutcomeKind::kFailedBeforeChange);
+}
+
+TEST(Apply, RefusesTheEndOfTheSessionFromTheFirstChangeToTheEnd) {
+  for (const std::uint32_t fail_after : {0U, 2U}) {  // the second apply is rolled back
+    Installation app;
+    for (const char* name : {"1.txt", "2.txt", "3.txt"}) {
+      app.Install(name, "old");
+      app.Stage(name, "new");
+    }
+    const Files old_files = FilesBelow(app.target_root);
+    int unchanged = 0, changed = 0;
+    test::FakeScreen screen;
+    UpdateProgressWindow window(std::make_unique<test::FakeSurface>(screen));
+    screen.on_pump = [&] {
+      const bool first_look = unchanged + changed == 0;
+      ++(FilesBelow(app.target_root) == old_files ? unchanged : changed);
+      if (first_look || changed > 0) {
+        EXPECT_EQ(window.changes_in_progress(), !first_look);
+      }
+    };
+    EXPECT_EQ(app.Apply({.fail_after_replacements = fail_after}, &window), fail_after == 0);
+    EXPECT_GT(changed, 1);
+    EXPECT_FALSE(window.changes_in_progress());
+  }
 }
 
 // Two retired executables are removed, a file is added, and then the apply fails.

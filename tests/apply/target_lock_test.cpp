@@ -96,6 +96,8 @@ struct Clearing {
   std::string journal, error;
 
   void Note(const std::string& action) {
+    const bool waits_for_its_end = window.force_visible() && !context.force_close;
+    EXPECT_EQ(window.gives_way_to(), std::vector<std::uint32_t>(waits_for_its_end ? 1 : 0, 77));
     journal += action + (window.force_visible() ? "+ " : " ");
   }
 

@@ -196,6 +196,28 @@ TEST_F(FileLayer, RemovesAnEntryOrATreeAndNothingThroughALink) {
   EXPECT_FALSE(test::Exists(folder / "links/sub/file"));
 }
 
+TEST_F(FileLayer, RemovesNothingThroughAFolderThatBecomesALinkMeanwhile) {
+  WriteFile(outside / "kept/file", "x");
+  Write({"tree/a/file", "tree/b/file"});
+  bool linked = false;
+  bool moved = false;
+  const KeepAlive swap = [&] {
+    const bool emptied_a = !test::Exists(folder / "tree/a/file");
+    const bool emptied_b = !test::Exists(folder / "tree/b/file");
+    if (emptied_a == emptied_b || linked) return;
+    // The folder that is being emptied stays in its place.
+    if (kOnWindows) moved = Rename(folder / "tree" / (emptied_a ? "a" : "b"), folder / "x", ec);
+    const char* const later = emptied_a ? "tree/b" : "tree/a";
+    linked = Rename(folder / later, folder / "moved", ec) && Link(outside.path(), later);
+  };
+  const bool removed = RemoveTree(folder / "tree", ec, swap);
+  REQUIRE_LINKS(linked);
+  EXPECT_FALSE(moved);
+  EXPECT_EQ(removed, !RunsUnderWine()) << ec;  // Wine cannot remove a link
+  EXPECT_EQ(ListTree(outside.path()), "kept/\nkept/file\n");
+  EXPECT_EQ(ListTree(folder / "moved"), "file\n");
+}
+
 TEST_F(FileLayer, QueriesAFileWithoutSharingAndRemovesTheTreeAroundIt) {
   if (!kOnWindows) GTEST_SKIP() << "this system has no share modes";
   Write({"t/a/1", "t/b/2", "t/c/3"});

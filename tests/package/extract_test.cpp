@@ -76,6 +76,31 @@ TEST(ExtractPackage, WorksWithPathsBeyond260Characters) {
   EXPECT_EQ(test::FilesBelow(deep / "s"), (test::Files{{"d/file", "contents"}}));
 }
 
+TEST(ExtractPackage, KeepsItsCallerAliveWhileItRemovesTheStage) {
+  const TempFolder folder;
+  test::ZipBuilder zip;
+  for (int i = 0; i < 30; ++i) zip.File(std::to_string(i), "x");
+  zip.File("last", "contents");
+  std::string archive = zip.Build();
+  archive.replace(archive.find("contents"), 8, "damaged!");
+  WriteFile(folder / "p.zip", archive);
+  fs::Path stage;
+  int most = 0;
+  int during_removal = 0;
+  std::string error;
+  EXPECT_FALSE(ExtractPackage(folder / "p.zip", folder / "out/stage", &error, [&] {
+    std::error_code code;
+    const auto stages = fs::ListDirectory(folder / "out", code);
+    if (stage.empty() && !stages.empty()) stage = stages.front().path;
+    int files = 0;
+    for (int i = 0; i < 30; ++i) files += fs::Exists(stage / std::to_string(i)) ? 1 : 0;
+    if (files < most) ++during_removal;
+    most = std::max(most, files);
+  }));
+  EXPECT_EQ(error, "ZIP entry CRC mismatch");
+  EXPECT_GE(during_removal, 29);
+}
+
 TEST(ExtractPackage, ReplacesAFileAtTheDestination) {
   const TempFolder folder;
   WriteFile(folder / "p.zip", Packed({{"new", "x"}}));

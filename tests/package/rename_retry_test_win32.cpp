@@ -30,5 +30,18 @@ TEST(RenameWithRetry, WaitsAtMostTwoSecondsForASharingViolation) {
   }
 }
 
+TEST(CommitExtractionDirectory, KeepsItsCallerAliveWhileARenameWaits) {
+  const test::TempFolder folder;
+  test::WriteFile(folder / "stage/file", "x");
+  std::error_code code;
+  std::string error;
+  fs::File held = fs::OpenForRead(folder / "stage/file", code);
+  ASSERT_TRUE(held.is_open());
+  int calls = 0;
+  EXPECT_TRUE(CommitExtractionDirectory(folder / "stage", folder / "out", &error, [&] {
+    if (++calls == 3) static_cast<void>(held.Close(code));
+  })) << error;
+}
+
 }  // namespace
 }  // namespace zul

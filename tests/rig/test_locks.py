@@ -112,7 +112,8 @@ class Locks(e2e.EndToEnd):
             scene, outcome, "reason=external_process_lock, code=32, message='M', attempts=12, "
             "owners=[" + "; ".join(f"pid={pid},name='qorva_gui.exe'" for pid in pids) + "]", *[CLOSE] * requests, FORCE)
 
-    # -- the progress window answers messages of another process during every wait of a long run
+    # -- the progress window during a long run: it answers messages of another process in every wait, none of
+    # them stops the run, it gives way to the application, and it refuses the end of the session in time
 
     def test_window_answers(self) -> None:
         scene = self.scene("responsive")
@@ -128,7 +129,7 @@ class Locks(e2e.EndToEnd):
         run = self.begin(scene, Run("", arguments={"pid": main.pid}, package=package,
                                     primary=Reply(body=package, late_by=2, pause=(40 << 20, 2)),
                                     more=("--require-signed-payload-binaries=1",)))
-        watch = programs.Helper(self.sandbox, "watch", programs.PROGRESS_CLASS, str(run.pid))
+        watch = programs.Helper(self.sandbox, "watch", programs.PROGRESS_CLASS, str(run.pid), "--disturb")
         # A window without any work shows how long an answer takes on this machine.
         idle = self.start_application(scene, path="../updater/idle.exe")
         watch_idle = programs.Helper(self.sandbox, "watch", programs.APPLICATION_CLASS, str(idle.pid))
@@ -141,6 +142,9 @@ class Locks(e2e.EndToEnd):
         seen, machine = (json.loads(watcher.output()) for watcher in (watch, watch_idle))
         self.assertEqual((0, []), (outcome.exit_code, outcome.dialogs))
         self.assert_details(scene, outcome, {CLOSE: {"wm_close_messages": "0"}})
+        # The run waits twice for the application: for its main process and for a lock.
+        self.assertEqual([True, False, True, False, True], seen["topmost"])
+        self.assertEqual([True, False, True], seen["consents"], "it may refuse during the changes only")
         self.assertGreater(min(seen["answers"], machine["answers"]), 200)
         for asked, came in seen["slow"]:
             allowed = 300 + max((b - a for a, b in machine["slow"] if a < came and b > asked), default=0)

@@ -18,10 +18,10 @@ from end_to_end import Run
 from rig import packages, places, programs
 from rig.updater_run import Scene
 
-# Known libraries of every supported Windows.
+# Known libraries of every supported Windows. ntdll.dll is in a process before its loader runs.
 KNOWN = {f"{name}.dll" for name in (
     "advapi32 clbcatq combase comdlg32 coml2 gdi32 gdiplus imagehlp imm32 kernel32 msctf msvcrt nsi "
-    "normaliz ole32 oleaut32 psapi rpcrt4 sechost setupapi shcore shell32 shlwapi user32 wldap32 "
+    "normaliz ntdll ole32 oleaut32 psapi rpcrt4 sechost setupapi shcore shell32 shlwapi user32 wldap32 "
     "ws2_32").split()}
 # Loaded late by Wine's message boxes; Wine's late loading ignores the search order that a process chose.
 LATE_UNDER_WINE = {"msimg32.dll"}

@@ -14,7 +14,8 @@ namespace zul::test {
 
 /// The record of a FakeSurface.
 struct FakeScreen {
-  std::string calls;                       ///< C create, R repaint, B button, P pump, D destroy
+  /// C create, R repaint, B button, F front or not, S session block, P pump, D destroy
+  std::string calls;
   std::vector<std::string> paints;         ///< "title | detail | percent | figures"
   UpdateProgressWindow* window = nullptr;  ///< the window on the screen
   std::function<void()> on_pump = [] {};
@@ -39,6 +40,8 @@ class FakeSurface final : public ProgressSurface {
                                              L" | " + shown.figures()));
   }
   void RefreshButton() override { screen_.calls += 'B'; }
+  void RefreshPlacement() override { screen_.calls += 'F'; }
+  void RefreshSessionBlock() override { screen_.calls += 'S'; }
   void PumpMessages() override {
     screen_.calls += 'P';
     screen_.on_pump();

@@ -28,6 +28,8 @@ HWND FindOwnWindow() {
   return window;
 }
 
+constexpr LPARAM kWildPointer = 0x10;
+
 const wchar_t* refused_class = nullptr;
 
 /// A hook that makes the creation of a window of `refused_class` fail.
@@ -75,13 +77,19 @@ TEST_F(ScreenSurface, FillsTheBarByThePercentAndScalesWithTheDpi) {
   ReleaseDC(window, dc);
   EXPECT_EQ(filled, 201);
 
-  // Twice the size. The button keeps its distance from the right edge.
-  RECT suggested{10, 20, 10 + 1210, 20 + 520};
-  SendMessageW(window, WM_DPICHANGED, MAKEWPARAM(192, 192), std::bit_cast<LPARAM>(&suggested));
-  RECT outer{}, button{};
-  GetWindowRect(window, &outer);
-  EXPECT_TRUE(EqualRect(&outer, &suggested));
+  // Twice the size around the same centre. The button keeps its distance from the right edge.
+  RECT before{}, after{}, button{};
+  GetWindowRect(window, &before);
+  for (const WORD dpi : {WORD{0}, WORD{192}, WORD{0xFFFF}}) {
+    PostMessageW(window, WM_DPICHANGED, MAKEWPARAM(dpi, dpi), kWildPointer);
+  }
+  progress.set_status("Title", "Detail", 37);
+  GetWindowRect(window, &after);
+  EXPECT_NEAR(before.left + before.right, after.left + after.right, 1);
+  EXPECT_NEAR(before.top + before.bottom, after.top + after.bottom, 1);
   GetClientRect(window, &client);
+  EXPECT_EQ(client.right, 2 * kProgressClientWidth);
+  EXPECT_NEAR(client.bottom, 2 * kProgressClientHeight, 24);  // Wine's caption does not grow
   GetWindowRect(GetDlgItem(window, 1001), &button);
   MapWindowPoints(nullptr, window, reinterpret_cast<POINT*>(&button), 2);
   EXPECT_EQ(button.left, client.right - 396);
@@ -91,10 +99,121 @@ TEST_F(ScreenSurface, FillsTheBarByThePercentAndScalesWithTheDpi) {
 TEST_F(ScreenSurface, CloseMinimisesTheWindow) {
   progress.set_status("Title", "Detail", 10);
   const HWND window = FindOwnWindow();
-  SendMessageW(window, WM_CLOSE, 0, 0);
-  progress.set_status("Title", "Detail", 20);
+  const auto release_over = [window](WPARAM pressed, WPARAM released) {
+    SendMessageW(window, WM_NCLBUTTONDOWN, pressed, 0);
+    SendMessageW(window, WM_NCLBUTTONUP, released, 0);
+  };
+  release_over(HTCLOSE, HTMINBUTTON);
+  EXPECT_FALSE(IsIconic(window)) << "a press that ends elsewhere";
+  for (int way = 0; way < 4; ++way) {
+    if (way == 0) SendMessageW(window, WM_CLOSE, 0, 0);
+    if (way == 1) SendMessageW(window, WM_SYSCOMMAND, SC_CLOSE, 0);
+    if (way > 1) release_over(way == 2 ? HTCLOSE : HTMINBUTTON, way == 2 ? HTCLOSE : HTMINBUTTON);
+    progress.set_status("Title", "Detail", 20);
+    EXPECT_EQ(FindOwnWindow(), window);
+    EXPECT_TRUE(IsIconic(window)) << "progress must not restore the window, way " << way;
+    ShowWindow(window, SW_RESTORE);
+  }
+}
+
+TEST_F(ScreenSurface, IsMovedByItsCaption) {
+  progress.set_status("Title", "Detail", 10);
+  const HWND window = FindOwnWindow();
+  RECT start{};
+  GetWindowRect(window, &start);
+  const struct {
+    UINT message;
+    WPARAM wparam;
+    int cursor, moved;  ///< from the start, in pixels to the right and downwards
+  } steps[] = {{WM_NCLBUTTONDOWN, HTCAPTION, 0, 0},  {WM_MOUSEMOVE, MK_LBUTTON, 30, 30},
+               {WM_MOUSEMOVE, MK_LBUTTON, 50, 50},   {WM_LBUTTONUP, 0, 50, 50},
+               {WM_MOUSEMOVE, MK_LBUTTON, 90, 50},  // after the release
+               {WM_NCLBUTTONDOWN, HTCAPTION, 0, 50}, {WM_MOUSEMOVE, 0, 90, 50}};  // no button
+  for (const auto& step : steps) {
+    SetCursorPos(start.left + 20 + step.cursor, start.top + 5 + step.cursor);
+    SendMessageW(window, step.message, step.wparam, 0);
+    RECT now{};
+    GetWindowRect(window, &now);
+    EXPECT_EQ(now.left - start.left, step.moved) << &step - steps;
+    EXPECT_EQ(now.bottom - start.bottom, step.moved) << &step - steps;
+  }
+}
+
+// A loop of the system would last for ever here, and a pointer that is followed ends the program.
+TEST_F(ScreenSurface, SurvivesEveryMessageOfAnotherProcess) {
+  progress.set_status("Title", "Detail", 10);
+  progress.set_force_close_available(true);
+  const HWND window = FindOwnWindow();
+  const HWND button = GetDlgItem(window, 1001);
+  const auto post = [&](HWND target, UINT message, WPARAM wparam) {
+    // The system refuses to post most messages that have a pointer.
+    if (message == WM_QUIT || !PostMessageW(target, message, wparam, kWildPointer)) return;
+    PumpPendingMessages();
+  };
+  for (const HWND target : {window, button}) {
+    for (UINT message = 0; message < WM_USER + 64; ++message) post(target, message, 0x10);
+    for (UINT message = 0x1600; message < 0x1610; ++message) post(target, message, 0x10);  // BCM_*
+    for (WPARAM command = 0; command < 0x20; ++command) {
+      post(target, WM_SYSCOMMAND, SC_SIZE + command * 0x10);
+      for (UINT press = WM_NCLBUTTONDOWN; press <= WM_NCXBUTTONDBLCLK; ++press) {
+        post(target, press, command);
+      }
+    }
+  }
   EXPECT_EQ(FindOwnWindow(), window);
-  EXPECT_TRUE(IsIconic(window)) << "progress must not restore the window";
+  EXPECT_TRUE(IsWindow(button) && progress.force_visible());
+}
+
+TEST_F(ScreenSurface, KeysReachTheButtonOnlyAfterTab) {
+  const auto press = [this](int key) {
+    PostMessageW(GetFocus(), WM_KEYDOWN, static_cast<WPARAM>(key), 1);
+    PostMessageW(GetFocus(), WM_KEYUP, static_cast<WPARAM>(key), 0xC0000001);
+    progress.set_status("Title", "Detail", 10);
+    return progress.force_close_requested();
+  };
+  progress.set_status("Title", "Detail", 10);
+  SetFocus(FindOwnWindow());
+  for (const int key : {VK_SPACE, VK_RETURN}) {
+    progress.set_force_close_available(true);
+    EXPECT_FALSE(press(key)) << "the button took the focus";
+    EXPECT_FALSE(press(VK_TAB) || press(VK_TAB) || press(key)) << "a second Tab leaves the button";
+    EXPECT_FALSE(press(VK_TAB));
+    EXPECT_TRUE(press(key));
+    progress.set_force_close_available(false);
+    EXPECT_FALSE(press(VK_TAB) || press(key));
+  }
+}
+
+TEST_F(ScreenSurface, StaysBelowTheModalBoxesOfAProcessToWhichItGivesWay) {
+  constexpr DWORD kShown = WS_POPUP | WS_VISIBLE;
+  const auto make = [](HWND owner) {
+    return CreateWindowExW(0, L"STATIC", L"", kShown, 0, 0, 9, 9, owner, nullptr, nullptr, nullptr);
+  };
+  const HWND owner = make(nullptr);
+  const HWND box = make(owner);
+  progress.set_status("Title", "Detail", 10);
+  const HWND window = FindOwnWindow();
+  const auto is_in_front_of_box = [&] {
+    HWND next = window;
+    while (next != nullptr && next != box) next = GetWindow(next, GW_HWNDNEXT);
+    return next == box;
+  };
+  const struct {
+    bool modal;
+    std::vector<std::uint32_t> pids;
+    bool topmost, in_front;
+  } steps[] = {{true, {}, true, true},
+               {true, {GetCurrentProcessId()}, false, false},
+               {false, {GetCurrentProcessId()}, false, true},  // a palette, not a modal box
+               {true, {4}, false, true}};                      // of another process
+  for (const auto& step : steps) {
+    EnableWindow(owner, !step.modal);
+    progress.give_way_to({});
+    progress.give_way_to(step.pids);
+    EXPECT_EQ((GetWindowLongW(window, GWL_EXSTYLE) & WS_EX_TOPMOST) != 0, step.topmost);
+    EXPECT_EQ(is_in_front_of_box(), step.in_front) << &step - steps;
+  }
+  DestroyWindow(owner);
 }
 
 TEST_F(ScreenSurface, FreesItsGdiObjects) {

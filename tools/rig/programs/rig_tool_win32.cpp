@@ -8,16 +8,20 @@
 //       terminated after the time-out. With --press, the text of each message box titled
 //       "QORVA Updater" is read and this button pressed, or the first button when the box does not
 //       have it. Each event is appended to PATH as a line of JSON: {"pid":80};
-//       {"box":{"buttons":["yes","no"],"icon":"error","text":"..."}}; {"exit":18}, with all 32
-//       bits, or {"exit":"timeout"}; {"failed":2} when the program cannot be started. With
+//       {"box":{"buttons":["yes","no"],"icon":"error","text":"..."}}; {"exit":18},
+//       with all 32 bits, or {"exit":"timeout"}; {"failed":2} when the program cannot be started.
+//       With
 //       --wait-at-boxes a box stays until PATH.go exists.
 //   close CLASS PID           posts WM_CLOSE to the windows of this class and process
 //   click CLASS PID ID        waits up to 20 s until such a window has an enabled button with this
 //                             id, prints its text and clicks it
-//   watch CLASS PID           sends WM_NULL to such windows again and again until the process has
-//                             ended, and prints {"answers":1234,"slow":[[80100,80180]]}: the send
-//                             and answer times of all answers that took 50 ms or more, in ms of
-//                             the system's clock; 5000 ms apart when there was no answer
+//   watch CLASS PID [--disturb]
+//       Asks such windows again and again, until the process has ended, whether the session may end
+//       (WM_QUERYENDSESSION), and prints {"answers":1234,"slow":[[80100,80180]],
+//       "consents":[true,false],"topmost":[true]}: the send and answer times of all answers that
+//       took 50 ms or more, in ms of the system's clock, 5000 ms apart when there was no answer;
+//       the answers and whether the window was topmost, each without repetitions. With --disturb it
+//       also posts what starts a move, a menu or another loop of the system.
 //   hold FILE [--on-input] [--from-child]
 //       Holds a file open, so that others can only read it, until standard input ends; with
 //       --on-input it opens the file after a line of input. Prints "held" and its pid. With

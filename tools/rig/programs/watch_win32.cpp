@@ -12,8 +12,30 @@ namespace {
 
 constexpr UINT kAnswerMs = 5000;
 
+struct Posted {
+  UINT message;
+  WPARAM wparam;
+};
+
+/// Each starts a loop of the system in a window that leaves it to the default procedure.
+constexpr Posted kDisturbances[] = {{WM_SYSCOMMAND, SC_KEYMENU},
+                                    {WM_SYSCOMMAND, SC_MOUSEMENU},
+                                    {WM_SYSCOMMAND, SC_MOVE},
+                                    {WM_SYSCOMMAND, SC_SIZE},
+                                    {WM_CONTEXTMENU, 0},
+                                    {WM_NCRBUTTONUP, HTCAPTION},
+                                    {WM_NCLBUTTONDOWN, HTMINBUTTON},
+                                    {WM_NCLBUTTONDOWN, HTCLOSE},
+                                    {WM_NCLBUTTONDOWN, HTSYSMENU},
+                                    {WM_NCLBUTTONDOWN, HTCAPTION},
+                                    {WM_SYSCHAR, L' '}};
+
 DWORD ProcessArgument(const Arguments& arguments) {
   return static_cast<DWORD>(std::stoul(arguments.at(1)));
+}
+
+void AppendIfChanged(nlohmann::json& values, bool value) {
+  if (values.empty() || values.back() != value) values.push_back(value);
 }
 
 }  // namespace
@@ -75,21 +97,30 @@ int WatchWindow(const Arguments& arguments) {
   const std::wstring window_class = Widen(arguments.at(0));
   const DWORD pid = ProcessArgument(arguments);
   const UniqueKernelHandle process(OpenProcess(SYNCHRONIZE, FALSE, pid));
+  const bool disturb = OptionValue(arguments, "--disturb").has_value();
+  std::size_t rounds = 0;
   int answers = 0;
   nlohmann::json slow = nlohmann::json::array();
+  nlohmann::json consents = nlohmann::json::array();
+  nlohmann::json topmost = nlohmann::json::array();
   while (process && WaitForSingleObject(process.get(), 5) == WAIT_TIMEOUT) {
     for (const HWND window : FindWindows(window_class.c_str(), pid)) {
+      const Posted& next = kDisturbances[rounds++ % std::size(kDisturbances)];
+      if (disturb) PostMessageW(window, next.message, next.wparam, 0);
+      AppendIfChanged(topmost, (GetWindowLongPtrW(window, GWL_EXSTYLE) & WS_EX_TOPMOST) != 0);
       const ULONGLONG asked = GetTickCount64();
-      DWORD_PTR ignored = 0;
-      const bool answered =
-          SendMessageTimeoutW(window, WM_NULL, 0, 0, SMTO_BLOCK, kAnswerMs, &ignored) != 0;
+      DWORD_PTR answer = 0;
+      const bool answered = SendMessageTimeoutW(window, WM_QUERYENDSESSION, 0, 0, SMTO_BLOCK,
+                                                kAnswerMs, &answer) != 0;
       const ULONGLONG came = GetTickCount64();
-      if (answered) ++answers;
+      if (answered) ++answers, AppendIfChanged(consents, answer != 0);
       // A window that was destroyed meanwhile fails early and is not reported.
       if (came - asked >= (answered ? kSlowMs : kAnswerMs)) slow.push_back({asked, came});
     }
   }
-  PrintLine(nlohmann::json{{"answers", answers}, {"slow", slow}}.dump());
+  PrintLine(nlohmann::json{
+      {"answers", answers}, {"slow", slow}, {"consents", consents}, {"topmost", topmost}}
+                .dump());
   return 0;
 }
 
