@@ -62,7 +62,11 @@ struct FaultyRun {
       failed_calls.insert(call.call);
       return Verdict{mishap.fate, fault.error};
     });
-    ok = SampleUpdate::Run(scenario, update.folder(), &text, &outcome);
+    try {
+      ok = SampleUpdate::Run(scenario, update.folder(), &text, &outcome);
+    } catch (const std::bad_alloc&) {
+      has_thrown = true;
+    }
     calls = StopScript();
   }
 
@@ -95,6 +99,7 @@ struct FaultyRun {
   FileCall failed;
   Calls failed_calls;  // `failed` and those after it
   bool ok = false;
+  bool has_thrown = false;
   std::string text;
   ApplyOutcome outcome;
 };
@@ -196,6 +201,12 @@ void ExpectExtraction(const FaultyRun& run) {
   EXPECT_TRUE(leftovers.empty() || run.failed_calls.contains(kRemoveTree));
 }
 
+/// An exception before the first change may end the update, and nothing has changed.
+void ExpectException(const FaultyRun& run) {
+  EXPECT_TRUE(run.ok || run.has_thrown);
+  EXPECT_EQ(run.update.Installed(), SampleUpdate::kOld);
+}
+
 void ExpectApply(const FaultyRun& run) {
   EXPECT_TRUE(run.ok || IsReported(run)) << run.text;
   EXPECT_TRUE(!run.IsRetried() || run.ok == run.Passes());
@@ -263,6 +274,7 @@ void ExpectOldFiles(const FaultyRun& run) {
 
 /// Whatever happened, all files are old or all are new, and the outcome says which.
 void ExpectOldOrNew(const FaultyRun& run) {
+  EXPECT_FALSE(run.has_thrown);
   EXPECT_NE(run.outcome.kind, ApplyOutcomeKind::kRecoveryRequired) << run.text;
   EXPECT_EQ(run.ok, run.outcome.kind == ApplyOutcomeKind::kApplied);
   // Without the temporary copies, too.
@@ -274,6 +286,7 @@ void ExpectOldOrNew(const FaultyRun& run) {
 const std::vector<Mishap> kFailures = {{Lasts::kOnce}, {Lasts::kForGood}};
 const std::vector<Mishap> kTwoInARow = {{Lasts::kTwoInARow}};
 const std::vector<Mishap> kForAWhile = {{Lasts::kForAWhile}};
+const std::vector<Mishap> kException = {{Lasts::kOnce, Fate::kThrow}};
 const std::vector<Mishap> kOddFailures = {
     {Lasts::kTwoInARow}, {Lasts::kOnce, Fate::kFailWhenDone}, {Lasts::kOnce, Fate::kThrow}};
 
@@ -286,6 +299,7 @@ const struct FailureCase {
     {{"extraction", Scenario::kExtraction}, ExpectExtraction},
     {{"extraction over a tree", Scenario::kReextraction}, ExpectExtraction},
     {{"extraction", Scenario::kExtraction}, ExpectExtraction, kTwoInARow},
+    {{"extraction over a tree", Scenario::kReextraction}, ExpectException, kException},
     {{"apply", Scenario::kApply}, ExpectApply},
     {{"apply", Scenario::kApply}, ExpectOldOrNew, kOddFailures},
     {{"rollback", Scenario::kRollback, 6}, ExpectRollback},
