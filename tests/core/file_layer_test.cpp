@@ -80,6 +80,11 @@ TEST_F(FileLayer, ReportsTheKindOfAPathWithAndWithoutItsLinks) {
     EXPECT_EQ(probe.is_directory, c.followed == kDirectory);
     EXPECT_EQ(IsNotFoundError(probe.system_error), c.probe == PathProbe::kMissing);
   }
+  if (!kOnWindows) return;
+  // The share may answer later, so what is on it is unknown.
+  EXPECT_EQ(KindOf("\\\\no-such-host.invalid\\share\\file", Links::kFollow, ec),
+            EntryKind::kUnknown);
+  EXPECT_TRUE(ec);
 }
 
 TEST_F(FileLayer, WeaklyCanonicalResolvesWhatExistsAndAppendsTheRest) {
@@ -222,6 +227,11 @@ TEST_F(FileLayer, AcceptsLongPathsAndNamesOutsideAscii) {
   EXPECT_EQ(static_cast<bool>(ec), RunsUnderWine());
   const auto space = static_cast<double>(std::filesystem::space(folder.path()).available);
   EXPECT_NEAR(static_cast<double>(AvailableSpace(deep, ec)) / space, 1, 0.1) << ec;
+  Volume volume;
+  EXPECT_TRUE(VolumeOf(folder.path(), &volume, ec)) << ec;
+  EXPECT_NEAR(static_cast<double>(volume.available_bytes) / space, 1, 0.1);
+  EXPECT_TRUE(folder.path().native().starts_with(volume.root.native())) << volume.root;
+  EXPECT_EQ(volume.cluster_bytes % 512, 0u) << volume.cluster_bytes;
   EXPECT_TRUE(RemoveTree(folder / "příliš žluťoučký 印刷", ec)) << ec;
   EXPECT_EQ(ListTree(folder.path()), "");
 }
