@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <iterator>
+#include <optional>
 #include <utility>
 
 #include "core/failure.h"
@@ -30,12 +31,16 @@ bool IsGone(const fs::Path& path, std::error_code& ec) {
   return fs::KindOf(path, fs::Links::kDoNotFollow, ec) == fs::EntryKind::kNotFound;
 }
 
-/// True when both files can be read and have the same content.
-bool HaveSameContent(const fs::Path& a, const fs::Path& b, const KeepAlive& keep_alive) {
+/// Nothing when one of the files cannot be read.
+std::optional<bool> HaveSameContent(const fs::Path& a, const fs::Path& b,
+                                    const KeepAlive& keep_alive) {
   FileDigest first;
   FileDigest second;
-  return ReadFileDigest(a, &first, nullptr, keep_alive) &&
-         ReadFileDigest(b, &second, nullptr, keep_alive) && first == second;
+  if (!ReadFileDigest(a, &first, nullptr, keep_alive) ||
+      !ReadFileDigest(b, &second, nullptr, keep_alive)) {
+    return std::nullopt;
+  }
+  return first == second;
 }
 
 std::string InjectedFailure(std::string_view context, const fs::Path& source,
@@ -115,13 +120,19 @@ bool InstallationChanges::Install(const StagedFile& file, std::string* error) {
 }
 
 /// Inspects the target of a replacement that failed, because a share may report a move as failed
-/// that has happened. A file with a backup is restored in case of doubt; a file without one would
-/// be removed, so it must have the new content to be ours.
+/// that has happened. A file that cannot be read counts as changed when it has a backup, which is
+/// then restored. A file without a backup must have the new content to be ours: it would be
+/// removed.
 bool InstallationChanges::IsUnchanged(const RollbackRecord& record, const fs::Path& source) const {
-  const KeepAlive& keep_alive = retry_policy_.keep_alive;
-  if (record.had_backup) return HaveSameContent(record.target, record.backup, keep_alive);
-  std::error_code ec;
-  return IsGone(record.target, ec) || !HaveSameContent(record.target, source, keep_alive);
+  std::optional<bool> same;
+  TryAgain([&] {
+    std::error_code ec;
+    if (!record.had_backup && IsGone(record.target, ec)) return true;
+    same = HaveSameContent(record.target, record.had_backup ? record.backup : source,
+                           retry_policy_.keep_alive);
+    return same.has_value();
+  });
+  return same.value_or(false) == record.had_backup;
 }
 
 bool InstallationChanges::BackUp(const StagedFile& file, RollbackRecord* record,
@@ -167,9 +178,9 @@ std::vector<std::string> InstallationChanges::RollBack() {
     if (!undo.failures.empty()) open.push_back(std::move(undo));
   }
   TryAgain([&] {
-    std::erase_if(open, [this](OpenUndo& undo) { return UndoAgain(&undo); });
+    for (OpenUndo& undo : open) UndoAgain(&undo);
     const bool cleared = RemoveLeftoversOnce();
-    return cleared && std::ranges::all_of(open, &OpenUndo::is_injected);
+    return cleared && std::ranges::all_of(open, &OpenUndo::is_final);
   });
   std::vector<std::string> failures;
   for (OpenUndo& undo : open) std::ranges::move(undo.failures, std::back_inserter(failures));
@@ -186,7 +197,7 @@ InstallationChanges::OpenUndo InstallationChanges::UndoFirst(const RollbackRecor
     undo.failures.push_back("rollback of '" + PathToUtf8(record.target) +
                             "' was interrupted: " + exception.what());
   }
-  undo.is_injected = faults_ != before;
+  undo.is_final = faults_ != before;  // an injected failure stays
   return undo;
 }
 
@@ -201,18 +212,24 @@ void InstallationChanges::TryAgain(const std::function<bool()>& attempt) const {
   }
 }
 
-/// One more try. True when the change is undone and verified.
-bool InstallationChanges::UndoAgain(OpenUndo* undo) {
-  if (undo->is_injected) return false;
+/// One more try, which ends the undo when the change is undone and verified. The texts of a failure
+/// stay those of the first pass.
+void InstallationChanges::UndoAgain(OpenUndo* undo) {
+  if (undo->is_final) return;
   if (retry_policy_.keep_alive) retry_policy_.keep_alive();
   try {
-    if (undo->record->had_backup) return RestoreAgain(undo);
-    std::error_code ec;
-    fs::Remove(undo->record->target, ec);
-    return IsGone(undo->record->target, ec);
+    undo->is_final =
+        undo->record->had_backup ? RestoreAgain(undo) : RemoveAddedAgain(undo->record->target);
   } catch (const std::exception&) {
-    return false;
+    return;  // and one more
   }
+  if (undo->is_final) undo->failures.clear();
+}
+
+bool InstallationChanges::RemoveAddedAgain(const fs::Path& target) {
+  std::error_code ec;
+  fs::Remove(target, ec);
+  return IsGone(target, ec);
 }
 
 bool InstallationChanges::RestoreAgain(OpenUndo* undo) {

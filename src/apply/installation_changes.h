@@ -80,12 +80,12 @@ class InstallationChanges {
   void RemoveLeftovers();
 
  private:
-  /// A record whose change is not undone yet.
+  /// A change whose first undo failed.
   struct OpenUndo {
     const RollbackRecord* record;
-    std::vector<std::string> failures;  // of the first pass
-    bool is_injected = false;           // then the failure is final
-    FileDigest old_content{};           // of the backup, once it has been read
+    std::vector<std::string> failures;  ///< of the first pass; empty once the change is undone
+    bool is_final = false;              ///< then it is not tried again
+    FileDigest old_content{};           ///< of the backup, once it has been read
   };
 
   [[nodiscard]] bool BackUp(const StagedFile& file, RollbackRecord* record, std::string* error);
@@ -104,8 +104,9 @@ class InstallationChanges {
 
   // What is tried again.
   void TryAgain(const std::function<bool()>& attempt) const;
-  [[nodiscard]] bool UndoAgain(OpenUndo* undo);
+  void UndoAgain(OpenUndo* undo);
   [[nodiscard]] bool RestoreAgain(OpenUndo* undo);
+  [[nodiscard]] static bool RemoveAddedAgain(const fs::Path& target);
   [[nodiscard]] bool RemoveLeftoversOnce();
 
   const fs::Path backup_root_;
