@@ -18,23 +18,7 @@ bool Succeeded(BOOL result, std::error_code& ec) {
   return result != FALSE;
 }
 
-/// True for the codes of a path that cannot have an entry: file or path not found, an invalid name,
-/// and a file in the place of a folder.
-bool MeansNothingThere(const std::error_code& ec) {
-  switch (ec.value()) {
-    case ERROR_FILE_NOT_FOUND:
-    case ERROR_PATH_NOT_FOUND:
-    case ERROR_INVALID_NAME:
-    case ERROR_BAD_PATHNAME:
-    case ERROR_DIRECTORY:
-      return true;
-    default:
-      return false;
-  }
-}
-
-/// True for the codes of a server or share that does not answer. What is on it is unknown: a share
-/// may answer again a second later.
+/// True for the codes of a server or share that does not answer.
 bool MeansUnreachable(const std::error_code& ec) {
   return ec.value() == ERROR_BAD_NETPATH || ec.value() == ERROR_BAD_NET_NAME;
 }

@@ -80,11 +80,6 @@ TEST_F(FileLayer, ReportsTheKindOfAPathWithAndWithoutItsLinks) {
     EXPECT_EQ(probe.is_directory, c.followed == kDirectory);
     EXPECT_EQ(IsNotFoundError(probe.system_error), c.probe == PathProbe::kMissing);
   }
-  if (!kOnWindows) return;
-  // The share may answer later, so what is on it is unknown.
-  EXPECT_EQ(KindOf("\\\\no-such-host.invalid\\share\\file", Links::kFollow, ec),
-            EntryKind::kUnknown);
-  EXPECT_TRUE(ec);
 }
 
 TEST_F(FileLayer, WeaklyCanonicalResolvesWhatExistsAndAppendsTheRest) {

@@ -63,7 +63,7 @@ struct FaultyRun {
       if (call.number != step && !is_next && !is_same && !is_like) return Verdict();
       if (lasts == Lasts::kForAWhile && ++failures > kAWhile) return Verdict();
       failed_calls.insert(call.call);
-      return Verdict{mishap.fate, fault.error};
+      return Verdict{mishap.fate, mishap.fate == Fate::kDeny ? std::error_code() : fault.error};
     });
     try {
       ok = SampleUpdate::Run(scenario, update.folder(), &text, &outcome);
@@ -216,6 +216,13 @@ void ExpectApply(const FaultyRun& run) {
   EXPECT_EQ(FilesBelow(run.update.folder() / "app"),
             run.ok ? SampleUpdate::kNew : SampleUpdate::kOld);
 
+  // A file that was not changed has no backup, whose room the restores may need.
+  if (!run.ok && run.IsRetried()) {
+    const Files backups = FilesBelow(run.update.folder() / "work/rollback_backup");
+    EXPECT_FALSE(backups.contains(run.NameBelow("app").value_or("")));
+    EXPECT_FALSE(backups.contains(run.NameBelow("work/rollback_backup").value_or("")));
+  }
+
   // The first change of the sample is the removal of a retired executable.
   const fs::Path retired = run.update.folder() / "app/qorva.exe";
   const bool has_changed = std::ranges::any_of(run.calls, [&](const FileCall& call) {
@@ -286,6 +293,12 @@ void ExpectOldOrNew(const FaultyRun& run) {
       << run.text;
 }
 
+/// A file that is taken for a new one has no backup, so it must not be replaced.
+void ExpectNothingLost(const FaultyRun& run) {
+  EXPECT_NE(run.outcome.kind, ApplyOutcomeKind::kRecoveryRequired) << run.text;
+  EXPECT_TRUE(run.ok || run.update.Installed() == SampleUpdate::kOld) << run.text;
+}
+
 /// No file can be read any more, so nothing is proved.
 void ExpectUnverified(const FaultyRun& run) {
   EXPECT_EQ(run.outcome.kind, ApplyOutcomeKind::kRecoveryRequired) << run.text;
@@ -294,6 +307,7 @@ void ExpectUnverified(const FaultyRun& run) {
 const std::vector<Mishap> kFailures = {{Lasts::kOnce}, {Lasts::kForGood}};
 const std::vector<Mishap> kTwoInARow = {{Lasts::kTwoInARow}};
 const std::vector<Mishap> kForAWhile = {{Lasts::kForAWhile}};
+const std::vector<Mishap> kDenial = {{Lasts::kOnce, Fate::kDeny}};
 const std::vector<Mishap> kEverywhere = {{Lasts::kEverywhere}};
 const std::vector<Mishap> kException = {{Lasts::kOnce, Fate::kThrow}};
 const std::vector<Mishap> kOddFailures = {
@@ -315,6 +329,10 @@ const struct FailureCase {
     {{"rollback", Scenario::kRollback, 6}, ExpectOldOrNew, kOddFailures},
     {{"rollback", Scenario::kRollback, 6}, ExpectOldOrNew, kForAWhile},
     {{"rollback", Scenario::kRollback, 6}, ExpectUnverified, kEverywhere, kRead},
+    {{"question before a rollback", Scenario::kRollback, 0, 6},
+     ExpectNothingLost,
+     kDenial,
+     kKindOf},
     {{"question before a rollback", Scenario::kRollback, 0, 6}, ExpectOldFiles, kFailures, kKindOf},
     {{"question before a rollback", Scenario::kRollback, 0, 6},
      ExpectOldOrNew,
@@ -322,11 +340,14 @@ const struct FailureCase {
      kKindOf},
 };
 
-bool CanHappen(const Mishap& mishap, Call call) {
-  if (mishap.fate == Fate::kThrow) return call != kClose;  // a destructor closes files
+bool CanHappen(const Mishap& mishap, const FileCall& step) {
+  if (mishap.fate == Fate::kThrow) return step.call != kClose;  // a destructor closes files
+  if (mishap.fate == Fate::kDeny) {
+    return SampleUpdate::kPackage.contains(PathToUtf8(step.subject.filename()));
+  }
   // Of the other calls a failure that was done cannot be told from one that was not.
   return mishap.fate != Fate::kFailWhenDone ||
-         Calls{kMoveReplacing, kMoveToNewName, kRemove}.contains(call);
+         Calls{kMoveReplacing, kMoveToNewName, kRemove}.contains(step.call);
 }
 
 /// Each step meets half of the combinations of a mishap and a fault, or a quarter, by turns.
@@ -336,7 +357,7 @@ void TestStep(const FailureCase& c, const FileCall& step) {
   unsigned turn = step.number;
   for (const Mishap& mishap : c.mishaps) {
     ++turn;
-    if (!CanHappen(mishap, step.call)) continue;
+    if (!CanHappen(mishap, step)) continue;
     for (const SystemFault& fault : kSystemFaults) {
       if (++turn % share != 0 && !TriesEverything()) continue;
       SCOPED_TRACE(fault.error.message() + ", mishap " +

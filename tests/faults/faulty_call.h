@@ -88,6 +88,9 @@ Result Pass(Call call, std::string_view name, Result (*real)(Parameters...),
   if (verdict.fate == Fate::kThrow) throw std::bad_alloc();
   if (verdict.fate == Fate::kDie) std::_Exit(kDied);
   (SetError(arguments, verdict.error), ...);
+  if constexpr (std::is_same_v<Result, fs::EntryKind>) {
+    if (verdict.fate == Fate::kDeny) return fs::EntryKind::kNotFound;
+  }
   if constexpr (std::is_same_v<Result, fs::CreateResult>) return fs::CreateResult::kFailed;
   return Result();
 }

@@ -40,6 +40,7 @@ enum class Fate {
   kProceed,
   kFail,          ///< the call fails; a write has written half, a flush or close is done
   kFailWhenDone,  ///< the call is done and reports a failure, as a share may do
+  kDeny,          ///< only for KindOf: it says that there is no such entry
   kThrow,         ///< the call is done, and then an exception is thrown; never for a close
   kDie,  ///< the process ends: after half of a write, after a flush or close, else before the call
 };
