@@ -1,10 +1,13 @@
 #include "apply/apply.h"
 
 #include <algorithm>
+#include <exception>
+#include <new>
 #include <utility>
 #include <vector>
 
 #include "apply/apply_targets.h"
+#include "apply/room.h"
 #include "core/failure.h"
 #include "core/process_environment.h"
 #include "core/text.h"
@@ -23,6 +26,8 @@ constexpr StagedTreeTexts kValidationTexts = {
 constexpr StagedTreeTexts kInstallTexts = {
     "Cannot enumerate staged update tree: '", "Cannot resolve staged relative path for '",
     "Staged update changed during apply and now contains an unsafe payload path: '"};
+
+constexpr std::string_view kBackupFolder = "rollback_backup";
 
 /// The resolved path of this process's executable; empty when it is unavailable.
 fs::Path ResolveOwnExecutable() {
@@ -50,23 +55,52 @@ class Transaction {
             KeepingAlive(close_context != nullptr ? close_context->progress_window : nullptr)),
         signature_policy_(signature_policy),
         fail_after_replacements_(faults.fail_after_replacements),
-        own_executable_(ResolveOwnExecutable()),
-        backup_root_(staged_root.parent_path() / "rollback_backup"),
+        backup_root_(staged_root.parent_path() / kBackupFolder),
         changes_(backup_root_, faults, keep_alive_) {}
 
   ApplyOutcome Run() {
-    if (!ValidateStagedTree() || !VerifySignatures() || !ListRetired() || !WaitForLocks() ||
-        !PrepareBackups()) {
+    if (!Survives([this] { return Prepare(); })) {
       return Failed(ApplyOutcomeKind::kFailedBeforeChange);
     }
     const ChangesInProgress changing(close_context_ != nullptr ? close_context_->progress_window
                                                                : nullptr);
-    if (RemoveRetired() && InstallStagedFiles()) return Commit();
-    return changes_.count() == 0 ? Failed(ApplyOutcomeKind::kFailedBeforeChange) : RollBack();
+    if (Survives([this] { return RemoveRetired() && InstallStagedFiles(); })) return Commit();
+    if (changes_.count() != 0) return RollBack();
+    changes_.RemoveLeftovers();
+    return Failed(ApplyOutcomeKind::kFailedBeforeChange);
   }
 
  private:
+  /// Calls a stage, or several. An exception is a failure: it must not end the process between two
+  /// changes.
+  template <typename Stage>
+  bool Survives(Stage&& stage) {
+    try {
+      return stage();
+    } catch (const std::bad_alloc&) {
+      return Fail(&error_, "The updater ran out of memory.");
+    } catch (const std::exception& exception) {
+      return Fail(&error_, "An unexpected error stopped the updater: ", exception.what());
+    }
+  }
+
   // The stages before the first change.
+
+  bool Prepare() {
+    own_executable_ = ResolveOwnExecutable();
+    return CheckName() && ValidateStagedTree() && VerifySignatures() && ListRetired() &&
+           WaitForLocks() && PrepareBackups() && HaveRoom();
+  }
+
+  /// The backup folder is beside the staged root. A package whose one top-level folder has its name
+  /// would be removed as an old backup.
+  bool CheckName() {
+    if (AsciiLower(PathToUtf8(staged_root_.filename())) != kBackupFolder) return true;
+    return Fail(&error_,
+                "Update package has a top-level folder named '" +
+                    PathToUtf8(staged_root_.filename()) +
+                    "', which is the name of the backup folder. No file has been changed.");
+  }
 
   bool ValidateStagedTree() {
     std::error_code ec;
@@ -77,6 +111,8 @@ class Transaction {
     return WalkStagedTree(kValidationTexts, StagedTreeWalk::Resolution::kEachFile,
                           [this](const StagedFile& file) {
                             AddToLockList(file.target);
+                            std::error_code ignored;  // a missing file takes no room
+                            sizes_.push_back({fs::SizeOf(file.target, ignored), file.size_bytes});
                             return true;
                           });
   }
@@ -128,6 +164,21 @@ class Transaction {
     return changes_.PrepareBackups(&error_);
   }
 
+  bool HaveRoom() {
+    RoomCount room(VolumeOf(backup_root_), VolumeOf(target_root_));
+    std::error_code ignored;
+    for (const fs::Path& target : retired_) room.AddRemoval(fs::SizeOf(target, ignored));
+    for (const Sizes& file : sizes_) room.AddReplacement(file.old_bytes, file.new_bytes);
+    return room.Suffices(&error_);
+  }
+
+  /// A default volume, which counts as large enough, when its facts are unavailable.
+  static fs::Volume VolumeOf(const fs::Path& folder) {
+    fs::Volume volume;
+    std::error_code ec;
+    return fs::VolumeOf(folder, &volume, ec) ? volume : fs::Volume();
+  }
+
   // The stages that change the installation.
 
   bool RemoveRetired() {
@@ -157,7 +208,12 @@ class Transaction {
   // The ways to end.
 
   ApplyOutcome Commit() {
-    changes_.DiscardBackups();
+    // The update is installed, so nothing that happens now is a failure.
+    static_cast<void>(Survives([this] {
+      changes_.DiscardBackups();
+      changes_.RemoveLeftovers();
+      return true;
+    }));
     return {ApplyOutcomeKind::kApplied, {}, {}};
   }
 
@@ -166,7 +222,12 @@ class Transaction {
     const std::string record_count = std::to_string(changes_.count());
     EmitChainEvent("rollback_start",
                    {{"backup_root", reported_backup_root_}, {"record_count", record_count}});
-    const std::vector<std::string> failures = changes_.RollBack();
+    std::vector<std::string> failures;
+    const auto undo = [&] {
+      failures = changes_.RollBack();
+      return true;
+    };
+    if (!Survives(undo)) failures.push_back(error_);
     if (failures.empty()) {
       error_ = cause + " Rollback completed and every restored target was verified.";
       EmitChainEvent("rollback_ok",
@@ -216,11 +277,16 @@ class Transaction {
   const KeepAlive keep_alive_;
   const SignaturePolicy signature_policy_;
   const std::uint32_t fail_after_replacements_;
-  const fs::Path own_executable_;
+  fs::Path own_executable_;  // resolved; empty when it is unavailable
   const fs::Path backup_root_;
   std::string reported_backup_root_;  // empty until the folder is needed
   std::vector<fs::Path> retired_;
   std::vector<fs::Path> lock_list_;  // targets that must be free before the first change
+  struct Sizes {
+    std::uint64_t old_bytes;
+    std::uint64_t new_bytes;
+  };
+  std::vector<Sizes> sizes_;  // of the files to install, in their order
   InstallationChanges changes_;
   std::string error_;
 };

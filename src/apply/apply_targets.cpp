@@ -64,6 +64,8 @@ StagedTreeWalk::Verdict StagedTreeWalk::Judge(const fs::DirectoryEntry& entry, S
                                               std::string* error) {
   std::error_code ec;
   file->source = entry.path;
+  file->size_bytes = entry.size_bytes;
+  if (entry.kind == fs::EntryKind::kLink) file->size_bytes = fs::SizeOf(entry.path, ec);
   file->relative = RelativeOf(entry, ec);
   if (ec || file->relative.empty()) {
     Fail(error, FormatSystemFailure(texts_.resolution, entry.path, ec));

@@ -3,6 +3,7 @@
 // The files that an apply changes: the files of the staged tree, which it installs, and the retired
 // executables, which it removes.
 
+#include <cstdint>
 #include <span>
 #include <string>
 #include <string_view>
@@ -15,9 +16,10 @@ namespace zul {
 
 /// One file to install.
 struct StagedFile {
-  fs::Path source;    ///< in the staged tree, links not resolved
-  fs::Path relative;  ///< relative to the staged root, links resolved
-  fs::Path target;    ///< the target root joined with `relative`
+  fs::Path source;               ///< in the staged tree, links not resolved
+  fs::Path relative;             ///< relative to the staged root, links resolved
+  fs::Path target;               ///< the target root joined with `relative`
+  std::uint64_t size_bytes = 0;  ///< of the source, as the listing reports it
 };
 
 /// The failure texts of a walk, each up to and including the quote before the path.

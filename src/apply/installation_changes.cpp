@@ -1,9 +1,12 @@
 #include "apply/installation_changes.h"
 
+#include <algorithm>
+#include <chrono>
+#include <iterator>
+#include <optional>
 #include <utility>
 
 #include "core/failure.h"
-#include "core/file_hash.h"
 #include "core/system_error.h"
 #include "core/text.h"
 
@@ -11,13 +14,33 @@ namespace zul {
 
 namespace {
 
-/// A file that exists but is taken for a new one would be replaced without a backup, and a rollback
-/// would remove it. So when the query fails, an open decides.
-bool TargetExists(const fs::Path& target) {
+/// How long, and how often, a rollback tries again what failed.
+constexpr std::chrono::milliseconds kPatience{30'000};
+constexpr std::chrono::milliseconds kPause{1'000};
+
+/// What cannot be determined counts as a file that exists: it gets a backup. A file that is taken
+/// for a new one gets none, and a rollback removes it. So when the query fails, an open decides.
+bool MayExist(const fs::Path& target) {
   std::error_code ec;
   const fs::EntryKind kind = fs::KindOf(target, fs::Links::kFollow, ec);
-  if (kind == fs::EntryKind::kUnknown) return fs::OpenForRead(target, ec).is_open();
-  return kind != fs::EntryKind::kNotFound;
+  if (kind != fs::EntryKind::kUnknown) return kind != fs::EntryKind::kNotFound;
+  return fs::OpenForRead(target, ec).is_open() || !IsNotFoundError(ec);
+}
+
+bool IsGone(const fs::Path& path, std::error_code& ec) {
+  return fs::KindOf(path, fs::Links::kDoNotFollow, ec) == fs::EntryKind::kNotFound;
+}
+
+/// Nothing when one of the files cannot be read.
+std::optional<bool> HaveSameContent(const fs::Path& a, const fs::Path& b,
+                                    const KeepAlive& keep_alive) {
+  FileDigest first;
+  FileDigest second;
+  if (!ReadFileDigest(a, &first, nullptr, keep_alive) ||
+      !ReadFileDigest(b, &second, nullptr, keep_alive)) {
+    return std::nullopt;
+  }
+  return first == second;
 }
 
 std::string InjectedFailure(std::string_view context, const fs::Path& source,
@@ -35,10 +58,10 @@ void Corrupt(const fs::Path& target) {
   if (file.is_open()) static_cast<void>(fs::WriteAll(file, kText.data(), kText.size(), ec));
 }
 
-bool HashForVerification(std::string_view role, const fs::Path& path, const KeepAlive& keep_alive,
-                         std::string* digest, std::vector<std::string>* failures) {
+bool ReadForVerification(std::string_view role, const fs::Path& path, const KeepAlive& keep_alive,
+                         FileDigest* digest, std::vector<std::string>* failures) {
   std::string error;
-  if (ComputeFileSha256(path, digest, &error, keep_alive)) return true;
+  if (ReadFileDigest(path, digest, &error, keep_alive)) return true;
   failures->push_back("rollback verification failed for " + std::string(role) + " '" +
                       PathToUtf8(path) + "': " + error);
   return false;
@@ -46,11 +69,11 @@ bool HashForVerification(std::string_view role, const fs::Path& path, const Keep
 
 void VerifyRestored(const RollbackRecord& record, const KeepAlive& keep_alive,
                     std::vector<std::string>* failures) {
-  std::string backup_digest;
-  std::string target_digest;
-  if (!HashForVerification("backup", record.backup, keep_alive, &backup_digest, failures) ||
-      !HashForVerification("target", record.target, keep_alive, &target_digest, failures) ||
-      backup_digest == target_digest) {
+  FileDigest backup;
+  FileDigest target;
+  if (!ReadForVerification("backup", record.backup, keep_alive, &backup, failures) ||
+      !ReadForVerification("target", record.target, keep_alive, &target, failures) ||
+      backup == target) {
     return;
   }
   failures->push_back("rollback verification hash mismatch: backup='" + PathToUtf8(record.backup) +
@@ -63,7 +86,7 @@ InstallationChanges::InstallationChanges(fs::Path backup_root, const ApplyFaultI
                                          fs::KeepAlive keep_alive)
     : backup_root_(std::move(backup_root)),
       faults_(faults),
-      retry_policy_{.keep_alive = std::move(keep_alive)} {}
+      retry_policy_{.keep_alive = std::move(keep_alive), .leftovers = &leftovers_} {}
 
 bool InstallationChanges::PrepareBackups(std::string* error) {
   DiscardBackups();
@@ -72,11 +95,7 @@ bool InstallationChanges::PrepareBackups(std::string* error) {
 
 bool InstallationChanges::RemoveRetired(const fs::Path& target, std::string* error) {
   const RollbackRecord record{target, backup_root_ / target.filename(), true};
-  if (!RetryCopyFile(target, record.backup, "retired executable rollback backup failed", error,
-                     retry_policy_)) {
-    return false;
-  }
-  // Recorded before the removal, so that a removal that fails half way is undone too.
+  if (!CopyToBackup(record, "retired executable rollback backup failed", error)) return false;
   records_.push_back(record);
   return RetryRemoveFile(target, "retired executable removal failed", error, retry_policy_);
 }
@@ -87,13 +106,33 @@ bool InstallationChanges::Install(const StagedFile& file, std::string* error) {
     return false;
   }
   RollbackRecord record{file.target, {}, false};
-  if (TargetExists(file.target) && !BackUp(file, &record, error)) return false;
-  if (!RetryReplaceFile(file.source, file.target, "apply update copy failed", error,
-                        retry_policy_)) {
-    return false;
-  }
+  if (MayExist(file.target) && !BackUp(file, &record, error)) return false;
+  const auto put_in_place = record.had_backup ? RetryReplaceFile : RetryPlaceNewFile;
   records_.push_back(std::move(record));
-  return true;
+  if (put_in_place(file.source, file.target, "apply update copy failed", error, retry_policy_)) {
+    return true;
+  }
+  if (IsUnchanged(records_.back(), file.source)) {
+    DropBackup(records_.back());
+    records_.pop_back();
+  }
+  return false;
+}
+
+/// Inspects the target of a replacement that failed, because a share may report a move as failed
+/// that has happened. A file that cannot be read counts as changed when it has a backup, which is
+/// then restored. A file without a backup must have the new content to be ours: it would be
+/// removed.
+bool InstallationChanges::IsUnchanged(const RollbackRecord& record, const fs::Path& source) const {
+  std::optional<bool> same;
+  TryAgain([&] {
+    std::error_code ec;
+    if (!record.had_backup && IsGone(record.target, ec)) return true;
+    same = HaveSameContent(record.target, record.had_backup ? record.backup : source,
+                           retry_policy_.keep_alive);
+    return same.has_value();
+  });
+  return same.value_or(false) == record.had_backup;
 }
 
 bool InstallationChanges::BackUp(const StagedFile& file, RollbackRecord* record,
@@ -101,8 +140,22 @@ bool InstallationChanges::BackUp(const StagedFile& file, RollbackRecord* record,
   record->backup = backup_root_ / file.relative;
   record->had_backup = true;
   return MakeFolder(record->backup.parent_path(), "Cannot create rollback path: '", error) &&
-         RetryCopyFile(file.target, record->backup, "rollback backup copy failed", error,
-                       retry_policy_);
+         CopyToBackup(*record, "rollback backup copy failed", error);
+}
+
+/// A copy that fails leaves nothing: the restores of the other files may need its room.
+bool InstallationChanges::CopyToBackup(const RollbackRecord& record, std::string_view context,
+                                       std::string* error) {
+  if (RetryCopyFile(record.target, record.backup, context, error, retry_policy_)) return true;
+  DropBackup(record);
+  return false;
+}
+
+void InstallationChanges::DropBackup(const RollbackRecord& record) {
+  if (!record.had_backup) return;
+  std::error_code ec;
+  fs::Remove(record.backup, ec);
+  if (ec) leftovers_.push_back(record.backup);
 }
 
 /// Creates each folder once: most files are in the folder of the file before them.
@@ -118,12 +171,88 @@ bool InstallationChanges::MakeFolder(const fs::Path& folder, std::string_view fa
 }
 
 std::vector<std::string> InstallationChanges::RollBack() {
-  std::vector<std::string> failures;
+  std::vector<OpenUndo> open;
   for (auto record = records_.rbegin(); record != records_.rend(); ++record) {
     if (retry_policy_.keep_alive) retry_policy_.keep_alive();
-    Undo(*record, &failures);
+    OpenUndo undo = UndoFirst(*record);
+    if (!undo.failures.empty()) open.push_back(std::move(undo));
   }
+  TryAgain([&] {
+    for (OpenUndo& undo : open) UndoAgain(&undo);
+    const bool cleared = RemoveLeftoversOnce();
+    return cleared && std::ranges::all_of(open, &OpenUndo::is_final);
+  });
+  std::vector<std::string> failures;
+  for (OpenUndo& undo : open) std::ranges::move(undo.failures, std::back_inserter(failures));
   return failures;
+}
+
+/// The first try. Its failures are empty when the change is undone and verified.
+InstallationChanges::OpenUndo InstallationChanges::UndoFirst(const RollbackRecord& record) {
+  OpenUndo undo{&record, {}};
+  const ApplyFaultInjection before = faults_;
+  try {
+    Undo(record, &undo.failures);
+  } catch (const std::exception& exception) {
+    undo.failures.push_back("rollback of '" + PathToUtf8(record.target) +
+                            "' was interrupted: " + exception.what());
+  }
+  undo.is_final = faults_ != before;  // an injected failure stays
+  return undo;
+}
+
+/// Calls `attempt` until it returns true, for up to 30 s.
+void InstallationChanges::TryAgain(const std::function<bool()>& attempt) const {
+  RetryPolicy pause = retry_policy_;
+  pause.wait = kPause;
+  const auto end = std::chrono::steady_clock::now() + kPatience;
+  for (auto waited = 0 * kPause; !attempt() && waited < kPatience; waited += kPause) {
+    if (std::chrono::steady_clock::now() >= end) break;
+    WaitBeforeRetry(pause);
+  }
+}
+
+/// One more try, which ends the undo when the change is undone and verified. The texts of a failure
+/// stay those of the first pass.
+void InstallationChanges::UndoAgain(OpenUndo* undo) {
+  if (undo->is_final) return;
+  if (retry_policy_.keep_alive) retry_policy_.keep_alive();
+  try {
+    undo->is_final =
+        undo->record->had_backup ? RestoreAgain(undo) : RemoveAddedAgain(undo->record->target);
+  } catch (const std::exception&) {
+    return;  // and one more
+  }
+  if (undo->is_final) undo->failures.clear();
+}
+
+bool InstallationChanges::RemoveAddedAgain(const fs::Path& target) {
+  std::error_code ec;
+  fs::Remove(target, ec);
+  return IsGone(target, ec);
+}
+
+bool InstallationChanges::RestoreAgain(OpenUndo* undo) {
+  const fs::Path& target = undo->record->target;
+  const fs::Path& backup = undo->record->backup;
+  const KeepAlive& keep_alive = retry_policy_.keep_alive;
+  // Read once: the backup may be moved below.
+  if (undo->old_content.sha256.empty() &&
+      !ReadFileDigest(backup, &undo->old_content, nullptr, keep_alive)) {
+    return false;
+  }
+  const auto is_restored = [&] {
+    FileDigest content;
+    return ReadFileDigest(target, &content, nullptr, keep_alive) && content == undo->old_content;
+  };
+  if (is_restored()) return true;
+  const AttemptFailure failure = ReplaceFileOnce(backup, target, retry_policy_);
+  std::error_code ignored;
+  if (failure && MeaningOf(*failure) == ErrorMeaning::kDiskFull &&
+      !fs::MoveReplacingWhole(backup, target, ignored)) {
+    return false;
+  }
+  return is_restored();
 }
 
 void InstallationChanges::Undo(const RollbackRecord& record, std::vector<std::string>* failures) {
@@ -142,13 +271,11 @@ void InstallationChanges::RemoveAdded(const fs::Path& target, std::vector<std::s
     failures->push_back(FormatFileFailure("rollback remove failed", {}, target, ec, 1));
   }
 
-  const fs::EntryKind kind = fs::KindOf(target, fs::Links::kDoNotFollow, ec);
-  if (kind == fs::EntryKind::kNotFound) return;
+  if (IsGone(target, ec)) return;
   const std::string subject =
       "rollback verification failed: newly installed target '" + PathToUtf8(target) + "' ";
-  failures->push_back(kind == fs::EntryKind::kUnknown
-                          ? subject + "could not be inspected (" + DescribeSystemError(ec) + ")."
-                          : subject + "still exists after removal.");
+  failures->push_back(ec ? subject + "could not be inspected (" + DescribeSystemError(ec) + ")."
+                         : subject + "still exists after removal.");
 }
 
 /// True when the content of the backup was put back, so that there is something to verify.
@@ -171,6 +298,19 @@ bool InstallationChanges::Restore(const RollbackRecord& record,
 void InstallationChanges::DiscardBackups() {
   std::error_code ignored;
   fs::RemoveTree(backup_root_, ignored, retry_policy_.keep_alive);
+}
+
+void InstallationChanges::RemoveLeftovers() {
+  TryAgain([this] { return RemoveLeftoversOnce(); });
+}
+
+bool InstallationChanges::RemoveLeftoversOnce() {
+  std::erase_if(leftovers_, [](const fs::Path& path) {
+    std::error_code ec;
+    fs::Remove(path, ec);
+    return !ec;
+  });
+  return leftovers_.empty();
 }
 
 }  // namespace zul

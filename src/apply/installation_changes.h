@@ -3,11 +3,14 @@
 // The changes of one apply to an installation, and how they are undone.
 //
 // A file that exists is copied to the backup folder before it is replaced or removed. Each change
-// has a record: a removal from before it starts, a replacement from its success on, because a
-// replacement that fails leaves the target unchanged. The records are kept in memory only.
+// has a record from before it starts, so that an exception in the middle of it is undone too. A
+// replacement that failed and left the target unchanged loses its record and its backup: there is
+// nothing to undo, and on a full volume the restores need the room. The records are kept in memory
+// only.
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -15,6 +18,7 @@
 
 #include "apply/apply_targets.h"
 #include "apply/retry_file_ops.h"
+#include "core/file_hash.h"
 
 namespace zul {
 
@@ -24,6 +28,8 @@ struct ApplyFaultInjection {
   bool fail_first_restore = false;
   bool fail_first_remove = false;
   bool corrupt_first_restore = false;
+
+  bool operator==(const ApplyFaultInjection&) const = default;
 };
 
 /// One change to the installation.
@@ -39,6 +45,8 @@ class InstallationChanges {
   /// injected. `keep_alive` is called during all long operations; it may be empty.
   InstallationChanges(fs::Path backup_root, const ApplyFaultInjection& faults,
                       fs::KeepAlive keep_alive);
+  InstallationChanges(const InstallationChanges&) = delete;
+  InstallationChanges& operator=(const InstallationChanges&) = delete;
 
   /// Removes what an earlier run left at the backup folder's path and creates the folder. Here and
   /// below, `error` receives the reason when the result is false.
@@ -48,33 +56,62 @@ class InstallationChanges {
   [[nodiscard]] bool RemoveRetired(const fs::Path& target, std::string* error);
 
   /// Puts a copy of `file.source` in the place of `file.target`, which is backed up first when it
-  /// exists. Missing folders are created; they stay when the change is undone.
+  /// exists. A target that seems not to exist is never replaced: when there is a file after all,
+  /// that is a failure. Missing folders are created; they stay when the change is undone.
   [[nodiscard]] bool Install(const StagedFile& file, std::string* error);
 
   /// The number of changes, including a removal that failed.
   [[nodiscard]] std::size_t count() const { return records_.size(); }
 
-  /// Undoes every change, the last one first, and verifies the result: the SHA-256 of each restored
-  /// file equals that of its backup, and each file that was added is gone. A failure on one record
-  /// does not stop the others. Returns the texts of all failures in the order in which they
-  /// occurred; none means that everything is restored and verified. The backups are kept.
+  /// Undoes every change, the last one first, and verifies the result: each restored file has the
+  /// size and the SHA-256 of its backup, and each file that was added is gone. A failure on one
+  /// record does not stop the others. What failed is tried again for up to 30 s, because a virus
+  /// scanner or a backup program may have the file open. Returns the texts of all failures that
+  /// remain, in the order in which they occurred; none means that everything is restored and
+  /// verified. The backups are kept, except where the volume has no room for a copy: then the
+  /// backup itself is moved into place.
   [[nodiscard]] std::vector<std::string> RollBack();
 
   /// Removes the backup folder. A failure is ignored.
   void DiscardBackups();
 
+  /// Removes the temporary copies that another process has kept from being removed. Tries for up to
+  /// 30 s. A failure is ignored.
+  void RemoveLeftovers();
+
  private:
+  /// A change whose first undo failed.
+  struct OpenUndo {
+    const RollbackRecord* record;
+    std::vector<std::string> failures;  ///< of the first pass; empty once the change is undone
+    bool is_final = false;              ///< then it is not tried again
+    FileDigest old_content{};           ///< of the backup, once it has been read
+  };
+
   [[nodiscard]] bool BackUp(const StagedFile& file, RollbackRecord* record, std::string* error);
+  [[nodiscard]] bool CopyToBackup(const RollbackRecord& record, std::string_view context,
+                                  std::string* error);
+  void DropBackup(const RollbackRecord& record);
+  [[nodiscard]] bool IsUnchanged(const RollbackRecord& record, const fs::Path& source) const;
   [[nodiscard]] bool MakeFolder(const fs::Path& folder, std::string_view failure_prefix,
                                 std::string* error);
 
-  // The parts of a rollback. Each appends the texts of its failures to `failures`.
+  // The parts of a rollback's first pass. Each appends the texts of its failures to `failures`.
+  [[nodiscard]] OpenUndo UndoFirst(const RollbackRecord& record);
   void Undo(const RollbackRecord& record, std::vector<std::string>* failures);
   void RemoveAdded(const fs::Path& target, std::vector<std::string>* failures);
   [[nodiscard]] bool Restore(const RollbackRecord& record, std::vector<std::string>* failures);
 
+  // What is tried again.
+  void TryAgain(const std::function<bool()>& attempt) const;
+  void UndoAgain(OpenUndo* undo);
+  [[nodiscard]] bool RestoreAgain(OpenUndo* undo);
+  [[nodiscard]] static bool RemoveAddedAgain(const fs::Path& target);
+  [[nodiscard]] bool RemoveLeftoversOnce();
+
   const fs::Path backup_root_;
   ApplyFaultInjection faults_;  // each fault of the rollback is switched off when it is injected
+  std::vector<fs::Path> leftovers_;  // files of ours that could not be removed
   const RetryPolicy retry_policy_;
   std::unordered_set<fs::Path::string_type> made_folders_;
   std::vector<RollbackRecord> records_;  // in the order of the changes

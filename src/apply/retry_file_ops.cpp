@@ -1,7 +1,5 @@
 #include "apply/retry_file_ops.h"
 
-#include <optional>
-
 #include "core/failure.h"
 #include "core/process_environment.h"
 #include "core/system_error.h"
@@ -13,21 +11,12 @@ namespace {
 
 constexpr unsigned kTemporaryNames = 32;
 
-/// Why an attempt failed; nothing when it succeeded. The code may be 0, because a system call can
-/// fail without a code.
-using AttemptFailure = std::optional<std::error_code>;
-
 struct Operation {
   std::string_view verb;
   std::string_view context;
   const fs::Path& source;
   const fs::Path& target;
 };
-
-void Wait(const RetryPolicy& policy) {
-  if (policy.sleep) return policy.sleep(policy.wait);
-  SleepKeepingAlive(policy.wait, policy.keep_alive);
-}
 
 /// Calls `attempt` with its number, from 1, until it succeeds, fails for another reason than a
 /// lock, or the policy's attempts are used up.
@@ -41,7 +30,7 @@ bool RetryWhileLocked(const Operation& operation, const RetryPolicy& policy, std
       return Fail(error, FormatFileFailure(operation.context, operation.source, operation.target,
                                            *failure, number));
     }
-    Wait(policy);
+    WaitBeforeRetry(policy);
   }
   return Fail(error, std::string(operation.context) + ": unexpected " +
                          std::string(operation.verb) + " retry failure.");
@@ -64,11 +53,17 @@ AttemptFailure CopyOnce(const fs::Path& source, const fs::Path& target,
   return ec;
 }
 
+void RemoveTemporary(const fs::Path& copy, const RetryPolicy& policy) {
+  std::error_code ec;
+  fs::Remove(copy, ec);
+  if (ec && policy.leftovers != nullptr) policy.leftovers->push_back(copy);
+}
+
 /// Copies `source` to a free name beside `target` and stores that name in `candidate`. A failed
 /// copy is removed. Two updaters use different names because the name holds the process id; two
 /// attempts use different names because it holds the attempt number.
 AttemptFailure CopyBeside(const fs::Path& source, const fs::Path& target, unsigned attempt,
-                          const fs::KeepAlive& keep_alive, fs::Path* candidate) {
+                          const RetryPolicy& policy, fs::Path* candidate) {
   const std::string stem =
       ".zul_update_tmp_" + std::to_string(CurrentProcessId()) + "_" + std::to_string(attempt) + "_";
   for (unsigned suffix = 0; suffix < kTemporaryNames; ++suffix) {
@@ -77,31 +72,38 @@ AttemptFailure CopyBeside(const fs::Path& source, const fs::Path& target, unsign
     std::error_code ec;
     // The exclusive creation fails for a name that is taken. A query beforehand would cost time for
     // every file, although the first name is nearly always free.
-    if (fs::CopyFileDurably(source, *candidate, ec, keep_alive)) return std::nullopt;
+    if (fs::CopyFileDurably(source, *candidate, ec, policy.keep_alive)) return std::nullopt;
     if (IsExistsError(ec)) continue;
     std::error_code ignored;
     if (fs::KindOf(*candidate, fs::Links::kDoNotFollow, ignored) == fs::EntryKind::kUnknown) {
       continue;
     }
-    fs::Remove(*candidate, ignored);
+    RemoveTemporary(*candidate, policy);
     return ec;
   }
   return std::make_error_code(std::errc::file_exists);
 }
 
-AttemptFailure ReplaceOnce(const fs::Path& source, const fs::Path& target, unsigned attempt,
-                           const fs::KeepAlive& keep_alive) {
+/// MoveReplacing or MoveToNewName.
+using Move = bool(const fs::Path& from, const fs::Path& to, std::error_code& ec);
+
+AttemptFailure CopyAndMove(const fs::Path& source, const fs::Path& target, Move* move,
+                           unsigned attempt, const RetryPolicy& policy) {
   // The copy is flushed to the device before the move makes it the target, so a power failure
   // leaves the old file or the new one.
   fs::Path candidate;
-  if (AttemptFailure failure = CopyBeside(source, target, attempt, keep_alive, &candidate)) {
-    return failure;
+  try {
+    if (AttemptFailure failure = CopyBeside(source, target, attempt, policy, &candidate)) {
+      return failure;
+    }
+    std::error_code ec;
+    if (move(candidate, target, ec)) return std::nullopt;
+    RemoveTemporary(candidate, policy);
+    return ec;
+  } catch (...) {
+    RemoveTemporary(candidate, policy);
+    throw;
   }
-  std::error_code ec;
-  if (fs::MoveReplacing(candidate, target, ec)) return std::nullopt;
-  std::error_code ignored;
-  fs::Remove(candidate, ignored);
-  return ec;
 }
 
 AttemptFailure RemoveOnce(const fs::Path& target) {
@@ -135,9 +137,28 @@ bool RetryCopyFile(const fs::Path& source, const fs::Path& target, std::string_v
 
 bool RetryReplaceFile(const fs::Path& source, const fs::Path& target, std::string_view context,
                       std::string* error, const RetryPolicy& policy) {
-  return RetryWhileLocked(
-      {"replace", context, source, target}, policy, error,
-      [&](unsigned attempt) { return ReplaceOnce(source, target, attempt, policy.keep_alive); });
+  return RetryWhileLocked({"replace", context, source, target}, policy, error,
+                          [&](unsigned attempt) {
+                            return CopyAndMove(source, target, fs::MoveReplacing, attempt, policy);
+                          });
+}
+
+bool RetryPlaceNewFile(const fs::Path& source, const fs::Path& target, std::string_view context,
+                       std::string* error, const RetryPolicy& policy) {
+  return RetryWhileLocked({"replace", context, source, target}, policy, error,
+                          [&](unsigned attempt) {
+                            return CopyAndMove(source, target, fs::MoveToNewName, attempt, policy);
+                          });
+}
+
+AttemptFailure ReplaceFileOnce(const fs::Path& source, const fs::Path& target,
+                               const RetryPolicy& policy) {
+  return CopyAndMove(source, target, fs::MoveReplacing, 1, policy);
+}
+
+void WaitBeforeRetry(const RetryPolicy& policy) {
+  if (policy.sleep) return policy.sleep(policy.wait);
+  SleepKeepingAlive(policy.wait, policy.keep_alive);
 }
 
 bool RetryRemoveFile(const fs::Path& target, std::string_view context, std::string* error,

@@ -7,22 +7,31 @@
 
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <vector>
 
 #include "core/file_layer.h"
 
 namespace zul {
 
-/// How often and how an operation waits for a lock. The product changes `keep_alive` only.
+/// How often and how an operation waits for a lock. The product changes the last two only.
 struct RetryPolicy {
   unsigned attempts = 8;
   std::chrono::milliseconds wait{200};                     ///< between two attempts
   std::function<void(std::chrono::milliseconds)> sleep{};  ///< empty: the thread sleeps
   /// Called during large copies and during the sleep of the thread; may be empty.
   fs::KeepAlive keep_alive{};
+  /// Receives the temporary copies that could not be removed, because another process has them
+  /// open; may be null.
+  std::vector<fs::Path>* leftovers = nullptr;
 };
+
+/// Why an attempt failed; nothing when it succeeded. The code may be 0, because a system call can
+/// fail without a code.
+using AttemptFailure = std::optional<std::error_code>;
 
 /// Copies `source` over `target`; the copy is durable when this returns true. A failure may leave a
 /// partial target, so this is for backups and new files, never for an installed file. Here and
@@ -38,6 +47,19 @@ struct RetryPolicy {
 [[nodiscard]] bool RetryReplaceFile(const fs::Path& source, const fs::Path& target,
                                     std::string_view context, std::string* error,
                                     const RetryPolicy& policy = {});
+
+/// As RetryReplaceFile, for a target that does not exist. A target that exists nevertheless is a
+/// failure, and it does not change.
+[[nodiscard]] bool RetryPlaceNewFile(const fs::Path& source, const fs::Path& target,
+                                     std::string_view context, std::string* error,
+                                     const RetryPolicy& policy = {});
+
+/// One attempt of RetryReplaceFile.
+[[nodiscard]] AttemptFailure ReplaceFileOnce(const fs::Path& source, const fs::Path& target,
+                                             const RetryPolicy& policy);
+
+/// The wait between two attempts.
+void WaitBeforeRetry(const RetryPolicy& policy);
 
 /// Removes `target` and checks that it is gone. A target that does not exist is a success. A target
 /// that still exists after a removal that reported success is a failure with the generic code 16.

@@ -121,6 +121,19 @@ std::size_t ApiRootLength(std::wstring_view api_path) {
   return api_path.size();
 }
 
+bool MeansNothingThere(const std::error_code& ec) {
+  switch (ec.value()) {
+    case ERROR_FILE_NOT_FOUND:
+    case ERROR_PATH_NOT_FOUND:
+    case ERROR_INVALID_NAME:
+    case ERROR_BAD_PATHNAME:
+    case ERROR_DIRECTORY:
+      return true;
+    default:
+      return false;
+  }
+}
+
 Path PathFromApi(std::wstring_view api_path) {
   if (api_path.starts_with(kVerbatimUnc)) {
     return std::wstring(L"\\\\").append(api_path.substr(kVerbatimUnc.size()));

@@ -1,9 +1,11 @@
 #pragma once
 
-// Paths in the form for Win32 calls. For _win32.cpp files only.
+// Paths in the form for Win32 calls, and what the errors of these calls say of a path. For
+// _win32.cpp files only.
 
 #include <string>
 #include <string_view>
+#include <system_error>
 
 #include "core/path.h"
 
@@ -24,6 +26,11 @@ namespace zul::fs {
 /// Number of characters in the root of `api_path`, including the separator after it. 0 without the
 /// prefix "\\?\".
 [[nodiscard]] std::size_t ApiRootLength(std::wstring_view api_path);
+
+/// True for the codes of a path that cannot have an entry: file or path not found, an invalid name,
+/// and a file in the place of a folder. False for a server or share that does not answer (53, 67):
+/// what is on it is unknown, and it may answer a second later.
+[[nodiscard]] bool MeansNothingThere(const std::error_code& ec);
 
 /// The path without the prefix "\\?\".
 [[nodiscard]] Path PathFromApi(std::wstring_view api_path);

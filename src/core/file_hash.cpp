@@ -23,20 +23,34 @@ std::string HexText(const Sha256Digest& digest) {
   return hex;
 }
 
-bool HashOpenFile(fs::File& file, Sha256Digest* digest, std::string* error,
+/// What was read of a file. `failure` is set when a read failed.
+struct Reading {
+  Sha256Digest digest;
+  std::uint64_t size_bytes = 0;
+  std::error_code failure{};
+};
+
+bool HashOpenFile(fs::File& file, Reading* reading, std::string* error,
                   const fs::KeepAlive& keep_alive) {
   Sha256 hash;
   if (!hash.Begin(error)) return false;
   std::vector<unsigned char> buffer(kReadBufferBytes);
-  std::error_code ec;
   std::size_t read = 0;
   unsigned reads = 0;
-  // A read error counts as the end of the file. The digest of a part matches no expected digest.
-  while (file.Read(buffer.data(), buffer.size(), &read, ec) && read != 0) {
+  while (file.Read(buffer.data(), buffer.size(), &read, reading->failure) && read != 0) {
     if (!hash.Update(buffer.data(), read, error)) return false;
+    reading->size_bytes += read;
     if (keep_alive && ++reads % kReadsPerKeepAlive == 0) keep_alive();
   }
-  return hash.Finish(digest, error);
+  return hash.Finish(&reading->digest, error);
+}
+
+bool OpenAndHash(const fs::Path& path, fs::File* file, Reading* reading, std::string* error,
+                 const fs::KeepAlive& keep_alive) {
+  std::error_code ec;
+  *file = fs::OpenForRead(path, ec);
+  if (!file->is_open()) return Fail(error, "Cannot open file for SHA-256.");
+  return HashOpenFile(*file, reading, error, keep_alive);
 }
 
 }  // namespace
@@ -44,12 +58,26 @@ bool HashOpenFile(fs::File& file, Sha256Digest* digest, std::string* error,
 bool ComputeFileSha256(const fs::Path& path, std::string* hex, std::string* error,
                        const fs::KeepAlive& keep_alive) {
   hex->clear();
-  std::error_code ec;
-  fs::File file = fs::OpenForRead(path, ec);
-  if (!file.is_open()) return Fail(error, "Cannot open file for SHA-256.");
-  Sha256Digest digest;
-  if (!HashOpenFile(file, &digest, error, keep_alive)) return false;
-  *hex = HexText(digest);
+  fs::File file;
+  Reading reading;
+  if (!OpenAndHash(path, &file, &reading, error, keep_alive)) return false;
+  // A read error counts as the end of the file. The digest of a part matches no expected digest.
+  *hex = HexText(reading.digest);
+  return true;
+}
+
+bool ReadFileDigest(const fs::Path& path, FileDigest* digest, std::string* error,
+                    const fs::KeepAlive& keep_alive) {
+  *digest = {};
+  fs::File file;
+  Reading reading;
+  if (!OpenAndHash(path, &file, &reading, error, keep_alive)) return false;
+  std::error_code& ec = reading.failure;
+  std::uint64_t size_bytes = 0;
+  if (ec || !file.Size(&size_bytes, ec)) return Fail(error, "Cannot read file for SHA-256: ", ec);
+  if (size_bytes != reading.size_bytes)
+    return Fail(error, "Cannot read the whole file for SHA-256.");
+  *digest = {HexText(reading.digest), size_bytes};
   return true;
 }
 

@@ -2,6 +2,7 @@
 
 // The SHA-256 of a file.
 
+#include <cstdint>
 #include <string>
 
 #include "core/file.h"
@@ -13,5 +14,18 @@ namespace zul {
 /// `*hex` is empty and `*error` (may be null) has the reason. Blocks until the file has been read.
 [[nodiscard]] bool ComputeFileSha256(const fs::Path& path, std::string* hex, std::string* error,
                                      const fs::KeepAlive& keep_alive = {});
+
+/// What identifies the content of a file.
+struct FileDigest {
+  std::string sha256;  ///< as from ComputeFileSha256
+  std::uint64_t size_bytes = 0;
+
+  bool operator==(const FileDigest&) const = default;
+};
+
+/// As ComputeFileSha256, but false also when the file cannot be read to its end. So two equal
+/// digests prove two equal files.
+[[nodiscard]] bool ReadFileDigest(const fs::Path& path, FileDigest* digest, std::string* error,
+                                  const fs::KeepAlive& keep_alive = {});
 
 }  // namespace zul

@@ -68,6 +68,16 @@ struct PathProbe {
 /// Bytes that this user may still write on the volume of `path`, which must be an existing folder.
 [[nodiscard]] std::uint64_t AvailableSpace(const Path& path, std::error_code& ec);
 
+/// A volume, as seen from one of its folders.
+struct Volume {
+  Path root;                          ///< its root folder: "C:\", "\\server\share\", a mount point
+  std::uint64_t available_bytes = 0;  ///< that this user may still write in the folder
+  std::uint64_t cluster_bytes = 1;    ///< a file takes a whole number of clusters
+};
+
+/// Stores the volume of `folder`, which must exist. False on an error.
+[[nodiscard]] bool VolumeOf(const Path& folder, Volume* volume, std::error_code& ec);
+
 // ---------------------------------------------------------------------------------------------
 // Resolved paths
 
@@ -88,6 +98,7 @@ struct PathProbe {
 struct DirectoryEntry {
   Path path;                             ///< the listed folder's path joined with the name
   EntryKind kind = EntryKind::kUnknown;  ///< without following links
+  std::uint64_t size_bytes = 0;          ///< of a regular file; 0 also when it is unavailable
 };
 
 /// The entries of one folder, in the system's order, without "." and "..".

@@ -118,6 +118,25 @@ std::uint64_t AvailableSpace(const Path& path, std::error_code& ec) {
   return std::uint64_t{volume.f_bavail} * volume.f_frsize;
 }
 
+bool VolumeOf(const Path& folder, Volume* volume, std::error_code& ec) {
+  struct stat here;
+  struct statvfs facts;
+  volume->root = RealPath(folder, ec);
+  if (ec || !Succeeded(::stat(volume->root.c_str(), &here), ec) ||
+      !Succeeded(::statvfs(volume->root.c_str(), &facts), ec)) {
+    return false;
+  }
+  volume->available_bytes = std::uint64_t{facts.f_bavail} * facts.f_frsize;
+  volume->cluster_bytes = facts.f_frsize;
+  // The parent of a volume's root is on another device, or the root itself.
+  for (struct stat above; volume->root.has_relative_path();
+       volume->root = volume->root.parent_path()) {
+    if (!Succeeded(::stat(volume->root.parent_path().c_str(), &above), ec)) return false;
+    if (above.st_dev != here.st_dev) break;
+  }
+  return true;
+}
+
 // ---------------------------------------------------------------------------------------------
 // Resolved paths
 

@@ -64,6 +64,16 @@ EntryKind KindOfEntry(DIR* stream, const dirent& entry) {
   return S_ISLNK(status.st_mode) ? EntryKind::kLink : EntryKind::kOther;
 }
 
+DirectoryEntry Describe(const Path& folder, DIR* stream, const dirent& found) {
+  DirectoryEntry entry{folder / found.d_name, KindOfEntry(stream, found)};
+  struct stat status;
+  if (entry.kind == EntryKind::kRegular &&
+      ::fstatat(::dirfd(stream), found.d_name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
+    entry.size_bytes = static_cast<std::uint64_t>(status.st_size);
+  }
+  return entry;
+}
+
 void KeepFirst(std::error_code& first, const std::error_code& ec) {
   if (!first) first = ec;
 }
@@ -102,7 +112,7 @@ std::vector<DirectoryEntry> ListDirectory(const Path& path, std::error_code& ec)
   const DirectoryStream stream = OpenStream(AT_FDCWD, path.c_str(), 0, ec);
   if (!stream) return entries;
   while (const dirent* entry = NextEntry(stream.get(), ec)) {
-    entries.push_back({path / entry->d_name, KindOfEntry(stream.get(), *entry)});
+    entries.push_back(Describe(path, stream.get(), *entry));
   }
   return entries;
 }
@@ -137,8 +147,7 @@ bool TreeWalker::Next(DirectoryEntry* entry, std::error_code& ec) {
   while (!ec && !state.levels.empty()) {
     State::Level& level = state.levels.back();
     if (const dirent* found = NextEntry(level.stream.get(), ec)) {
-      entry->path = level.path / found->d_name;
-      entry->kind = KindOfEntry(level.stream.get(), *found);
+      *entry = Describe(level.path, level.stream.get(), *found);
       state.enter = entry->kind == EntryKind::kDirectory;
       if (state.enter) state.to_enter = entry->path;
       return true;

@@ -69,6 +69,12 @@ EntryKind KindOfEntry(const WIN32_FIND_DATAW& entry) {
   return EntryKind::kRegular;
 }
 
+DirectoryEntry Describe(const Path& folder, const WIN32_FIND_DATAW& found) {
+  const EntryKind kind = KindOfEntry(found);
+  const std::uint64_t size = (std::uint64_t{found.nFileSizeHigh} << 32) | found.nFileSizeLow;
+  return {folder / found.cFileName, kind, kind == EntryKind::kRegular ? size : 0};
+}
+
 }  // namespace
 
 std::vector<DirectoryEntry> ListDirectory(const Path& path, std::error_code& ec) {
@@ -77,7 +83,7 @@ std::vector<DirectoryEntry> ListDirectory(const Path& path, std::error_code& ec)
   Listing listing;
   if (!listing.Open(folder, ec)) return entries;
   while (const WIN32_FIND_DATAW* entry = listing.Next(ec)) {
-    entries.push_back({path / entry->cFileName, KindOfEntry(*entry)});
+    entries.push_back(Describe(path, *entry));
   }
   return entries;
 }
@@ -110,8 +116,7 @@ bool TreeWalker::Next(DirectoryEntry* entry, std::error_code& ec) {
   while (!ec && !state.levels.empty()) {
     State::Level& level = *state.levels.back();
     if (const WIN32_FIND_DATAW* found = level.listing.Next(ec)) {
-      entry->path = level.path / found->cFileName;
-      entry->kind = KindOfEntry(*found);
+      *entry = Describe(level.path, *found);
       state.enter = entry->kind == EntryKind::kDirectory;
       if (state.enter) state.to_enter = entry->path;
       return true;

@@ -18,21 +18,9 @@ bool Succeeded(BOOL result, std::error_code& ec) {
   return result != FALSE;
 }
 
-/// True for the codes of a path that cannot have an entry: file or path not found, a server or
-/// share that does not exist, an invalid name, and a file in the place of a folder.
-bool MeansNothingThere(const std::error_code& ec) {
-  switch (ec.value()) {
-    case ERROR_FILE_NOT_FOUND:
-    case ERROR_PATH_NOT_FOUND:
-    case ERROR_BAD_NETPATH:
-    case ERROR_BAD_NET_NAME:
-    case ERROR_INVALID_NAME:
-    case ERROR_BAD_PATHNAME:
-    case ERROR_DIRECTORY:
-      return true;
-    default:
-      return false;
-  }
+/// True for the codes of a server or share that does not answer.
+bool MeansUnreachable(const std::error_code& ec) {
+  return ec.value() == ERROR_BAD_NETPATH || ec.value() == ERROR_BAD_NET_NAME;
 }
 
 /// Opens a file or folder for queries. Links are followed unless `flags` contain
@@ -189,6 +177,33 @@ std::uint64_t AvailableSpace(const Path& path, std::error_code& ec) {
   return available.QuadPart;
 }
 
+bool VolumeOf(const Path& folder, Volume* volume, std::error_code& ec) {
+  // Resolved first: the call for the root looks at the text of a path that leads through a link.
+  const std::wstring resolved = ApiPath(FinalPath(ApiPath(folder).c_str(), ec));
+  if (ec) return false;
+  volume->available_bytes = AvailableSpace(folder, ec);
+  if (ec) return false;
+  std::wstring root(resolved.size() + 2, L'\0');  // a separator may be added
+  if (!Succeeded(
+          ::GetVolumePathNameW(resolved.c_str(), root.data(), static_cast<DWORD>(root.size())),
+          ec)) {
+    return false;
+  }
+  root.resize(root.find(L'\0'));
+  volume->root = PathFromApi(root);
+  DWORD sectors = 0;
+  DWORD sector_bytes = 0;
+  DWORD free_clusters = 0;
+  DWORD clusters = 0;
+  if (!Succeeded(
+          ::GetDiskFreeSpaceW(root.c_str(), &sectors, &sector_bytes, &free_clusters, &clusters),
+          ec)) {
+    return false;
+  }
+  volume->cluster_bytes = std::uint64_t{sectors} * sector_bytes;
+  return true;
+}
+
 // ---------------------------------------------------------------------------------------------
 // Resolved paths, of open files too
 
@@ -221,7 +236,7 @@ Path WeaklyCanonical(const Path& path, std::error_code& ec) {
       if (text.ends_with(L'\\')) text.pop_back();
       return text + rest;
     }
-    if (!MeansNothingThere(ec)) return {};
+    if (!MeansNothingThere(ec) && !MeansUnreachable(ec)) return {};
     if (existing.size() <= root_length) break;
     const std::size_t cut = existing.rfind(L'\\');
     rest.insert(0, existing, cut);

@@ -54,6 +54,19 @@ TEST(Apply, NeverReplacesTheRunningExecutable) {
   EXPECT_EQ(fs::SizeOf(own, ec), size);
 }
 
+// The backup folder would take the place of the staged tree.
+TEST(Apply, RefusesAStagedTreeWithTheNameOfTheBackupFolder) {
+  Installation app;
+  const fs::Path staged_root = app.folder.path() / "work" / "Rollback_Backup";
+  test::WriteFile(staged_root / "app.exe", "new");
+  app.Install("app.exe", "old");
+  EXPECT_FALSE(ApplyStagedUpdate(staged_root, app.target_root, 0, nullptr, false, &app.error,
+                                 &app.outcome, nullptr));
+  EXPECT_EQ(app.outcome.kind, ApplyOutcomeKind::kFailedBeforeChange);
+  EXPECT_NE(app.error.find("'Rollback_Backup'"), std::string::npos) << app.error;
+  EXPECT_TRUE(test::Exists(staged_root / "app.exe"));
+}
+
 // A folder cannot be opened exclusively, as a library that another process holds cannot.
 TEST(Apply, ProbesEachProgramAndLibraryBeforeAnyChange) {
   Installation app;

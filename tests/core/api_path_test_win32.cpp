@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "core/api_path_win32.h"
+#include "core/system_error.h"
 
 namespace zul::fs {
 namespace {
@@ -28,6 +29,16 @@ TEST(ApiPath, PrefixesAndNormalizesAbsolutePathsOnly) {
   }
   EXPECT_EQ(PathFromApi(L"\\\\?\\UNC\\server\\share\\b"), L"\\\\server\\share\\b");
   EXPECT_EQ(PathFromApi(L"\\\\?\\C:\\b"), L"C:\\b");
+}
+
+// An update would replace a file that is taken for a missing one without a backup.
+TEST(ApiPath, HasNoEntryOnlyWhereTheErrorSaysSo) {
+  for (const unsigned long code : {2, 3, 123, 161, 267}) {
+    EXPECT_TRUE(MeansNothingThere(SystemError(code))) << code;
+  }
+  for (const unsigned long code : {5, 21, 32, 53, 59, 64, 67, 1231}) {
+    EXPECT_FALSE(MeansNothingThere(SystemError(code))) << code;
+  }
 }
 
 }  // namespace

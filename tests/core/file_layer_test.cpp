@@ -244,6 +244,11 @@ TEST_F(FileLayer, AcceptsLongPathsAndNamesOutsideAscii) {
   EXPECT_EQ(static_cast<bool>(ec), RunsUnderWine());
   const auto space = static_cast<double>(std::filesystem::space(folder.path()).available);
   EXPECT_NEAR(static_cast<double>(AvailableSpace(deep, ec)) / space, 1, 0.1) << ec;
+  Volume volume;
+  EXPECT_TRUE(VolumeOf(folder.path(), &volume, ec)) << ec;
+  EXPECT_NEAR(static_cast<double>(volume.available_bytes) / space, 1, 0.1);
+  EXPECT_TRUE(folder.path().native().starts_with(volume.root.native())) << volume.root;
+  EXPECT_EQ(volume.cluster_bytes % 512, 0u) << volume.cluster_bytes;
   EXPECT_TRUE(RemoveTree(folder / "příliš žluťoučký 印刷", ec)) << ec;
   EXPECT_EQ(ListTree(folder.path()), "");
 }

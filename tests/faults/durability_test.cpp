@@ -33,8 +33,8 @@ TEST(Durability, EachFileIsFlushedBeforeItIsClosedAndBeforeTheNextChange) {
       EXPECT_FALSE(call.call == kClose && unflushed.contains(file)) << "closed: " << file;
 
       const bool replaces = call.call == kMoveReplacing || call.call == kRemove;
-      EXPECT_FALSE((replaces || call.call == kRename) && !unflushed.empty())
-          << "before the change of " << file;
+      const bool renames = call.call == kRename || call.call == kMoveToNewName;
+      EXPECT_FALSE((replaces || renames) && !unflushed.empty()) << "before the change of " << file;
       const fs::Path name = file.lexically_relative(update.folder() / "app");
       if (replaces && SampleUpdate::kOld.contains(PathToGenericUtf8(name))) {
         EXPECT_TRUE(made.contains(update.folder() / "work/rollback_backup" / name)) << name;

@@ -32,20 +32,44 @@ const struct SystemFault {
     {SystemError(kOnWindows ? 1117 : EIO), false},    // device error
 };
 
-enum class Lasts { kOnce, kForGood };
+/// Which calls fail after the first one.
+enum class Lasts {
+  kOnce,        ///< none
+  kTwoInARow,   ///< the next one, for example what is asked after a question that failed
+  kForAWhile,   ///< later calls of the same primitive on the same file, more than one pass makes
+  kForGood,     ///< every later call of the same primitive on the same file
+  kEverywhere,  ///< every later call of the same primitive
+};
+
+struct Mishap {
+  Lasts lasts;
+  Fate fate = Fate::kFail;
+};
 
 struct FaultyRun {
-  /// Runs the scenario and fails one step. With kForGood every later call of the same primitive on
-  /// the same file fails too.
-  FaultyRun(Scenario scenario, unsigned step, Lasts failure_lasts, const SystemFault& system_fault)
-      : lasts(failure_lasts), fault(system_fault), update(scenario) {
+  /// Runs the scenario, in which one step fails.
+  FaultyRun(Scenario scenario, unsigned step, const Mishap& mishap, const SystemFault& system_fault)
+      : lasts(mishap.lasts), fault(system_fault), update(scenario) {
+    constexpr unsigned kAWhile = 12;
+    unsigned failures = 0;
     StartScript([&](const FileCall& call) {
       if (call.number == step) failed = call;
-      const bool again = lasts == Lasts::kForGood && call.number > step &&
-                         call.call == failed.call && call.subject == failed.subject;
-      return Verdict{call.number == step || again ? Fate::kFail : Fate::kProceed, fault.error};
+      const bool is_next = lasts == Lasts::kTwoInARow && call.number == step + 1;
+      const bool is_same = (lasts == Lasts::kForGood || lasts == Lasts::kForAWhile) &&
+                           call.number > step && call.call == failed.call &&
+                           call.subject == failed.subject;
+      const bool is_like =
+          lasts == Lasts::kEverywhere && call.number > step && call.call == failed.call;
+      if (call.number != step && !is_next && !is_same && !is_like) return Verdict();
+      if (lasts == Lasts::kForAWhile && ++failures > kAWhile) return Verdict();
+      failed_calls.insert(call.call);
+      return Verdict{mishap.fate, mishap.fate == Fate::kDeny ? std::error_code() : fault.error};
     });
-    ok = SampleUpdate::Run(scenario, update.folder(), &text, &outcome);
+    try {
+      ok = SampleUpdate::Run(scenario, update.folder(), &text, &outcome);
+    } catch (const std::bad_alloc&) {
+      has_thrown = true;
+    }
     calls = StopScript();
   }
 
@@ -58,11 +82,13 @@ struct FaultyRun {
 
   /// True when the product needs the failed step, and tries again while a file is locked.
   [[nodiscard]] bool IsRetried() const {
+    if (lasts == Lasts::kTwoInARow) return false;
     if (failed.call == kRename) return true;
     if (!NameBelow("app") && !NameBelow("work/rollback_backup")) return false;
     // The close of a file that was only read is not needed.
     if (failed.call == kClose) return calls.at(failed.number - 2).call == kFlush;
-    return Calls{kCreateNewFile, kWriteSome, kTakeTimeAndAttributes, kFlush, kMoveReplacing}
+    return Calls{kCreateNewFile, kWriteSome,     kTakeTimeAndAttributes,
+                 kFlush,         kMoveReplacing, kMoveToNewName}
         .contains(failed.call);
   }
 
@@ -74,7 +100,9 @@ struct FaultyRun {
   const SampleUpdate update;
   std::vector<FileCall> calls;
   FileCall failed;
+  Calls failed_calls;  // `failed` and those after it
   bool ok = false;
+  bool has_thrown = false;
   std::string text;
   ApplyOutcome outcome;
 };
@@ -95,8 +123,8 @@ struct Report {
 };
 
 const Calls kMakingFolder = {kCreateDirectoryOnce, kKindOf};
-const Calls kCopying = {kOpenForRead,           kRead,  kCreateNewFile, kWriteSome,
-                        kTakeTimeAndAttributes, kFlush, kClose,         kMoveReplacing};
+const Calls kCopying = {kOpenForRead, kRead,  kCreateNewFile, kWriteSome,    kTakeTimeAndAttributes,
+                        kFlush,       kClose, kMoveReplacing, kMoveToNewName};
 
 const Report kReports[] = {
     // An archive that cannot be read is reported as a damaged one.
@@ -139,8 +167,12 @@ const Report kReports[] = {
 };
 
 bool IsReported(const FaultyRun& run) {
+  const auto is_one_of = [](const Calls& calls) {
+    return [&calls](Call call) { return calls.contains(call); };
+  };
   return std::ranges::any_of(kReports, [&](const Report& report) {
-    return report.calls.contains(run.failed.call) && run.text.starts_with(report.text) &&
+    return std::ranges::any_of(run.failed_calls, is_one_of(report.calls)) &&
+           run.text.starts_with(report.text) &&
            run.text.find(report.error(run.fault.error), report.text.size()) != std::string::npos;
   });
 }
@@ -169,7 +201,13 @@ void ExpectExtraction(const FaultyRun& run) {
   EXPECT_EQ(FilesBelow(run.update.folder() / "work/payload"),
             run.ok ? SampleUpdate::kPackage : before);
   // A backup that cannot be removed stays.
-  EXPECT_TRUE(leftovers.empty() || run.failed.call == kRemoveTree);
+  EXPECT_TRUE(leftovers.empty() || run.failed_calls.contains(kRemoveTree));
+}
+
+/// An exception before the first change may end the update, and nothing has changed.
+void ExpectException(const FaultyRun& run) {
+  EXPECT_TRUE(run.ok || run.has_thrown);
+  EXPECT_EQ(run.update.Installed(), SampleUpdate::kOld);
 }
 
 void ExpectApply(const FaultyRun& run) {
@@ -177,6 +215,13 @@ void ExpectApply(const FaultyRun& run) {
   EXPECT_TRUE(!run.IsRetried() || run.ok == run.Passes());
   EXPECT_EQ(FilesBelow(run.update.folder() / "app"),
             run.ok ? SampleUpdate::kNew : SampleUpdate::kOld);
+
+  // A file that was not changed has no backup, whose room the restores may need.
+  if (!run.ok && run.IsRetried()) {
+    const Files backups = FilesBelow(run.update.folder() / "work/rollback_backup");
+    EXPECT_FALSE(backups.contains(run.NameBelow("app").value_or("")));
+    EXPECT_FALSE(backups.contains(run.NameBelow("work/rollback_backup").value_or("")));
+  }
 
   // The first change of the sample is the removal of a retired executable.
   const fs::Path retired = run.update.folder() / "app/qorva.exe";
@@ -190,13 +235,22 @@ void ExpectApply(const FaultyRun& run) {
             !run.ok && has_changed);
 }
 
+/// True when no copy of the file can be made, but the backup itself can be moved into place.
+bool HasNoRoomForACopy(const FaultyRun& run) {
+  return run.fault.error == kSystemFaults[2].error && run.failed.call != kRead;
+}
+
 /// The apply fails after its last change, and then its rollback meets the failure.
 void ExpectRollback(const FaultyRun& run) {
   const bool incomplete = run.outcome.kind == ApplyOutcomeKind::kRecoveryRequired;
   EXPECT_TRUE(!run.ok && (incomplete || run.outcome.kind == ApplyOutcomeKind::kRolledBack));
-  EXPECT_TRUE(!run.IsRetried() || incomplete != run.Passes());
+  EXPECT_TRUE(!incomplete || run.lasts == Lasts::kForGood);
+  EXPECT_TRUE(!run.IsRetried() || run.lasts != Lasts::kForGood ||
+              incomplete != HasNoRoomForACopy(run));
   Files installed = run.update.Installed();
   Files old = SampleUpdate::kOld;
+  const std::string name =
+      run.NameBelow("work/rollback_backup").value_or(run.NameBelow("app").value_or(""));
   if (incomplete) {
     constexpr std::string_view kStart =
         "RECOVERY_REQUIRED: update apply failed: fault injection: apply failed after 8 "
@@ -204,7 +258,6 @@ void ExpectRollback(const FaultyRun& run) {
     EXPECT_TRUE(run.text.starts_with(kStart)) << run.text;
     EXPECT_EQ(run.outcome.message, run.text);
     // The text names the one file that is not restored.
-    const std::string name = run.NameBelow("work/rollback_backup").value_or(*run.NameBelow("app"));
     const std::string native_name = PathToUtf8(PathFromUtf8(name)->make_preferred());
     EXPECT_NE(run.text.find(native_name + "'"), std::string::npos) << run.text;
     installed.erase(name);
@@ -213,7 +266,9 @@ void ExpectRollback(const FaultyRun& run) {
   EXPECT_EQ(installed, old);
   Files backups = SampleUpdate::kOld;
   backups.erase("mine.txt");
-  EXPECT_EQ(FilesBelow(run.update.folder() / "work/rollback_backup"), backups);
+  Files found = FilesBelow(run.update.folder() / "work/rollback_backup");
+  if (HasNoRoomForACopy(run) && !incomplete && !found.contains(name)) backups.erase(name);
+  EXPECT_EQ(found, backups);
 }
 
 /// The apply meets the failure of a question, and fails after its last change.
@@ -227,34 +282,97 @@ void ExpectOldFiles(const FaultyRun& run) {
   }
 }
 
+/// Whatever happened, all files are old or all are new, and the outcome says which.
+void ExpectOldOrNew(const FaultyRun& run) {
+  EXPECT_FALSE(run.has_thrown);
+  EXPECT_NE(run.outcome.kind, ApplyOutcomeKind::kRecoveryRequired) << run.text;
+  EXPECT_EQ(run.ok, run.outcome.kind == ApplyOutcomeKind::kApplied);
+  // Without the temporary copies, too.
+  EXPECT_EQ(FilesBelow(run.update.folder() / "app"),
+            run.ok ? SampleUpdate::kNew : SampleUpdate::kOld)
+      << run.text;
+}
+
+/// A file that is taken for a new one has no backup, so it must not be replaced.
+void ExpectNothingLost(const FaultyRun& run) {
+  EXPECT_NE(run.outcome.kind, ApplyOutcomeKind::kRecoveryRequired) << run.text;
+  EXPECT_TRUE(run.ok || run.update.Installed() == SampleUpdate::kOld) << run.text;
+}
+
+/// No file can be read any more, so nothing is proved.
+void ExpectUnverified(const FaultyRun& run) {
+  EXPECT_EQ(run.outcome.kind, ApplyOutcomeKind::kRecoveryRequired) << run.text;
+}
+
+const std::vector<Mishap> kFailures = {{Lasts::kOnce}, {Lasts::kForGood}};
+const std::vector<Mishap> kTwoInARow = {{Lasts::kTwoInARow}};
+const std::vector<Mishap> kForAWhile = {{Lasts::kForAWhile}};
+const std::vector<Mishap> kDenial = {{Lasts::kOnce, Fate::kDeny}};
+const std::vector<Mishap> kEverywhere = {{Lasts::kEverywhere}};
+const std::vector<Mishap> kException = {{Lasts::kOnce, Fate::kThrow}};
+const std::vector<Mishap> kOddFailures = {
+    {Lasts::kTwoInARow}, {Lasts::kOnce, Fate::kFailWhenDone}, {Lasts::kOnce, Fate::kThrow}};
+
 const struct FailureCase {
   Steps steps;
   void (*expect)(const FaultyRun& run);
+  const std::vector<Mishap>& mishaps = kFailures;
   std::optional<Call> only{};  ///< the calls that fail; without it all
 } kFailureCases[] = {
     {{"extraction", Scenario::kExtraction}, ExpectExtraction},
     {{"extraction over a tree", Scenario::kReextraction}, ExpectExtraction},
+    {{"extraction", Scenario::kExtraction}, ExpectExtraction, kTwoInARow},
+    {{"extraction over a tree", Scenario::kReextraction}, ExpectException, kException},
     {{"apply", Scenario::kApply}, ExpectApply},
+    {{"apply", Scenario::kApply}, ExpectOldOrNew, kOddFailures},
     {{"rollback", Scenario::kRollback, 6}, ExpectRollback},
-    {{"question before a rollback", Scenario::kRollback, 0, 6}, ExpectOldFiles, kKindOf},
+    {{"rollback", Scenario::kRollback, 6}, ExpectOldOrNew, kOddFailures},
+    {{"rollback", Scenario::kRollback, 6}, ExpectOldOrNew, kForAWhile},
+    {{"rollback", Scenario::kRollback, 6}, ExpectUnverified, kEverywhere, kRead},
+    {{"question before a rollback", Scenario::kRollback, 0, 6},
+     ExpectNothingLost,
+     kDenial,
+     kKindOf},
+    {{"question before a rollback", Scenario::kRollback, 0, 6}, ExpectOldFiles, kFailures, kKindOf},
+    {{"question before a rollback", Scenario::kRollback, 0, 6},
+     ExpectOldOrNew,
+     kTwoInARow,
+     kKindOf},
 };
+
+bool CanHappen(const Mishap& mishap, const FileCall& step) {
+  if (mishap.fate == Fate::kThrow) return step.call != kClose;  // a destructor closes files
+  if (mishap.fate == Fate::kDeny) {
+    return SampleUpdate::kPackage.contains(PathToUtf8(step.subject.filename()));
+  }
+  // Of the other calls a failure that was done cannot be told from one that was not.
+  return mishap.fate != Fate::kFailWhenDone ||
+         Calls{kMoveReplacing, kMoveToNewName, kRemove}.contains(step.call);
+}
+
+/// Each step meets half of the combinations of a mishap and a fault, or a quarter, by turns.
+void TestStep(const FailureCase& c, const FileCall& step) {
+  if (c.only && step.call != *c.only) return;
+  const unsigned share = &c.mishaps == &kFailures ? 2 : 4;
+  unsigned turn = step.number;
+  for (const Mishap& mishap : c.mishaps) {
+    ++turn;
+    if (!CanHappen(mishap, step)) continue;
+    for (const SystemFault& fault : kSystemFaults) {
+      if (++turn % share != 0 && !TriesEverything()) continue;
+      SCOPED_TRACE(fault.error.message() + ", mishap " +
+                   std::to_string(static_cast<int>(mishap.lasts)) + "/" +
+                   std::to_string(static_cast<int>(mishap.fate)));
+      const FaultyRun run(c.steps.scenario, step.number, mishap, fault);
+      EXPECT_EQ(run.update.Damage(), "");
+      c.expect(run);
+    }
+  }
+}
 
 TEST(Failures, AreReportedAndLoseNoFile) {
   for (const FailureCase& c : kFailureCases) {
-    ForEachStep(c.steps, [&](const FileCall& step) {
-      if (c.only && step.call != *c.only) return;
-      unsigned turn = step.number;  // each step meets every other combination
-      for (const Lasts lasts : {Lasts::kOnce, Lasts::kForGood}) {
-        ++turn;
-        for (const SystemFault& fault : kSystemFaults) {
-          if (++turn % 2 == 0 && !TriesEverything()) continue;
-          SCOPED_TRACE(fault.error.message() + (lasts == Lasts::kOnce ? " once" : " for good"));
-          const FaultyRun run(c.steps.scenario, step.number, lasts, fault);
-          EXPECT_EQ(run.update.Damage(), "");
-          c.expect(run);
-        }
-      }
-    });
+    ForEachStep(c.steps, [&](const FileCall& step) { TestStep(c, step); });
   }
 }
 

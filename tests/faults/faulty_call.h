@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <new>
 #include <optional>
 #include <string_view>
 #include <type_traits>
@@ -79,9 +80,17 @@ Result Pass(Call call, std::string_view name, Result (*real)(Parameters...),
   const std::optional<Path> subject = SubjectOf(arguments...);
   const Verdict verdict = subject ? Judge(call, name, *subject) : Verdict();
   if (verdict.fate == Fate::kProceed) return real(arguments...);
-  DoPart(real, arguments...);
+  if (verdict.fate == Fate::kThrow || verdict.fate == Fate::kFailWhenDone) {
+    static_cast<void>(real(arguments...));
+  } else {
+    DoPart(real, arguments...);
+  }
+  if (verdict.fate == Fate::kThrow) throw std::bad_alloc();
   if (verdict.fate == Fate::kDie) std::_Exit(kDied);
   (SetError(arguments, verdict.error), ...);
+  if constexpr (std::is_same_v<Result, fs::EntryKind>) {
+    if (verdict.fate == Fate::kDeny) return fs::EntryKind::kNotFound;
+  }
   if constexpr (std::is_same_v<Result, fs::CreateResult>) return fs::CreateResult::kFailed;
   return Result();
 }

@@ -20,8 +20,9 @@ namespace zul::test {
 enum class Call {
   kOpenForRead, kOpenFolder, kCreateNewFile, kOpensExclusively,
   kRead, kReadAt, kWriteSome, kFlush, kClose, kFacts, kSize, kWhereabouts, kTakeTimeAndAttributes,
-  kKindOf, kCanonical, kWeaklyCanonical, kAvailableSpace, kNext,
-  kCreateDirectoryOnce, kRename, kMoveReplacing, kRemove, kRemoveTree,
+  kKindOf, kCanonical, kWeaklyCanonical, kAvailableSpace, kVolumeOf, kSizeOf, kNext,
+  kCreateDirectoryOnce, kRename, kMoveReplacing, kMoveReplacingWhole, kMoveToNewName, kRemove,
+  kRemoveTree,
 };
 // clang-format on
 
@@ -37,8 +38,11 @@ struct FileCall {
 
 enum class Fate {
   kProceed,
-  kFail,  ///< the call fails; a write has written half, a flush or close is done
-  kDie,   ///< the process ends: after half of a write, after a flush or close, else before the call
+  kFail,          ///< the call fails; a write has written half, a flush or close is done
+  kFailWhenDone,  ///< the call is done and reports a failure, as a share may do
+  kDeny,          ///< only for KindOf: it says that there is no such entry
+  kThrow,         ///< the call is done, and then an exception is thrown; never for a close
+  kDie,  ///< the process ends: after half of a write, after a flush or close, else before the call
 };
 
 /// The exit code of a process that ends with kDie.
@@ -50,7 +54,7 @@ struct Verdict {
 };
 
 /// Decides what happens to a call. Runs on the thread that makes the call, never on two at once.
-/// Must not use the file layer.
+/// Its own calls of the file layer do not count.
 using Script = std::function<Verdict(const FileCall&)>;
 
 /// From here on each call counts, on every thread, and the script decides about it. Sleeps end at

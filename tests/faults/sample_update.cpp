@@ -162,7 +162,7 @@ void ForEachStep(const Steps& steps, const std::function<void(const FileCall& st
       test(step);
       ++tried;
     }
-    if (step.call == Call::kMoveReplacing) ++replaced;
+    if (step.call == Call::kMoveReplacing || step.call == Call::kMoveToNewName) ++replaced;
   }
   EXPECT_GT(tried, 0u) << steps.name;
 }

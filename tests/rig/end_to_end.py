@@ -181,7 +181,8 @@ class EndToEnd(unittest.TestCase):
             text = text.replace(scene.windows(folder), name)
         for pattern, name in ((r"<temp>\\qorva_updater_\d+", "<work>"),
                               (r"<temp>\\zul_updater_launch_\d+_\d+", "<helper>"),
-                              (r"message='[^']+'", "message='M'"), (r"(\(code=|available )\d+", r"\1N")):
+                              (r"message='[^']+'", "message='M'"),
+                              (r"(\(code=|available |for the update: )\d+", r"\1N")):
             text = re.sub(pattern, name, text)
         return text
 

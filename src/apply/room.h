@@ -1,0 +1,52 @@
+#pragma once
+
+// The room that the changes of an apply take on the volume of its backups and on the volume of the
+// installation. It is counted before the first change, so that an apply does not begin what the
+// volumes cannot hold.
+
+#include <cstdint>
+#include <string>
+
+#include "core/file_layer.h"
+
+namespace zul {
+
+/// Adds up the changes of an apply, in their order. What counts is the most that they take at one
+/// time: a backup stays to the end, and a temporary copy until it has replaced its target.
+class RoomCount {
+ public:
+  /// The two volumes may be the same. A default `fs::Volume` is one whose facts are unavailable; it
+  /// counts as large enough.
+  RoomCount(fs::Volume backups, fs::Volume installation);
+
+  /// A file is backed up and removed.
+  void AddRemoval(std::uint64_t size_bytes);
+
+  /// A file is backed up and replaced. `old_bytes` is 0 for a file that did not exist.
+  void AddReplacement(std::uint64_t old_bytes, std::uint64_t new_bytes);
+
+  /// False when a volume has less room than the changes take. `error` then names the volume and the
+  /// missing megabytes.
+  [[nodiscard]] bool Suffices(std::string* error) const;
+
+ private:
+  /// What the changes take of one volume.
+  struct Use {
+    fs::Volume volume;
+    std::int64_t taken_bytes = 0;  // negative while the changes have freed more than they took
+    std::int64_t most_bytes = 0;
+
+    void Take(std::uint64_t file_bytes);
+    void Free(std::uint64_t file_bytes);
+    [[nodiscard]] std::int64_t RoomOf(std::uint64_t file_bytes) const;
+    [[nodiscard]] bool Suffices(std::string* error) const;
+  };
+
+  [[nodiscard]] Use& backups() { return one_volume_ ? installation_ : backups_; }
+
+  const bool one_volume_;
+  Use backups_;  // unused for one volume
+  Use installation_;
+};
+
+}  // namespace zul
