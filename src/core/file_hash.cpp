@@ -47,6 +47,12 @@ bool ComputeFileSha256(const fs::Path& path, std::string* hex, std::string* erro
   std::error_code ec;
   fs::File file = fs::OpenForRead(path, ec);
   if (!file.is_open()) return Fail(error, "Cannot open file for SHA-256.");
+  return ComputeFileSha256(file, hex, error, keep_alive);
+}
+
+bool ComputeFileSha256(fs::File& file, std::string* hex, std::string* error,
+                       const fs::KeepAlive& keep_alive) {
+  hex->clear();
   Sha256Digest digest;
   if (!HashOpenFile(file, &digest, error, keep_alive)) return false;
   *hex = HexText(digest);

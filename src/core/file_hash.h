@@ -14,4 +14,8 @@ namespace zul {
 [[nodiscard]] bool ComputeFileSha256(const fs::Path& path, std::string* hex, std::string* error,
                                      const fs::KeepAlive& keep_alive = {});
 
+/// The same for an open file, from its current position to its end.
+[[nodiscard]] bool ComputeFileSha256(fs::File& file, std::string* hex, std::string* error,
+                                     const fs::KeepAlive& keep_alive = {});
+
 }  // namespace zul

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "core/exclusive_file.h"
 #include "core/system_error.h"
 #include "tests/support/file_tricks.h"
 #include "tests/support/temp_folder.h"
@@ -42,6 +43,18 @@ TEST_F(FileLayer, ReadsAtAnyOffsetOfAFile) {
     std::size_t read = 0;
     EXPECT_TRUE(file.ReadAt(offset_bytes, buffer, sizeof buffer, &read, ec)) << ec;
     EXPECT_EQ(std::string(buffer, read), expected) << offset_bytes;
+  }
+}
+
+TEST_F(FileLayer, HasOneHolderOfAnExclusiveFileAndLeavesNothing) {
+  using Result = ExclusiveFile::Result;
+  Write({"left by a power failure"});
+  for (const char* name : {"new", "left by a power failure"}) {
+    ExclusiveFile first, second;
+    EXPECT_EQ(first.Take(folder / name, ec), Result::kTaken) << name << ec;
+    EXPECT_EQ(second.Take(folder / name, ec), Result::kHeld) << name;
+    first.Release();
+    EXPECT_FALSE(test::Exists(folder / name)) << name;
   }
 }
 
