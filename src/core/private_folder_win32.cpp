@@ -53,7 +53,7 @@ bool CreateWithSecurity(const fs::Path& path, std::string_view security, std::er
                      text.c_str(), SDDL_REVISION_1, &converted, nullptr) != FALSE;
   const UniqueLocalMemory descriptor(converted);
   SECURITY_ATTRIBUTES attributes{sizeof attributes, converted, FALSE};
-  created = created && ::CreateDirectoryW(ApiPath(path).c_str(), &attributes);
+  created = created && ::CreateDirectoryW(fs::ApiPath(path).c_str(), &attributes);
   ec = created ? std::error_code() : LastSystemError();
   return created;
 }

@@ -47,15 +47,13 @@ TEST_F(FileLayer, ReadsAtAnyOffsetOfAFile) {
 }
 
 TEST_F(FileLayer, HasOneHolderOfAnExclusiveFileAndLeavesNothing) {
-  using Result = ExclusiveFile::Result;
   Write({"left by a power failure"});
-  for (const char* name : {"new", "left by a power failure"}) {
-    ExclusiveFile first, second;
-    EXPECT_EQ(first.Take(folder / name, ec), Result::kTaken) << name << ec;
-    EXPECT_EQ(second.Take(folder / name, ec), Result::kHeld) << name;
-    first.Release();
-    EXPECT_FALSE(test::Exists(folder / name)) << name;
-  }
+  const Path path = folder / "left by a power failure";
+  ExclusiveFile first, second;
+  EXPECT_EQ(first.Take(path, ec), ExclusiveFile::Result::kTaken) << ec;
+  EXPECT_EQ(second.Take(path, ec), ExclusiveFile::Result::kHeld);
+  first.Release();
+  EXPECT_FALSE(test::Exists(path));
 }
 
 TEST_F(FileLayer, ReportsTheKindOfAPathWithAndWithoutItsLinks) {

@@ -61,7 +61,7 @@ class UpdateScene {
   bool relaunched = false;
   bool replaced_at_next_start = false;  ///< the updater's file is in use
   ApplyFaultInjection faults;
-  fs::ExclusiveFile other_updater;  ///< may have claimed the installation
+  bool other_updater_runs = false;  ///< and has claimed the installation
   bool application_runs = false;
   BoxAnswer answer = BoxAnswer::kOther;
   bool browser_works = true, clipboard_works = true;
@@ -229,6 +229,8 @@ class UpdateScene {
       Note("isolate");
       EXPECT_EQ(given, request);
       *done = relaunched;
+      std::error_code ec;
+      if (other_updater_runs) static_cast<void>(other_updater_.Take(install / kClaimName, ec));
       return Answer(relaunch_error, error);
     };
     world.download_package = [this](auto url, auto& file, auto role, auto* result, auto* error,
@@ -296,10 +298,14 @@ class UpdateScene {
       next_copy_left = Exists(install / kNextCopyName);
       report = std::string(stage) + ": " + Plain(std::string(message));
     };
-    world.shutdown_diagnostics = [this] { Note("shutdown"); };
+    world.shutdown_diagnostics = [this] {
+      Note("shutdown");
+      other_updater_.Release();
+    };
   }
 
   const ScopedEnvironment temp_{kTempVariable, PathToUtf8(temp)};
+  fs::ExclusiveFile other_updater_;
   FakeScreen screen_;
   std::string apply_error_;
 };
