@@ -2,11 +2,14 @@
 
 #include <array>
 #include <chrono>
+#include <string>
 #include <string_view>
+#include <utility>
 
 #include "apply/retry_file_ops.h"
 #include "core/failure.h"
 #include "core/file_layer.h"
+#include "core/private_folder.h"
 #include "core/process_environment.h"
 #include "core/text.h"
 
@@ -68,19 +71,6 @@ constexpr std::array<std::string_view, 44> kRuntimeLibraries = {
     "directml.dll",
     "microsoft.windows.ai.machinelearning.dll"};
 
-/// Creates a folder that no other process uses; empty on any failure.
-fs::Path CreateHelperFolder() {
-  const fs::Path temp = TempDirectory();
-  if (temp.empty()) return {};
-  const auto nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(
-      std::chrono::steady_clock::now().time_since_epoch());
-  fs::Path folder = temp / (std::string(kFolderPrefix) + std::to_string(nanoseconds.count()) + "_" +
-                            std::to_string(CurrentProcessId()));
-  std::error_code ec;
-  if (!fs::CreateDirectories(temp, ec)) return {};
-  return fs::CreateDirectoryOnce(folder, ec) == fs::CreateResult::kCreated ? folder : fs::Path();
-}
-
 }  // namespace
 
 bool PrepareIsolatedHelper(const fs::Path& source_helper, IsolatedHelper* prepared,
@@ -91,7 +81,10 @@ bool PrepareIsolatedHelper(const fs::Path& source_helper, IsolatedHelper* prepar
   }
   RemoveStaleHelperFolders();
   IsolatedHelper made;
-  made.runtime_dir = CreateHelperFolder();
+  PrivateFolder folder =
+      CreatePrivateFolder(kFolderPrefix, "_" + std::to_string(CurrentProcessId()));
+  made.runtime_dir = folder.path;
+  made.folder_hold = std::move(folder.hold);
   if (made.runtime_dir.empty()) {
     return Fail(error, "Cannot create temporary updater helper directory.");
   }

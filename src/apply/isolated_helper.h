@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "core/file.h"
 #include "core/path.h"
 #include "request/update_request.h"
 
@@ -18,6 +19,7 @@ struct IsolatedHelper {
   fs::Path helper;                            ///< the executable
   fs::Path runtime_dir;                       ///< its folder
   std::vector<std::string> copied_libraries;  ///< file names of the runtime libraries beside it
+  fs::File folder_hold = {};  ///< see PrivateFolder::hold; open until the helper is started
 };
 
 /// Starts a copy outside the target folder when this process runs from that folder. On true,

@@ -34,13 +34,14 @@ constexpr milliseconds kLockRetryWait{250};
 
 /// The search ends at a process that is its own parent. A longer cycle, which reused ids can form,
 /// ends at the limit.
-bool IsInProcessTree(std::uint32_t pid, std::uint32_t main_pid, const ProcessParents& parents) {
+bool IsInProcessTree(std::uint32_t pid, std::uint32_t main_pid, const ProcessList& processes) {
   if (pid == 0 || main_pid == 0) return false;
   for (int steps = 0;; ++steps) {
     if (pid == main_pid) return true;
-    const auto parent = parents.find(pid);
-    if (parent == parents.end() || parent->second == pid || steps == kMaxTreeSteps) return false;
-    pid = parent->second;
+    const auto listed = processes.find(pid);
+    if (listed == processes.end() || steps == kMaxTreeSteps) return false;
+    if (listed->second.parent == pid) return false;
+    pid = listed->second.parent;
   }
 }
 
@@ -187,13 +188,15 @@ bool ProbeTargetLock(const fs::Path& target, std::uint32_t main_pid, LockProbeRe
 }
 
 LockOwner MakeLockOwner(const LockHolderRecord& holder, std::uint32_t main_pid,
-                        const ProcessParents& parents) {
+                        const ProcessList& processes) {
   LockOwner owner;
   owner.pid = holder.pid;
   owner.name = holder.application_name;
   owner.is_service = holder.application_type == kRmService;
   owner.service = holder.service_short_name;
-  owner.main_tree = IsInProcessTree(holder.pid, main_pid, parents);
+  owner.main_tree = IsInProcessTree(holder.pid, main_pid, processes);
+  const auto listed = processes.find(holder.pid);
+  if (listed != processes.end()) owner.executable = listed->second.executable;
   return owner;
 }
 
@@ -216,7 +219,8 @@ std::vector<std::uint32_t> ApplicationOwnerPids(const LockProbeResult& result,
   std::vector<std::uint32_t> pids;
   for (const LockOwner& owner : result.owners) {
     if (owner.pid == 0 || std::find(pids.begin(), pids.end(), owner.pid) != pids.end()) continue;
-    if (IsApplicationOwner({owner.pid, ProcessImagePath(owner.pid), owner.name}, target_root)) {
+    const std::string& listed = owner.executable.empty() ? owner.name : owner.executable;
+    if (IsApplicationOwner({owner.pid, ProcessImagePath(owner.pid), listed}, target_root)) {
       pids.push_back(owner.pid);
     }
   }

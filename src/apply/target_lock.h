@@ -38,6 +38,8 @@ struct LockOwner {
   bool is_service = false;
   std::string service;     ///< the short name of the service
   bool main_tree = false;  ///< the application's main process or a descendant of it
+  /// File name of the image in the process list; empty when the process is not in the list.
+  std::string executable = {};
 };
 
 /// The result of a probe. A default one says that the file can be replaced now.
@@ -76,20 +78,27 @@ struct LockHolderRecord {
   std::string service_short_name;
 };
 
-/// The parent's id for each process id.
-using ProcessParents = std::map<std::uint32_t, std::uint32_t>;
+/// What the process list says about one process.
+struct ListedProcess {
+  std::uint32_t parent = 0;
+  std::string executable;  ///< file name, UTF-8
+};
+
+/// The process list by process id.
+using ProcessList = std::map<std::uint32_t, ListedProcess>;
 
 /// One owner from its record and the process list. A process belongs to the main tree when at most
 /// 128 steps to the parent lead from it to `main_pid`. Process id 0 belongs to no tree.
 [[nodiscard]] LockOwner MakeLockOwner(const LockHolderRecord& holder, std::uint32_t main_pid,
-                                      const ProcessParents& parents);
+                                      const ProcessList& processes);
 
 /// The class of a probe: "ok", "missing_path", "permission_issue", "unknown_lock_owner",
 /// "filesystem_error", "main_process_tree_still_alive" or "external_process_lock".
 [[nodiscard]] std::string_view ClassifyLock(const LockProbeResult& result);
 
 /// The ids of the owners that are this installation's application, which are those that may be
-/// closed. In the order of the owners, without duplicates.
+/// closed. In the order of the owners, without duplicates. An owner whose image path cannot be read
+/// is judged by its name in the process list, or by `name` when it is not in the list.
 [[nodiscard]] std::vector<std::uint32_t> ApplicationOwnerPids(const LockProbeResult& result,
                                                               const fs::Path& target_root);
 

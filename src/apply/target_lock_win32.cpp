@@ -84,18 +84,18 @@ class RestartManagerSession {
   bool open_ = false;
 };
 
-/// The parent of every running process; empty when the system has no snapshot.
-ProcessParents SnapshotParents() {
-  ProcessParents parents;
+/// Every running process; empty when the system has no snapshot.
+ProcessList ListProcesses() {
+  ProcessList processes;
   const UniqueFileHandle snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
-  if (!snapshot) return parents;
+  if (!snapshot) return processes;
   PROCESSENTRY32W entry{};
   entry.dwSize = sizeof entry;
   for (BOOL more = ::Process32FirstW(snapshot.get(), &entry); more;
        more = ::Process32NextW(snapshot.get(), &entry)) {
-    parents[entry.th32ProcessID] = entry.th32ParentProcessID;
+    processes[entry.th32ProcessID] = {entry.th32ParentProcessID, WideToUtf8Lossy(entry.szExeFile)};
   }
-  return parents;
+  return processes;
 }
 
 struct CloseRequest {
@@ -156,12 +156,12 @@ bool QueryLockOwners(const fs::Path& target, std::uint32_t main_pid, std::vector
                   PumpPendingMessages);
   if (!listed) return Fail(error, reason);
   if (holders.empty()) return true;
-  const ProcessParents parents = SnapshotParents();
+  const ProcessList processes = ListProcesses();
   for (const RM_PROCESS_INFO& holder : holders) {
     owners->push_back(MakeLockOwner({holder.Process.dwProcessId, WideToUtf8Lossy(holder.strAppName),
                                      static_cast<std::uint32_t>(holder.ApplicationType),
                                      WideToUtf8Lossy(holder.strServiceShortName)},
-                                    main_pid, parents));
+                                    main_pid, processes));
   }
   return true;
 }

@@ -93,8 +93,16 @@ class File {
 /// folder is an error on Windows; on other systems it opens, and `Facts` reports it.
 [[nodiscard]] File OpenForRead(const Path& path, std::error_code& ec);
 
+/// As `OpenForRead`, shared for reading only: until the file is closed, every write to it, its
+/// removal, and every rename of it, over it or of a folder above it fails. The open itself fails
+/// while another process has the file open for one of these.
+[[nodiscard]] File HoldForRead(const Path& path, std::error_code& ec);
+
 /// Opens an existing folder for `Whereabouts`, shared for everything.
 [[nodiscard]] File OpenFolder(const Path& path, std::error_code& ec);
+
+/// Opens an existing folder, and keeps it from being renamed and removed until it is closed.
+[[nodiscard]] File HoldFolder(const Path& path, std::error_code& ec);
 
 enum class NewFileAccess { kWrite, kReadWrite };
 

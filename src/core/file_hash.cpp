@@ -45,12 +45,10 @@ bool HashOpenFile(fs::File& file, Reading* reading, std::string* error,
   return hash.Finish(&reading->digest, error);
 }
 
-bool OpenAndHash(const fs::Path& path, fs::File* file, Reading* reading, std::string* error,
-                 const fs::KeepAlive& keep_alive) {
+bool Open(const fs::Path& path, fs::File* file, std::string* error) {
   std::error_code ec;
   *file = fs::OpenForRead(path, ec);
-  if (!file->is_open()) return Fail(error, "Cannot open file for SHA-256.");
-  return HashOpenFile(*file, reading, error, keep_alive);
+  return file->is_open() || Fail(error, "Cannot open file for SHA-256.");
 }
 
 }  // namespace
@@ -59,8 +57,14 @@ bool ComputeFileSha256(const fs::Path& path, std::string* hex, std::string* erro
                        const fs::KeepAlive& keep_alive) {
   hex->clear();
   fs::File file;
+  return Open(path, &file, error) && ComputeFileSha256(file, hex, error, keep_alive);
+}
+
+bool ComputeFileSha256(fs::File& file, std::string* hex, std::string* error,
+                       const fs::KeepAlive& keep_alive) {
+  hex->clear();
   Reading reading;
-  if (!OpenAndHash(path, &file, &reading, error, keep_alive)) return false;
+  if (!HashOpenFile(file, &reading, error, keep_alive)) return false;
   // A read error counts as the end of the file. The digest of a part matches no expected digest.
   *hex = HexText(reading.digest);
   return true;
@@ -71,12 +75,13 @@ bool ReadFileDigest(const fs::Path& path, FileDigest* digest, std::string* error
   *digest = {};
   fs::File file;
   Reading reading;
-  if (!OpenAndHash(path, &file, &reading, error, keep_alive)) return false;
+  if (!Open(path, &file, error) || !HashOpenFile(file, &reading, error, keep_alive)) return false;
   std::error_code& ec = reading.failure;
   std::uint64_t size_bytes = 0;
   if (ec || !file.Size(&size_bytes, ec)) return Fail(error, "Cannot read file for SHA-256: ", ec);
-  if (size_bytes != reading.size_bytes)
+  if (size_bytes != reading.size_bytes) {
     return Fail(error, "Cannot read the whole file for SHA-256.");
+  }
   *digest = {HexText(reading.digest), size_bytes};
   return true;
 }

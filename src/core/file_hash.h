@@ -15,6 +15,10 @@ namespace zul {
 [[nodiscard]] bool ComputeFileSha256(const fs::Path& path, std::string* hex, std::string* error,
                                      const fs::KeepAlive& keep_alive = {});
 
+/// The same for an open file, from its current position to its end.
+[[nodiscard]] bool ComputeFileSha256(fs::File& file, std::string* hex, std::string* error,
+                                     const fs::KeepAlive& keep_alive = {});
+
 /// What identifies the content of a file.
 struct FileDigest {
   std::string sha256;  ///< as from ComputeFileSha256

@@ -120,8 +120,16 @@ File OpenForRead(const Path& path, std::error_code& ec) {
   return Open(path, O_RDONLY | O_NONBLOCK, ec);
 }
 
+File HoldForRead(const Path& path, std::error_code& ec) {
+  return OpenForRead(path, ec);
+}
+
 File OpenFolder(const Path& path, std::error_code& ec) {
   return Open(path, O_RDONLY | O_DIRECTORY, ec);
+}
+
+File HoldFolder(const Path& path, std::error_code& ec) {
+  return OpenFolder(path, ec);
 }
 
 File CreateNewFile(const Path& path, NewFileAccess access, std::error_code& ec) {

@@ -121,6 +121,15 @@ File OpenForRead(const Path& path, std::error_code& ec) {
   return Open(path, GENERIC_READ, kShareAll, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, ec);
 }
 
+File HoldForRead(const Path& path, std::error_code& ec) {
+  return Open(path, GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, ec);
+}
+
+File HoldFolder(const Path& path, std::error_code& ec) {
+  return Open(path, FILE_LIST_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING,
+              FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, ec);
+}
+
 File CreateNewFile(const Path& path, NewFileAccess access, std::error_code& ec) {
   const DWORD mode = access == NewFileAccess::kWrite ? GENERIC_WRITE : GENERIC_READ | GENERIC_WRITE;
   return Open(path, mode, 0, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, ec);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <optional>
 
 #include "core/text.h"
 
@@ -79,10 +80,12 @@ bool StartsWith(std::wstring_view argument, std::string_view prefix) {
 void ReadArgument(std::wstring_view argument, UpdateRequest* request) {
   for (const Switch& known : kSwitches) {
     if (!StartsWith(argument, known.prefix)) continue;
-    // A value that is not valid UTF-16 counts as empty, and an empty value changes nothing.
-    std::string value = WideToUtf8(argument.substr(known.prefix.size())).value_or(std::string());
-    if (value.empty()) continue;
-    known.store(request, std::move(value));
+    std::optional<std::string> value = WideToUtf8(argument.substr(known.prefix.size()));
+    if (!value && request->unreadable_switch.empty()) {
+      request->unreadable_switch = known.prefix.substr(0, known.prefix.size() - 1);
+    }
+    // An empty value changes nothing.
+    if (value && !value->empty()) known.store(request, *std::move(value));
     return;
   }
 }

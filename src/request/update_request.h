@@ -25,12 +25,15 @@ struct UpdateRequest {
   bool headless_restart_version_proof = false;
   std::vector<std::string> required_payload_files;  ///< files that the package must hold
   bool require_signed_payload_binaries = false;
+  /// The first switch with a value that is not valid UTF-16, without its "="; usually empty. A
+  /// request that sets this is refused, since the value may be one that makes the update safe.
+  std::string unreadable_switch;
 
   bool operator==(const UpdateRequest&) const = default;
 };
 
 /// Reads the switches from the elements 1 to argc-1. Every argument that is not a known switch with
-/// a value is ignored.
+/// a value is ignored. Never fails: `unreadable_switch` names a value that cannot be read.
 [[nodiscard]] UpdateRequest ParseUpdateRequest(int argc, const wchar_t* const* argv);
 
 /// One switch of a command line.
@@ -60,8 +63,10 @@ struct UpdateSwitch {
 [[nodiscard]] bool ResolveUpdaterHelper(std::string_view restart_exe, fs::Path* helper_path,
                                         std::string* error);
 
-/// The executable to start after the update. A legacy name is mapped to the current name when the
-/// target folder holds a file of that name. In every other case this is `restart_exe`, unchanged.
+/// The executable to start after the update, by what the target folder holds now. A legacy name is
+/// mapped to its current name when there is such a file. When `restart_exe` itself is gone, because
+/// the update has removed a retired name, this is the application that is there. In every other
+/// case it is `restart_exe`, unchanged.
 [[nodiscard]] std::string ResolveRestartTarget(std::string_view restart_exe,
                                                std::string_view target_dir);
 

@@ -2,6 +2,7 @@
 #include <array>
 #include <optional>
 #include <system_error>
+#include <vector>
 
 #include "core/failure.h"
 #include "core/file_layer.h"
@@ -160,13 +161,18 @@ bool ResolveUpdaterHelper(std::string_view restart_exe, fs::Path* helper_path, s
 
 std::string ResolveRestartTarget(std::string_view restart_exe, std::string_view target_dir) {
   const std::string name = AsciiLower(FileNameOf(restart_exe));
-  std::string_view current;
-  if (name == "zul_rip_gui.exe") current = "qorva_gui.exe";
-  if (name == "zul_rip.exe") current = "qorva.exe";
-  const std::optional<fs::Path> target = PathFromUtf8(target_dir);
-  if (!current.empty() && target) {
-    const fs::Path candidate = *target / current;
-    if (fs::IsRegularFile(candidate)) return PathToUtf8(candidate);
+  const fs::Path target = PathOrEmpty(target_dir);
+  std::vector<std::string_view> candidates;
+  if (name == "zul_rip_gui.exe") candidates.push_back("qorva_gui.exe");
+  if (name == "zul_rip.exe") candidates.push_back("qorva.exe");
+  std::error_code ec;
+  if (fs::KindOf(PathOrEmpty(restart_exe), fs::Links::kFollow, ec) == fs::EntryKind::kNotFound) {
+    candidates.insert(candidates.end(), {"qorva_gui.exe", "qorva.exe"});
+  }
+  for (const std::string_view candidate : candidates) {
+    if (!target.empty() && fs::IsRegularFile(target / candidate)) {
+      return PathToUtf8(target / candidate);
+    }
   }
   return std::string(restart_exe);
 }

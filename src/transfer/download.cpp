@@ -281,6 +281,7 @@ bool Download::NotCancelled(std::string_view reason, std::vector<ChainEventField
 
 bool Download::Fail(DownloadFailureKind kind, std::string message, FailureTrace trace) {
   world_.transport.Close();
+  UpdateTiming();
   result_.failure_kind = kind;
   result_.error = std::move(message);
   if (error_text_ != nullptr) {

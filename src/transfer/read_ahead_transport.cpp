@@ -14,6 +14,8 @@ namespace {
 constexpr std::chrono::milliseconds kLookPeriod{10};
 constexpr std::size_t kManyPieces = ReadAheadTransport::kMaxPieces / 2;
 constexpr std::size_t kManyBytes = ReadAheadTransport::kMaxBytes / 2;
+/// ERROR_NOT_ENOUGH_MEMORY of WinError.h.
+constexpr std::uint32_t kOutOfMemoryCode = 8;
 
 }  // namespace
 
@@ -95,7 +97,7 @@ void ReadAheadTransport::ReadBody() {
   bool more = true;
   while (more && AwaitRoom()) {
     Piece& piece = pieces_[next_free_];
-    Receive(&piece);
+    ReceiveOrFail(&piece);
     more = !piece.IsLast();
     next_free_ = (next_free_ + 1) % kMaxPieces;
     Publish(piece);
@@ -120,6 +122,17 @@ void ReadAheadTransport::Receive(Piece* piece) {
   if (piece->data.size() < piece->available) piece->data.resize(piece->available);
   piece->received =
       inner_.ReadData(piece->data.data(), piece->available, &piece->size, &piece->code);
+}
+
+/// The caller waits for a piece, so an exception becomes one that reports a failure.
+void ReadAheadTransport::ReceiveOrFail(Piece* piece) {
+  try {
+    Receive(piece);
+  } catch (...) {
+    piece->announced = piece->received = false;
+    piece->available = piece->size = 0;
+    piece->code = kOutOfMemoryCode;
+  }
 }
 
 void ReadAheadTransport::Publish(const Piece& piece) {

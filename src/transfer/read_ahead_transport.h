@@ -3,7 +3,8 @@
 // A transport that keeps the window alive while the network blocks. It forwards every call to
 // another transport; the calls that wait for the network run on a second thread. From the first
 // piece of the body on, that thread reads ahead, so that a fast download does not wait for a thread
-// switch with each piece. It holds at most kMaxPieces pieces and stops reading at kMaxBytes.
+// switch with each piece. It holds at most kMaxPieces pieces and stops reading at kMaxBytes. An
+// exception on that thread, which means that memory ran out, is reported as a failed read.
 
 #include <array>
 #include <condition_variable>
@@ -86,6 +87,7 @@ class ReadAheadTransport final : public DownloadTransport {
   void ReadBody();
   bool AwaitRoom();
   void Receive(Piece* piece);
+  void ReceiveOrFail(Piece* piece);
   void Publish(const Piece& piece);
 
   DownloadTransport& inner_;

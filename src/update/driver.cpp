@@ -1,14 +1,14 @@
 #include "update/driver.h"
 
 #include <array>
-#include <chrono>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "apply/self_replace.h"
 #include "core/build_identity.h"
 #include "core/file_layer.h"
-#include "core/process_environment.h"
+#include "core/private_folder.h"
 #include "core/system_error.h"
 #include "core/text.h"
 #include "package/extract.h"
@@ -55,20 +55,6 @@ StageResult IsolateHelperStage(UpdateRun& run) {
   return kExitDone;
 }
 
-/// Creates a new folder in the system's temporary folder; empty on any failure.
-fs::Path CreateUpdateWorkspace() {
-  const fs::Path temp = TempDirectory();
-  if (temp.empty()) return {};
-  const auto nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(
-      std::chrono::steady_clock::now().time_since_epoch());
-  fs::Path workspace = temp / ("qorva_updater_" + std::to_string(nanoseconds.count()));
-  std::error_code ec;
-  if (!fs::CreateDirectories(temp, ec)) return {};
-  // A folder of this name that exists belongs to another process.
-  if (fs::CreateDirectoryOnce(workspace, ec) != fs::CreateResult::kCreated) return {};
-  return workspace;
-}
-
 StageResult PrepareStage(UpdateRun& run) {
   const UpdateRequest& request = run.request;
   EmitChainEvent(
@@ -81,7 +67,9 @@ StageResult PrepareStage(UpdateRun& run) {
        {"require_signed_payload_binaries", request.require_signed_payload_binaries ? "1" : "0"},
        {"trace_log_path", TraceLogPath()}});
   run.progress_window.set_status("Preparing update...", "Creating temporary workspace.", 0);
-  run.workspace_dir = CreateUpdateWorkspace();
+  PrivateFolder workspace = CreatePrivateFolder("qorva_updater_");
+  run.workspace_dir = workspace.path;
+  run.workspace_hold = std::move(workspace.hold);
   if (run.workspace_dir.empty()) return FailRun(run, "Cannot create updater temp directory.");
   run.package_path = run.workspace_dir / "update_package.zip";
   run.stage_dir = run.workspace_dir / "stage";
@@ -89,21 +77,23 @@ StageResult PrepareStage(UpdateRun& run) {
 }
 
 /// True for a file that begins with a local file header (PKWARE application note, 4.3.7).
-bool BeginsLikeZip(const fs::Path& path) {
+bool BeginsLikeZip(fs::File& file) {
   std::error_code ec;
-  fs::File file = fs::OpenForRead(path, ec);
   std::array<char, 4> start{};
   std::size_t filled = 0;
-  while (file.is_open() && filled < start.size()) {
+  while (filled < start.size()) {
     std::size_t read = 0;
-    if (!file.Read(start.data() + filled, start.size() - filled, &read, ec) || read == 0) break;
+    if (!file.ReadAt(filled, start.data() + filled, start.size() - filled, &read, ec) ||
+        read == 0) {
+      break;
+    }
     filled += read;
   }
   return filled == start.size() && start == std::array<char, 4>{'P', 'K', 3, 4};
 }
 
 StageResult CheckFormatStage(UpdateRun& run) {
-  if (AsciiLower(run.selected_url).ends_with(".zip") || BeginsLikeZip(run.package_path)) {
+  if (AsciiLower(run.selected_url).ends_with(".zip") || BeginsLikeZip(run.package)) {
     return std::nullopt;
   }
   return FailRun(run, "Unsupported update package format. Only .zip packages are supported.");
@@ -114,8 +104,10 @@ StageResult ExtractStage(UpdateRun& run) {
                                  "Unpacking files into a temporary staging folder.", 100);
   EmitChainEvent("extract_start", {{"package", PathToUtf8(run.package_path)},
                                    {"stage_dir", PathToUtf8(run.stage_dir)}});
-  if (!ExtractPackage(run.package_path, run.stage_dir, &run.stage_error,
-                      KeepingAlive(&run.progress_window))) {
+  const bool extracted = ExtractPackage(run.package_path, run.stage_dir, &run.stage_error,
+                                        KeepingAlive(&run.progress_window));
+  run.package = {};
+  if (!extracted) {
     EmitChainEvent("extract_fail", {{"error", run.stage_error}});
     return FailRun(run, "Cannot extract update package: " + run.stage_error);
   }
@@ -226,6 +218,9 @@ StageResult RestartStage(UpdateRun& run) {
                   {"requested_restart_exe", request.restart_exe},
                   {"restart_mode", request.headless_restart_version_proof ? "headless_version_proof"
                                                                           : "normal_gui"}});
+  // The application may find the next update at once. What this run still does is not in its
+  // folder.
+  run.claim.Release();
   bool launched = false;
   // Scanners read a new program before they let it start.
   RunKeepingAlive(
@@ -247,6 +242,7 @@ StageResult RestartStage(UpdateRun& run) {
 
 int CleanUp(UpdateRun& run) {
   std::error_code ignored;
+  run.workspace_hold = {};
   fs::RemoveTree(run.workspace_dir, ignored, KeepingAlive(&run.progress_window));
   run.progress_window.Destroy();
   return kExitDone;
@@ -272,9 +268,9 @@ int RunUpdateDriver(const UpdateWorld& world, int argc, const wchar_t* const* ar
 
   UpdateRun run(world, ParseUpdateRequest(argc, argv));
   constexpr std::array kStages = {
-      ValidateStage,    RefuseArchiveModeStage, IsolateHelperStage, PrepareStage, FetchPackage,
-      CheckFormatStage, ExtractStage,           StageSelfUpdate,    WaitStage,    ApplyStage,
-      ReplaceSelfStage, RestartStage,
+      ValidateStage, RefuseArchiveModeStage, IsolateHelperStage, ClaimTarget,     PrepareStage,
+      FetchPackage,  CheckFormatStage,       ExtractStage,       StageSelfUpdate, WaitStage,
+      ApplyStage,    ReplaceSelfStage,       RestartStage,
   };
   for (const auto stage : kStages) {
     if (const StageResult exit_code = stage(run)) return *exit_code;

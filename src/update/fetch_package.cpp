@@ -26,7 +26,8 @@ bool DownloadFrom(UpdateRun& run, const std::string& url, std::string_view origi
 
 bool VerifyFrom(UpdateRun& run, std::string_view origin_label) {
   return VerifyPackageChecksum(
-      {&run.progress_window, run.request, run.package_path, &run.stage_error}, origin_label);
+      {&run.progress_window, run.request, run.package_path, &run.stage_error, &run.package},
+      origin_label);
 }
 
 void EmitDownloadFailure(std::string_view event, const std::string& error,

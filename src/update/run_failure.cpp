@@ -41,6 +41,8 @@ int ReportAndEnd(const UpdateWorld& world, const RunFailureContext& context,
 int EndRun(UpdateRun& run, std::string_view report_stage, std::string_view message,
            const std::function<void()>& show_box, int exit_code) {
   DropNextCopy(run);
+  // The user may read the box for hours, and may start the update again before closing it.
+  run.claim.Release();
   return ReportAndEnd(run.world, {run.request, run.progress_window}, report_stage, message,
                       show_box, exit_code);
 }

@@ -9,6 +9,8 @@
 #include <utility>
 
 #include "apply/apply.h"
+#include "core/exclusive_file.h"
+#include "core/file.h"
 #include "core/path.h"
 #include "request/update_request.h"
 #include "transfer/download.h"
@@ -32,8 +34,13 @@ struct UpdateRun {
 
   const UpdateWorld& world;
   const UpdateRequest request;
-  fs::Path workspace_dir;  ///< empty until created
+  /// Held from the first stage that may lead to a change of the installation until the run has made
+  /// its last change.
+  fs::ExclusiveFile claim;
+  fs::Path workspace_dir;   ///< empty until created
+  fs::File workspace_hold;  ///< see PrivateFolder::hold
   fs::Path package_path;
+  fs::File package;  ///< open from before its checksum until the end of the extraction
   fs::Path stage_dir;
   std::string selected_url;  ///< the origin whose bytes are in `package_path`
   std::string stage_error;   ///< filled by the stage that fails
@@ -51,14 +58,18 @@ struct UpdateRun {
 /// What a stage returns: nothing to go on, or the exit code that ends the run.
 using StageResult = std::optional<int>;
 
+/// The stage after which no other updater works on this installation. Refuses the run while one
+/// does; nothing has been downloaded and no process has been asked to close by then.
+[[nodiscard]] StageResult ClaimTarget(UpdateRun& run);
+
 /// The download stage with its fallback. On success the package of `selected_url` lies at
-/// `package_path` and has the digest of the request.
+/// `package_path`, has the digest of the request, and stays as it is while `package` is open.
 [[nodiscard]] StageResult FetchPackage(UpdateRun& run);
 
-// The failure tails. Each removes the staged copy of the updater, queues a report, takes the window
-// off the screen, shows a message box, ends diagnostics in order, and returns the exit code. The
-// workspace stays for support. Ending diagnostics takes up to 15 s, and then as long as the request
-// of an upload in flight.
+// The failure tails. Each removes the staged copy of the updater, releases the claim on the
+// installation, queues a report, takes the window off the screen, shows a message box, ends
+// diagnostics in order, and returns the exit code. The workspace stays for support. Ending
+// diagnostics takes up to 15 s, and then as long as the request of an upload in flight.
 
 /// The tail of a failed run. `report_stage` is the stage in the report.
 [[nodiscard]] int FailRun(UpdateRun& run, std::string_view message,

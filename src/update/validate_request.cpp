@@ -28,6 +28,9 @@ bool IsSha256Text(std::string_view text) {
 }  // namespace
 
 bool ValidateUpdateRequest(const UpdateRequest& request, std::string* error) {
+  if (!request.unreadable_switch.empty()) {
+    return Fail(error, "Updater argument ", request.unreadable_switch + " is not valid UTF-16.");
+  }
   if (request.download_url.empty() || request.sha256.empty() || request.target_dir.empty() ||
       request.restart_exe.empty()) {
     return Fail(error, "Update payload is incomplete.");

@@ -35,8 +35,12 @@ TEST(LockProbe, ClassifiesByErrorAndOwners) {
 
 TEST(LockProbe, FindsTheMainProcessAmongTheParents) {
   // 1 is its own parent. 20 and 21 form a cycle, as reused process ids can.
-  ProcessParents parents = {{10, 9}, {9, 8}, {8, 1}, {1, 1}, {20, 21}, {21, 20}, {30, 0}};
-  for (std::uint32_t pid = 1000; pid < 1200; ++pid) parents[pid] = pid + 1;
+  ProcessList processes;
+  for (const auto& [pid, parent] : std::map<std::uint32_t, std::uint32_t>{
+           {10, 9}, {9, 8}, {8, 1}, {1, 1}, {20, 21}, {21, 20}, {30, 0}}) {
+    processes[pid].parent = parent;
+  }
+  for (std::uint32_t pid = 1000; pid < 1200; ++pid) processes[pid].parent = pid + 1;
   const struct {
     std::uint32_t pid, main_pid;
     bool is_inside;
@@ -45,9 +49,21 @@ TEST(LockProbe, FindsTheMainProcessAmongTheParents) {
       {99, 99, true}, {30, 0, false}, {0, 8, false},  {1000, 1128, true}, {1000, 1129, false},
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(MakeLockOwner({c.pid, "", 0, ""}, c.main_pid, parents).main_tree, c.is_inside)
+    EXPECT_EQ(MakeLockOwner({c.pid, "", 0, ""}, c.main_pid, processes).main_tree, c.is_inside)
         << c.pid << " " << c.main_pid;
   }
+}
+
+// No process has these ids, so no image path can be read.
+TEST(LockProbe, JudgesAnOwnerWithoutAPathByTheProcessList) {
+  const std::uint32_t first = ~0U - 3;
+  const ProcessList processes = {{first, {1, "QORVA.exe"}}, {first + 1, {1, "scan.exe"}}};
+  LockProbeResult result;
+  for (const auto& [pid, name] :
+       {std::pair{first, "QORVA RIP"}, {first + 1, "qorva.exe"}, {first + 2, "qorva_gui.exe"}}) {
+    result.owners.push_back(MakeLockOwner({pid, name, 0, ""}, 0, processes));
+  }
+  EXPECT_EQ(ApplicationOwnerPids(result, "C:\\QORVA"), (std::vector{first, first + 2}));
 }
 
 TEST(LockProbe, AsksForOwnersOnlyWhenTheFileIsLocked) {

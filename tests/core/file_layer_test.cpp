@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "core/exclusive_file.h"
 #include "core/system_error.h"
 #include "tests/support/file_tricks.h"
 #include "tests/support/temp_folder.h"
@@ -43,6 +44,16 @@ TEST_F(FileLayer, ReadsAtAnyOffsetOfAFile) {
     EXPECT_TRUE(file.ReadAt(offset_bytes, buffer, sizeof buffer, &read, ec)) << ec;
     EXPECT_EQ(std::string(buffer, read), expected) << offset_bytes;
   }
+}
+
+TEST_F(FileLayer, HasOneHolderOfAnExclusiveFileAndLeavesNothing) {
+  Write({"left by a power failure"});
+  const Path path = folder / "left by a power failure";
+  ExclusiveFile first, second;
+  EXPECT_EQ(first.Take(path, ec), ExclusiveFile::Result::kTaken) << ec;
+  EXPECT_EQ(second.Take(path, ec), ExclusiveFile::Result::kHeld);
+  first.Release();
+  EXPECT_FALSE(test::Exists(path));
 }
 
 TEST_F(FileLayer, ReportsTheKindOfAPathWithAndWithoutItsLinks) {

@@ -35,7 +35,8 @@ void Run(std::string_view input) {
   for (const std::string_view bytes : SplitAt(input, std::string_view("\0", 1))) {
     arguments.push_back(Argument(bytes));
   }
-  const UpdateRequest request = Parse(arguments);
+  UpdateRequest request = Parse(arguments);
+  request.unreadable_switch.clear();  // such a request is refused and never rendered
   std::vector<std::wstring> rendered = {{}};
   for (const auto& [prefix, value] : ListUpdateSwitches(request)) {
     rendered.push_back(*Utf8ToWide(std::string(prefix) + value));

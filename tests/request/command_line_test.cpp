@@ -30,9 +30,11 @@ TEST(ParseUpdateRequest, IgnoresEmptyUnknownAndMalformedArguments) {
   expected.pid = 5;
   expected.target_dir = "C:\\b";
   expected.restart_exe = "a=b";
+  expected.unreadable_switch = "--download-url";
   EXPECT_EQ(Parse({L"--pid=5", L"--pid=", L"--target-dir=C:\\a", L"--target-dir=C:\\b",
                    L"--target-dir=", L"--target-dir", L"C:\\x", L"--Sha256=x", L" --sha256=x",
-                   L"--sha256", L"", L"--download-url=\xD800", L"--restart-exe=a=b", L"--pid:9"}),
+                   L"--sha256", L"", L"--download-url=\xD800", L"--sha256=\xDC00", L"-x=\xD800",
+                   L"--restart-exe=a=b", L"--pid:9"}),
             expected);
 }
 

@@ -146,6 +146,7 @@ TEST(DownloadPackage, SucceedsOrReportsTheKindAndReasonOfTheFailure) {
     SCOPED_TRACE(std::to_string(&row - rows) + row.text);
     Rehearsal run;
     run.transport.chunks = {"four", "more"};
+    run.transport.before = [&run](const std::string&) { run.transport.now_ms += 1000; };
     row.script(run);
     // Not every system has a device that is always full.
     if (run.destination == "/dev/full" && !test::Exists(run.destination)) continue;
@@ -162,6 +163,7 @@ TEST(DownloadPackage, SucceedsOrReportsTheKindAndReasonOfTheFailure) {
       EXPECT_EQ(test::ReadFile(run.destination), "fourmore");
       continue;
     }
+    EXPECT_EQ(run.result.elapsed_ms, run.transport.now_ms - 1000) << "until the failure";
     const std::uint32_t code = run.transport.failure_code;
     const std::string code_text = std::to_string(code);
     EXPECT_EQ(run.result.winhttp_error_code, code);

@@ -67,5 +67,17 @@ TEST(ReadAheadTransport, ReturnsTheBodyAndCallsKeepAliveOnTheCallersThread) {
   }
 }
 
+TEST(ReadAheadTransport, ReportsAnExceptionOfItsThreadAsAFailure) {
+  for (const std::string step : {"QueryDataAvailable", "ReadData"}) {
+    test::ScriptedTransport inner;
+    inner.chunks = {"one"};
+    inner.before = [&](const std::string& reached) {
+      if (reached == step) throw std::bad_alloc();
+    };
+    ReadAheadTransport transport(inner, [] {});
+    EXPECT_EQ(ReadAll(transport, 7), "?8") << step;
+  }
+}
+
 }  // namespace
 }  // namespace zul

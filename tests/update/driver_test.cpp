@@ -48,11 +48,15 @@ TEST(Driver, RefusesARequestBeforeAnySideEffect) {
     void (*change)(UpdateRequest& request);
     std::string message;
     bool for_proof = false;
+    std::wstring more_argument = {};
   } cases[] = {
       {[](auto& r) { r.download_url.clear(); }, incomplete},
       {[](auto& r) { r.sha256.clear(); }, incomplete},
       {[](auto& r) { r.target_dir.clear(); }, incomplete},
       {[](auto& r) { r.restart_exe.clear(); }, incomplete},
+      {[](auto& r) { r.unreadable_switch = "--required-payload-file"; },
+       "Updater argument --required-payload-file is not valid UTF-16.", false,
+       L"--required-payload-file=\xD800"},
       {[](auto& r) { r.restart_args = "x"; }, "Updater restart arguments are not supported."},
       // A proof that waits for a process is refused before the path is.
       {[](auto& r) { r.target_dir = "x"; },
@@ -74,6 +78,7 @@ TEST(Driver, RefusesARequestBeforeAnySideEffect) {
     scene.request.headless_restart_version_proof = c.for_proof;
     scene.Uninstall("qorva_installation.json");  // validation comes before the archive refusal
     c.change(scene.request);
+    scene.more_argument = c.more_argument;
     EXPECT_EQ(scene.Run(), 2);
     EXPECT_EQ(scene.calls, "report box shutdown");
     EXPECT_EQ(scene.report, "validate: " + c.message);
@@ -154,6 +159,13 @@ TEST(Driver, RunsItsStagesUntilOneFails) {
          for (char& c : s.request.sha256) c = static_cast<char>(std::toupper(c));
          s.request.sha256 = " \t" + s.request.sha256 + "\n";
        }},
+      {"a restart of a name that the update removes",
+       [](auto& s) {
+         s.Install("qorva.exe").request.restart_exe = PathToUtf8(s.install / "qorva.exe");
+       },
+       "", "isolate primary" + kDone,
+       kNotApplied + " retired_install_executable_removed" + kRestarted.substr(kNotApplied.size()),
+       "-", "neither"},
       {"an archive copy", [](auto& s) { s.Uninstall("qorva_installation.json"); },
        "archive_installer_migration_required: QORVA archive mode requires installer migration; "
        "reject normal portable update package for archive mode; target reason: product executable "
@@ -163,6 +175,14 @@ TEST(Driver, RunsItsStagesUntilOneFails) {
        ""},
       {"no copy takes over", [](auto& s) { s.relaunch_error = "no helper"; },
        "isolate_helper: no helper", "isolate report box shutdown", ""},
+      {"another updater at work", [](auto& s) { s.other_updater_runs = true; },
+       "claim_target: Another updater is already updating the QORVA installation '<install>'. This "
+       "updater has not changed anything. Wait until the other one has finished. If QORVA does not "
+       "start then, start the update again.",
+       "isolate report box shutdown", "updater_run_claim_fail"},
+      {"a folder with the name of the claim",
+       [](auto& s) { s.Install("._qorva_update_in_progress/x"); }, "", "isolate primary" + kDone,
+       "updater_run_claim_warning " + kRestarted},
       {"no temporary folder", [](auto& s) { test::WriteFile(s.temp, ""); },
        "error: Cannot create updater temp directory.", "isolate" + kEnd, kStart},
       {"not a ZIP", [](auto& s) { s.ServeBytes("PK\3?", "?token=secret.zip#"); },
@@ -177,8 +197,6 @@ TEST(Driver, RunsItsStagesUntilOneFails) {
        "files are missing: x.dll. Supported layout is either flat ZIP root or a single top-level "
        "wrapper folder containing those files.",
        fetched + kEnd, kNotExtracted, staged},
-      {"an application that stays", [](auto& s) { s.wait_error = "Timed out."; },
-       "error: Timed out.", fetched + " wait" + kEnd, kNotWaited, staged},
       {"an unsigned binary", [](auto& s) { s.request.require_signed_payload_binaries = true; },
        apply_failure, fetched + " wait apply" + kEnd, kNotApplied + " apply_fail", staged},
       {"an apply that is rolled back", [](auto& s) { s.faults.fail_after_replacements = 1; },
@@ -192,10 +210,17 @@ TEST(Driver, RunsItsStagesUntilOneFails) {
        apply_failure, fetched + " wait apply" + kEnd,
        kNotApplied + " rollback_start rollback_recovery_required apply_recovery_required",
        backed_up, "neither"},
-      {"an application that does not start", [](auto& s) { s.launch_error = "No."; }, "error: No.",
-       fetched + " wait apply start <install>/qorva_gui.exe" + kEnd, kNotRestarted, staged},
   };
   for (const Case& c : cases) c.Check();
+}
+
+TEST(Driver, ClaimsTheInstallationUntilItsLastChange) {
+  for (const bool fails : {false, true}) {
+    UpdateScene scene;
+    if (fails) scene.faults.fail_after_replacements = 1;
+    scene.Run();
+    EXPECT_EQ(scene.claimed_calls, "primary wait apply");
+  }
 }
 
 // A run that was not isolated replaces the updater's own file.

@@ -11,6 +11,7 @@
 #include <set>
 
 #include "apply/self_replace.h"
+#include "core/exclusive_file.h"
 #include "core/file_hash.h"
 #include "core/text.h"
 #include "request/update_request.h"
@@ -30,6 +31,7 @@ inline const std::string kMirrorUrl =
     "https://" + DefaultUpdateDownloadHosts().back() + "/package.zip";
 inline constexpr const char* kUpdaterName = "qorva_updater.exe";
 inline constexpr const char* kNextCopyName = "qorva_updater.next.exe";
+inline constexpr const char* kClaimName = "._qorva_update_in_progress";
 
 class UpdateScene {
  public:
@@ -53,11 +55,13 @@ class UpdateScene {
   // --- What a test may change before the run
 
   UpdateRequest request;
+  std::wstring more_argument;  ///< after those of the request
   ScriptedTransport primary, mirror;
   std::string relaunch_error, wait_error, replace_error, launch_error;
   bool relaunched = false;
   bool replaced_at_next_start = false;  ///< the updater's file is in use
   ApplyFaultInjection faults;
+  bool other_updater_runs = false;  ///< and has claimed the installation
   bool application_runs = false;
   BoxAnswer answer = BoxAnswer::kOther;
   bool browser_works = true, clipboard_works = true;
@@ -108,6 +112,7 @@ class UpdateScene {
     for (const auto& [prefix, value] : ListUpdateSwitches(request)) {
       arguments.push_back(*Utf8ToWide(std::string(prefix) + value));
     }
+    if (!more_argument.empty()) arguments.push_back(more_argument);
     return RunWith(arguments);
   }
 
@@ -121,6 +126,7 @@ class UpdateScene {
   // --- What the run left
 
   std::string calls;            ///< what was asked of the world, in order
+  std::string claimed_calls;    ///< those during which no other updater could have started
   std::string report;           ///< "stage: message" of the report
   bool next_copy_left = false;  ///< the updater's staged copy, at the time of the report
   std::string boxes;            ///< "style: text" of each, the style as its number
@@ -190,7 +196,18 @@ class UpdateScene {
   Files payload;  ///< of the package
 
  private:
-  void Note(std::string_view call) { calls.append(calls.empty() ? "" : " ").append(call); }
+  void Note(std::string_view call) {
+    const auto append = [call](std::string* to) {
+      to->append(to->empty() ? "" : " ").append(call);
+    };
+    append(&calls);
+    std::error_code ec;
+    using Result = fs::ExclusiveFile::Result;
+    const bool is_folder = Exists(install / kClaimName / "x");
+    if (!is_folder && fs::ExclusiveFile().Take(install / kClaimName, ec) == Result::kHeld) {
+      append(&claimed_calls);
+    }
+  }
 
   /// The answer of a fake that fails with `error` unless that is empty.
   static bool Answer(const std::string& error, std::string* out) {
@@ -212,6 +229,8 @@ class UpdateScene {
       Note("isolate");
       EXPECT_EQ(given, request);
       *done = relaunched;
+      std::error_code ec;
+      if (other_updater_runs) static_cast<void>(other_updater_.Take(install / kClaimName, ec));
       return Answer(relaunch_error, error);
     };
     world.download_package = [this](auto url, auto& file, auto role, auto* result, auto* error,
@@ -279,10 +298,14 @@ class UpdateScene {
       next_copy_left = Exists(install / kNextCopyName);
       report = std::string(stage) + ": " + Plain(std::string(message));
     };
-    world.shutdown_diagnostics = [this] { Note("shutdown"); };
+    world.shutdown_diagnostics = [this] {
+      Note("shutdown");
+      other_updater_.Release();
+    };
   }
 
   const ScopedEnvironment temp_{kTempVariable, PathToUtf8(temp)};
+  fs::ExclusiveFile other_updater_;
   FakeScreen screen_;
   std::string apply_error_;
 };

@@ -27,6 +27,10 @@
 //       --on-input it opens the file after a line of input. Prints "held" and its pid. With
 //       --from-child a child process does this, and this process prints "parent" and its pid and
 //       ends.
+//   attack FILE OTHER
+//       After a line of input, tries to write OTHER over FILE, to move a copy of OTHER over it and
+//       to delete it, again and again, until a try succeeds or FILE is gone. Prints how often each
+//       error came: {"refused":{"delete":{"32":9},"move":{"5":9},"write":{"32":9}}}
 //   copy TEXT [--keep-open]   puts a text into the clipboard, prints "written", and runs until
 //                             standard input ends: under Wine the clipboard needs a running
 //                             owner. With --keep-open no other process can open the clipboard
@@ -93,6 +97,28 @@ int HoldFile(const Arguments& arguments) {
   }
   PrintLine("held " + std::to_string(GetCurrentProcessId()));
   WaitForEndOfInput();
+  return 0;
+}
+
+int AttackFile(const Arguments& arguments) {
+  const std::wstring file = Widen(arguments.at(0)), other = Widen(arguments.at(1));
+  const std::wstring spare = other + L".spare";
+  const std::map<std::string, std::function<BOOL()>> kTries = {
+      {"write", [&] { return CopyFileW(other.c_str(), file.c_str(), FALSE); }},
+      {"move", [&] { return MoveFileExW(spare.c_str(), file.c_str(), MOVEFILE_REPLACE_EXISTING); }},
+      {"delete", [&] { return DeleteFileW(file.c_str()); }}};
+  CopyFileW(other.c_str(), spare.c_str(), FALSE);
+  WaitForInput();
+  std::map<std::string, std::map<std::string, int>> refused;
+  for (bool held = true; held; Sleep(1)) {
+    for (const auto& [name, attempt] : kTries) {
+      const DWORD error = attempt() ? 0 : GetLastError();
+      held = held && (error == ERROR_SHARING_VIOLATION || error == ERROR_ACCESS_DENIED);
+      if (!held) break;
+      ++refused[name][std::to_string(error)];
+    }
+  }
+  PrintLine(nlohmann::json{{"refused", refused}}.dump());
   return 0;
 }
 
@@ -168,12 +194,17 @@ int VerifySignatures(const Arguments& arguments) {
   return 0;
 }
 
-const std::map<std::string, int (*)(const Arguments&)> kVerbs = {
-    {"run", &RunProgram},     {"close", &CloseWindows},
-    {"click", &ClickButton},  {"watch", &WatchWindow},
-    {"hold", &HoldFile},      {"copy", &Copy},
-    {"paste", &Paste},        {"crash", &CrashProcess},
-    {"load", &LoadLibraries}, {"verify", &VerifySignatures}};
+const std::map<std::string, int (*)(const Arguments&)> kVerbs = {{"run", &RunProgram},
+                                                                 {"close", &CloseWindows},
+                                                                 {"click", &ClickButton},
+                                                                 {"watch", &WatchWindow},
+                                                                 {"hold", &HoldFile},
+                                                                 {"attack", &AttackFile},
+                                                                 {"copy", &Copy},
+                                                                 {"paste", &Paste},
+                                                                 {"crash", &CrashProcess},
+                                                                 {"load", &LoadLibraries},
+                                                                 {"verify", &VerifySignatures}};
 
 int Run(Arguments arguments) {
   const auto verb = arguments.empty() ? kVerbs.end() : kVerbs.find(arguments.front());

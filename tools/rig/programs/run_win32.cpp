@@ -68,8 +68,10 @@ Box FindBox(DWORD pid) {
     GetClassNameW(child, kind, 16);
     const auto style = GetWindowLongW(child, GWL_STYLE);
     if (kind == std::wstring(L"Button")) {
+      const auto name = kButtonNames.find(GetDlgCtrlID(child));
+      if (name == kButtonNames.end()) return {};  // the box is gone, because its process was killed
       box.buttons.push_back(child);
-      box.seen["buttons"].push_back(kButtonNames.at(GetDlgCtrlID(child)));
+      box.seen["buttons"].push_back(name->second);
     } else if ((style & SS_TYPEMASK) != SS_ICON) {
       box.seen["text"] = TextOf(child);
     } else if ((style & WS_VISIBLE) != 0) {
@@ -81,8 +83,8 @@ Box FindBox(DWORD pid) {
 
 void Dismiss(const Box& box, const std::string& wanted) {
   HWND button = box.buttons.front();
-  for (const HWND other : box.buttons) {
-    if (kButtonNames.at(GetDlgCtrlID(other)) == wanted) button = other;
+  for (std::size_t i = 0; i < box.buttons.size(); ++i) {
+    if (box.seen["buttons"][i] == wanted) button = box.buttons[i];
   }
   PostMessageW(box.window, WM_COMMAND, MAKEWPARAM(GetDlgCtrlID(button), BN_CLICKED),
                reinterpret_cast<LPARAM>(button));
