@@ -37,6 +37,8 @@ struct EventRule {
 constexpr std::array kRules = std::to_array<EventRule>({
     {"relaunch_installed_helper_from_target_root", Act::kHandOver, ""},
     {"launch_isolated_updater_helper", Act::kNothing, ""},
+    {"updater_run_claim_fail", Act::kFailRun, "claim"},
+    {"updater_run_claim_warning", Act::kNothing, ""},
     {"updater_run_start", Act::kStartRun, ""},
     {"download_start", Act::kBegin, "download"},
     {"download_redirect_resolution", Act::kNote, "download", "from {effective_url}"},
@@ -142,14 +144,17 @@ class RunReader {
     return &runs_.back();
   }
 
-  /// A run that was handed over begins with the process that hands over.
+  /// A run that was handed over begins with the process that hands over. A run may have written a
+  /// warning before its start.
   void StartRun(const TraceEvent& event, bool hands_over) {
-    const bool continues = !hands_over && !runs_.empty() && runs_.back().handed_over &&
-                           runs_.back().correlation_id.empty();
+    const std::string_view id = event.Field("correlation_id");
+    const bool continues = !hands_over && !runs_.empty() &&
+                           (runs_.back().correlation_id == id ||
+                            (runs_.back().handed_over && runs_.back().correlation_id.empty()));
     if (!continues) runs_.emplace_back().begun = event.time;
     TraceRun& run = runs_.back();
-    run.handed_over = hands_over || continues;
-    run.correlation_id = event.Field("correlation_id");
+    run.handed_over = hands_over || run.handed_over;
+    run.correlation_id = id;
     run.request = event.fields;
     run.ended = event.time;
     run.last_event = event.name;

@@ -33,12 +33,10 @@ constexpr std::string_view kFreeDisk =
     "Free space on the volume that the text names, then start the update again.";
 constexpr std::string_view kCheckServer =
     "Look whether the package is at this address, complete and readable for everyone; the mirror "
-    "is "
-    "asked only after a 5xx answer, a transport error or a wrong digest.";
+    "is asked only after a 5xx answer, a transport error or a wrong digest.";
 constexpr std::string_view kCheckNetwork =
     "Check the machine's connection, its proxy and firewall with a browser on the same address, "
-    "then "
-    "start the update again.";
+    "then start the update again.";
 constexpr std::string_view kCheckRights =
     "Check that this user may write to the file that the text names, and that no security product "
     "blocks it; then start the update again.";
@@ -53,12 +51,13 @@ struct AdviceRule {
 constexpr std::array kAdvice = std::to_array<AdviceRule>({
     {"RECOVERY_REQUIRED", Remedy::kMachine,
      "Do not start QORVA. Run the current QORVA installer over this installation; keep the folder "
-     "of "
-     "the backup until QORVA works again."},
+     "of the backup until QORVA works again."},
+    {"Another updater is already", Remedy::kMachine,
+     "Wait until the other updater has finished. End it in the Task Manager only when its window "
+     "has not changed for minutes."},
     {"checksum mismatch", Remedy::kPublisher,
      "Compare the SHA-256 of the file at each origin with --sha256 of the command line: an upload "
-     "is "
-     "incomplete or old, or the digest on the command line belongs to another package."},
+     "is incomplete or old, or the digest on the command line belongs to another package."},
     {"HTTP status 5", Remedy::kPublisher,
      "The servers are out of order; try again later, and look into the log of the servers."},
     {"HTTP status", Remedy::kPublisher, kCheckServer},
@@ -66,8 +65,7 @@ constexpr std::array kAdvice = std::to_array<AdviceRule>({
      "The server offers more than 1 GiB: it serves another file, or the package is too large."},
     {"host is not allowed", Remedy::kPublisher,
      "The origin redirects to a host that is not in the updater's list; serve the package from one "
-     "of "
-     "the listed hosts."},
+     "of the listed hosts."},
     {"package destination file", Remedy::kMachine, kCheckRights},
     {"write update package file", Remedy::kMachine,
      "Free space on the volume of the temporary folder, then start the update again."},
@@ -80,17 +78,18 @@ constexpr std::array kAdvice = std::to_array<AdviceRule>({
     {"WinH", Remedy::kNetwork, kCheckNetwork},
     {"main process to exit", Remedy::kMachine,
      "QORVA did not close within 3 minutes: close its open dialogs or end it in the Task Manager, "
-     "then "
-     "start the update again."},
+     "then start the update again."},
     {"main_process_tree_still_alive", Remedy::kMachine,
      "QORVA or a program that it has started still uses the file: close what `owners` names or end "
-     "it "
-     "in the Task Manager, then start the update again."},
+     "it in the Task Manager, then start the update again."},
     {"external_process_lock", Remedy::kMachine,
      "Close the program that `owners` names, then start the update again."},
     {"unknown_lock_owner", Remedy::kMachine,
      "A program that is not named keeps the file open, often a virus scanner or a file manager: "
      "close it or restart the machine, then start the update again."},
+    {"Not enough free space", Remedy::kMachine, kFreeDisk},
+    {"ran out of memory", Remedy::kMachine,
+     "Close other programs or restart the machine, then start the update again."},
     {"code=112,", Remedy::kMachine, kFreeDisk},
     {"code=39,", Remedy::kMachine, kFreeDisk},
     {"code=28,", Remedy::kMachine, kFreeDisk},

@@ -17,18 +17,17 @@ StageResult ClaimTarget(UpdateRun& run) {
   std::error_code ec;
   const fs::ExclusiveFile::Result result = run.claim.Take(path, ec);
   if (result == fs::ExclusiveFile::Result::kTaken) return std::nullopt;
-  const std::string error = DescribeSystemError(ec);
   if (result == fs::ExclusiveFile::Result::kHeld) {
+    const std::string error =
+        "Another updater is already updating the QORVA installation '" + run.request.target_dir +
+        "'. This updater has not changed anything. Wait until the other one has finished. If QORVA "
+        "does not start then, start the update again.";
     EmitChainEvent("updater_run_claim_fail", {{"error", error}, {"claim_file", PathToUtf8(path)}});
-    return FailRun(run,
-                   "Another updater is already updating the QORVA installation '" +
-                       run.request.target_dir +
-                       "'. This updater has not changed anything. Wait until the other one has "
-                       "finished. If QORVA does not start then, start the update again.",
-                   "claim_target");
+    return FailRun(run, error, "claim_target");
   }
   // Where this file cannot be made, an update usually fails too, and says why.
-  EmitChainEvent("updater_run_claim_warning", {{"error", error}, {"claim_file", PathToUtf8(path)}});
+  EmitChainEvent("updater_run_claim_warning",
+                 {{"error", DescribeSystemError(ec)}, {"claim_file", PathToUtf8(path)}});
   return std::nullopt;
 }
 
