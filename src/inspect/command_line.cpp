@@ -56,7 +56,7 @@ constexpr std::string_view kReportHelp = R"(qorva_inspect report FILE [--symbols
 Shows what a report says: what happened, in which build, and the stack of a crash. Checks that the
 report holds nothing that its own privacy block excludes.
 
-  --symbols=FOLDER   folder with qorva_updater.exe and qorva_updater.exe.debug of that build
+  --symbols=FOLDER   folder with one or more releases as ./release makes them, with their symbols
 
 Example:
   qorva_inspect report qorva_updater_error_20260131_123005_1.json
@@ -70,7 +70,7 @@ constexpr std::string_view kEvidenceHelp =
 Shows how a process ended, from its session folder (process_...). Given a folder of such folders, it
 shows each of them.
 
-  --symbols=FOLDER   folder with qorva_updater.exe and qorva_updater.exe.debug of that build
+  --symbols=FOLDER   folder with one or more releases as ./release makes them, with their symbols
 
 Example:
   qorva_inspect evidence "%APPDATA%\QORVA\crashes\compact_process"

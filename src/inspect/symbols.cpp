@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <map>
 #include <sstream>
 
 #include "core/file_layer.h"
@@ -12,13 +13,25 @@ namespace zul {
 
 namespace {
 
-/// The file of `folder` that is the build of the frame; empty when there is none.
+/// The file below `folder` that is the build of the frame; empty when there is none.
 fs::Path FindBuild(const StackFrame& frame, const fs::Path& folder) {
+  fs::TreeWalker walker(folder);
+  fs::DirectoryEntry entry;
   std::error_code ec;
-  for (const fs::DirectoryEntry& entry : fs::ListDirectory(folder, ec)) {
+  while (walker.Next(&entry, ec)) {
     if (entry.kind == fs::EntryKind::kRegular && IsBuildOf(frame, entry.path)) return entry.path;
   }
   return {};
+}
+
+/// The file with the symbols of a program, where a build or a release puts it; else the program.
+fs::Path SymbolFileOf(const fs::Path& binary) {
+  const fs::Path name = PathOrEmpty(PathToUtf8(binary.filename()) + ".debug");
+  for (const fs::Path& place :
+       {binary.parent_path() / name, binary.parent_path() / "symbols" / name}) {
+    if (fs::IsRegularFile(place)) return place;
+  }
+  return binary;
 }
 
 /// The address that a symbol file has for a frame. A caller's frame holds the address after the
@@ -64,8 +77,8 @@ std::string SymbolIn(const std::string& output) {
   return symbol;
 }
 
-std::string SymbolAt(const fs::Path& binary, const std::string& address) {
-  const std::string file = PathToUtf8(binary);
+std::string SymbolAt(const fs::Path& symbols, const std::string& address) {
+  const std::string file = PathToUtf8(symbols);
   std::string output;
   if (RunTool("llvm-symbolizer", {"--obj=" + file, address}, &output) &&
       !SymbolIn(output).empty()) {
@@ -89,26 +102,27 @@ bool IsBuildOf(const StackFrame& frame, const fs::Path& binary) {
 }
 
 std::string ResolveFrames(const std::string& folder, std::vector<StackFrame>* frames) {
+  std::map<std::string, fs::Path> builds;  // by module and build id: each is looked for once
   bool found_build = false;
   bool resolved = false;
   for (StackFrame& frame : *frames) {
     if (frame.module.empty()) continue;
-    const fs::Path binary = FindBuild(frame, PathOrEmpty(folder));
-    if (binary.empty()) continue;
-    found_build = true;
+    const auto [build, is_new] = builds.try_emplace(frame.module + " " + frame.pdb_guid);
+    if (is_new) build->second = FindBuild(frame, PathOrEmpty(folder));
     BinaryIdentity identity;
-    static_cast<void>(ReadBinaryIdentity(binary, &identity));
-    frame.symbol =
-        SymbolAt(binary, AddressOf(frame, identity.image_base, &frame != &frames->front()));
+    if (!ReadBinaryIdentity(build->second, &identity) || frame.rva >= identity.image_size) continue;
+    found_build = true;
+    frame.symbol = SymbolAt(SymbolFileOf(build->second),
+                            AddressOf(frame, identity.image_base, &frame != &frames->front()));
     resolved |= !frame.symbol.empty();
   }
   if (resolved || frames->empty()) return {};
   return found_build
              ? "The build is in '" + folder +
                    "', but llvm-symbolizer and addr2line are missing or find no symbols there; "
-                   "put the .debug file beside the program."
+                   "put the .debug file beside the program or into its folder symbols."
              : "No program in '" + folder +
-                   "' is this build; its qorva_updater.exe and .debug file must be there.";
+                   "' is this build; it must hold the release with its symbols.";
 }
 
 }  // namespace zul

@@ -14,8 +14,9 @@ namespace zul {
 /// or, where the frame has none, the same time stamp and image size.
 [[nodiscard]] bool IsBuildOf(const StackFrame& frame, const fs::Path& binary);
 
-/// Fills `symbol` of each frame whose build lies in `folder` (UTF-8) with its symbols. Starts
-/// llvm-symbolizer or addr2line. Returns one sentence when no frame could be resolved, else the
+/// Fills `symbol` of each frame whose build lies below `folder` (UTF-8) with its symbols: a file
+/// "<program>.debug" beside the program or in its folder "symbols". Starts llvm-symbolizer or
+/// addr2line. Returns one sentence when no frame could be resolved, else the
 /// empty text.
 [[nodiscard]] std::string ResolveFrames(const std::string& folder, std::vector<StackFrame>* frames);
 

@@ -1,9 +1,13 @@
 #include "package/extract.h"
 
+#include <algorithm>
+#include <utility>
+
 #include "core/failure.h"
 #include "core/file_layer.h"
 #include "core/text.h"
 #include "package/extraction_directory.h"
+#include "package/payload_signatures.h"
 #include "package/zip_extract.h"
 #include "package/zip_scan.h"
 
@@ -17,8 +21,14 @@ bool HasZipExtension(const fs::Path& archive_path) {
   return dot != std::string::npos && AsciiLower(std::string_view(name).substr(dot + 1)) == "zip";
 }
 
+/// The layout depends on the files at the top and in the top-level folders, and signatures are
+/// those of programs and libraries.
+bool IsLookedAt(std::string_view path) {
+  return std::count(path.begin(), path.end(), '/') <= 1 || IsSignedFileName(PathOrEmpty(path));
+}
+
 bool Extract(const fs::Path& archive_path, const fs::Path& destination, ZipScanResult* scan,
-             const fs::KeepAlive& keep_alive, FileFlush flush, std::string* error) {
+             const fs::KeepAlive& keep_alive, ExtractionScope scope, std::string* error) {
   if (error != nullptr) error->clear();
   if (!HasZipExtension(archive_path)) return Fail(error, "Not a ZIP archive");
   if (destination.empty()) return Fail(error, "Destination directory is empty");
@@ -32,7 +42,7 @@ bool Extract(const fs::Path& archive_path, const fs::Path& destination, ZipScanR
     return false;
   }
   if (CheckFreeSpaceForExtraction(stage_dir, scan->total_uncompressed_bytes, error) &&
-      ExtractScannedEntries(archive, scan, stage_dir, error, keep_alive, flush) &&
+      ExtractScannedEntries(archive, scan, stage_dir, error, keep_alive, std::move(scope)) &&
       CommitExtractionDirectory(stage_dir, destination, error, keep_alive)) {
     return true;
   }
@@ -46,12 +56,13 @@ bool Extract(const fs::Path& archive_path, const fs::Path& destination, ZipScanR
 bool ExtractPackage(const fs::Path& archive_path, const fs::Path& destination, std::string* error,
                     const fs::KeepAlive& keep_alive) {
   ZipScanResult scan;
-  return Extract(archive_path, destination, &scan, keep_alive, FileFlush::kEachFile, error);
+  return Extract(archive_path, destination, &scan, keep_alive, {}, error);
 }
 
 bool ExtractPackageToInspect(const fs::Path& archive_path, const fs::Path& destination,
                              ZipScanResult* scan, std::string* error) {
-  return Extract(archive_path, destination, scan, {}, FileFlush::kNone, error);
+  return Extract(archive_path, destination, scan, {}, {.is_written = IsLookedAt, .flush = false},
+                 error);
 }
 
 }  // namespace zul

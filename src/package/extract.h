@@ -21,9 +21,9 @@ namespace zul {
 [[nodiscard]] bool ExtractPackage(const fs::Path& archive_path, const fs::Path& destination,
                                   std::string* error, const fs::KeepAlive& keep_alive = {});
 
-/// As `ExtractPackage`, for a tree that is only looked at: the files are not made durable, which
-/// takes most of the time. `*scan` receives what the archive holds or, after a failure, the entry
-/// that caused it.
+/// As `ExtractPackage`, to judge a package: all data is read and verified, but only the files that
+/// ResolvePayloadLayout and the check of signatures look at are written, and none is made durable.
+/// `*scan` receives what the archive holds or, after a failure, the entry that caused it.
 [[nodiscard]] bool ExtractPackageToInspect(const fs::Path& archive_path,
                                            const fs::Path& destination, ZipScanResult* scan,
                                            std::string* error);

@@ -76,9 +76,10 @@ bool CreateExclusively(ExclusiveFile& file, std::string* error) {
   return Fail(error, kMessage, created == 1 ? std::string_view("path already exists") : detail);
 }
 
-// Copies the open entry's data, never past its declared size.
+// Copies the open entry's data, never past its declared size. Without a file it only reads the
+// data.
 bool CopyData(ZipReader& reader, const ZipEntryRecord& record, const ExtractionPass& pass,
-              ExclusiveFile& file, std::string* error) {
+              ExclusiveFile* file, std::string* error) {
   std::byte* const buffer = pass.buffer.get();
   const auto expected = static_cast<std::uint64_t>(record.uncompressed_size);
   std::uint64_t total = 0;
@@ -97,7 +98,7 @@ bool CopyData(ZipReader& reader, const ZipEntryRecord& record, const ExtractionP
       return Fail(error, "ZIP entry output exceeds declared uncompressed size");
     }
     std::string detail;
-    if (!file.write(buffer, static_cast<std::size_t>(chunk), &detail)) {
+    if (file != nullptr && !file->write(buffer, static_cast<std::size_t>(chunk), &detail)) {
       return Fail(error, "cannot write extracted file: ", detail);
     }
     total += chunk;
@@ -117,7 +118,7 @@ bool FlushAndClose(ExclusiveFile& file, const ZipEntryRecord& record, const Extr
                    const fs::Path& root, std::string* error) {
   const bool is_long = static_cast<std::uint64_t>(record.uncompressed_size) >= fs::kLongFlushBytes;
   std::string detail;
-  bool flushed = pass.flush == FileFlush::kNone;
+  bool flushed = !pass.scope.flush;
   if (!flushed) {
     RunKeepingAlive([&] { flushed = file.flush(&detail); },
                     is_long ? pass.keep_alive : fs::KeepAlive());
@@ -159,6 +160,9 @@ bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record, const fs::
     return Fail(error, "ZIP entry escapes extraction root");
   }
   if (!MakeParents(root, record.path, &pass.created_dirs, error)) return false;
+  if (pass.scope.is_written && !pass.scope.is_written(record.path)) {
+    return CopyData(reader, record, pass, nullptr, error) && CloseAndVerify(entry, error);
+  }
   // Resolving the folder is enough: the exclusive creation below fails if the file's name exists.
   // The resolution of a missing name is slower, because it may list the folder.
   const fs::Path resolved_parent = fs::Canonical(target.parent_path(), code);
@@ -168,7 +172,7 @@ bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record, const fs::
   }
 
   ExclusiveFile file(PathToUtf8(target));
-  if (!CreateExclusively(file, error) || !CopyData(reader, record, pass, file, error) ||
+  if (!CreateExclusively(file, error) || !CopyData(reader, record, pass, &file, error) ||
       !CloseAndVerify(entry, error) || !FlushAndClose(file, record, pass, root, error)) {
     return false;
   }
@@ -178,7 +182,7 @@ bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record, const fs::
 
 bool ExtractScannedEntries(std::string_view archive_path, ZipScanResult* scan,
                            const fs::Path& stage_dir, std::string* error, fs::KeepAlive keep_alive,
-                           FileFlush flush) {
+                           ExtractionScope scope) {
   ZipReader reader;
   if (!OpenZipReader(archive_path, &reader, error)) return false;
   std::uint64_t entry_count = 0;
@@ -188,7 +192,7 @@ bool ExtractScannedEntries(std::string_view archive_path, ZipScanResult* scan,
   }
   ExtractionPass pass;
   pass.keep_alive = std::move(keep_alive);
-  pass.flush = flush;
+  pass.scope = std::move(scope);
   auto wanted = scan->entries.begin();
   ZipStatus status = reader.GoToFirstEntry();
   for (std::uint64_t index = 0; index < entry_count; ++index) {

@@ -5,6 +5,7 @@
 // so each path is resolved again when it is used.
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -15,8 +16,13 @@
 
 namespace zul {
 
-/// Whether each file is made durable before it is closed.
-enum class FileFlush { kEachFile, kNone };
+/// What an extraction leaves on the disk.
+struct ExtractionScope {
+  /// True for the path of an entry that is written; empty for all. The others are read and
+  /// verified.
+  std::function<bool(std::string_view path)> is_written;
+  bool flush = true;  ///< each file is made durable before it is closed
+};
 
 /// The state of one pass.
 struct ExtractionPass {
@@ -29,7 +35,7 @@ struct ExtractionPass {
   std::unique_ptr<std::byte[]> buffer = std::make_unique<std::byte[]>(kBufferBytes);
   /// Called for each piece of an entry's data and while a large entry is flushed.
   fs::KeepAlive keep_alive;
-  FileFlush flush = FileFlush::kEachFile;
+  ExtractionScope scope;
 };
 
 /// Extracts the entries of `*scan` from the archive at `archive_path` (UTF-8) into `stage_dir`.
@@ -37,8 +43,7 @@ struct ExtractionPass {
 /// entry that caused it, if one did. `error` may be null.
 [[nodiscard]] bool ExtractScannedEntries(std::string_view archive_path, ZipScanResult* scan,
                                          const fs::Path& stage_dir, std::string* error,
-                                         fs::KeepAlive keep_alive = {},
-                                         FileFlush flush = FileFlush::kEachFile);
+                                         fs::KeepAlive keep_alive = {}, ExtractionScope scope = {});
 
 /// Extracts the entry that `reader` has reached and that equals `record`. Removes a file that is
 /// incomplete or whose data is not as declared. `error` may be null.

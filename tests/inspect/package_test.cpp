@@ -93,6 +93,44 @@ TEST(WindowsCollisions, AreFoundForTheLettersOfFileNames) {
   }
 }
 
+/// An archive of a.txt, whose header and data have 36 bytes, and of an entry with this name. The
+/// text `damage` in it is damaged.
+std::string Packed(
+    const char* name, void (*change)(test::ZipEntryBuilder& entry) = [](auto&) {},
+    std::string_view damage = {}) {
+  test::ZipBuilder zip;
+  zip.File("a.txt", "x");
+  change(zip.File(name, "hello"));
+  std::string archive = zip.Build();
+  if (!damage.empty()) archive[archive.find(damage)] ^= 1;
+  return archive;
+}
+
+TEST(PackageInspection, NamesTheEntryThatIsRefused) {
+  const std::pair<const char*, std::string> cases[] = {
+      {"ZIP entry path collision", Packed("A.txt")},
+      {"unsafe ZIP entry path", Packed("../b")},
+      {"local header flags do not match central directory",
+       Packed("b", [](auto& b) { b.Local(test::ZipField::kFlags, 2); })},
+      {"ZIP entry CRC mismatch", Packed(
+                                     "b", [](auto&) {}, "hello")},
+      {"Not a ZIP archive", ""},
+  };
+  const test::TempFolder folder;
+  for (const auto& [message, archive] : cases) {
+    const fs::Path package = folder / (archive.empty() ? "p.bin" : "p.zip");
+    test::WriteFile(package, archive);
+    PackageInspection inspection;
+    ASSERT_TRUE(InspectPackage(PathToUtf8(package), {"a.txt"}, &inspection, nullptr));
+    ASSERT_TRUE(inspection.refusal) << message;
+    EXPECT_EQ(inspection.refusal->message, message);
+    ASSERT_EQ(inspection.refusal->entry.has_value(), !archive.empty()) << message;
+    if (archive.empty()) continue;
+    EXPECT_EQ(inspection.refusal->entry->central_index, 1u) << message;
+    EXPECT_EQ(inspection.refusal->entry->local_header_offset, 36) << message;
+  }
+}
+
 TEST(PackageInspection, EndsWithACommandLineToPaste) {
   const test::TempFolder folder;
   test::ZipBuilder zip;
