@@ -15,9 +15,9 @@ constexpr std::string_view kClaimName = "._qorva_update_in_progress";
 StageResult ClaimTarget(UpdateRun& run) {
   const fs::Path path = PathOrEmpty(run.request.target_dir) / kClaimName;
   std::error_code ec;
-  const fs::ExclusiveFile::Result result = run.claim.Take(path, ec);
-  if (result == fs::ExclusiveFile::Result::kTaken) return std::nullopt;
-  if (result == fs::ExclusiveFile::Result::kHeld) {
+  const fs::LockFile::Result result = run.claim.Take(path, ec);
+  if (result == fs::LockFile::Result::kTaken) return std::nullopt;
+  if (result == fs::LockFile::Result::kHeld) {
     const std::string error =
         "Another updater is already updating the QORVA installation '" + run.request.target_dir +
         "'. This updater has not changed anything. Wait until the other one has finished. If QORVA "

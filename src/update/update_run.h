@@ -9,8 +9,8 @@
 #include <utility>
 
 #include "apply/apply.h"
-#include "core/exclusive_file.h"
 #include "core/file.h"
+#include "core/lock_file.h"
 #include "core/path.h"
 #include "request/update_request.h"
 #include "transfer/download.h"
@@ -36,7 +36,7 @@ struct UpdateRun {
   const UpdateRequest request;
   /// Held from the first stage that may lead to a change of the installation until the run has made
   /// its last change.
-  fs::ExclusiveFile claim;
+  fs::LockFile claim;
   fs::Path workspace_dir;   ///< empty until created
   fs::File workspace_hold;  ///< see PrivateFolder::hold
   fs::Path package_path;

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "core/exclusive_file.h"
+#include "core/lock_file.h"
 #include "core/system_error.h"
 #include "tests/support/file_tricks.h"
 #include "tests/support/temp_folder.h"
@@ -46,12 +46,12 @@ TEST_F(FileLayer, ReadsAtAnyOffsetOfAFile) {
   }
 }
 
-TEST_F(FileLayer, HasOneHolderOfAnExclusiveFileAndLeavesNothing) {
+TEST_F(FileLayer, HasOneHolderOfALockFileAndLeavesNothing) {
   Write({"left by a power failure"});
   const Path path = folder / "left by a power failure";
-  ExclusiveFile first, second;
-  EXPECT_EQ(first.Take(path, ec), ExclusiveFile::Result::kTaken) << ec;
-  EXPECT_EQ(second.Take(path, ec), ExclusiveFile::Result::kHeld);
+  LockFile first, second;
+  EXPECT_EQ(first.Take(path, ec), LockFile::Result::kTaken) << ec;
+  EXPECT_EQ(second.Take(path, ec), LockFile::Result::kHeld);
   first.Release();
   EXPECT_FALSE(test::Exists(path));
 }

@@ -12,7 +12,7 @@ import struct
 from dataclasses import dataclass
 from pathlib import Path
 
-from zip_builder import ALL_ONES, STREAMED, UTF8, Entry, Fields, archive, deflated, extra, unicode_path
+from rig.zip_builder import ALL_ONES, STREAMED, UTF8, Entry, Fields, archive, deflated, extra, unicode_path
 
 Tree = dict[str, bytes]
 Expected = str | re.Pattern | Tree

@@ -11,8 +11,8 @@
 #include <set>
 
 #include "apply/self_replace.h"
-#include "core/exclusive_file.h"
 #include "core/file_hash.h"
+#include "core/lock_file.h"
 #include "core/text.h"
 #include "request/update_request.h"
 #include "tests/support/file_tricks.h"
@@ -202,9 +202,9 @@ class UpdateScene {
     };
     append(&calls);
     std::error_code ec;
-    using Result = fs::ExclusiveFile::Result;
+    using Result = fs::LockFile::Result;
     const bool is_folder = Exists(install / kClaimName / "x");
-    if (!is_folder && fs::ExclusiveFile().Take(install / kClaimName, ec) == Result::kHeld) {
+    if (!is_folder && fs::LockFile().Take(install / kClaimName, ec) == Result::kHeld) {
       append(&claimed_calls);
     }
   }
@@ -305,7 +305,7 @@ class UpdateScene {
   }
 
   const ScopedEnvironment temp_{kTempVariable, PathToUtf8(temp)};
-  fs::ExclusiveFile other_updater_;
+  fs::LockFile other_updater_;
   FakeScreen screen_;
   std::string apply_error_;
 };

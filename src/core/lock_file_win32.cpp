@@ -1,4 +1,4 @@
-#include "core/exclusive_file.h"
+#include "core/lock_file.h"
 
 #include <windows.h>
 
@@ -34,7 +34,7 @@ bool MayBeInRemoval(const Path& path, const std::error_code& ec) {
 
 }  // namespace
 
-ExclusiveFile::Result ExclusiveFile::Take(const Path& path, std::error_code& ec) {
+LockFile::Result LockFile::Take(const Path& path, std::error_code& ec) {
   for (unsigned attempt = 1;; ++attempt) {
     file_ = Open(path, ec);
     if (file_.is_open()) return Result::kTaken;
@@ -44,7 +44,7 @@ ExclusiveFile::Result ExclusiveFile::Take(const Path& path, std::error_code& ec)
   }
 }
 
-void ExclusiveFile::Release() {
+void LockFile::Release() {
   file_ = File();
 }
 

@@ -1,4 +1,4 @@
-#include "core/exclusive_file.h"
+#include "core/lock_file.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -24,7 +24,7 @@ bool IsStillAt(const Path& path, int descriptor) {
 
 }  // namespace
 
-ExclusiveFile::Result ExclusiveFile::Take(const Path& path, std::error_code& ec) {
+LockFile::Result LockFile::Take(const Path& path, std::error_code& ec) {
   for (;;) {
     const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
     File file(descriptor);
@@ -40,7 +40,7 @@ ExclusiveFile::Result ExclusiveFile::Take(const Path& path, std::error_code& ec)
   }
 }
 
-void ExclusiveFile::Release() {
+void LockFile::Release() {
   if (!file_.is_open()) return;
   ::unlink(path_.c_str());
   file_ = File();

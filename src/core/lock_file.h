@@ -11,8 +11,8 @@
 
 namespace zul::fs {
 
-/// The hold on one exclusive file; at first none. The destructor releases it.
-class ExclusiveFile {
+/// The hold on one lock file; at first none. The destructor releases it.
+class LockFile {
  public:
   enum class Result {
     kTaken,
@@ -20,10 +20,10 @@ class ExclusiveFile {
     kFailed  ///< the file can be neither created nor opened; the error code says why
   };
 
-  ExclusiveFile() = default;
-  ~ExclusiveFile() { Release(); }
-  ExclusiveFile(const ExclusiveFile&) = delete;
-  ExclusiveFile& operator=(const ExclusiveFile&) = delete;
+  LockFile() = default;
+  ~LockFile() { Release(); }
+  LockFile(const LockFile&) = delete;
+  LockFile& operator=(const LockFile&) = delete;
 
   /// Takes the file at `path`, whose folder must exist, and creates it when it is missing. A link
   /// at `path` is not followed. Never waits for a holder; waits up to 1 s for a file whose removal
