@@ -44,12 +44,14 @@ TEST(Evidence, IsReadAsASentence) {
 }
 
 TEST(Report, IsCheckedAgainstItsOwnPromises) {
-  const json kept = BuildReportManifest({.kind = "crash",
-                                         .reason = "cannot open 'C:\\Users\\eva\\x.psd'",
-                                         .details = {{"stage", "apply"}}},
-                                        {.created_at_local = "2026-01-31 12:30:05",
-                                         .app = {{"version", "2"}},
-                                         .report_file_text = "a line\n"});
+  ReportRequest request;
+  request.kind = "crash";
+  request.reason = "cannot open 'C:\\Users\\eva\\x.psd'";
+  request.details = {{"stage", "apply"}};
+  ReportFacts facts;
+  facts.app = {{"version", "2"}};
+  facts.report_file_text = "a line\n";
+  const json kept = BuildReportManifest(request, facts);
   const struct {
     const char* pointer;
     json value;
