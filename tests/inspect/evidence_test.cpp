@@ -49,7 +49,6 @@ TEST(Report, IsCheckedAgainstItsOwnPromises) {
   request.reason = "cannot open 'C:\\Users\\eva\\x.psd'";
   request.details = {{"stage", "apply"}};
   ReportFacts facts;
-  facts.created_at_local = "2026-01-31 12:30:05";
   facts.app = {{"version", "2"}};
   facts.report_file_text = "a line\n";
   const json kept = BuildReportManifest(request, facts);
