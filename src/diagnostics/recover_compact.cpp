@@ -30,11 +30,11 @@ bool IsOfProcess(const json& record, const ProcessKey& process) {
   return key && key->pid == process.pid && key->identity == process.identity;
 }
 
-/// The record of this name in a session folder; nothing when it is of another process.
-std::optional<json> RecordOf(const ProcessKey& process, const fs::Path& file) {
+/// The record in this file; a null value when there is none or it is of another process.
+json RecordOf(const ProcessKey& process, const fs::Path& file) {
   json record;
   if (!ReadEvidenceRecord(file, &record, nullptr) || !IsOfProcess(record, process)) {
-    return std::nullopt;
+    return {};
   }
   return record;
 }
@@ -51,11 +51,11 @@ json FindSession(const fs::Path& crash_directory, const ProcessKey& process) {
   return {};
 }
 
-/// What an earlier process left, besides the incident of its end.
+/// What an earlier process left, besides the incident of its end. A null value means nothing.
 struct EarlierProcess {
-  std::optional<json> checkpoint;  ///< the last one, bounded
-  std::optional<json> hang;        ///< the hang that was captured, sanitised
-  json app;                        ///< the `app` object; a null value when its build is unknown
+  json checkpoint;  ///< the last one, bounded
+  json hang;        ///< the hang that was captured, sanitised
+  json app;         ///< the `app` object
 };
 
 /// The build of a process as its evidence names it.
@@ -72,14 +72,11 @@ EarlierProcess FindEarlierProcess(const fs::Path& session_folder, const fs::Path
                                   const ProcessKey& process, const json& evidence) {
   EarlierProcess earlier;
   const json session = FindSession(crash_directory, process);
-  if (const auto checkpoint = RecordOf(process, session_folder / kCheckpointFile)) {
-    earlier.checkpoint = BuildCompactCheckpoint(*checkpoint);
-  } else if (session.is_object()) {
-    earlier.checkpoint = BuildCompactCheckpoint(session);
-  }
-  if (const auto hang = RecordOf(process, session_folder / kHangFile)) {
-    earlier.hang = SanitizeEvidenceRecord(*hang);
-  }
+  json last = RecordOf(process, session_folder / kCheckpointFile);
+  if (last.is_null()) last = session;
+  if (!last.is_null()) earlier.checkpoint = BuildCompactCheckpoint(last);
+  const json hang = RecordOf(process, session_folder / kHangFile);
+  if (!hang.is_null()) earlier.hang = SanitizeEvidenceRecord(hang);
   const json& app = MemberOf(session, "app");
   earlier.app = MemberOf(app, "build_id").is_string() ? SanitizeAppObject(app) : AppOf(evidence);
   return earlier;
@@ -97,15 +94,15 @@ json BuildCompactManifest(const RecoverySurroundings& surroundings, const json& 
   request.reason = "Independent process evidence: " + TextIn(evidence, "event") +
                    "; capture=" + TextIn(evidence, "capture_status", "unknown");
   request.client_report_id = report_id;
-  if (!earlier.checkpoint) request.details = {{"previous_checkpoint", "unavailable"}};
+  if (earlier.checkpoint.is_null()) request.details = {{"previous_checkpoint", "unavailable"}};
   json manifest = BuildReportManifest(request, surroundings.facts(request));
   if (!earlier.app.is_null()) manifest["app"] = earlier.app;
   manifest["breadcrumbs"] = json::array();
-  if (earlier.checkpoint) {
-    AddSessionForensics(*earlier.checkpoint, ClassifySessionEndNow(*earlier.checkpoint), &manifest);
+  if (!earlier.checkpoint.is_null()) {
+    AddSessionForensics(earlier.checkpoint, ClassifySessionEndNow(earlier.checkpoint), &manifest);
   }
   manifest[std::string(kCompactEvidenceKey)] = evidence;
-  if (earlier.hang) manifest[std::string(kCompactHangKey)] = *earlier.hang;
+  if (!earlier.hang.is_null()) manifest[std::string(kCompactHangKey)] = earlier.hang;
   manifest["privacy"]["compact_process_evidence"] = "module_offsets_and_sanitized_state_only";
   FinishManifest(&manifest);
   return manifest;
