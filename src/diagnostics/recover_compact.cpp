@@ -70,16 +70,14 @@ json AppOf(const json& evidence) {
 
 EarlierProcess FindEarlierProcess(const fs::Path& session_folder, const fs::Path& crash_directory,
                                   const ProcessKey& process, const json& evidence) {
-  EarlierProcess earlier;
   const json session = FindSession(crash_directory, process);
+  const json& app = MemberOf(session, "app");
   json last = RecordOf(process, session_folder / kCheckpointFile);
   if (last.is_null()) last = session;
-  if (!last.is_null()) earlier.checkpoint = BuildCompactCheckpoint(last);
   const json hang = RecordOf(process, session_folder / kHangFile);
-  if (!hang.is_null()) earlier.hang = SanitizeEvidenceRecord(hang);
-  const json& app = MemberOf(session, "app");
-  earlier.app = MemberOf(app, "build_id").is_string() ? SanitizeAppObject(app) : AppOf(evidence);
-  return earlier;
+  return {.checkpoint = last.is_null() ? json() : BuildCompactCheckpoint(last),
+          .hang = hang.is_null() ? json() : SanitizeEvidenceRecord(hang),
+          .app = MemberOf(app, "build_id").is_string() ? SanitizeAppObject(app) : AppOf(evidence)};
 }
 
 std::string KindOfEnd(const json& evidence) {
@@ -129,10 +127,9 @@ void RecoverCompactSession(const OrphanSession& orphan, const RecoverySurroundin
   const json evidence = SanitizeEvidenceRecord(orphan.record);
   if (TextIn(evidence, "event") != "clean_exit") {
     const std::string report_id = "compact_" + claim.OriginalName();
-    const json manifest = BuildCompactManifest(
-        surroundings, evidence,
-        FindEarlierProcess(claim.path(), surroundings.crash_directory, *process, evidence),
-        report_id);
+    const EarlierProcess earlier =
+        FindEarlierProcess(claim.path(), surroundings.crash_directory, *process, evidence);
+    const json manifest = BuildCompactManifest(surroundings, evidence, earlier, report_id);
     if (!claim.StillHeld() ||
         !QueueCompactReport(manifest, surroundings.crash_directory, report_id)) {
       return;
