@@ -169,17 +169,17 @@ TEST_F(Sessions, AreRemovedWhenTheirProcessEndedWithoutAnIncident) {
   for (int number = 0; number < 5; ++number) add_all(number);
   const std::string living = "process_1_" + pid + "_" + kThisProcess.identity;
   WriteFile(compact_ / living / "emergency.bin", "");
-  WriteFile(compact_ / "process_1_4294967280" / "emergency.bin", "");
+  WriteFile(compact_ / "process_2_1" / "emergency.bin", "");
   Add("process_2" + ended, kEnded, nullptr);
   fs::Path created;
   std::string reason;
   EXPECT_FALSE(CreateCompactSession(crash_.path(), kNow, 7, 5, &created, &reason)) << reason;
   EnforceCompactRetention(crash_.path(), kNow);
-  EXPECT_EQ(test::ListTree(compact_),
-            living + "/\n" + living + "/emergency.bin\n" +
-                "process_1_4294967280/\nprocess_1_4294967280/emergency.bin\nprocess_2" + ended +
-                "/\nprocess_2" + ended + "/emergency.bin\nprocess_2" + ended +
-                "/incident.json\nprocess_2" + ended + "/metadata.json\n");
+  EXPECT_EQ(test::ListTree(compact_), living + "/\n" + living + "/emergency.bin\n" +
+                                          "process_2_1/\nprocess_2_1/emergency.bin\nprocess_2" +
+                                          ended + "/\nprocess_2" + ended +
+                                          "/emergency.bin\nprocess_2" + ended +
+                                          "/incident.json\nprocess_2" + ended + "/metadata.json\n");
   EXPECT_TRUE(CreateCompactSession(crash_.path(), kNow, 7, 5, &created, &reason)) << reason;
 }
 
