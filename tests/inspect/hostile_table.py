@@ -1,6 +1,6 @@
 """Compares the verdicts of `qorva_inspect package` with those of the updater, row by row.
 
-usage: PYTHONPATH=tests/rig hostile_table.py QORVA_INSPECT
+usage: PYTHONPATH=tests/rig:tools hostile_table.py QORVA_INSPECT
 
 A row that the updater unpacks is refused for its layout alone, because no required file is named.
 """

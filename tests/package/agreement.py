@@ -1,6 +1,6 @@
 """Compares what the package room extracts with what other readers extract from the same archives.
 
-usage: PYTHONPATH=tests/rig agreement.py EXTRACT_PACKAGES [FOLDER...]
+usage: PYTHONPATH=tests/rig:tools agreement.py EXTRACT_PACKAGES [FOLDER...]
 
 The archives are the rows of hostile_archives.py, the seeds and findings of the fuzzer, packages of up to a
 few thousand real files made by the writers of this machine, and those in further folders. At least two of
