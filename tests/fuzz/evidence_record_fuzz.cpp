@@ -40,8 +40,9 @@ void RequireNothingPrivate(const json& value, int depth) {
     Require(!text.empty() && text.size() <= 128, "a word has 1 to 128 bytes");
     Require(text.find_first_not_of(kWordBytes) == text.npos, "a word has word bytes only");
   } else {
-    // The parser keeps a number as unsigned exactly when it is a count.
-    Require(value.is_boolean() || value.is_number_unsigned(), "a value is a word, flag or count");
+    // The parser keeps "-0" as a signed number.
+    const bool is_count = value.is_number_unsigned() || value == json(0);
+    Require(value.is_boolean() || is_count, "a value is a word, flag or count");
   }
 }
 
