@@ -29,6 +29,17 @@ class RoomCount {
   /// missing megabytes.
   [[nodiscard]] bool Suffices(std::string* error) const;
 
+  /// The most bytes that the changes so far take at one time on the volume of the installation. It
+  /// includes the backups when both are on one volume.
+  [[nodiscard]] std::uint64_t installation_bytes() const {
+    return static_cast<std::uint64_t>(installation_.most_bytes);
+  }
+
+  /// The same for the volume of the backups; 0 when both are on one volume.
+  [[nodiscard]] std::uint64_t backup_bytes() const {
+    return static_cast<std::uint64_t>(backups_.most_bytes);
+  }
+
  private:
   /// What the changes take of one volume.
   struct Use {

@@ -4,6 +4,7 @@
 #include <unordered_map>
 
 #include "apply/apply_targets.h"
+#include "apply/room.h"
 #include "core/text.h"
 #include "package/payload_signatures.h"
 
@@ -24,13 +25,20 @@ void AddInstalledFile(const ZipEntryRecord& entry, std::string_view path, Payloa
   const auto bytes = static_cast<std::uint64_t>(entry.uncompressed_size);
   ++facts->files;
   facts->bytes += bytes;
-  facts->largest_file_bytes = std::max(facts->largest_file_bytes, bytes);
+  facts->file_bytes.push_back(bytes);
   if (IsSignedFileName(PathOrEmpty(path))) facts->binaries.emplace_back(path);
   if (entry.is_link) facts->links.emplace_back(path);
   if (Utf16Units(kUsualInstallation) + 1 + Utf16Units(path) > kOrdinaryPathUnitsMax) {
     facts->long_paths.emplace_back(path);
   }
   if (path.find('/') == std::string_view::npos) facts->top_level_files.emplace_back(path);
+}
+
+/// Counts for two volumes with the cluster size that Windows formats a disk with.
+RoomCount CountOnTwoVolumes() {
+  constexpr std::uint64_t kClusterBytes = 4096;
+  return {{.root = "temporary", .cluster_bytes = kClusterBytes},
+          {.root = "installation", .cluster_bytes = kClusterBytes}};
 }
 
 /// The lower-case form of a letter by the simple case mapping of Unicode, for the blocks that
@@ -134,8 +142,14 @@ std::size_t Utf16Units(std::string_view text) {
 
 RoomNeeded RoomFor(std::uint64_t package_bytes, std::uint64_t unpacked_bytes,
                    const PayloadFacts& payload) {
-  return {.temporary = package_bytes + unpacked_bytes + payload.bytes,
-          .installation = payload.bytes + payload.largest_file_bytes};
+  RoomCount all_replaced = CountOnTwoVolumes();
+  RoomCount all_new = CountOnTwoVolumes();
+  for (const std::uint64_t bytes : payload.file_bytes) {
+    all_replaced.AddReplacement(bytes, bytes);
+    all_new.AddReplacement(0, bytes);
+  }
+  return {.temporary = package_bytes + unpacked_bytes + all_replaced.backup_bytes(),
+          .installation = all_new.installation_bytes()};
 }
 
 }  // namespace zul

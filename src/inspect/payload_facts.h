@@ -22,7 +22,7 @@ inline constexpr std::size_t kOrdinaryPathUnitsMax = 259;
 struct PayloadFacts {
   std::uint64_t files = 0;  ///< that will be installed
   std::uint64_t bytes = 0;
-  std::uint64_t largest_file_bytes = 0;
+  std::vector<std::uint64_t> file_bytes;     ///< the size of each
   std::vector<std::string> beside_wrapper;   ///< not installed: they are not in the wrapper folder
   std::vector<std::string> links;            ///< links that become text files
   std::vector<std::string> long_paths;       ///< too long below the usual installation
@@ -51,10 +51,12 @@ struct WindowsCollision {
 /// The length of a UTF-8 text in UTF-16 units.
 [[nodiscard]] std::size_t Utf16Units(std::string_view text);
 
-/// Room that an update needs, in bytes.
+/// Room that an update needs at most, in bytes. The installation's part is counted by the same code
+/// as before the changes of an update, for clusters of 4 KiB. The installation is unknown here, so
+/// each number supposes the old files that take most.
 struct RoomNeeded {
-  std::uint64_t temporary = 0;     ///< package, unpacked files, and backups of as many bytes
-  std::uint64_t installation = 0;  ///< when every file is new, with one temporary copy
+  std::uint64_t temporary = 0;     ///< package, unpacked files, and the backup of a file for each
+  std::uint64_t installation = 0;  ///< when every file is new
 };
 [[nodiscard]] RoomNeeded RoomFor(std::uint64_t package_bytes, std::uint64_t unpacked_bytes,
                                  const PayloadFacts& payload);

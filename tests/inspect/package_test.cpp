@@ -69,7 +69,9 @@ TEST(PayloadFacts, SayWhatIsInstalledAndWhatIsNot) {
       "Q");
   EXPECT_EQ(facts.files, 4u);
   EXPECT_EQ(facts.bytes, 16u);
-  EXPECT_EQ(facts.largest_file_bytes, 10u);
+  const RoomNeeded room = RoomFor(1000, 100, facts);
+  EXPECT_EQ(room.temporary, 1100u + 4 * 4096) << "a file takes whole clusters";
+  EXPECT_EQ(room.installation, 4u * 4096);
   EXPECT_EQ(JoinText(facts.beside_wrapper, " "), "readme Qx/a");
   EXPECT_EQ(JoinText(facts.links, " "), "b/c.dll");
   EXPECT_EQ(JoinText(facts.binaries, " "), "qorva.EXE b/c.dll");
