@@ -24,6 +24,22 @@ File& File::operator=(File&& other) noexcept {
   return *this;
 }
 
+bool ReadUpTo(File& file, std::uint64_t offset_bytes, void* buffer, std::size_t size,
+              std::size_t* read, std::error_code& ec) {
+  ec.clear();
+  *read = 0;
+  while (*read < size) {
+    std::size_t piece = 0;
+    if (!file.ReadAt(offset_bytes + *read, static_cast<char*>(buffer) + *read, size - *read, &piece,
+                     ec)) {
+      return false;
+    }
+    if (piece == 0) return true;
+    *read += piece;
+  }
+  return true;
+}
+
 bool WriteAll(File& file, const void* data, std::size_t size, std::error_code& ec) {
   ec.clear();
   const char* rest = static_cast<const char*>(data);

@@ -133,6 +133,12 @@ enum class NewFileAccess { kWrite, kReadWrite };
 // ---------------------------------------------------------------------------------------------
 // Whole contents
 
+/// Reads from `offset_bytes` on until `size` bytes are there or the file ends; a single system call
+/// may read less. `*read` is the number of bytes in `buffer`, also after an error. False on an
+/// error. The current position is undefined afterwards.
+[[nodiscard]] bool ReadUpTo(File& file, std::uint64_t offset_bytes, void* buffer, std::size_t size,
+                            std::size_t* read, std::error_code& ec);
+
 /// Writes all of `data`. A system call that writes nothing is a failure with error code 0.
 [[nodiscard]] bool WriteAll(File& file, const void* data, std::size_t size, std::error_code& ec);
 

@@ -45,18 +45,10 @@ fs::File OpenText(const fs::Path& path) {
 /// failure counts, and the failure is logged.
 std::string ReadFrom(fs::File* file, std::uint64_t offset_bytes, std::size_t size) {
   std::string text(file->is_open() ? size : 0, '\0');
-  std::size_t filled = 0;
-  std::size_t read = 1;
-  while (filled < text.size() && read > 0) {
-    std::error_code ec;
-    if (!file->ReadAt(offset_bytes + filled, text.data() + filled, text.size() - filled, &read,
-                      ec)) {
-      LogReadFailure(ec);
-      break;
-    }
-    filled += read;
-  }
-  text.resize(filled);
+  std::size_t read = 0;
+  std::error_code ec;
+  if (!fs::ReadUpTo(*file, offset_bytes, text.data(), text.size(), &read, ec)) LogReadFailure(ec);
+  text.resize(read);
   return text;
 }
 

@@ -37,7 +37,7 @@ class BinaryFile {
   [[nodiscard]] bool Read(std::uint64_t at, void* to, std::size_t size) {
     std::error_code ec;
     std::size_t read = 0;
-    return at <= size_ && size <= size_ - at && file_.ReadAt(at, to, size, &read, ec) &&
+    return at <= size_ && size <= size_ - at && fs::ReadUpTo(file_, at, to, size, &read, ec) &&
            read == size;
   }
 

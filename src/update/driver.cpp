@@ -80,16 +80,9 @@ StageResult PrepareStage(UpdateRun& run) {
 bool BeginsLikeZip(fs::File& file) {
   std::error_code ec;
   std::array<char, 4> start{};
-  std::size_t filled = 0;
-  while (filled < start.size()) {
-    std::size_t read = 0;
-    if (!file.ReadAt(filled, start.data() + filled, start.size() - filled, &read, ec) ||
-        read == 0) {
-      break;
-    }
-    filled += read;
-  }
-  return filled == start.size() && start == std::array<char, 4>{'P', 'K', 3, 4};
+  std::size_t read = 0;
+  return fs::ReadUpTo(file, 0, start.data(), start.size(), &read, ec) && read == start.size() &&
+         start == std::array<char, 4>{'P', 'K', 3, 4};
 }
 
 StageResult CheckFormatStage(UpdateRun& run) {
