@@ -30,13 +30,17 @@ constexpr std::array kUserTexts = std::to_array<UserTextRule>({
 });
 
 constexpr std::string_view kFreeDisk =
-    "Free space on the volume that the text names, then start the update again.";
+    "Free space on the volume that the text names, or else on that of the temporary folder; then "
+    "start the update again.";
 constexpr std::string_view kCheckServer =
     "Look whether the package is at this address, complete and readable for everyone; the mirror "
     "is asked only after a 5xx answer, a transport error or a wrong digest.";
 constexpr std::string_view kCheckNetwork =
     "Check the machine's connection, its proxy and firewall with a browser on the same address, "
     "then start the update again.";
+constexpr std::string_view kCheckCertificates =
+    "The machine does not trust the server's certificate: check the machine's clock, its root "
+    "certificates, and whether a proxy replaces certificates.";
 constexpr std::string_view kCheckRights =
     "Check that this user may write to the file that the text names, and that no security product "
     "blocks it; then start the update again.";
@@ -67,14 +71,9 @@ constexpr std::array kAdvice = std::to_array<AdviceRule>({
      "The origin redirects to a host that is not in the updater's list; serve the package from one "
      "of the listed hosts."},
     {"package destination file", Remedy::kMachine, kCheckRights},
-    {"write update package file", Remedy::kMachine,
-     "Free space on the volume of the temporary folder, then start the update again."},
-    {"(code=12157)", Remedy::kNetwork,
-     "The machine does not trust the server's certificate: check the machine's clock, its root "
-     "certificates, and whether a proxy replaces certificates."},
-    {"(code=12175)", Remedy::kNetwork,
-     "The machine does not trust the server's certificate: check the machine's clock, its root "
-     "certificates, and whether a proxy replaces certificates."},
+    {"write update package file", Remedy::kMachine, kFreeDisk},
+    {"(code=12157)", Remedy::kNetwork, kCheckCertificates},
+    {"(code=12175)", Remedy::kNetwork, kCheckCertificates},
     {"WinH", Remedy::kNetwork, kCheckNetwork},
     {"main process to exit", Remedy::kMachine,
      "QORVA did not close within 3 minutes: close its open dialogs or end it in the Task Manager, "
