@@ -7,10 +7,10 @@
 
 #include <cstdint>
 #include <cwchar>
-#include <memory>
 
 #include "collector/collector.h"
 #include "collector/observer.h"
+#include "core/handle_win32.h"
 #include "core/system_library_win32.h"
 #include "diagnostics/diagnostics.h"
 #include "ui/dpi_awareness.h"
@@ -19,11 +19,6 @@
 namespace zul {
 
 namespace {
-
-struct LocalMemoryRelease {
-  void operator()(wchar_t** memory) const { ::LocalFree(memory); }
-};
-using ArgumentVector = std::unique_ptr<wchar_t*, LocalMemoryRelease>;
 
 /// Only the first argument selects a mode. In any other position `--observe` is an unknown switch
 /// and is ignored.
@@ -41,7 +36,7 @@ void StartDiagnostics() {
 int ProcessEntry() {
   RestrictLibrarySearch();
   int argc = 0;
-  const ArgumentVector argv(::CommandLineToArgvW(::GetCommandLineW(), &argc));
+  const UniqueLocalMemory<wchar_t**> argv(::CommandLineToArgvW(::GetCommandLineW(), &argc));
   if (!argv) argc = 0;  // a command line that cannot be split counts as one without arguments
   if (IsObserver(argc, argv.get())) return RunObserver(argc, argv.get());
   if (!AsksForVersion(argc, argv.get())) {

@@ -59,4 +59,14 @@ struct KernelHandleTraits {
 };
 using UniqueKernelHandle = UniqueHandle<KernelHandleTraits>;
 
+/// Memory that a system call has allocated and that LocalFree releases.
+template <typename Pointer>
+struct LocalMemoryTraits {
+  using Type = Pointer;
+  static Pointer Invalid() { return nullptr; }
+  static void Close(Pointer memory) { ::LocalFree(memory); }
+};
+template <typename Pointer>
+using UniqueLocalMemory = UniqueHandle<LocalMemoryTraits<Pointer>>;
+
 }  // namespace zul

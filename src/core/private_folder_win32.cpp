@@ -18,13 +18,6 @@ namespace zul {
 
 namespace {
 
-struct LocalMemoryTraits {
-  using Type = void*;
-  static void* Invalid() { return nullptr; }
-  static void Close(void* memory) { ::LocalFree(memory); }
-};
-using UniqueLocalMemory = UniqueHandle<LocalMemoryTraits>;
-
 /// A right that cannot be read counts as missing.
 ProcessRights RightsOfThisProcess() {
   ProcessRights rights;
@@ -51,7 +44,7 @@ bool CreateWithSecurity(const fs::Path& path, std::string_view security, std::er
   const std::wstring text = Utf8ToWide(security).value_or(std::wstring());
   bool created = ::ConvertStringSecurityDescriptorToSecurityDescriptorW(
                      text.c_str(), SDDL_REVISION_1, &converted, nullptr) != FALSE;
-  const UniqueLocalMemory descriptor(converted);
+  const UniqueLocalMemory<PSECURITY_DESCRIPTOR> descriptor(converted);
   SECURITY_ATTRIBUTES attributes{sizeof attributes, converted, FALSE};
   created = created && ::CreateDirectoryW(fs::ApiPath(path).c_str(), &attributes);
   ec = created ? std::error_code() : LastSystemError();
