@@ -78,7 +78,9 @@ std::string SessionReportText(const json& session, const SessionEndClassificatio
   text += "\nprevious_session_started=" + redacted("started_at_local");
   text += "\nprevious_session_updated=" + redacted("updated_at_local");
   text += "\nevidence_classification=" + end.exit_evidence_class;
-  for (const auto& [key, value] : EndFields(end)) text += "\n" + key + "=" + value;
+  for (const auto& [key, value] : EndFields(end)) {
+    text.append("\n").append(key).append("=").append(value);
+  }
   text += "\n\n=== last known runtime state ===\n";
   for (const auto& [key, value] : TextsIn(MemberOf(session, "runtime_state"))) {
     text += SanitizeIdentifier(key) + "=" + ReportField(key, value) + "\n";

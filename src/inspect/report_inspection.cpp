@@ -73,7 +73,7 @@ void CheckTexts(const json& value, const std::string& place, std::vector<std::st
   if (!value.is_structured()) return;
   for (const auto& [key, member] : value.items()) {
     if (key != "upload_attempts" && !key.starts_with("last_upload_")) {
-      CheckTexts(member, place + "/" + key, broken);
+      CheckTexts(member, std::string(place).append("/").append(key), broken);
     }
   }
 }
