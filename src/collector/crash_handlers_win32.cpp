@@ -62,16 +62,18 @@ void NotifyObserver(CrashChannel& channel, const EmergencyRecord& record) noexce
 /// thread, is not recorded. A terminate has no context of its own, so it is captured in this
 /// function, which waits for the observer: its frame must be on the stack during the walk.
 void RecordCrash(EmergencyKind kind, const EXCEPTION_POINTERS* exception) noexcept {
-  CrashChannel* const channel = g_channel.load();
-  if (channel == nullptr || g_recorded.exchange(true)) return;
+  if (g_channel.load() == nullptr || g_recorded.exchange(true)) return;
   EmergencyRecord record;
   if (exception == nullptr || exception->ContextRecord == nullptr) {
     ::RtlCaptureContext(ContextIn(record));
   }
   FillRecord(kind, exception, &record);
+  // Loaded after the capture: to a compiler the capture may be a call that returns twice, and then
+  // no variable keeps its value over it for certain.
+  CrashChannel& channel = *g_channel.load();
   // A failure is ignored: the process ends in any case.
-  static_cast<void>(WriteEmergencyRecord(channel->emergency_file, record));
-  NotifyObserver(*channel, record);
+  static_cast<void>(WriteEmergencyRecord(channel.emergency_file, record));
+  NotifyObserver(channel, record);
 }
 
 bool IsGccThrow(const EXCEPTION_POINTERS* exception) noexcept {
