@@ -48,9 +48,7 @@ TEST(Report, IsCheckedAgainstItsOwnPromises) {
   request.kind = "crash";
   request.reason = "cannot open 'C:\\Users\\eva\\x.psd'";
   request.details = {{"stage", "apply"}};
-  ReportFacts facts;
-  facts.app = {{"version", "2"}};
-  facts.report_file_text = "a line\n";
+  const ReportFacts facts = {"", {{"version", "2"}}, {}, {}, "a line\n"};
   const json kept = BuildReportManifest(request, facts);
   const struct {
     const char* pointer;
