@@ -114,6 +114,18 @@ bool CloseAndVerify(OpenedEntry& entry, std::string* error) {
   return Fail(error, "ZIP entry close failed: ", ZipStatusText(status));
 }
 
+bool ReadAndVerify(ZipReader& reader, const ZipEntryRecord& record, const ExtractionPass& pass,
+                   OpenedEntry& entry, std::string* error) {
+  return CopyData(reader, record, pass, nullptr, error) && CloseAndVerify(entry, error);
+}
+
+/// True when this pass created the folder of the entry, so that its path was checked. An entry that
+/// is not written then needs no further look at the disk, which would cost as much as its data.
+bool HasItsFolder(const ZipEntryRecord& record, const ExtractionPass& pass) {
+  const std::size_t slash = record.path.rfind('/');
+  return slash != std::string::npos && pass.created_dirs.contains(record.path.substr(0, slash));
+}
+
 bool FlushAndClose(ExclusiveFile& file, const ZipEntryRecord& record, const ExtractionPass& pass,
                    const fs::Path& root, std::string* error) {
   const bool is_long = static_cast<std::uint64_t>(record.uncompressed_size) >= fs::kLongFlushBytes;
@@ -151,6 +163,11 @@ bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record, const fs::
   ZipEntryRecord checked = record;
   if (!CheckLocalHeader(reader, &checked, error)) return false;
 
+  const bool is_written = !pass.scope.is_written || pass.scope.is_written(record.path);
+  if (!is_written && HasItsFolder(record, pass)) {
+    return ReadAndVerify(reader, record, pass, entry, error);
+  }
+
   std::error_code code;
   const fs::Path root = ResolveStage(stage_dir, pass, code);
   if (code) return Fail(error, "cannot resolve extraction root");
@@ -160,9 +177,7 @@ bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record, const fs::
     return Fail(error, "ZIP entry escapes extraction root");
   }
   if (!MakeParents(root, record.path, &pass.created_dirs, error)) return false;
-  if (pass.scope.is_written && !pass.scope.is_written(record.path)) {
-    return CopyData(reader, record, pass, nullptr, error) && CloseAndVerify(entry, error);
-  }
+  if (!is_written) return ReadAndVerify(reader, record, pass, entry, error);
   // Resolving the folder is enough: the exclusive creation below fails if the file's name exists.
   // The resolution of a missing name is slower, because it may list the folder.
   const fs::Path resolved_parent = fs::Canonical(target.parent_path(), code);
