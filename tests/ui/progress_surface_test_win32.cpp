@@ -6,6 +6,7 @@
 
 #include <array>
 #include <bit>
+#include <string_view>
 
 #include "ui/message_pump.h"
 #include "ui/progress_layout.h"
@@ -16,16 +17,18 @@ namespace {
 
 constexpr const wchar_t* kClass = L"ZULRipUpdaterProgressWindow";
 
-/// The progress window of this process. Other tests may have one on the same display.
+/// The progress window of this thread.
 HWND FindOwnWindow() {
-  HWND window = nullptr;
-  DWORD pid = 0;
-  while (pid != GetCurrentProcessId()) {
-    window = FindWindowExW(nullptr, window, kClass, nullptr);
-    if (window == nullptr) return nullptr;
-    GetWindowThreadProcessId(window, &pid);
-  }
-  return window;
+  HWND found = nullptr;
+  const auto take = [](HWND window, LPARAM result) -> BOOL {
+    wchar_t name[64] = L"";
+    if (GetClassNameW(window, name, 64) == 0 || name != std::wstring_view(kClass)) return TRUE;
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the enumeration passes the pointer as an integer
+    *reinterpret_cast<HWND*>(result) = window;
+    return FALSE;
+  };
+  EnumThreadWindows(GetCurrentThreadId(), take, reinterpret_cast<LPARAM>(&found));
+  return found;
 }
 
 constexpr LPARAM kWildPointer = 0x10;

@@ -22,6 +22,9 @@ int WatchWindow(const Arguments& arguments);
 [[nodiscard]] std::vector<HWND> FindWindows(const wchar_t* window_class, DWORD pid,
                                             const wchar_t* title = nullptr);
 
+/// The controls of a dialog, in the order in which they were created.
+[[nodiscard]] std::vector<HWND> ControlsOf(HWND window);
+
 /// The text of a window or control of another process, as UTF-8.
 [[nodiscard]] std::string TextOf(HWND window);
 

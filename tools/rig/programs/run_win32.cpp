@@ -62,8 +62,7 @@ Box FindBox(DWORD pid) {
   const std::vector<HWND> windows = FindWindows(L"#32770", pid, L"QORVA Updater");
   if (windows.empty()) return {};
   Box box{windows.front(), {}, {{"icon", "none"}, {"text", ""}, {"buttons", Json::array()}}};
-  HWND child = nullptr;
-  while ((child = FindWindowExW(box.window, child, nullptr, nullptr)) != nullptr) {
+  for (const HWND child : ControlsOf(box.window)) {
     wchar_t kind[16] = L"";
     GetClassNameW(child, kind, 16);
     const auto style = GetWindowLongW(child, GWL_STYLE);

@@ -1,7 +1,9 @@
 // The verbs about windows of other processes: "close", "click" and "watch".
 
 #include <algorithm>
+#include <iterator>
 #include <nlohmann/json.hpp>
+#include <string_view>
 
 #include "core/handle_win32.h"
 #include "core/text.h"
@@ -34,6 +36,23 @@ DWORD ProcessArgument(const Arguments& arguments) {
   return static_cast<DWORD>(std::stoul(arguments.at(1)));
 }
 
+// The windows are listed in one call. A search that continues from a window which is destroyed
+// meanwhile makes the server of Wine 10 follow its list for ever, and no program gets an answer.
+BOOL CALLBACK Collect(HWND window, LPARAM list) {
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): the enumeration passes the pointer as an integer
+  reinterpret_cast<std::vector<HWND>*>(list)->push_back(window);
+  return TRUE;
+}
+
+bool HasNames(HWND window, const wchar_t* window_class, const wchar_t* title) {
+  wchar_t name[256] = L"";
+  GetClassNameW(window, name, std::size(name));
+  if (std::wstring_view(name) != window_class) return false;
+  // Asks the system: GetWindowTextW would wait for a window of this process.
+  return title == nullptr || (InternalGetWindowText(window, name, std::size(name)) > 0 &&
+                              std::wstring_view(name) == title);
+}
+
 void AppendIfChanged(nlohmann::json& values, bool value) {
   if (values.empty() || values.back() != value) values.push_back(value);
 }
@@ -50,14 +69,20 @@ bool WaitUntil(unsigned timeout_ms, const std::function<bool()>& reached) {
 }
 
 std::vector<HWND> FindWindows(const wchar_t* window_class, DWORD pid, const wchar_t* title) {
-  std::vector<HWND> found;
-  HWND window = nullptr;
-  while ((window = FindWindowExW(nullptr, window, window_class, title)) != nullptr) {
+  std::vector<HWND> windows;
+  EnumWindows(&Collect, reinterpret_cast<LPARAM>(&windows));
+  std::erase_if(windows, [=](HWND window) {
     DWORD owner = 0;
     GetWindowThreadProcessId(window, &owner);
-    if (owner == pid && IsWindowVisible(window)) found.push_back(window);
-  }
-  return found;
+    return owner != pid || !IsWindowVisible(window) || !HasNames(window, window_class, title);
+  });
+  return windows;
+}
+
+std::vector<HWND> ControlsOf(HWND window) {
+  std::vector<HWND> controls;
+  EnumChildWindows(window, &Collect, reinterpret_cast<LPARAM>(&controls));
+  return controls;
 }
 
 std::string TextOf(HWND window) {
