@@ -122,7 +122,7 @@ std::string ResolveFrames(const std::string& folder, std::vector<StackFrame>* fr
                    "', but llvm-symbolizer and addr2line are missing or find no symbols there; "
                    "put the .debug file beside the program or into its folder symbols."
              : "No program in '" + folder +
-                   "' is this build; it must hold the release with its symbols.";
+                   "' is the build of a frame; it must hold the release with its symbols.";
 }
 
 }  // namespace zul
