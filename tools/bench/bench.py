@@ -3,26 +3,29 @@ building.
 
 usage: PYTHONPATH=tools bench.py [--quick] [--rounds N] [--package NAME]
 
-Runs the real updater and the native tools in turn, each in a new folder, and prints one table of
-medians and ratios. Folders are deleted only at the end: after a large deletion a file system may
-create files much more slowly. --quick does one round of the smallest package.
+Runs the real updater, the native tools and a silent installer in turn, each in a new folder, and prints
+one table of medians and ratios. --quick does one round of the smallest package. With --quick and
+--package only the stages are measured, not memory, the window, diagnostics and redaction.
+
+Files are deleted only at the end: after a large deletion a file system may create files much more slowly.
+After each round of a package its large files are truncated, which returns their space.
 """
 
 import argparse
-import os
 import shutil
 import statistics
 import subprocess
 from collections import defaultdict
-from pathlib import Path
 
+import installers
 import workloads
-from measured_run import Measured, idle_peak_kib, measure
-from native_tools import NativeTools, copy_tree
+from measured_run import idle_peak_kib, longest_wait_ms, measure
+from native_tools import copy_tree, settle
 from rig import certificates, places
 from rig.https_server import HttpsServer, Reply
 from rig.sandbox import Sandbox
 from rig.updater_run import Scene
+from rounds import Round, give_back_space, run_installer
 from workloads import APPLICATION, BIG_FILE, SMALL_FILES, Workload
 
 PROGRAMS = places.BUILD / "tools" / "bench"
@@ -50,7 +53,8 @@ class Samples:
 
 
 class Bench:
-    def __init__(self) -> None:
+    def __init__(self, stages_only: bool = False) -> None:
+        self.stages_only = stages_only
         # A prefix of its own: programs in a shared prefix would change the measurement.
         places.WINE_HOME = workloads.HOME / "wine"
         places.RIG_HOME.mkdir(parents=True, exist_ok=True)
@@ -90,76 +94,49 @@ class Bench:
     # -- one round of one package
 
     def round(self, work: Workload, number: int) -> None:
-        url = self.server.on(places.PRIMARY_HOST, f"/{work.name}.zip", Reply(body=work.package))
-        tools = NativeTools(work, self.runs / f"{work.name}-{number}")
-        scene = self.scene(f"{work.name}-{number}")
-        copy_tree(work.installed, scene.install)
-        settle()
-        if number % 2:  # the sides take turns in being first
-            native = self.run_tools(tools, url)
-            settle()
-        run = measure(scene, url, work.sha256())
-        scene.end()
-        settle()
-        if not number % 2:
-            native = self.run_tools(tools, url)
-            settle()
-        assert_same_files(work, scene.install, tools.install)
-        native["floor"] = self.apply_floor(work, tools)
-        native["probe"], _ = self.run_windows("stage_times.exe", "probe",
-                                              self.sandbox.windows_path(tools.install))
-        if work is APPLICATION:
-            self.note_diagnostics(work, url, number)
-        self.peaks[work.name] = max(self.peaks.get(work.name, 0), run.peak_kib)
-        self.note(work, run, native)
+        turn = Round(self, work, number)
+        turn.run()
+        self.peaks[work.name] = max(self.peaks.get(work.name, 0), turn.updater.peak_kib)
+        self.note(turn)
+        if work is APPLICATION and not self.stages_only:
+            self.note_probe(turn)
+            self.note_diagnostics(turn)
+        turn.give_back_space()
 
-    def note_diagnostics(self, work: Workload, url: str, number: int) -> None:
-        """The same run with and without diagnostics, directly after one another."""
-        seconds = {"with": 0.0, "without": 0.0}
-        for turn, kind in enumerate(("with", "without", "without", "with")):  # later runs are slower
-            scene = self.scene(f"diagnostics-{number}-{turn}")
-            if kind == "without":
-                shutil.copyfile(PROGRAMS / "undiagnosed_updater.exe", scene.updater)
-            copy_tree(work.installed, scene.install)
-            settle()
-            seconds[kind] += measure(scene, url, work.sha256()).whole / 2
-            scene.end()
-        self.samples[work.name].add("diagnostics", seconds["with"], seconds["without"])
-
-    def run_tools(self, tools: NativeTools, url: str) -> dict[str, float]:
-        return {"curl": tools.download(url, self.authority), "sha256sum": tools.sha256sum(),
-                "openssl": tools.openssl(), "list": tools.list_entries(), "unzip": tools.unzip(),
-                "sync": tools.sync_stage(), "backup": tools.back_up(), "rsync": tools.install_over()}
-
-    def apply_floor(self, work: Workload, tools: NativeTools) -> float:
-        """The seconds of a minimal apply, over the same installation as the updater's."""
-        install, backup = tools.folder / "floor-install", tools.folder / "floor-backup"
-        copy_tree(work.installed, install)
-        files = tools.folder / "files"
-        files.write_text("".join(path.replace("/", "\\") + "\n" for path in work.files()))
-        for path in {Path(path).parent for path in work.files()}:
-            (backup / path).mkdir(parents=True, exist_ok=True)
-        settle()
-        (seconds,) = self.run_windows("apply_floor.exe", *map(
-            self.sandbox.windows_path, (files, tools.stage, install, backup)))
-        return seconds
-
-    def note(self, work: Workload, run: Measured, native: dict[str, float]) -> None:
-        samples = self.samples[work.name]
-        unpacked = native["unzip"] + native["sync"]
-        samples.add("download", run.download, native["curl"])
-        samples.add("checksum", run.checksum, native["sha256sum"])
-        samples.add("extract", run.extract, native["unzip"] if work is BIG_FILE else unpacked)
-        samples.add("apply", run.apply, native["floor"])
-        samples.add("probe", native["probe"], run.apply)
-        series = native["curl"] + native["openssl"] + unpacked + native["backup"] + native["rsync"]
-        samples.add("until restart", run.until_restart, series)
-        samples.add("whole", run.whole, series)
-        (scan,) = self.run_windows("stage_times.exe", "scan", self.sandbox.windows_path(work.package))
-        samples.add("scan", scan, native["list"])
+    def note(self, turn: Round) -> None:
+        samples, run, beside = self.samples[turn.work.name], turn.updater, turn.beside
+        (scan,) = self.run_windows("stage_times.exe", "scan", self.sandbox.windows_path(turn.work.package))
+        samples.add("scan", scan, beside["list"])
+        samples.add("download", run.download, beside["curl"])
+        samples.add("checksum", run.checksum, beside["sha256sum"])
+        samples.add("extract", run.extract, turn.extract_rival())
+        samples.add("extract/installer", run.extract, beside["installer"])
+        samples.add("apply", run.apply, beside["minimal apply"])
+        samples.add("extract and apply", run.extract + run.apply, beside["installer"])
+        samples.add("until restart", run.until_restart, beside["series"])
+        samples.add("whole", run.whole, beside["series"])
         stages = ", ".join(f"{stage} {mine[-1]:.2f}/{samples.taken[stage, 'tools'][-1]:.2f}"
                            for (stage, side), mine in samples.taken.items() if side == "updater")
-        print(f"  {work.title}: {stages}; peak {run.peak_kib // 1024} MiB", flush=True)
+        print(f"  {turn.work.title}: {stages}; peak {run.peak_kib // 1024} MiB", flush=True)
+
+    def note_probe(self, turn: Round) -> None:
+        """The part of the apply that asks for locks on files."""
+        seconds, _ = self.run_windows("stage_times.exe", "probe", self.sandbox.windows_path(turn.tools.install))
+        self.samples[turn.work.name].add("probe", seconds, turn.updater.apply)
+
+    def note_diagnostics(self, turn: Round) -> None:
+        """The same run with and without diagnostics, directly after one another."""
+        seconds = {"with": 0.0, "without": 0.0}
+        for number, kind in enumerate(("with", "without", "without", "with")):  # later runs are slower
+            scene = self.scene(f"diagnostics-{turn.number}-{number}")
+            if kind == "without":
+                shutil.copyfile(PROGRAMS / "undiagnosed_updater.exe", scene.updater)
+            copy_tree(turn.work.installed, scene.install)
+            settle()
+            seconds[kind] += measure(scene, turn.url, turn.work.sha256()).whole / 2
+            scene.end()
+            give_back_space(scene.folder)
+        self.samples[turn.work.name].add("diagnostics", seconds["with"], seconds["without"])
 
     # -- measurements with one run
 
@@ -179,15 +156,19 @@ class Bench:
         copy_tree(APPLICATION.installed, scene.install)
         return idle_peak_kib(scene, self.server.on(places.PRIMARY_HOST, "/silent.zip", Reply(silent=True)))
 
+    def longest_wait_ms(self, work: Workload) -> int:
+        scene = self.scene(f"{work.name}-window")
+        copy_tree(work.installed, scene.install)
+        settle()
+        url = self.server.on(places.PRIMARY_HOST, f"/{work.name}.zip", Reply(body=work.package))
+        return longest_wait_ms(scene, url, work.sha256())
 
-def settle() -> None:
-    """Writes everything to disk, so that neither side waits for writes of the other."""
-    os.sync()
-
-
-def assert_same_files(work: Workload, updated: Path, native: Path) -> None:
-    for path in work.files():
-        assert (updated / path).stat().st_size == (native / path).stat().st_size, path
+    def empty_installer_seconds(self) -> float:
+        """What the start and the end of an installer cost that has no files."""
+        installer = self.runs / "empty.exe"
+        installers.make(installer, self.runs, [])
+        folder = self.scene("empty").folder
+        return statistics.median(run_installer(self, installer, folder) for _ in range(5))
 
 
 ROWS = (  # label, package, stage, compared with, aim
@@ -199,39 +180,53 @@ ROWS = (  # label, package, stage, compared with, aim
     ("extraction", APPLICATION, "extract", "unzip -q, fsync per file", 1.1),
     ("extraction", SMALL_FILES, "extract", "unzip -q, fsync per file", 3.0),
     ("extraction", BIG_FILE, "extract", "unzip -q", 0.9),
+    ("extraction", APPLICATION, "extract/installer", "silent installer", 0.8),
+    ("extraction", SMALL_FILES, "extract/installer", "silent installer", 0.6),
+    ("extraction", BIG_FILE, "extract/installer", "silent installer", None),
     ("apply", APPLICATION, "apply", "minimal program", 1.3),
     ("apply", SMALL_FILES, "apply", "minimal program", 1.3),
     ("apply", BIG_FILE, "apply", "minimal program", 1.3),
+    ("extraction and apply", APPLICATION, "extract and apply", "silent installer", 2.0),
+    ("extraction and apply", SMALL_FILES, "extract and apply", "silent installer", 2.5),
+    ("extraction and apply", BIG_FILE, "extract and apply", "silent installer", None),
     ("probing every file for locks", APPLICATION, "probe", "the apply stage", 0.1),
     ("whole run with diagnostics", APPLICATION, "diagnostics", "without", 1.05),
     ("whole run", APPLICATION, "whole", "tools in series", 1.3),
     ("whole run", SMALL_FILES, "whole", "tools in series", 3.5),
     ("whole run", BIG_FILE, "whole", "tools in series", None),
-    ("until the restart", APPLICATION, "until restart", "tools in series", None),
+    ("until the restart", APPLICATION, "until restart", "tools in series", 1.3),
     ("until the restart", SMALL_FILES, "until restart", "tools in series", None),
 )
 
 
 def print_table(bench: Bench, rounds: int) -> None:
-    print(f"\nmedians of {rounds} rounds; spread is the largest ratio of a round over the smallest\n")
+    empty = bench.empty_installer_seconds()
+    print(f"\nmedians of {rounds} rounds; spread is the largest ratio of a round over the smallest; an installer "
+          f"without files takes {empty:.3f} s, which the times of the installers include\n")
     print("| stage | package | updater | beside | | ratio | spread | aim | |")
     print("|---|---|---:|---|---:|---:|---:|---:|---|")
     for label, work, stage, beside, aim in ROWS:
-        if work.name not in bench.samples:
+        samples = bench.samples.get(work.name)
+        if not samples or (stage, "updater") not in samples.taken:
             continue
-        samples = bench.samples[work.name]
         updater, tools = samples.medians(stage)
         print(row(label, work.title, f"{updater:.3f} s", beside, f"{tools:.3f} s", updater / tools,
                   f"{samples.spread(stage):.2f}", aim))
 
 
-def print_memory_and_window(bench: Bench) -> None:
+def print_memory(bench: Bench) -> None:
     idle = bench.idle_kib()
     for work in workloads_of(bench):
         above = (bench.peaks[work.name] - idle) / 1024
-        limit = 32 + len(work.files()) / 1024
+        limit = min(32 + len(work.files()) / 1024, 42)
         print(row("peak memory", work.title, f"{above:.1f} MiB", f"idle process, {idle / 1024:.1f} MiB",
                   "", above, "", round(limit, 1)))
+
+
+def print_window(bench: Bench) -> None:
+    for work in (APPLICATION, SMALL_FILES):
+        wait = bench.longest_wait_ms(work)
+        print(row("longest wait for an answer of the window", work.title, f"{wait} ms", "", "", wait, "", 115))
     window, http = bench.download_shares(APPLICATION)
     print(row("window's share of a download", APPLICATION.title, f"{100 * window:.2f} %", "", "",
               100 * window, "", 3))
@@ -276,7 +271,7 @@ def workloads_of(bench: Bench) -> list[Workload]:
 def main() -> None:
     parser = argparse.ArgumentParser(prog="bench")
     parser.add_argument("--quick", action="store_true")
-    parser.add_argument("--rounds", type=int, default=3)
+    parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--package", action="append", help="application, small-files or big-file")
     options = parser.parse_args()
     rounds = 1 if options.quick else options.rounds
@@ -284,16 +279,18 @@ def main() -> None:
     works = [w for w in (APPLICATION, SMALL_FILES, BIG_FILE) if chosen is None or w.name in chosen]
     for work in {APPLICATION, *works}:
         work.make()
-    bench = Bench()
+    bench = Bench(stages_only=chosen is not None)
     try:
         for number in range(rounds):
             print(f"round {number + 1} of {rounds}, seconds of the updater/of the tools", flush=True)
             for work in works:
                 bench.round(work, number)
         print_table(bench, rounds)
-        print_memory_and_window(bench)
-        print_collector(bench)
-        print_redaction(bench)
+        if not bench.stages_only:
+            print_memory(bench)
+            print_window(bench)
+            print_collector(bench)
+            print_redaction(bench)
     finally:
         bench.close()
 

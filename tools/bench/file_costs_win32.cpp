@@ -1,299 +1,107 @@
-// What each file call of an update costs, on one thread and on three.
+// What the file calls of an update cost, and which of them gain from threads.
 //
 //   file_costs.exe FOLDER FILES
 //
-// Works below FOLDER, which must exist and be empty, with FILES files of 4 KB for each row, 80 of
-// them in a folder. Nothing is deleted but the files of the row about deletion. Prints one row of a
-// table for each call: milliseconds per file on one thread, on three threads that share the files,
-// and on one thread that hands each open file to three others for its flush and close. Exits with 1
-// and a message at the first call that fails.
+// FOLDER must exist and be empty. Prints one row of a table for each call, in milliseconds per file
+// of 4 KB: on one thread; on three threads that share the files; and on one thread that hands each
+// file to three others, which flush and close it. The cost of a call on an open file includes
+// neither the open nor the close: the files are opened before the time begins. Each number is the
+// median of batches of 160 files, so that other work on the machine spoils single batches only.
 //
-// The cost of a call on an open handle does not include the open and the close. For each row the
-// files are opened before the time starts and closed after it ends, 400 at a time.
-
-#include <windows.h>
-
-#include <winternl.h>
+// Exits with 1 and a message at the first call that fails. Leaves the files.
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
-#include <functional>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
+
+#include "tools/bench/file_calls_win32.h"
 
 namespace {
 
-constexpr int kThreads = 3;
-constexpr std::size_t kFilesInFolder = 80;
-constexpr std::size_t kOpenAtOnce = 400;
+using namespace zul::bench;
+
+constexpr std::size_t kBatch = 160;
 constexpr std::size_t kInFlight = 64;
-constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-constexpr std::array<char, 4096> kContent{};
+constexpr int kThreads = 3;
 
-using Seconds = std::chrono::duration<double>;
-
-/// One file of a row: where it is, and its handle while it is open.
-struct Item {
-  std::wstring folder_path;
-  HANDLE folder = nullptr;  ///< open for the whole measurement
-  std::wstring name;
-  HANDLE file = INVALID_HANDLE_VALUE;
-
-  [[nodiscard]] std::wstring path() const { return folder_path + L'\\' + name; }
-  [[nodiscard]] std::wstring path_beside() const { return path() + L".new"; }
+/// The files that a call needs.
+enum class Files {
+  kMissing,  ///< none yet
+  kAny,      ///< existing files, which are the same after the row
+  kOwn,      ///< existing files, which no other measurement uses
 };
 
-using Step = std::function<bool(Item*)>;
-
-/// A measured call, and what surrounds it without being measured.
-struct Call {
+/// One row of the table. Steps may be empty.
+struct Row {
   const char* name;
-  Step prepare;  ///< may be empty
+  Files files;
+  Step prepare;  ///< for each file of a batch, before the time begins
   Step call;
-  Step finish;  ///< may be empty
+  Step rest;    ///< the part of the call that other threads can do
+  Step finish;  ///< for each file of a batch, after the time has ended
 };
+
+enum class Way { kAlone, kShared, kHanded };
 
 [[noreturn]] void Fail(const char* what) {
   std::fprintf(stderr, "%s: error %lu\n", what, ::GetLastError());
   std::exit(1);
 }
 
-// ---------------------------------------------------------------------------------------------
-// Calls
-
-bool Keep(Item* item, HANDLE file) {
-  item->file = file;
-  return file != INVALID_HANDLE_VALUE;
-}
-
-bool Create(Item* item) {
-  return Keep(item, ::CreateFileW(item->path().c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
-                                  FILE_ATTRIBUTE_NORMAL, nullptr));
-}
-
-/// Opens or creates the file by its name in the open folder.
-bool OpenInFolder(Item* item, ACCESS_MASK access, ULONG sharing, ULONG disposition) {
-  UNICODE_STRING name{};
-  name.Buffer = item->name.data();
-  name.Length = static_cast<USHORT>(item->name.size() * sizeof(wchar_t));
-  name.MaximumLength = name.Length;
-  OBJECT_ATTRIBUTES attributes{};
-  attributes.Length = sizeof attributes;
-  attributes.RootDirectory = item->folder;
-  attributes.ObjectName = &name;
-  attributes.Attributes = OBJ_CASE_INSENSITIVE;
-  IO_STATUS_BLOCK status{};
-  const NTSTATUS result =
-      ::NtCreateFile(&item->file, access | SYNCHRONIZE | FILE_READ_ATTRIBUTES, &attributes, &status,
-                     nullptr, FILE_ATTRIBUTE_NORMAL, sharing, disposition,
-                     FILE_SYNCHRONOUS_IO_NONALERT | FILE_NON_DIRECTORY_FILE, nullptr, 0);
-  ::SetLastError(::RtlNtStatusToDosError(result));
-  return result >= 0;
-}
-
-bool CreateInFolder(Item* item) {
-  return OpenInFolder(item, GENERIC_WRITE, 0, FILE_CREATE);
-}
-
-bool Write(Item* item) {
-  DWORD written = 0;
-  return ::WriteFile(item->file, kContent.data(), kContent.size(), &written, nullptr) &&
-         written == kContent.size();
-}
-
-bool Read(Item* item) {
-  std::array<char, kContent.size()> content;
-  DWORD read = 0;
-  return ::ReadFile(item->file, content.data(), content.size(), &read, nullptr) &&
-         read == content.size();
-}
-
-bool Flush(Item* item) {
-  return ::FlushFileBuffers(item->file) != FALSE;
-}
-
-bool Close(Item* item) {
-  return ::CloseHandle(std::exchange(item->file, INVALID_HANDLE_VALUE)) != FALSE;
-}
-
-bool FinalPath(Item* item) {
-  std::array<wchar_t, 1024> path;
-  return ::GetFinalPathNameByHandleW(item->file, path.data(), path.size(), 0) != 0;
-}
-
-bool Identity(Item* item) {
-  BY_HANDLE_FILE_INFORMATION information;
-  return ::GetFileInformationByHandle(item->file, &information) != FALSE;
-}
-
-bool SetTime(Item* item) {
-  FILE_BASIC_INFO information{};
-  information.LastWriteTime.QuadPart = 0x01D7000000000000;
-  information.FileAttributes = FILE_ATTRIBUTE_ARCHIVE;
-  return ::SetFileInformationByHandle(item->file, FileBasicInfo, &information, sizeof information);
-}
-
-bool OpenForRead(Item* item) {
-  return Keep(item, ::CreateFileW(item->path().c_str(), GENERIC_READ, kShareAll, nullptr,
-                                  OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
-}
-
-bool OpenInFolderForRead(Item* item) {
-  return OpenInFolder(item, GENERIC_READ, kShareAll, FILE_OPEN);
-}
-
-bool OpenExclusively(Item* item) {
-  return Keep(item, ::CreateFileW(item->path().c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
-                                  OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-}
-
-bool Attributes(Item* item) {
-  return ::GetFileAttributesW(item->path().c_str()) != INVALID_FILE_ATTRIBUTES;
-}
-
-bool AttributesOfMissing(Item* item) {
-  return ::GetFileAttributesW(item->path_beside().c_str()) == INVALID_FILE_ATTRIBUTES;
-}
-
-bool RenameToNew(Item* item) {
-  return ::MoveFileExW(item->path().c_str(), item->path_beside().c_str(), MOVEFILE_WRITE_THROUGH);
-}
-
-bool RenameOver(Item* item) {
-  return ::MoveFileExW(item->path_beside().c_str(), item->path().c_str(),
-                       MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH);
-}
-
-bool Delete(Item* item) {
-  return ::DeleteFileW(item->path().c_str()) != FALSE;
-}
-
-/// Several calls in this order.
-Step InTurn(std::vector<Step> steps) {
-  return [steps = std::move(steps)](Item* item) {
-    return std::all_of(steps.begin(), steps.end(), [item](const Step& step) { return step(item); });
-  };
-}
-
-bool CreateBeside(Item* item) {
-  Item beside = *item;
-  beside.name += L".new";
-  return Create(&beside) && Write(&beside) && Flush(&beside) && Close(&beside);
-}
-
-/// A flushed copy of the file, to a name with this ending.
-bool CopyTo(Item* item, const wchar_t* ending) {
-  Item copy = *item;
-  copy.name += ending;
-  return OpenForRead(item) && Create(&copy) && Read(item) && Write(&copy) && Flush(&copy) &&
-         Close(&copy) && Close(item);
-}
-
-/// What a minimal apply does for one file: a flushed backup, a flushed copy beside it, a rename.
-bool ApplyOne(Item* item) {
-  static std::atomic<int> turn{0};
-  return CopyTo(item, (L".old" + std::to_wstring(turn++)).c_str()) && CopyTo(item, L".new") &&
-         RenameOver(item);
-}
-
-/// Every 80th call lists its folder, so that the time per file is the time per entry.
-bool ListFolder(Item* item) {
-  static std::atomic<std::size_t> turn{0};
-  if (turn++ % kFilesInFolder != 0) return true;
-  WIN32_FIND_DATAW found;
-  const HANDLE search =
-      ::FindFirstFileExW((item->folder_path + L"\\*").c_str(), FindExInfoBasic, &found,
-                         FindExSearchNameMatch, nullptr, FIND_FIRST_EX_LARGE_FETCH);
-  if (search == INVALID_HANDLE_VALUE) return false;
-  while (::FindNextFileW(search, &found)) {
-  }
-  return ::FindClose(search) != FALSE;
-}
-
-// ---------------------------------------------------------------------------------------------
-// Measuring
-
-/// New folders with the names of `count` files, none of which exists.
-std::vector<Item> NewItems(const std::wstring& root, std::size_t count) {
-  static int set = 0;
-  const std::wstring base = root + L"\\set_" + std::to_wstring(set++);
-  if (!::CreateDirectoryW(base.c_str(), nullptr)) Fail("a folder cannot be created");
-  std::vector<Item> items(count);
-  for (std::size_t i = 0; i < count; ++i) {
-    Item& item = items[i];
-    item.name = L"colour_" + std::to_wstring(i) + L".json";
-    if (i % kFilesInFolder != 0) {
-      item.folder_path = items[i - 1].folder_path;
-      item.folder = items[i - 1].folder;
-      continue;
-    }
-    item.folder_path = base + L"\\book_" + std::to_wstring(i / kFilesInFolder);
-    if (!::CreateDirectoryW(item.folder_path.c_str(), nullptr)) Fail("a folder cannot be created");
-    item.folder =
-        ::CreateFileW(item.folder_path.c_str(), FILE_LIST_DIRECTORY | FILE_TRAVERSE, kShareAll,
-                      nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
-    if (item.folder == INVALID_HANDLE_VALUE) Fail("a folder cannot be opened");
-  }
-  return items;
-}
-
-struct Range {
+/// The files of one batch.
+struct Batch {
+  const Row& row;
   Item* first;
   Item* last;
+
+  void Do(const Step& step, Item* item) const {
+    if (step && !step(item)) Fail(row.name);
+  }
+  void DoAll(const Step& step) const {
+    for (Item* item = first; item != last; ++item) Do(step, item);
+  }
 };
 
-void RunOne(const char* name, const Step& step, Item* item) {
-  if (step && !step(item)) Fail(name);
+/// Runs `work` on three threads besides `own` on this one, until all have ended.
+template <typename Work, typename Own>
+void OnThreads(const Work& work, const Own& own) {
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) threads.emplace_back(work);
+  own();
+  for (std::thread& thread : threads) thread.join();
 }
 
-void RunAll(const char* name, const Step& step, const Range& range) {
-  if (!step) return;
-  for (Item* item = range.first; item != range.last; ++item) RunOne(name, step, item);
-}
-
-/// Runs the call for each item, on `threads` threads that take the items in turn.
-void RunShared(const Call& call, int threads, const Range& range) {
-  if (threads == 1) return RunAll(call.name, call.call, range);
-  std::atomic<Item*> next{range.first};
-  std::vector<std::thread> running;
-  for (int i = 0; i < threads; ++i) {
-    running.emplace_back([&] {
-      for (Item* item = next++; item < range.last; item = next++)
-        RunOne(call.name, call.call, item);
-    });
+void DoAlone(const Batch& batch) {
+  for (Item* item = batch.first; item != batch.last; ++item) {
+    batch.Do(batch.row.call, item);
+    batch.Do(batch.row.rest, item);
   }
-  for (std::thread& thread : running) thread.join();
 }
 
-/// Milliseconds per file.
-double Measure(const Call& call, int threads, std::vector<Item>* items) {
-  Seconds taken{};
-  for (std::size_t at = 0; at < items->size(); at += kOpenAtOnce) {
-    const Range batch = {items->data() + at,
-                         items->data() + std::min(items->size(), at + kOpenAtOnce)};
-    RunAll(call.name, call.prepare, batch);
-    const auto began = std::chrono::steady_clock::now();
-    RunShared(call, threads, batch);
-    taken += std::chrono::steady_clock::now() - began;
-    RunAll(call.name, call.finish, batch);
-  }
-  return 1000 * taken.count() / static_cast<double>(items->size());
+void DoShared(const Batch& batch) {
+  std::atomic<Item*> next{batch.first};
+  const auto work = [&] {
+    for (Item* item = next++; item < batch.last; item = next++) {
+      batch.Do(batch.row.call, item);
+      batch.Do(batch.row.rest, item);
+    }
+  };
+  OnThreads(work, [] {});
 }
 
-/// A bounded queue of files between the thread that writes them and those that finish them.
+/// The files on their way from one thread to the others.
 class Queue {
  public:
+  /// Waits until there is room. A null file is the end.
   void Put(Item* item) {
     std::unique_lock lock(mutex_);
     changed_.wait(lock, [this] { return items_.size() < kInFlight; });
@@ -301,7 +109,7 @@ class Queue {
     changed_.notify_all();
   }
 
-  /// The next file; null means the end.
+  /// Waits for the next file; null at the end, for each thread.
   Item* Take() {
     std::unique_lock lock(mutex_);
     changed_.wait(lock, [this] { return !items_.empty(); });
@@ -317,130 +125,174 @@ class Queue {
   std::deque<Item*> items_;
 };
 
-/// Milliseconds per file when this thread does `first`, and `threads` others do `second`.
-double MeasureHanded(const char* name, const Step& first, const Step& second, int threads,
-                     std::vector<Item>* items) {
+void DoHanded(const Batch& batch) {
   Queue queue;
-  const auto began = std::chrono::steady_clock::now();
-  std::vector<std::thread> running;
-  for (int i = 0; i < threads; ++i) {
-    running.emplace_back([&] {
-      for (Item* item = queue.Take(); item != nullptr; item = queue.Take()) {
-        RunOne(name, second, item);
-      }
-    });
-  }
-  for (Item& item : *items) {
-    RunOne(name, first, &item);
-    queue.Put(&item);
-  }
-  queue.Put(nullptr);
-  for (std::thread& thread : running) thread.join();
-  const Seconds taken = std::chrono::steady_clock::now() - began;
-  return 1000 * taken.count() / static_cast<double>(items->size());
+  const auto work = [&] {
+    while (Item* const item = queue.Take()) batch.Do(batch.row.rest, item);
+  };
+  OnThreads(work, [&] {
+    for (Item* item = batch.first; item != batch.last; ++item) {
+      batch.Do(batch.row.call, item);
+      queue.Put(item);
+    }
+    queue.Put(nullptr);
+  });
 }
 
-void MeasureCreation(const std::wstring& root, std::size_t count) {
+/// Milliseconds per file.
+double Measure(const Batch& batch, Way way) {
+  batch.DoAll(batch.row.prepare);
+  const auto began = std::chrono::steady_clock::now();
+  if (way == Way::kAlone) DoAlone(batch);
+  if (way == Way::kShared) DoShared(batch);
+  if (way == Way::kHanded) DoHanded(batch);
+  const std::chrono::duration<double, std::milli> taken = std::chrono::steady_clock::now() - began;
+  batch.DoAll(batch.row.finish);
+  return taken.count() / static_cast<double>(batch.last - batch.first);
+}
+
+double Median(std::vector<double> values) {
+  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+  std::nth_element(values.begin(), middle, values.end());
+  return *middle;
+}
+
+double MeasureAll(const Row& row, Way way, std::vector<Item>* items) {
+  std::vector<double> taken;
+  for (std::size_t at = 0; at < items->size(); at += kBatch) {
+    Item* const first = items->data() + at;
+    taken.push_back(Measure({row, first, first + kBatch}, way));
+  }
+  return Median(std::move(taken));
+}
+
+/// A folder with all the files of the measurement.
+class Ground {
+ public:
+  Ground(std::wstring root, std::size_t count) : root_(std::move(root)), count_(count) {
+    any_ = Made();
+  }
+
+  void Print(const Row& row) {
+    std::printf("| %s | %.3f | %.3f |", row.name, In(row, Way::kAlone), In(row, Way::kShared));
+    if (row.rest) std::printf(" %.3f", In(row, Way::kHanded));
+    std::printf(" |\n");
+    std::fflush(stdout);
+  }
+
+ private:
+  double In(const Row& row, Way way) {
+    if (row.files == Files::kAny) return MeasureAll(row, way, &any_);
+    std::vector<Item> own = row.files == Files::kOwn ? Made() : Names();
+    return MeasureAll(row, way, &own);
+  }
+
+  [[nodiscard]] std::vector<Item> Names() const {
+    std::vector<Item> items = NewItems(root_, count_);
+    if (items.empty()) Fail("a folder cannot be made");
+    return items;
+  }
+
+  [[nodiscard]] std::vector<Item> Made() const {
+    std::vector<Item> items = Names();
+    if (!std::all_of(items.begin(), items.end(), [](Item& item) { return Make(&item); })) {
+      Fail("a file cannot be made");
+    }
+    return items;
+  }
+
+  std::wstring root_;
+  std::size_t count_;
+  std::vector<Item> any_;
+};
+
+std::vector<Row> Creation() {
   const Step by_path = InTurn({Create, Write});
   const Step in_folder = InTurn({CreateInFolder, Write});
   const Step flush_and_close = InTurn({Flush, Close});
-  const std::array<Call, 6> calls = {{
-      {"create, write 4 KB, close: by path", {}, InTurn({by_path, Close}), {}},
-      {"by path, and flush", {}, InTurn({by_path, flush_and_close}), {}},
-      {"by path, final path of the handle, and flush",
+  return {
+      {"create, write, close: by path", Files::kMissing, {}, by_path, Close, {}},
+      {"... and flush", Files::kMissing, {}, by_path, flush_and_close, {}},
+      {"... flush and final path",
+       Files::kMissing,
        {},
-       InTurn({by_path, FinalPath, flush_and_close}),
+       InTurn({by_path, FinalPath}),
+       flush_and_close,
        {}},
-      {"relative to a folder handle", {}, InTurn({in_folder, Close}), {}},
-      {"relative to a folder handle, and flush", {}, InTurn({in_folder, flush_and_close}), {}},
-      {"relative, final path of the handle, and flush",
+      {"create, write, close: relative to a folder handle",
+       Files::kMissing,
        {},
-       InTurn({in_folder, FinalPath, flush_and_close}),
+       in_folder,
+       Close,
        {}},
-  }};
-  for (const Call& call : calls) {
-    std::vector<Item> alone = NewItems(root, count);
-    std::vector<Item> shared = NewItems(root, count);
-    const double on_one = Measure(call, 1, &alone);
-    const double on_three = Measure(call, kThreads, &shared);
-    std::printf("| %s | %.3f | %.3f | |\n", call.name, on_one, on_three);
-  }
-  for (const int threads : {1, kThreads}) {
-    std::vector<Item> items = NewItems(root, count);
-    std::printf("| by path, flush and close on %d other threads | | | %.3f |\n", threads,
-                MeasureHanded("by path", by_path, flush_and_close, threads, &items));
-    items = NewItems(root, count);
-    std::printf("| relative, flush and close on %d other threads | | | %.3f |\n", threads,
-                MeasureHanded("relative", in_folder, flush_and_close, threads, &items));
-  }
+      {"... and flush", Files::kMissing, {}, in_folder, flush_and_close, {}},
+      {"... flush and final path",
+       Files::kMissing,
+       {},
+       InTurn({in_folder, FinalPath}),
+       flush_and_close,
+       {}},
+  };
 }
 
-void MeasureExisting(const std::wstring& root, std::size_t count) {
-  std::vector<Item> items = NewItems(root, count);
-  for (Item& item : items) {
-    if (!Create(&item) || !Write(&item) || !Flush(&item) || !Close(&item))
-      Fail("a file cannot be written");
-  }
-  const Step back = [](Item* item) {
-    return ::MoveFileExW(item->path_beside().c_str(), item->path().c_str(), 0) != FALSE;
+std::vector<Row> SingleCalls() {
+  const Step written = InTurn({OpenUnshared, Write});
+  const Step flushed = InTurn({written, Flush});
+  return {
+      {"create: by path", Files::kMissing, {}, Create, {}, Close},
+      {"create: relative", Files::kMissing, {}, CreateInFolder, {}, Close},
+      {"open for reading: by path", Files::kAny, {}, OpenForRead, {}, Close},
+      {"open for reading: relative", Files::kAny, {}, OpenInFolderForRead, {}, Close},
+      {"open for reading and writing, unshared", Files::kAny, {}, OpenUnshared, {}, Close},
+      {"read", Files::kAny, OpenForRead, Read, {}, Close},
+      {"write", Files::kAny, OpenUnshared, Write, {}, Close},
+      {"flush of a file without changes", Files::kAny, OpenUnshared, Flush, {}, Close},
+      {"flush after writing over old bytes", Files::kAny, written, Flush, {}, Close},
+      {"flush after writing a new file",
+       Files::kMissing,
+       InTurn({Create, Write}),
+       Flush,
+       {},
+       Close},
+      {"close after reading", Files::kAny, InTurn({OpenForRead, Read}), Close, {}, {}},
+      {"close after writing and flushing", Files::kAny, flushed, Close, {}, {}},
+      {"final path of a handle", Files::kAny, OpenForRead, FinalPath, {}, Close},
+      {"times and attributes of a handle", Files::kAny, OpenForRead, BasicFacts, {}, Close},
+      {"volume and number of a handle", Files::kAny, OpenForRead, Identity, {}, Close},
+      {"set time and attributes of a handle", Files::kAny, OpenUnshared, SetTime, {}, Close},
+      {"attributes by path", Files::kAny, {}, Attributes, {}, {}},
+      {"attributes by path, missing file", Files::kAny, {}, AttributesOfMissing, {}, {}},
+      {"listing of a folder, per entry", Files::kAny, {}, ListFolder, {}, {}},
+      {"rename to a new name", Files::kAny, {}, RenameToNew, {}, RenameBack},
+      {"rename over an existing file", Files::kAny, CopyBeside, RenameOver, {}, {}},
   };
-  const Step open_written = InTurn({OpenExclusively, Write});
-  const std::array<Call, 23> calls = {{
-      {"attributes of a file, by path", {}, Attributes, {}},
-      {"attributes of a missing file, by path", {}, AttributesOfMissing, {}},
-      {"open for reading, by path, and close", {}, InTurn({OpenForRead, Close}), {}},
-      {"open for reading, relative, and close", {}, InTurn({OpenInFolderForRead, Close}), {}},
-      {"open for reading and writing, not shared, and close",
-       {},
-       InTurn({OpenExclusively, Close}),
-       {}},
-      {"open for reading, by path, identity, and close",
-       {},
-       InTurn({OpenForRead, Identity, Close}),
-       {}},
-      {"open for reading, by path, final path, and close",
-       {},
-       InTurn({OpenForRead, FinalPath, Close}),
-       {}},
+}
 
-      {"open for reading, by path", {}, OpenForRead, Close},
-      {"open for reading, relative", {}, OpenInFolderForRead, Close},
-      {"close after reading", InTurn({OpenForRead, Read}), Close, {}},
-      {"close after writing", open_written, Close, {}},
-      {"close after writing and flush", InTurn({open_written, Flush}), Close, {}},
-      {"read 4 KB", OpenForRead, Read, Close},
-      {"write 4 KB over old ones", OpenExclusively, Write, Close},
-      {"flush after writing 4 KB", open_written, Flush, Close},
-      {"flush of a file without changes", OpenExclusively, Flush, Close},
-      {"identity of a handle", OpenForRead, Identity, Close},
-      {"final path of a handle", OpenForRead, FinalPath, Close},
-      {"time and attributes of a handle", OpenExclusively, SetTime, Close},
-      {"list a folder, per entry", {}, ListFolder, {}},
-      {"rename to a new name", {}, RenameToNew, back},
-      {"rename over an existing file", CreateBeside, RenameOver, {}},
-      {"backup, copy beside, rename over", {}, ApplyOne, {}},
-  }};
-  for (const Call& call : calls) {
-    const double on_one = Measure(call, 1, &items);
-    const double on_three = Measure(call, kThreads, &items);
-    std::printf("| %s | %.3f | %.3f | |\n", call.name, on_one, on_three);
-    std::fflush(stdout);
-  }
-  std::vector<Item> half(items.begin() + static_cast<std::ptrdiff_t>(count / 2), items.end());
-  items.resize(count / 2);
-  const Call deletion = {"delete", {}, Delete, {}};
-  const double on_one = Measure(deletion, 1, &items);
-  std::printf("| delete | %.3f | %.3f | |\n", on_one, Measure(deletion, kThreads, &half));
+std::vector<Row> Replacement() {
+  return {
+      {"flushed copy to a backup", Files::kOwn, {}, BackUp, {}, {}},
+      {"flushed copy beside the file", Files::kOwn, {}, CopyBeside, {}, {}},
+      {"backup, copy beside, rename over: all of a minimal apply",
+       Files::kOwn,
+       {},
+       BackUp,
+       InTurn({CopyBeside, RenameOver}),
+       {}},
+      {"delete", Files::kOwn, {}, Delete, {}, {}},
+  };
 }
 
 }  // namespace
 
 int wmain(int argc, wchar_t** argv) {
-  const std::size_t count = argc == 3 ? std::wcstoul(argv[2], nullptr, 10) : 0;
-  if (count < 2) return 64;
-  std::printf("| call | 1 thread, ms | %d threads, ms | handed to others, ms |\n", kThreads);
+  const std::size_t files = argc == 3 ? std::wcstoul(argv[2], nullptr, 10) : 0;
+  if (files < kBatch) return 64;
+  Ground ground(argv[1], files - files % kBatch);
+  std::printf("| call | 1 thread, ms | %d threads, ms | rest on %d others, ms |\n", kThreads,
+              kThreads);
   std::printf("|---|---:|---:|---:|\n");
-  MeasureCreation(argv[1], count);
-  MeasureExisting(argv[1], count);
+  for (const auto& part : {Creation(), SingleCalls(), Replacement()}) {
+    for (const Row& row : part) ground.Print(row);
+  }
   return 0;
 }

@@ -3,13 +3,14 @@
 The time stamps in the trace are whole seconds. So a watcher process records when the trace file has
 grown, with an error of about 2 ms."""
 
+import json
 import subprocess
 import sys
 import time
 from dataclasses import dataclass
 from pathlib import Path
 
-from rig import trace_log
+from rig import programs, trace_log
 from rig.updater_run import Scene
 
 WATCH = Path(__file__).with_name("trace_watch.py")
@@ -95,3 +96,16 @@ def idle_peak_kib(scene: Scene, silent_url: str) -> int:
     watcher.finish()
     scene.end()
     return watcher.peak_kib
+
+
+def longest_wait_ms(scene: Scene, url: str, sha256: str) -> int:
+    """The longest time in which the progress window did not answer a message of another process. The
+    messages, one every 5 ms, slow the run down, so a run with them is not measured."""
+    run = scene.begin(scene.arguments(url=url, sha256=sha256), dialogs=False, timeout=280)
+    watch = programs.Helper(scene.sandbox, "watch", programs.PROGRESS_CLASS, str(run.pid))
+    outcome = run.finish()
+    seen = json.loads(watch.output())
+    scene.end()
+    if outcome.exit_code != 0 or not seen["answers"]:
+        raise RuntimeError(f"the updater ended with {outcome.exit_code} after {seen['answers']} answers")
+    return seen["longest_ms"]

@@ -1,5 +1,6 @@
 """Native tools that do the same work, each timed in a new folder."""
 
+import os
 import subprocess
 import time
 from pathlib import Path
@@ -53,9 +54,9 @@ class NativeTools:
         return timed("rsync", "-a", "--fsync", f"{self.stage}/", f"{self.install}/")
 
 
-def timed(*command: object, cwd: Path | None = None) -> float:
+def timed(*command: object, cwd: Path | None = None, env: dict[str, str] | None = None) -> float:
     started = time.monotonic()
-    subprocess.run([str(part) for part in command], cwd=cwd, check=True, timeout=300,
+    subprocess.run([str(part) for part in command], cwd=cwd, env=env, check=True, timeout=300,
                    stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
     return time.monotonic() - started
 
@@ -63,3 +64,8 @@ def timed(*command: object, cwd: Path | None = None) -> float:
 def copy_tree(source: Path, target: Path) -> None:
     """Copies all bytes, without reflinks, and keeps file times."""
     subprocess.run(["cp", "-a", "--reflink=never", f"{source}/.", target], check=True, timeout=300)
+
+
+def settle() -> None:
+    """Writes everything to disk, so that no program waits for the writes of another."""
+    os.sync()

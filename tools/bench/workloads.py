@@ -1,4 +1,5 @@
-"""The three measured packages, each with the installation that it updates. All content is derived from
+"""The three measured packages, each with the installation that it updates and with an installer of the
+same files. All content is derived from
 names, so that every machine makes the same bytes. They are made once and kept below build/bench."""
 
 import hashlib
@@ -6,10 +7,12 @@ import os
 import shutil
 import subprocess
 import zipfile
+import zlib
 from collections.abc import Callable, Iterator
 from dataclasses import dataclass
 from pathlib import Path
 
+import installers
 from rehearsal.sample_release import KIB, Kind
 from rig import packages, places, programs
 
@@ -72,6 +75,10 @@ class Workload:
         """The previous version: the same files, each a few bytes longer."""
         return self.folder / "installed"
 
+    @property
+    def installer(self) -> Path:
+        return self.folder / "installer.exe"
+
     def files(self) -> list[str]:
         """Relative paths, in the order of the archive."""
         with zipfile.ZipFile(self.package) as archive:
@@ -84,10 +91,16 @@ class Workload:
     def sha256(self) -> str:
         return packages.sha256_of(self.package)
 
+    def assert_installed(self, folder: Path) -> None:
+        """Each file of the package has the package's bytes in `folder`."""
+        with zipfile.ZipFile(self.package) as archive:
+            for info in archive.infolist():
+                assert crc_of(folder / info.filename) == info.CRC, folder / info.filename
+
     def make(self) -> None:
-        """Makes the package and the installation unless they exist already."""
+        """Makes the package, the installation and the installer unless they exist already."""
         recipe = hashlib.sha256(programs.TEST_APPLICATION_2.read_bytes())
-        for source in (__file__, packages.__file__):
+        for source in (__file__, packages.__file__, installers.__file__):
             recipe.update(Path(source).read_bytes())
         complete = self.folder / "complete"
         if complete.exists() and complete.read_text() == recipe.hexdigest():
@@ -97,6 +110,7 @@ class Workload:
         self.folder.mkdir(parents=True)
         self.write_package()
         self.write_installation()
+        self.write_installer()
         complete.write_text(recipe.hexdigest())
 
     def write_package(self) -> None:
@@ -116,6 +130,20 @@ class Workload:
             os.utime(self.installed / path, (1_700_000_000, 1_700_000_000))
         shutil.copyfile(programs.TEST_APPLICATION_1, self.installed / packages.APPLICATION)
         (self.installed / packages.INSTALLER_MARKER).write_text('{"installer":"bench"}\n')
+
+    def write_installer(self) -> None:
+        unpacked = self.folder / "unpacked"
+        subprocess.run(["unzip", "-q", self.package, "-d", unpacked], check=True)
+        installers.make(self.installer, unpacked, self.files())
+        shutil.rmtree(unpacked)
+
+
+def crc_of(file: Path) -> int:
+    crc = 0
+    with file.open("rb") as content:
+        while piece := content.read(MIB):
+            crc = zlib.crc32(piece, crc)
+    return crc
 
 
 def zip_entry(path: str) -> zipfile.ZipInfo:

@@ -17,11 +17,12 @@
 //                             id, prints its text and clicks it
 //   watch CLASS PID [--disturb]
 //       Asks such windows again and again, until the process has ended, whether the session may end
-//       (WM_QUERYENDSESSION), and prints {"answers":1234,"slow":[[80100,80180]],
-//       "consents":[true,false],"topmost":[true]}: the send and answer times of all answers that
-//       took 50 ms or more, in ms of the system's clock, 5000 ms apart when there was no answer;
-//       the answers and whether the window was topmost, each without repetitions. With --disturb it
-//       also posts what starts a move, a menu or another loop of the system.
+//       (WM_QUERYENDSESSION), and prints {"answers":1234,"longest_ms":80,"slow":[[80100,80180]],
+//       "consents":[true,false],"topmost":[true]}: the longest wait for an answer; the send and
+//       answer times of all answers that took 50 ms or more, in ms of a clock that all processes
+//       share, 5000 ms apart when there was no answer; the answers and whether the window was
+//       topmost, each without repetitions. With --disturb it also posts what starts a move, a menu
+//       or another loop of the system.
 //   hold FILE [--on-input] [--from-child]
 //       Holds a file open, so that others can only read it, until standard input ends; with
 //       --on-input it opens the file after a line of input. Prints "held" and its pid. With
