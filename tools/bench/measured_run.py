@@ -101,7 +101,7 @@ def idle_peak_kib(scene: Scene, silent_url: str) -> int:
 def longest_wait_ms(scene: Scene, url: str, sha256: str) -> int:
     """The longest time in which the progress window did not answer a message of another process. The
     messages, one every 5 ms, slow the run down, so a run with them is not measured."""
-    run = scene.begin(scene.arguments(url=url, sha256=sha256), dialogs=False, timeout=280)
+    run = scene.begin(scene.arguments(url=url, sha256=sha256), dialogs=False, timeout=900)
     watch = programs.Helper(scene.sandbox, "watch", programs.PROGRESS_CLASS, str(run.pid))
     outcome = run.finish()
     seen = json.loads(watch.output())
