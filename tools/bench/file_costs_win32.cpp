@@ -73,6 +73,7 @@ struct Batch {
 template <typename Work, typename Own>
 void OnThreads(const Work& work, const Own& own) {
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int i = 0; i < kThreads; ++i) threads.emplace_back(work);
   own();
   for (std::thread& thread : threads) thread.join();

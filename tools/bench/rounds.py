@@ -81,7 +81,7 @@ class Round:
             give_back_space(folder)
 
     def extract_rival(self) -> float:
-        """The updater flushes small files as `unzip` followed by fsync does. One file has one flush."""
+        """The seconds of `unzip`, with an fsync for each file of a package that has many."""
         return self.beside["unzip" if self.work is BIG_FILE else "unzip and fsync"]
 
 
