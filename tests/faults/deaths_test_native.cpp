@@ -11,11 +11,11 @@ namespace {
 
 /// Runs the update in another process, which ends at one step. Returns its exit code, or -1 when it
 /// ended in another way.
-int ExitCodeOfRun(const SampleUpdate& update, Scenario scenario, unsigned step) {
+int ExitCodeOfRun(const SampleUpdate& update, Scenario scenario, const FileCall& step) {
   const pid_t child = ::fork();
   if (child == 0) {
-    StartScript([step](const FileCall& call) {
-      return Verdict{call.number == step ? Fate::kDie : Fate::kProceed};
+    StartScript(update.folder(), [&step](const FileCall& call) {
+      return Verdict{IsSameStep(call, step) ? Fate::kDie : Fate::kProceed};
     });
     ::_exit(SampleUpdate::Run(scenario, update.folder()) ? 0 : 1);
   }
@@ -30,7 +30,7 @@ TEST(Deaths, LoseNoFileAndTheNextUpdateSucceeds) {
                              Steps{"rollback", Scenario::kRollback, 6}}) {
     ForEachStep(steps, [&](const FileCall& step) {
       const SampleUpdate update(steps.scenario);
-      ASSERT_EQ(ExitCodeOfRun(update, steps.scenario, step.number), kDied);
+      ASSERT_EQ(ExitCodeOfRun(update, steps.scenario, step), kDied);
       ASSERT_EQ(update.Damage(), "");
 
       std::string error;

@@ -23,9 +23,9 @@ TEST(Durability, EachFileIsFlushedBeforeItIsClosedAndBeforeTheNextChange) {
   };
   for (const auto& [scenario, file_count] : cases) {
     const SampleUpdate update(scenario);
-    std::set<fs::Path> made, unflushed;
-    StartScript([&](const FileCall& call) {
-      const fs::Path& file = call.subject;
+    std::set<std::string> made, unflushed;
+    StartScript(update.folder(), [&](const FileCall& call) {
+      const std::string& file = call.file;
       if (call.call == kCreateNewFile) made.insert(file);
       const bool writes = call.call == kWriteSome || call.call == kTakeTimeAndAttributes;
       if (writes && made.contains(file)) unflushed.insert(file);
@@ -35,9 +35,9 @@ TEST(Durability, EachFileIsFlushedBeforeItIsClosedAndBeforeTheNextChange) {
       const bool replaces = call.call == kMoveReplacing || call.call == kRemove;
       const bool renames = call.call == kRename || call.call == kMoveToNewName;
       EXPECT_FALSE((replaces || renames) && !unflushed.empty()) << "before the change of " << file;
-      const fs::Path name = file.lexically_relative(update.folder() / "app");
-      if (replaces && SampleUpdate::kOld.contains(PathToGenericUtf8(name))) {
-        EXPECT_TRUE(made.contains(update.folder() / "work/rollback_backup" / name)) << name;
+      const std::string name = NameBelow("app", call).value_or("");
+      if (replaces && SampleUpdate::kOld.contains(name)) {
+        EXPECT_TRUE(made.contains("work/rollback_backup/" + name)) << name;
       }
       return Verdict();
     });

@@ -35,7 +35,7 @@ const struct SystemFault {
 /// Which calls fail after the first one.
 enum class Lasts {
   kOnce,        ///< none
-  kTwoInARow,   ///< the next one, for example what is asked after a question that failed
+  kTwoInARow,   ///< the next one on its thread, for example what is asked after a failed question
   kForAWhile,   ///< later calls of the same primitive on the same file, more than one pass makes
   kForGood,     ///< every later call of the same primitive on the same file
   kEverywhere,  ///< every later call of the same primitive
@@ -48,20 +48,15 @@ struct Mishap {
 
 struct FaultyRun {
   /// Runs the scenario, in which one step fails.
-  FaultyRun(Scenario scenario, unsigned step, const Mishap& mishap, const SystemFault& system_fault)
+  FaultyRun(Scenario scenario, const FileCall& step, const Mishap& mishap,
+            const SystemFault& system_fault)
       : lasts(mishap.lasts), fault(system_fault), update(scenario) {
     constexpr unsigned kAWhile = 12;
     unsigned failures = 0;
-    StartScript([&](const FileCall& call) {
-      if (call.number == step) failed = call;
-      const bool is_next = lasts == Lasts::kTwoInARow && call.number == step + 1;
-      const bool is_same = (lasts == Lasts::kForGood || lasts == Lasts::kForAWhile) &&
-                           call.number > step && call.call == failed.call &&
-                           call.subject == failed.subject;
-      const bool is_like =
-          lasts == Lasts::kEverywhere && call.number > step && call.call == failed.call;
-      if (call.number != step && !is_next && !is_same && !is_like) return Verdict();
-      if (lasts == Lasts::kForAWhile && ++failures > kAWhile) return Verdict();
+    StartScript(update.folder(), [&](const FileCall& call) {
+      if (!(failures == 0 ? IsSameStep(call, step) : FailsToo(call, failures))) return Verdict();
+      if (failures++ == 0) failed = call;
+      if (lasts == Lasts::kForAWhile && failures > kAWhile) return Verdict();
       failed_calls.insert(call.call);
       return Verdict{mishap.fate, mishap.fate == Fate::kDeny ? std::error_code() : fault.error};
     });
@@ -71,13 +66,37 @@ struct FaultyRun {
       has_thrown = true;
     }
     calls = StopScript();
+    EXPECT_NE(failures, 0u) << "the run never came to the step";
+  }
+
+  /// True when a call after the failed one, and after that many failures, fails as well.
+  [[nodiscard]] bool FailsToo(const FileCall& call, unsigned failures) const {
+    switch (lasts) {
+      case Lasts::kOnce:
+        return false;
+      case Lasts::kTwoInARow:
+        return failures == 1 && call.thread == failed.thread;
+      case Lasts::kForAWhile:
+      case Lasts::kForGood:
+        return call.call == failed.call && call.file == failed.file;
+      case Lasts::kEverywhere:
+        return call.call == failed.call;
+    }
+    return false;
   }
 
   /// The name of the failed step's file in a folder of the update. Nothing when it is elsewhere.
   [[nodiscard]] std::optional<std::string> NameBelow(std::string_view folder) const {
-    const fs::Path name = failed.subject.lexically_relative(update.folder() / folder);
-    if (name.empty() || *name.begin() == "..") return std::nullopt;
-    return PathToGenericUtf8(name);
+    return test::NameBelow(folder, failed);
+  }
+
+  /// True when the failed step closes a file that was written.
+  [[nodiscard]] bool ClosesWritten() const {
+    const auto before =
+        std::find_if(calls.rend() - (failed.number - 1), calls.rend(), [&](const FileCall& call) {
+          return call.file == failed.file && call.thread == failed.thread;
+        });
+    return before != calls.rend() && before->call == kFlush;
   }
 
   /// True when the product needs the failed step, and tries again while a file is locked.
@@ -86,7 +105,7 @@ struct FaultyRun {
     if (failed.call == kRename) return true;
     if (!NameBelow("app") && !NameBelow("work/rollback_backup")) return false;
     // The close of a file that was only read is not needed.
-    if (failed.call == kClose) return calls.at(failed.number - 2).call == kFlush;
+    if (failed.call == kClose) return ClosesWritten();
     return Calls{kCreateNewFile, kWriteSome,     kTakeTimeAndAttributes,
                  kFlush,         kMoveReplacing, kMoveToNewName}
         .contains(failed.call);
@@ -186,7 +205,7 @@ void ExpectExtraction(const FaultyRun& run) {
   EXPECT_EQ(run.update.Installed(), SampleUpdate::kOld);
   // A file that is not on the device is not published.
   const std::string name = run.NameBelow("work").value_or("");
-  const bool is_staged = name.starts_with(".qorva-zip-stage.") && name.find('/') != name.npos;
+  const bool is_staged = name.starts_with(".qorva-zip-stage/");
   const Calls writing = {kCreateNewFile, kWriteSome, kFlush, kClose};
   EXPECT_FALSE(run.ok && is_staged && writing.contains(run.failed.call));
 
@@ -219,9 +238,8 @@ void ExpectApply(const FaultyRun& run) {
   }
 
   // The first change of the sample is the removal of a retired executable.
-  const fs::Path retired = run.update.folder() / "app/qorva.exe";
   const bool has_changed = std::ranges::any_of(run.calls, [&](const FileCall& call) {
-    return call.call == kRemove && call.subject == retired;
+    return call.call == kRemove && call.file == "app/qorva.exe";
   });
   EXPECT_EQ(run.outcome.kind, run.ok        ? ApplyOutcomeKind::kApplied
                               : has_changed ? ApplyOutcomeKind::kRolledBack
@@ -329,7 +347,7 @@ const struct FailureCase {
 bool CanHappen(const Mishap& mishap, const FileCall& step) {
   if (mishap.fate == Fate::kThrow) return step.call != kClose;  // a destructor closes files
   if (mishap.fate == Fate::kDeny) {
-    return SampleUpdate::kPackage.contains(PathToUtf8(step.subject.filename()));
+    return SampleUpdate::kPackage.contains(step.file.substr(step.file.rfind('/') + 1));
   }
   // Of the other calls a failure that was done cannot be told from one that was not.
   return mishap.fate != Fate::kFailWhenDone ||
@@ -349,7 +367,7 @@ void TestStep(const FailureCase& c, const FileCall& step) {
       SCOPED_TRACE(fault.error.message() + ", mishap " +
                    std::to_string(static_cast<int>(mishap.lasts)) + "/" +
                    std::to_string(static_cast<int>(mishap.fate)));
-      const FaultyRun run(c.steps.scenario, step.number, mishap, fault);
+      const FaultyRun run(c.steps.scenario, step, mishap, fault);
       EXPECT_EQ(run.update.Damage(), "");
       c.expect(run);
     }

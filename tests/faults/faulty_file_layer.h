@@ -7,8 +7,10 @@
 // CMakeLists.txt.
 
 #include <functional>
+#include <string>
 #include <string_view>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 #include "core/file_layer.h"
@@ -28,13 +30,21 @@ enum class Call {
 
 /// One call of a primitive. What a primitive calls itself is a part of it and does not count.
 struct FileCall {
-  unsigned number = 0;  ///< from 1
+  unsigned number = 0;  ///< from 1; the order of two threads differs from run to run
   Call call{};
   std::string_view name;  ///< of the primitive, for messages
-  /// The file or folder; of two paths the second. A temporary copy counts as the file that it will
-  /// replace. Empty for a step of a walk.
-  fs::Path subject;
+  /// The file or folder, relative to the folder of the script where it is below, with `/`; of two
+  /// paths the second. A temporary copy counts as the file that it will replace, and the numbers of
+  /// an extraction's folder are left out. Empty for a step of a walk.
+  std::string file;
+  unsigned turn = 0;  ///< from 1, among the calls of this primitive for this file
+  std::thread::id thread;
 };
+
+/// True for the same step of two runs, in whatever order their threads came.
+[[nodiscard]] inline bool IsSameStep(const FileCall& a, const FileCall& b) {
+  return a.call == b.call && a.file == b.file && a.turn == b.turn;
+}
 
 enum class Fate {
   kProceed,
@@ -58,8 +68,8 @@ struct Verdict {
 using Script = std::function<Verdict(const FileCall&)>;
 
 /// From here on each call counts, on every thread, and the script decides about it. Sleeps end at
-/// once.
-void StartScript(Script script);
+/// once. Files are named relative to `folder`.
+void StartScript(const fs::Path& folder, Script script);
 
 /// Ends that. Returns the calls since.
 std::vector<FileCall> StopScript();

@@ -35,7 +35,7 @@ class FullVolume : public testing::Test {
   bool Run(Scenario scenario, const Script& script, unsigned pages) {
     const SampleUpdate update(scenario, place_);
     Fill(pages);
-    StartScript(script);
+    StartScript(place_, script);
     ApplyOutcome outcome;
     const bool ok = SampleUpdate::Run(scenario, place_, &error_, &outcome);
     StopScript();
@@ -107,7 +107,7 @@ TEST_F(FullVolume, RestoresWithoutRoom) {
   ForEachStep({"apply", Scenario::kApply}, [&](const FileCall& step) {
     if (!changes.contains(step.call)) return;
     const auto fill = [&](const FileCall& call) {
-      if (call.number == step.number) Fill(0);
+      if (IsSameStep(call, step)) Fill(0);
       return Verdict();
     };
     static_cast<void>(Run(Scenario::kApply, fill, kEnoughPages));

@@ -144,13 +144,19 @@ std::string SampleUpdate::Damage() const {
   return damage;
 }
 
+std::optional<std::string> NameBelow(std::string_view folder, const FileCall& call) {
+  const std::string start = std::string(folder) + "/";
+  if (!call.file.starts_with(start)) return std::nullopt;
+  return call.file.substr(start.size());
+}
+
 bool TriesEverything() {
   return GetEnvironmentPath("QORVA_FAULTS") == "all";
 }
 
 void ForEachStep(const Steps& steps, const std::function<void(const FileCall& step)>& test) {
   const SampleUpdate update(steps.scenario);
-  StartScript([](const FileCall&) { return Verdict(); });
+  StartScript(update.folder(), [](const FileCall&) { return Verdict(); });
   static_cast<void>(SampleUpdate::Run(steps.scenario, update.folder()));
   const unsigned stride = kOnWindows && !TriesEverything() ? 17 : 1;
   unsigned replaced = 0, tried = 0;
@@ -158,7 +164,8 @@ void ForEachStep(const Steps& steps, const std::function<void(const FileCall& st
     if (replaced >= steps.from_replaced && replaced < steps.to_replaced &&
         step.number % stride == 0 && !testing::Test::HasFatalFailure()) {
       SCOPED_TRACE(std::string(steps.name) + ", step " + std::to_string(step.number) + ": " +
-                   std::string(step.name) + " " + PathToUtf8(step.subject));
+                   std::string(step.name) + " " + step.file + " for the " +
+                   std::to_string(step.turn) + ". time");
       test(step);
       ++tried;
     }

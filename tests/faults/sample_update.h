@@ -4,6 +4,8 @@
 // what must hold for it when anything fails; and its steps, which are the calls of a run in which
 // nothing fails.
 
+#include <optional>
+
 #include "apply/apply.h"
 #include "tests/faults/faulty_file_layer.h"
 #include "tests/support/environment.h"
@@ -64,6 +66,9 @@ struct Steps {
   Scenario scenario;
   unsigned from_replaced = 0, to_replaced = ~0u;  ///< the last number is left out
 };
+
+/// The name of a call's file in a folder of the update ("app"). Nothing when it is elsewhere.
+[[nodiscard]] std::optional<std::string> NameBelow(std::string_view folder, const FileCall& call);
 
 /// True with QORVA_FAULTS=all. Otherwise under Wine, where a step takes a hundred times as long,
 /// one of 17 steps is tried.
