@@ -12,13 +12,17 @@ namespace zul {
 /// empty. The calls are made on the thread that called the operation.
 using KeepAlive = std::function<void()>;
 
+/// The time between two calls while one system call, or another thread, is waited for.
+inline constexpr std::chrono::milliseconds kKeepAlivePeriod{20};
+
 /// Runs `work` and returns when it has ended. An exception of `work` reaches the caller. With a
-/// `keep_alive`, `work` runs on a thread of its own, and `keep_alive` is called about every 20 ms.
-/// Without one, or when the system cannot create a thread, `work` runs on the calling thread. For
-/// calls that may take longer than a window may fail to respond; the thread itself costs time too.
+/// `keep_alive`, `work` runs on a thread of its own, and `keep_alive` is called once per
+/// `kKeepAlivePeriod`. Without one, or when the system cannot create a thread, `work` runs on the
+/// calling thread. For calls that may take longer than a window may fail to respond; the thread
+/// itself costs time too.
 void RunKeepingAlive(const std::function<void()>& work, const KeepAlive& keep_alive);
 
-/// Blocks for `duration`. Calls `keep_alive`, which may be empty, about every 20 ms.
+/// Blocks for `duration`. Calls `keep_alive`, which may be empty, once per `kKeepAlivePeriod`.
 void SleepKeepingAlive(std::chrono::milliseconds duration, const KeepAlive& keep_alive);
 
 }  // namespace zul
