@@ -81,6 +81,9 @@ class File {
   /// permission bits (on other systems).
   [[nodiscard]] bool TakeTimeAndAttributes(const File& source, std::error_code& ec);
 
+  /// For the file layer itself.
+  [[nodiscard]] NativeHandle native() const { return handle_; }
+
  private:
   NativeHandle handle_ = kNoHandle;
 };
@@ -98,10 +101,8 @@ class File {
 /// while another process has the file open for one of these.
 [[nodiscard]] File HoldForRead(const Path& path, std::error_code& ec);
 
-/// Opens an existing folder for `Whereabouts`, shared for everything.
-[[nodiscard]] File OpenFolder(const Path& path, std::error_code& ec);
-
-/// Opens an existing folder, and keeps it from being renamed and removed until it is closed.
+/// Opens an existing folder, and keeps it and every folder above it from being renamed and removed
+/// until it is closed. A link is an error: it can lead elsewhere a moment later.
 [[nodiscard]] File HoldFolder(const Path& path, std::error_code& ec);
 
 enum class NewFileAccess { kWrite, kReadWrite };
@@ -109,6 +110,11 @@ enum class NewFileAccess { kWrite, kReadWrite };
 /// Creates a file that must not exist, not shared until it is closed. For an existing entry
 /// IsExistsError(ec) is true.
 [[nodiscard]] File CreateNewFile(const Path& path, NewFileAccess access, std::error_code& ec);
+
+/// As `CreateNewFile`, for the entry `name` of an open folder. The file becomes an entry of that
+/// folder, even when another one has taken the folder's path meanwhile. `name` has no separator.
+[[nodiscard]] File CreateNewFileIn(const File& folder, const Path& name, NewFileAccess access,
+                                   std::error_code& ec);
 
 /// As `CreateNewFile` for writing, for a path at which another user may have placed a link. The
 /// link counts as an existing entry even when its target is missing; without this, Windows would

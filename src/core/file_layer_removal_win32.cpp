@@ -12,6 +12,7 @@
 
 #include "core/api_path_win32.h"
 #include "core/file_layer.h"
+#include "core/folder_handle_win32.h"
 #include "core/handle_win32.h"
 #include "core/system_error.h"
 
@@ -22,50 +23,13 @@ namespace {
 constexpr ULONG kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 constexpr ULONG kPinned = FILE_SHARE_READ | FILE_SHARE_WRITE;
 
-/// What an entry is opened with.
-struct Opening {
-  ACCESS_MASK access;
-  ULONG share;
-};
-
-UniqueFileHandle OpenByPath(const std::wstring& api_path, Opening opening, std::error_code& ec) {
+UniqueFileHandle OpenByPath(const std::wstring& api_path, const EntryOpening& opening,
+                            std::error_code& ec) {
   UniqueFileHandle handle(
       ::CreateFileW(api_path.c_str(), opening.access, opening.share, nullptr, OPEN_EXISTING,
                     FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr));
   ec = handle ? std::error_code() : LastSystemError();
   return handle;
-}
-
-/// Opens the entry `name` of an open folder.
-UniqueFileHandle OpenInFolder(HANDLE folder, std::wstring_view name, Opening opening,
-                              std::error_code& ec) {
-  UNICODE_STRING text{};
-  text.Buffer = const_cast<wchar_t*>(name.data());
-  text.Length = text.MaximumLength = static_cast<USHORT>(name.size() * sizeof(wchar_t));
-  OBJECT_ATTRIBUTES attributes{};
-  InitializeObjectAttributes(&attributes, &text, OBJ_CASE_INSENSITIVE, folder, nullptr);
-  IO_STATUS_BLOCK status_block{};
-  HANDLE handle = INVALID_HANDLE_VALUE;
-  const NTSTATUS status = ::NtOpenFile(
-      &handle, opening.access | SYNCHRONIZE, &attributes, &status_block, opening.share,
-      FILE_OPEN_REPARSE_POINT | FILE_OPEN_FOR_BACKUP_INTENT | FILE_SYNCHRONOUS_IO_NONALERT);
-  if (!NT_SUCCESS(status)) {
-    ec = SystemError(::RtlNtStatusToDosError(status));
-    return {};
-  }
-  ec.clear();
-  return UniqueFileHandle(handle);
-}
-
-/// True for a folder that is not a link. Wine shows a link only by its path.
-bool IsOwnFolder(HANDLE handle, const std::wstring& api_path) {
-  FILE_BASIC_INFO info{};
-  if (!::GetFileInformationByHandleEx(handle, FileBasicInfo, &info, sizeof info)) return false;
-  const DWORD by_path = ::GetFileAttributesW(api_path.c_str());
-  const bool is_link_by_path =
-      by_path != INVALID_FILE_ATTRIBUTES && (by_path & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
-  return !is_link_by_path && (info.FileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0 &&
-         (info.FileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
 }
 
 /// Removes the entry with this handle, which has DELETE access: a file, an empty folder or a link
@@ -142,8 +106,9 @@ class TreeRemover {
 
   /// Returns the first failure.
   std::error_code Run(DWORD root_attributes) {
-    Begin(root_attributes, 0,
-          [this](Opening opening, std::error_code& ec) { return OpenByPath(path_, opening, ec); });
+    Begin(root_attributes, 0, [this](const EntryOpening& opening, std::error_code& ec) {
+      return OpenByPath(path_, opening, ec);
+    });
     while (!levels_.empty()) {
       Level& level = *levels_.back();
       FoundEntry entry;
@@ -172,7 +137,8 @@ class TreeRemover {
     const std::size_t parent_length = path_.size();
     path_ += L'\\';
     path_ += entry.name;
-    const auto open = [&](Opening opening, std::error_code& ec) {
+    const auto open = [&](EntryOpening opening, std::error_code& ec) {
+      opening.options = FILE_OPEN_FOR_BACKUP_INTENT;
       return OpenInFolder(folder, entry.name, opening, ec);
     };
     if (!Begin(entry.attributes, parent_length, open)) path_.resize(parent_length);
@@ -184,7 +150,8 @@ class TreeRemover {
   bool Begin(DWORD attributes, std::size_t parent_length, Open&& open) {
     const bool is_folder = (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 &&
                            (attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0;
-    Opening opening{DELETE | FILE_READ_ATTRIBUTES, is_folder ? kPinned : kShareAll};
+    EntryOpening opening{.access = DELETE | FILE_READ_ATTRIBUTES,
+                         .share = is_folder ? kPinned : kShareAll};
     if (is_folder) opening.access |= FILE_LIST_DIRECTORY;
     if ((attributes & FILE_ATTRIBUTE_READONLY) != 0) opening.access |= FILE_WRITE_ATTRIBUTES;
     std::error_code ec;
@@ -193,7 +160,7 @@ class TreeRemover {
     if (!removable) {
       Keep(ec);
       if (!is_folder) return false;
-      handle = open({FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES, kPinned}, ec);
+      handle = open({.access = FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES, .share = kPinned}, ec);
       if (!handle) return false;
     }
     if (is_folder && IsOwnFolder(handle.get(), path_)) {

@@ -211,11 +211,6 @@ Path File::Whereabouts(std::error_code& ec) const {
   return FinalPathOf(reinterpret_cast<HANDLE>(handle_), ec);  // NOLINT(performance-no-int-to-ptr)
 }
 
-File OpenFolder(const Path& path, std::error_code& ec) {
-  return File(
-      reinterpret_cast<File::NativeHandle>(OpenForQuery(ApiPath(path).c_str(), 0, ec).Release()));
-}
-
 Path Canonical(const Path& path, std::error_code& ec) {
   return FinalPath(ApiPath(path).c_str(), ec);
 }

@@ -124,17 +124,24 @@ File HoldForRead(const Path& path, std::error_code& ec) {
   return OpenForRead(path, ec);
 }
 
-File OpenFolder(const Path& path, std::error_code& ec) {
-  return Open(path, O_RDONLY | O_DIRECTORY, ec);
-}
-
 File HoldFolder(const Path& path, std::error_code& ec) {
-  return OpenFolder(path, ec);
+  return Open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW, ec);
 }
 
 File CreateNewFile(const Path& path, NewFileAccess access, std::error_code& ec) {
   const int mode = access == NewFileAccess::kWrite ? O_WRONLY : O_RDWR;
   return Open(path, mode | O_CREAT | O_EXCL, ec);
+}
+
+File CreateNewFileIn(const File& folder, const Path& name, NewFileAccess access,
+                     std::error_code& ec) {
+  const int mode = access == NewFileAccess::kWrite ? O_WRONLY : O_RDWR;
+  const int descriptor = Uninterrupted([&] {
+    return ::openat(Descriptor(folder.native()), name.c_str(), mode | O_CREAT | O_EXCL | O_CLOEXEC,
+                    kNewFileMode);
+  });
+  ec = descriptor == -1 ? LastSystemError() : std::error_code();
+  return File(descriptor);
 }
 
 File CreateNewFileItself(const Path& path, std::error_code& ec) {

@@ -218,7 +218,7 @@ ExclusiveFile::~ExclusiveFile() = default;
 ExclusiveFile::ExclusiveFile(ExclusiveFile&&) noexcept = default;
 ExclusiveFile& ExclusiveFile::operator=(ExclusiveFile&&) noexcept = default;
 
-int ExclusiveFile::create(std::string* error) {
+int ExclusiveFile::create(std::string* error, const fs::File* folder) {
   constexpr int kCreated = 0;
   constexpr int kExists = 1;
   constexpr int kFailed = 2;
@@ -232,7 +232,10 @@ int ExclusiveFile::create(std::string* error) {
     return kFailed;
   }
   std::error_code ec;
-  state_->file = fs::CreateNewFile(state_->target, fs::NewFileAccess::kReadWrite, ec);
+  constexpr auto kAccess = fs::NewFileAccess::kReadWrite;
+  state_->file = folder == nullptr
+                     ? fs::CreateNewFile(state_->target, kAccess, ec)
+                     : fs::CreateNewFileIn(*folder, state_->target.filename(), kAccess, ec);
   if (!ec) {
     state_->created = true;
     return kCreated;
@@ -264,12 +267,6 @@ bool ExclusiveFile::close(std::string* error) {
   if (error != nullptr) error->clear();
   std::error_code ec;
   return !state_ || state_->file.Close(ec) || Fail(error, SystemErrorText(ec));
-}
-
-fs::Path ExclusiveFile::whereabouts(std::error_code& ec) const {
-  if (state_ && state_->file.is_open()) return state_->file.Whereabouts(ec);
-  ec = std::make_error_code(std::errc::bad_file_descriptor);
-  return {};
 }
 
 void ExclusiveFile::release() {

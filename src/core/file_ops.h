@@ -10,8 +10,8 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <system_error>
 
+#include "core/file.h"
 #include "core/path.h"
 
 namespace zul {
@@ -76,17 +76,15 @@ class ExclusiveFile {
   ExclusiveFile& operator=(const ExclusiveFile&) = delete;
 
   /// 0 when the file was created, 1 when the path exists (without an error text), 2 on any other
-  /// failure. Only the first call can succeed.
-  [[nodiscard]] int create(std::string* error);
+  /// failure. Only the first call can succeed. With `folder`, the open parent folder of the path,
+  /// the file is created as its entry, whatever the path leads to by then.
+  [[nodiscard]] int create(std::string* error, const fs::File* folder = nullptr);
   /// Writes all of `data`, which may be null when `size` is 0.
   [[nodiscard]] bool write(const void* data, std::size_t size, std::string* error);
   /// Flushes the file to the device.
   [[nodiscard]] bool flush(std::string* error);
   /// Closes the file. Succeeds when it is not open.
   [[nodiscard]] bool close(std::string* error);
-  /// The current path of the open file with every link resolved. Empty exactly when there is an
-  /// error.
-  [[nodiscard]] fs::Path whereabouts(std::error_code& ec) const;
   /// The destructor no longer removes the file.
   void release();
 

@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "core/api_path_win32.h"
+#include "core/folder_handle_win32.h"
 #include "core/system_error.h"
 
 namespace zul::fs {
@@ -126,13 +127,30 @@ File HoldForRead(const Path& path, std::error_code& ec) {
 }
 
 File HoldFolder(const Path& path, std::error_code& ec) {
-  return Open(path, FILE_LIST_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING,
-              FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, ec);
+  File folder =
+      Open(path, FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE,
+           OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, ec);
+  if (ec || IsOwnFolder(Handle(folder.native()), ApiPath(path))) return folder;
+  ec = SystemError(ERROR_DIRECTORY);
+  return {};
 }
 
 File CreateNewFile(const Path& path, NewFileAccess access, std::error_code& ec) {
   const DWORD mode = access == NewFileAccess::kWrite ? GENERIC_WRITE : GENERIC_READ | GENERIC_WRITE;
   return Open(path, mode, 0, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, ec);
+}
+
+File CreateNewFileIn(const File& folder, const Path& name, NewFileAccess access,
+                     std::error_code& ec) {
+  const DWORD mode = access == NewFileAccess::kWrite ? GENERIC_WRITE : GENERIC_READ | GENERIC_WRITE;
+  return File(
+      reinterpret_cast<File::NativeHandle>(OpenInFolder(Handle(folder.native()), name.native(),
+                                                        {.access = mode,
+                                                         .share = 0,
+                                                         .disposition = FILE_CREATE,
+                                                         .options = FILE_NON_DIRECTORY_FILE},
+                                                        ec)
+                                               .Release()));
 }
 
 File CreateNewFileItself(const Path& path, std::error_code& ec) {

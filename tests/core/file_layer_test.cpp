@@ -229,6 +229,24 @@ TEST_F(FileLayer, RemovesNothingThroughAFolderThatBecomesALinkMeanwhile) {
   EXPECT_EQ(ListTree(folder / "moved"), "file\n");
 }
 
+TEST_F(FileLayer, CreatesFilesInTheFolderThatIsHeld) {
+  Write({"held/old"});
+  const File held = HoldFolder(folder / "held", ec);
+  ASSERT_TRUE(held.is_open()) << ec;
+  const bool moved = Rename(folder / "held", folder / "moved", ec);
+  EXPECT_EQ(moved, !kOnWindows);
+  if (moved) ASSERT_TRUE(Link(outside.path(), "held"));
+  EXPECT_TRUE(CreateNewFileIn(held, "new", NewFileAccess::kWrite, ec).is_open()) << ec;
+  EXPECT_FALSE(CreateNewFileIn(held, "old", NewFileAccess::kWrite, ec).is_open());
+  EXPECT_TRUE(IsExistsError(ec)) << ec;
+  EXPECT_EQ(ListTree(folder / (moved ? "moved" : "held")), "new\nold\n");
+  EXPECT_EQ(ListTree(outside.path()), "");
+  EXPECT_FALSE(HoldFolder(folder / (moved ? "moved/old" : "held/old"), ec).is_open());
+  REQUIRE_LINKS(Link(outside.path(), "link"));
+  EXPECT_FALSE(HoldFolder(folder / "link", ec).is_open());
+  EXPECT_TRUE(ec);
+}
+
 TEST_F(FileLayer, QueriesAFileWithoutSharingAndRemovesTheTreeAroundIt) {
   if (!kOnWindows) GTEST_SKIP() << "this system has no share modes";
   Write({"t/a/1", "t/b/2", "t/c/3"});
