@@ -12,6 +12,11 @@ namespace {
 
 constexpr std::string_view kSourceChanged = "ZIP source changed during extraction";
 
+/// More threads gain nothing: a flush waits for the device, and the device has one queue.
+constexpr unsigned kFinishingThreads = 3;
+/// The most files that are written and not yet closed.
+constexpr std::size_t kUnfinishedFiles = 32;
+
 bool IsSameEntry(const ZipEntryRecord& a, const ZipEntryRecord& b) {
   return a.central_index == b.central_index && a.raw_name == b.raw_name && a.flags == b.flags &&
          a.compression_method == b.compression_method && a.crc32 == b.crc32 &&
@@ -68,10 +73,10 @@ bool MakeParents(const fs::Path& root, std::string_view relative_path,
   return true;
 }
 
-bool CreateExclusively(ExclusiveFile& file, std::string* error) {
+bool CreateExclusively(ExclusiveFile& file, const fs::File& folder, std::string* error) {
   constexpr std::string_view kMessage = "cannot create extracted file exclusively: ";
   std::string detail;
-  const int created = file.create(&detail);
+  const int created = file.create(&detail, &folder);
   if (created == 0) return true;
   return Fail(error, kMessage, created == 1 ? std::string_view("path already exists") : detail);
 }
@@ -126,32 +131,96 @@ bool HasItsFolder(const ZipEntryRecord& record, const ExtractionPass& pass) {
   return slash != std::string::npos && pass.created_dirs.contains(record.path.substr(0, slash));
 }
 
-bool FlushAndClose(ExclusiveFile& file, const ZipEntryRecord& record, const ExtractionPass& pass,
-                   const fs::Path& root, std::string* error) {
-  const bool is_long = static_cast<std::uint64_t>(record.uncompressed_size) >= fs::kLongFlushBytes;
-  std::string detail;
-  bool flushed = !pass.scope.flush;
-  if (!flushed) {
-    RunKeepingAlive([&] { flushed = file.flush(&detail); },
-                    is_long ? pass.keep_alive : fs::KeepAlive());
-  }
-  if (!flushed) return Fail(error, "cannot flush extracted file: ", detail);
-  // Asks the open file for its location: the path may name another file by now.
+/// Runs on another thread. Returns why the file is not durable; empty when it is.
+std::string FlushAndClose(ExclusiveFile file, bool flush) {
+  std::string error;
+  if (flush && !file.flush(&error)) return "cannot flush extracted file: " + error;
+  if (!file.close(&error)) return "cannot close extracted file: " + error;
+  file.release();
+  return {};
+}
+
+/// The stage is held and resolved once: a folder that is held keeps its path.
+bool HoldStage(const fs::Path& stage_dir, ExtractionPass& pass, std::string* error) {
+  if (!pass.root.empty()) return true;
   std::error_code code;
-  const fs::Path resolved = file.whereabouts(code);
-  if (!file.close(&detail)) return Fail(error, "cannot close extracted file: ", detail);
-  return (!code && IsPathInsideRootFolded(root, resolved)) ||
+  pass.stage = fs::HoldFolder(stage_dir, code);
+  if (!code) pass.root = pass.stage.Whereabouts(code);
+  return !code || Fail(error, "cannot resolve extraction root");
+}
+
+/// Systems that do not keep a held folder in its place may have moved it, and the files in it.
+bool LeaveFolder(ExtractionPass& pass, std::string* error) {
+  if (!pass.folder.is_open()) return true;
+  std::error_code code;
+  const fs::Path resolved = pass.folder.Whereabouts(code);
+  pass.folder = {};
+  return (!code && IsPathInsideRootFolded(pass.root, resolved / "file")) ||
          Fail(error, "extracted file resolved outside extraction root");
 }
 
-/// The current resolved path of the stage. The folder stays open for the pass to save an open per
-/// entry.
-fs::Path ResolveStage(const fs::Path& stage_dir, ExtractionPass& pass, std::error_code& code) {
-  if (!pass.stage.is_open()) pass.stage = fs::OpenFolder(stage_dir, code);
-  return pass.stage.is_open() ? pass.stage.Whereabouts(code) : fs::Path();
+/// Holds the folder of a file, which the files after it mostly share. Its files are created
+/// relative to the handle, so that a link in its path cannot lead them elsewhere.
+bool EnterFolder(const fs::Path& folder, ExtractionPass& pass, std::string* error) {
+  if (pass.folder.is_open() && folder == pass.folder_path) return true;
+  if (!LeaveFolder(pass, error)) return false;
+  std::error_code code;
+  pass.folder = fs::HoldFolder(folder, code);
+  const fs::Path resolved = code ? fs::Path() : pass.folder.Whereabouts(code);
+  if (code) return Fail(error, "cannot resolve extracted file path");
+  pass.folder_path = folder;
+  return IsPathInsideRootFolded(pass.root, resolved / "file") ||
+         Fail(error, "ZIP entry escapes extraction root");
+}
+
+/// Takes the results that are ready, and waits until there is room for one more file or, with
+/// `all`, until every file is finished. False after a failure.
+bool TakeFinished(ExtractionPass& pass, bool all) {
+  OrderedWork<ExtractionPass::Finished>& files = pass.finishing;
+  while (files.full() || files.IsReady() || (all && !files.empty())) {
+    ExtractionPass::Finished file = files.Take();
+    if (!file.error.empty() && !pass.failed) pass.failed = std::move(file);
+  }
+  return !pass.failed;
+}
+
+/// False without a text when a file that was handed over has failed.
+bool ExtractEntries(std::string_view archive_path, ZipScanResult* scan, const fs::Path& stage_dir,
+                    ExtractionPass& pass, std::string* error) {
+  ZipReader reader;
+  if (!OpenZipReader(archive_path, &reader, error)) return false;
+  std::uint64_t entry_count = 0;
+  if (reader.DeclaredEntryCount(&entry_count) != kZipOk ||
+      entry_count != scan->central_entry_count) {
+    return Fail(error, kSourceChanged);
+  }
+  auto wanted = scan->entries.begin();
+  ZipStatus status = reader.GoToFirstEntry();
+  for (std::uint64_t index = 0; index < entry_count; ++index) {
+    if (status != kZipOk) return Fail(error, kSourceChanged);
+    if (pass.keep_alive) pass.keep_alive();
+    if (wanted != scan->entries.end() && wanted->central_index == index) {
+      ZipEntryRecord found;
+      if (!ReadZipEntryRecord(reader, index, &found, error)) return false;
+      if (!IsSameEntry(found, *wanted)) return Fail(error, kSourceChanged);
+      if (!TakeFinished(pass, false)) return false;
+      if (!ExtractOneEntry(reader, *wanted, stage_dir, pass, error)) {
+        scan->refused = RefusedEntry(*wanted);
+        return false;
+      }
+      ++wanted;
+    }
+    status = reader.GoToNextEntry();
+  }
+  return (wanted == scan->entries.end() && status == kZipEndOfList) || Fail(error, kSourceChanged);
 }
 
 }  // namespace
+
+ExtractionPass::ExtractionPass(fs::KeepAlive called, ExtractionScope wanted)
+    : keep_alive(std::move(called)),
+      scope(std::move(wanted)),
+      finishing(kFinishingThreads, kUnfinishedFiles, keep_alive) {}
 
 bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record, const fs::Path& stage_dir,
                      ExtractionPass& pass, std::string* error) {
@@ -168,64 +237,37 @@ bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record, const fs::
     return ReadAndVerify(reader, record, pass, entry, error);
   }
 
-  std::error_code code;
-  const fs::Path root = ResolveStage(stage_dir, pass, code);
-  if (code) return Fail(error, "cannot resolve extraction root");
+  if (!HoldStage(stage_dir, pass, error)) return false;
   const auto relative_path = PathFromUtf8(record.path);
-  const fs::Path target = relative_path ? (root / *relative_path).lexically_normal() : fs::Path();
-  if (!target.has_filename() || !IsPathInsideRootFolded(root, target)) {
+  const fs::Path target =
+      relative_path ? (pass.root / *relative_path).lexically_normal() : fs::Path();
+  if (!target.has_filename() || !IsPathInsideRootFolded(pass.root, target)) {
     return Fail(error, "ZIP entry escapes extraction root");
   }
-  if (!MakeParents(root, record.path, &pass.created_dirs, error)) return false;
+  if (!MakeParents(pass.root, record.path, &pass.created_dirs, error)) return false;
   if (!is_written) return ReadAndVerify(reader, record, pass, entry, error);
-  // Resolving the folder is enough: the exclusive creation below fails if the file's name exists.
-  // The resolution of a missing name is slower, because it may list the folder.
-  const fs::Path resolved_parent = fs::Canonical(target.parent_path(), code);
-  if (code) return Fail(error, "cannot resolve extracted file path");
-  if (!IsPathInsideRootFolded(root, resolved_parent / target.filename())) {
-    return Fail(error, "ZIP entry escapes extraction root");
-  }
-
   ExclusiveFile file(PathToUtf8(target));
-  if (!CreateExclusively(file, error) || !CopyData(reader, record, pass, &file, error) ||
-      !CloseAndVerify(entry, error) || !FlushAndClose(file, record, pass, root, error)) {
+  if (!EnterFolder(target.parent_path(), pass, error) ||
+      !CreateExclusively(file, pass.folder, error) ||
+      !CopyData(reader, record, pass, &file, error) || !CloseAndVerify(entry, error)) {
     return false;
   }
-  file.release();
+  pass.finishing.Hand([file = std::move(file), &record, flush = pass.scope.flush]() mutable {
+    return ExtractionPass::Finished{&record, FlushAndClose(std::move(file), flush)};
+  });
   return true;
 }
 
 bool ExtractScannedEntries(std::string_view archive_path, ZipScanResult* scan,
                            const fs::Path& stage_dir, std::string* error, fs::KeepAlive keep_alive,
                            ExtractionScope scope) {
-  ZipReader reader;
-  if (!OpenZipReader(archive_path, &reader, error)) return false;
-  std::uint64_t entry_count = 0;
-  if (reader.DeclaredEntryCount(&entry_count) != kZipOk ||
-      entry_count != scan->central_entry_count) {
-    return Fail(error, kSourceChanged);
-  }
-  ExtractionPass pass;
-  pass.keep_alive = std::move(keep_alive);
-  pass.scope = std::move(scope);
-  auto wanted = scan->entries.begin();
-  ZipStatus status = reader.GoToFirstEntry();
-  for (std::uint64_t index = 0; index < entry_count; ++index) {
-    if (status != kZipOk) return Fail(error, kSourceChanged);
-    if (pass.keep_alive) pass.keep_alive();
-    if (wanted != scan->entries.end() && wanted->central_index == index) {
-      ZipEntryRecord found;
-      if (!ReadZipEntryRecord(reader, index, &found, error)) return false;
-      if (!IsSameEntry(found, *wanted)) return Fail(error, kSourceChanged);
-      if (!ExtractOneEntry(reader, *wanted, stage_dir, pass, error)) {
-        scan->refused = RefusedEntry(*wanted);
-        return false;
-      }
-      ++wanted;
-    }
-    status = reader.GoToNextEntry();
-  }
-  return (wanted == scan->entries.end() && status == kZipEndOfList) || Fail(error, kSourceChanged);
+  ExtractionPass pass(std::move(keep_alive), std::move(scope));
+  const bool unpacked =
+      ExtractEntries(archive_path, scan, stage_dir, pass, error) && LeaveFolder(pass, error);
+  // The unfinished files come before an entry that failed, so that their failure is the first one.
+  if (TakeFinished(pass, true)) return unpacked;
+  scan->refused = RefusedEntry(*pass.failed->record);
+  return Fail(error, pass.failed->error);
 }
 
 }  // namespace zul

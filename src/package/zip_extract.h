@@ -1,17 +1,19 @@
 #pragma once
 
 // The second pass over an archive that a scan has accepted. The archive may have changed since, so
-// each entry is read again and must equal the record of the scan. The folders may have changed too,
-// so each path is resolved again when it is used.
+// each entry is read again and must equal the record of the scan. Another process may change the
+// folders meanwhile, so those in use are held open, and files are created relative to them.
 
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_set>
 
 #include "core/file_layer.h"
+#include "core/ordered_work.h"
 #include "package/zip_scan.h"
 
 namespace zul {
@@ -28,14 +30,30 @@ struct ExtractionScope {
 struct ExtractionPass {
   static constexpr std::size_t kBufferBytes = 1048576;
 
+  /// A file that was written completely.
+  struct Finished {
+    const ZipEntryRecord* record = nullptr;
+    std::string error;  ///< why it is not durable; empty when it is
+  };
+
+  /// `keep_alive` is called for each piece of an entry's data and while files are waited for; it
+  /// may be empty.
+  explicit ExtractionPass(fs::KeepAlive keep_alive = {}, ExtractionScope scope = {});
+
+  const fs::KeepAlive keep_alive;
+  const ExtractionScope scope;
   /// Directories that this pass created, relative to the stage, UTF-8, `/` separators.
   std::unordered_set<std::string> created_dirs;
-  /// The open stage folder, from the first entry on.
+  // From the first entry on: the stage and its resolved path.
   fs::File stage;
+  fs::Path root;
+  // The folder of the last file and its path, once there is one.
+  fs::File folder;
+  fs::Path folder_path;
   std::unique_ptr<std::byte[]> buffer = std::make_unique<std::byte[]>(kBufferBytes);
-  /// Called for each piece of an entry's data and while a large entry is flushed.
-  fs::KeepAlive keep_alive;
-  ExtractionScope scope;
+  /// The flushes and closes of the files, in the order of the archive.
+  OrderedWork<Finished> finishing;
+  std::optional<Finished> failed;  ///< the first file that is not durable
 };
 
 /// Extracts the entries of `*scan` from the archive at `archive_path` (UTF-8) into `stage_dir`.
@@ -45,8 +63,10 @@ struct ExtractionPass {
                                          const fs::Path& stage_dir, std::string* error,
                                          fs::KeepAlive keep_alive = {}, ExtractionScope scope = {});
 
-/// Extracts the entry that `reader` has reached and that equals `record`. Removes a file that is
-/// incomplete or whose data is not as declared. `error` may be null.
+/// Extracts the entry that `reader` has reached and that equals `record`, which must outlive the
+/// pass. Removes a file that is incomplete or whose data is not as declared. The file is flushed
+/// and closed after the return, as the last piece of `pass.finishing`, which must not be full.
+/// `error` may be null.
 [[nodiscard]] bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record,
                                    const fs::Path& stage_dir, ExtractionPass& pass,
                                    std::string* error);

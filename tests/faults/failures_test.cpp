@@ -152,15 +152,15 @@ const Report kReports[] = {
     {"ZIP end record not found", Nothing, {kReadAt}},
     {"ZIP inflate failed: ", Nothing, {kReadAt}},
     {"cannot determine free space for ZIP extraction: ", SystemErrorText, {kAvailableSpace}},
-    {"cannot resolve extraction root", Nothing, {kOpenFolder, kWhereabouts}},
+    {"cannot resolve extraction root", Nothing, {kHoldFolder, kWhereabouts}},
     {"extracted file resolved outside extraction root", Nothing, {kWhereabouts}},
-    {"cannot resolve extracted file path", Nothing, {kCanonical}},
+    {"cannot resolve extracted file path", Nothing, {kHoldFolder, kWhereabouts}},
     {"Cannot inspect extraction destination: ", SystemErrorText, {kKindOf}},
     {"ZIP extraction directory identity changed", Nothing, {kKindOf}},
     {"Cannot create extraction parent directory: ", SystemErrorText, kMakingFolder},
     {"Cannot create unique extraction directory: ", SystemErrorText, {kCreateDirectoryOnce}},
     {"cannot create extraction directory: ", SystemErrorText, {kCreateDirectoryOnce}},
-    {"cannot create extracted file exclusively: ", SystemErrorText, {kCreateNewFile}},
+    {"cannot create extracted file exclusively: ", SystemErrorText, {kCreateNewFileIn}},
     {"cannot write extracted file: ", SystemErrorText, {kWriteSome}},
     {"cannot flush extracted file: ", SystemErrorText, {kFlush}},
     {"cannot close extracted file: ", SystemErrorText, {kClose}},
@@ -206,8 +206,9 @@ void ExpectExtraction(const FaultyRun& run) {
   // A file that is not on the device is not published.
   const std::string name = run.NameBelow("work").value_or("");
   const bool is_staged = name.starts_with(".qorva-zip-stage/");
-  const Calls writing = {kCreateNewFile, kWriteSome, kFlush, kClose};
-  EXPECT_FALSE(run.ok && is_staged && writing.contains(run.failed.call));
+  const Calls writing = {kCreateNewFileIn, kWriteSome, kFlush, kClose};
+  const bool is_folder = run.failed.call == kClose && !run.ClosesWritten();
+  EXPECT_FALSE(run.ok && is_staged && !is_folder && writing.contains(run.failed.call));
 
   const Files before = run.update.FoundAtDestination();
   const std::vector<fs::Path> leftovers = run.update.ExtractionLeftovers();
@@ -377,6 +378,32 @@ void TestStep(const FailureCase& c, const FileCall& step) {
 TEST(Failures, AreReportedAndLoseNoFile) {
   for (const FailureCase& c : kFailureCases) {
     ForEachStep(c.steps, [&](const FileCall& step) { TestStep(c, step); });
+  }
+}
+
+// Files are flushed on other threads while the next entries are unpacked.
+TEST(Failures, AreThoseOfTheFirstEntry) {
+  const struct {
+    Call call;  // which fails for the last entry, with a device error
+    const char* what;
+  } cases[] = {{kCreateNewFileIn, "of the thread that unpacks"}, {kFlush, "of another thread"}};
+  const std::string first = "/" + SampleUpdate::kPackage.begin()->first;
+  const std::string last = "/" + SampleUpdate::kPackage.rbegin()->first;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const SampleUpdate update(Scenario::kExtraction);
+    StartScript(update.folder(), [&](const FileCall& call) {
+      if (call.call == kFlush && call.file.ends_with(first)) {
+        return Verdict{Fate::kFail, kSystemFaults[2].error};
+      }
+      const bool fails = call.call == c.call && call.file.ends_with(last);
+      return fails ? Verdict{Fate::kFail, kSystemFaults[3].error} : Verdict();
+    });
+    std::string error;
+    EXPECT_FALSE(SampleUpdate::Run(Scenario::kExtraction, update.folder(), &error));
+    StopScript();
+    EXPECT_EQ(error, "cannot flush extracted file: " + SystemErrorText(kSystemFaults[2].error));
+    EXPECT_TRUE(update.ExtractionLeftovers().empty());
   }
 }
 

@@ -42,6 +42,11 @@ std::optional<Path> SubjectOf(const Path& path, const Rest&...) {
   return path;
 }
 template <typename... Rest>
+std::optional<Path> SubjectOf(const File& folder, const Path& name, const Rest&...) {
+  Error ignored;
+  return folder.Whereabouts(ignored) / name;
+}
+template <typename... Rest>
 std::optional<Path> SubjectOf(const fs::TreeWalker* /*walker*/, const Rest&...) {
   return Path();
 }

@@ -20,7 +20,7 @@ namespace zul::test {
 /// The primitives, by the names that core/file_layer.h gives them.
 // clang-format off
 enum class Call {
-  kOpenForRead, kOpenFolder, kCreateNewFile, kOpensExclusively,
+  kOpenForRead, kHoldFolder, kCreateNewFile, kCreateNewFileIn, kOpensExclusively,
   kRead, kReadAt, kWriteSome, kFlush, kClose, kFacts, kSize, kWhereabouts, kTakeTimeAndAttributes,
   kKindOf, kCanonical, kWeaklyCanonical, kAvailableSpace, kVolumeOf, kSizeOf, kNext,
   kCreateDirectoryOnce, kRename, kMoveReplacing, kMoveReplacingWhole, kMoveToNewName, kRemove,
