@@ -65,6 +65,7 @@ class Transaction {
     const ChangesInProgress changing(close_context_ != nullptr ? close_context_->progress_window
                                                                : nullptr);
     if (Survives([this] { return RemoveRetired() && InstallStagedFiles(); })) return Commit();
+    changes_.DropPrepared();
     if (changes_.count() != 0) return RollBack();
     changes_.RemoveLeftovers();
     return Failed(ApplyOutcomeKind::kFailedBeforeChange);
@@ -108,13 +109,17 @@ class Transaction {
       return Fail(&error_,
                   "Staged update directory is missing: '" + PathToUtf8(staged_root_) + "'.");
     }
-    return WalkStagedTree(kValidationTexts, StagedTreeWalk::Resolution::kEachFile,
-                          [this](const StagedFile& file) {
-                            AddToLockList(file.target);
-                            std::error_code ignored;  // a missing file takes no room
-                            sizes_.push_back({fs::SizeOf(file.target, ignored), file.size_bytes});
-                            return true;
-                          });
+    StagedTreeWalk walk(staged_root_, target_root_, own_executable_, kValidationTexts);
+    StagedFile file;
+    StagedTreeWalk::Step step;
+    while ((step = walk.Next(&file, &error_)) == StagedTreeWalk::Step::kFile) {
+      KeepWindowAlive();
+      AddToLockList(file.target);
+      std::error_code ignored;  // a missing file takes no room
+      const bool is_there = file.target_kind != fs::EntryKind::kNotFound;
+      sizes_.push_back({is_there ? fs::SizeOf(file.target, ignored) : 0, file.size_bytes});
+    }
+    return step == StagedTreeWalk::Step::kEnd;
   }
 
   bool VerifySignatures() {
@@ -192,10 +197,20 @@ class Transaction {
   }
 
   bool InstallStagedFiles() {
-    return WalkStagedTree(kInstallTexts, StagedTreeWalk::Resolution::kEachFolder,
-                          [this](const StagedFile& file) {
-                            return changes_.Install(file, &error_) && !InjectFailure();
-                          });
+    StagedTreeWalk walk(staged_root_, target_root_, own_executable_, kInstallTexts);
+    StagedTreeWalk::Step step = StagedTreeWalk::Step::kFile;
+    std::string walk_error;  // belongs after the files that the walk found before
+    while (step == StagedTreeWalk::Step::kFile || changes_.HasPrepared()) {
+      if (step != StagedTreeWalk::Step::kFile || changes_.IsFull()) {
+        if (!changes_.InstallNext(&error_) || InjectFailure()) return false;
+        continue;
+      }
+      StagedFile file;
+      step = walk.Next(&file, &walk_error);
+      KeepWindowAlive();
+      if (step == StagedTreeWalk::Step::kFile) changes_.Prepare(file);
+    }
+    return step == StagedTreeWalk::Step::kEnd || Fail(&error_, walk_error);
   }
 
   bool InjectFailure() {
@@ -251,20 +266,6 @@ class Transaction {
   }
 
   // What the stages share.
-
-  /// Calls `visit` for each file that may be installed until `visit` returns false.
-  template <typename Visit>
-  bool WalkStagedTree(const StagedTreeTexts& texts, StagedTreeWalk::Resolution resolution,
-                      Visit&& visit) {
-    StagedTreeWalk walk(staged_root_, target_root_, own_executable_, texts, resolution);
-    StagedFile file;
-    StagedTreeWalk::Step step;
-    while ((step = walk.Next(&file, &error_)) == StagedTreeWalk::Step::kFile) {
-      KeepWindowAlive();
-      if (!visit(std::as_const(file))) return false;
-    }
-    return step == StagedTreeWalk::Step::kEnd;
-  }
 
   void KeepWindowAlive() const {
     if (keep_alive_) keep_alive_();

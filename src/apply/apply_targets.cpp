@@ -33,12 +33,11 @@ bool IsFile(const fs::DirectoryEntry& entry) {
 }  // namespace
 
 StagedTreeWalk::StagedTreeWalk(fs::Path staged_root, fs::Path target_root, fs::Path own_executable,
-                               const StagedTreeTexts& texts, Resolution resolution)
+                               const StagedTreeTexts& texts)
     : staged_root_(std::move(staged_root)),
       target_root_(std::move(target_root)),
       own_executable_(std::move(own_executable)),
       texts_(texts),
-      resolution_(resolution),
       walker_(staged_root_) {}
 
 StagedTreeWalk::Step StagedTreeWalk::Next(StagedFile* file, std::string* error) {
@@ -76,7 +75,7 @@ StagedTreeWalk::Verdict StagedTreeWalk::Judge(const fs::DirectoryEntry& entry, S
     Fail(error, texts_.unsafe_path, PathToUtf8(file->relative) + "'.");
     return Verdict::kRefuse;
   }
-  const fs::Path resolved_target = fs::WeaklyCanonical(file->target, ec);
+  const fs::Path resolved_target = ResolveTarget(file, ec);
   if (!ec && !own_executable_.empty() && resolved_target == own_executable_) {
     return Verdict::kLeaveOut;
   }
@@ -96,7 +95,7 @@ fs::Path StagedTreeWalk::RelativeOf(const fs::DirectoryEntry& entry, std::error_
     resolved_staged_root_ = fs::WeaklyCanonical(staged_root_, ec);
     if (ec) return {};
   }
-  if (resolution_ == Resolution::kEachFile || entry.kind != fs::EntryKind::kRegular) {
+  if (entry.kind != fs::EntryKind::kRegular) {
     const fs::Path resolved = fs::WeaklyCanonical(entry.path, ec);
     return ec ? fs::Path() : resolved.lexically_relative(resolved_staged_root_);
   }
@@ -109,6 +108,31 @@ fs::Path StagedTreeWalk::RelativeOf(const fs::DirectoryEntry& entry, std::error_
   }
   if (relative_folder_.empty()) return {};
   return (relative_folder_ / entry.path.filename()).lexically_normal();
+}
+
+/// The resolved path of the target. A target that is a link is resolved by itself. So are the
+/// targets in the folder of the running executable: the system reports the name that the file has,
+/// which may differ from the staged one in case.
+fs::Path StagedTreeWalk::ResolveTarget(StagedFile* file, std::error_code& ec) {
+  const fs::Path folder = file->target.parent_path();
+  if (folder != target_folder_) EnterTargetFolder(folder);
+  file->target_folder = held_target_folder_;
+  file->target_kind = fs::KindOf(file->target, fs::Links::kDoNotFollow, ec);
+  const bool is_plain =
+      file->target_kind == fs::EntryKind::kRegular || file->target_kind == fs::EntryKind::kNotFound;
+  if (!is_plain || resolved_target_folder_.empty() ||
+      resolved_target_folder_ == own_executable_.parent_path()) {
+    return fs::WeaklyCanonical(file->target, ec);
+  }
+  return resolved_target_folder_ / file->target.filename();
+}
+
+void StagedTreeWalk::EnterTargetFolder(const fs::Path& folder) {
+  std::error_code ec;
+  auto held = std::make_shared<fs::File>(fs::HoldFolder(folder, ec));
+  resolved_target_folder_ = ec ? fs::WeaklyCanonical(folder, ec) : held->Whereabouts(ec);
+  held_target_folder_ = held->is_open() ? std::move(held) : nullptr;
+  target_folder_ = folder;
 }
 
 /// ValidatePayloadTarget resolves both of its paths, which costs two opens a file. Here the target

@@ -4,6 +4,7 @@
 // executables, which it removes.
 
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -20,6 +21,10 @@ struct StagedFile {
   fs::Path relative;             ///< relative to the staged root, links resolved
   fs::Path target;               ///< the target root joined with `relative`
   std::uint64_t size_bytes = 0;  ///< of the source, as the listing reports it
+  fs::EntryKind target_kind{};   ///< of the target, links not followed
+  /// The target's folder, which keeps its path while it is held. Null for a folder that is missing
+  /// or cannot be held.
+  std::shared_ptr<const fs::File> target_folder;
 };
 
 /// The failure texts of a walk, each up to and including the quote before the path.
@@ -31,21 +36,18 @@ struct StagedTreeTexts {
 
 /// One walk over the files of a staged tree, in the system's order. An apply walks the tree twice:
 /// once to validate it before the first change, and once to install it. Another process can change
-/// the tree in between, so both walks check every file. Folders, links to folders and other entries
-/// that are not files are left out. So is the running executable, which an apply never replaces.
+/// the tree in between, so both walks check every file. The files of one folder share what
+/// resolving their folders costs: the listing shows which of them are links, and those are resolved
+/// one by one. Folders, links to folders and other entries that are not files are left out. So is
+/// the running executable, which an apply never replaces.
 class StagedTreeWalk {
  public:
   enum class Step { kFile, kEnd, kFailed };
 
-  /// Which paths are resolved to find a file's place in the tree. Resolving costs one open, so the
-  /// second walk resolves each folder only. The kind of an entry shows a file that has become a
-  /// link since the first walk; such a link is resolved in both.
-  enum class Resolution { kEachFile, kEachFolder };
-
   /// `own_executable` is the resolved path of the running executable; the empty path matches no
   /// file.
   StagedTreeWalk(fs::Path staged_root, fs::Path target_root, fs::Path own_executable,
-                 const StagedTreeTexts& texts, Resolution resolution);
+                 const StagedTreeTexts& texts);
 
   /// Finds the next file that may be installed. The walk is over after kEnd and after kFailed,
   /// which leaves the reason in `error`.
@@ -57,6 +59,8 @@ class StagedTreeWalk {
   [[nodiscard]] Verdict Judge(const fs::DirectoryEntry& entry, StagedFile* file,
                               std::string* error);
   [[nodiscard]] fs::Path RelativeOf(const fs::DirectoryEntry& entry, std::error_code& ec);
+  [[nodiscard]] fs::Path ResolveTarget(StagedFile* file, std::error_code& ec);
+  void EnterTargetFolder(const fs::Path& folder);
   [[nodiscard]] bool MayBeWritten(const fs::Path& target, const fs::Path& resolved_target,
                                   std::string* error);
 
@@ -64,7 +68,6 @@ class StagedTreeWalk {
   const fs::Path target_root_;
   const fs::Path own_executable_;
   const StagedTreeTexts texts_;
-  const Resolution resolution_;
   fs::TreeWalker walker_;
   // The two roots, links resolved; empty before the first file.
   fs::Path resolved_staged_root_;
@@ -72,6 +75,10 @@ class StagedTreeWalk {
   // The folder that was resolved last, and its resolved path relative to the staged root.
   fs::Path folder_;
   fs::Path relative_folder_;
+  // The target folder that was resolved last, and its resolved path; empty when it has none.
+  fs::Path target_folder_;
+  fs::Path resolved_target_folder_;
+  std::shared_ptr<const fs::File> held_target_folder_;
   std::unordered_set<fs::Path::string_type> found_;  // the relative path of each file
 };
 

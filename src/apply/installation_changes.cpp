@@ -18,13 +18,18 @@ namespace {
 constexpr std::chrono::milliseconds kPatience{30'000};
 constexpr std::chrono::milliseconds kPause{1'000};
 
+/// The threads that make backups, and the most files that have one and are not replaced yet.
+constexpr unsigned kBackupThreads = 3;
+constexpr std::size_t kPreparedFiles = 8;
+
 /// What cannot be determined counts as a file that exists: it gets a backup. A file that is taken
 /// for a new one gets none, and a rollback removes it. So when the query fails, an open decides.
-bool MayExist(const fs::Path& target) {
+bool MayExist(const StagedFile& file) {
   std::error_code ec;
-  const fs::EntryKind kind = fs::KindOf(target, fs::Links::kFollow, ec);
+  fs::EntryKind kind = file.target_kind;
+  if (kind == fs::EntryKind::kLink) kind = fs::KindOf(file.target, fs::Links::kFollow, ec);
   if (kind != fs::EntryKind::kUnknown) return kind != fs::EntryKind::kNotFound;
-  return fs::OpenForRead(target, ec).is_open() || !IsNotFoundError(ec);
+  return fs::OpenForRead(file.target, ec).is_open() || !IsNotFoundError(ec);
 }
 
 bool IsGone(const fs::Path& path, std::error_code& ec) {
@@ -86,7 +91,8 @@ InstallationChanges::InstallationChanges(fs::Path backup_root, const ApplyFaultI
                                          fs::KeepAlive keep_alive)
     : backup_root_(std::move(backup_root)),
       faults_(faults),
-      retry_policy_{.keep_alive = std::move(keep_alive), .leftovers = &leftovers_} {}
+      retry_policy_{.keep_alive = std::move(keep_alive), .leftovers = &leftovers_},
+      prepared_(kBackupThreads, kPreparedFiles, retry_policy_.keep_alive) {}
 
 bool InstallationChanges::PrepareBackups(std::string* error) {
   DiscardBackups();
@@ -100,23 +106,57 @@ bool InstallationChanges::RemoveRetired(const fs::Path& target, std::string* err
   return RetryRemoveFile(target, "retired executable removal failed", error, retry_policy_);
 }
 
-bool InstallationChanges::Install(const StagedFile& file, std::string* error) {
-  if (!MakeFolder(file.target.parent_path(), "Cannot create target directory for update: '",
+void InstallationChanges::Prepare(const StagedFile& file) {
+  Prepared prepared{file.source, file.target_folder, {file.target, {}, MayExist(file)}, {}, {}};
+  RollbackRecord& record = prepared.record;
+  if (record.had_backup) {
+    record.backup = backup_root_ / file.relative;
+    static_cast<void>(MakeFolder(record.backup.parent_path(), "Cannot create rollback path: '",
+                                 &prepared.failure));
+  }
+  RetryPolicy policy = retry_policy_;
+  policy.keep_alive = nullptr;  // only the thread of the window may call it
+  prepared_.Hand([prepared = std::move(prepared), policy = std::move(policy)]() mutable {
+    if (prepared.record.had_backup && prepared.failure.empty()) BackUp(&prepared, policy);
+    return std::move(prepared);
+  });
+}
+
+/// Runs on another thread.
+void InstallationChanges::BackUp(Prepared* file, const RetryPolicy& policy) {
+  try {
+    static_cast<void>(RetryCopyFile(file->record.target, file->record.backup,
+                                    "rollback backup copy failed", &file->failure, policy));
+  } catch (const std::exception&) {
+    file->exception = std::current_exception();
+  }
+}
+
+bool InstallationChanges::InstallNext(std::string* error) {
+  Prepared file = prepared_.Take();
+  const bool has_backup = file.failure.empty() && file.exception == nullptr;
+  if (!has_backup) DropBackup(file.record);
+  if (file.exception) std::rethrow_exception(file.exception);
+  if (!MakeFolder(file.record.target.parent_path(), "Cannot create target directory for update: '",
                   error)) {
     return false;
   }
-  RollbackRecord record{file.target, {}, false};
-  if (MayExist(file.target) && !BackUp(file, &record, error)) return false;
-  const auto put_in_place = record.had_backup ? RetryReplaceFile : RetryPlaceNewFile;
-  records_.push_back(std::move(record));
-  if (put_in_place(file.source, file.target, "apply update copy failed", error, retry_policy_)) {
+  if (!has_backup) return Fail(error, file.failure);
+  const auto put_in_place = file.record.had_backup ? RetryReplaceFile : RetryPlaceNewFile;
+  records_.push_back(std::move(file.record));
+  const RollbackRecord& record = records_.back();
+  if (put_in_place(file.source, record.target, "apply update copy failed", error, retry_policy_)) {
     return true;
   }
-  if (IsUnchanged(records_.back(), file.source)) {
-    DropBackup(records_.back());
+  if (IsUnchanged(record, file.source)) {
+    DropBackup(record);
     records_.pop_back();
   }
   return false;
+}
+
+void InstallationChanges::DropPrepared() {
+  while (!prepared_.empty()) DropBackup(prepared_.Take().record);
 }
 
 /// Inspects the target of a replacement that failed, because a share may report a move as failed
@@ -135,14 +175,6 @@ bool InstallationChanges::IsUnchanged(const RollbackRecord& record, const fs::Pa
   return same.value_or(false) == record.had_backup;
 }
 
-bool InstallationChanges::BackUp(const StagedFile& file, RollbackRecord* record,
-                                 std::string* error) {
-  record->backup = backup_root_ / file.relative;
-  record->had_backup = true;
-  return MakeFolder(record->backup.parent_path(), "Cannot create rollback path: '", error) &&
-         CopyToBackup(*record, "rollback backup copy failed", error);
-}
-
 /// A copy that fails leaves nothing: the restores of the other files may need its room.
 bool InstallationChanges::CopyToBackup(const RollbackRecord& record, std::string_view context,
                                        std::string* error) {
@@ -152,7 +184,7 @@ bool InstallationChanges::CopyToBackup(const RollbackRecord& record, std::string
 }
 
 void InstallationChanges::DropBackup(const RollbackRecord& record) {
-  if (!record.had_backup) return;
+  if (record.backup.empty()) return;
   std::error_code ec;
   fs::Remove(record.backup, ec);
   if (ec) leftovers_.push_back(record.backup);

@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -19,6 +20,7 @@
 #include "apply/apply_targets.h"
 #include "apply/retry_file_ops.h"
 #include "core/file_hash.h"
+#include "core/ordered_work.h"
 
 namespace zul {
 
@@ -55,10 +57,28 @@ class InstallationChanges {
   /// Backs up and removes a retired executable of the target folder's top level.
   [[nodiscard]] bool RemoveRetired(const fs::Path& target, std::string* error);
 
-  /// Puts a copy of `file.source` in the place of `file.target`, which is backed up first when it
-  /// exists. A target that seems not to exist is never replaced: when there is a file after all,
-  /// that is a failure. Missing folders are created; they stay when the change is undone.
-  [[nodiscard]] bool Install(const StagedFile& file, std::string* error);
+  // A file is installed in two steps, so that the backups of the next files are made while a file
+  // is replaced.
+
+  /// Begins the backup of `file.target`, if it exists, on another thread. Changes nothing else;
+  /// call it only while there is room. A failure is that of the file's `InstallNext`.
+  void Prepare(const StagedFile& file);
+
+  /// True when a file must be installed before the next one can be prepared.
+  [[nodiscard]] bool IsFull() const { return prepared_.full(); }
+
+  /// True while a file is prepared and not installed.
+  [[nodiscard]] bool HasPrepared() const { return !prepared_.empty(); }
+
+  /// Puts a copy of the source of the file that was prepared first in the place of its target, when
+  /// the target's backup is complete. A target that seemed not to exist is never replaced: when
+  /// there is a file after all, that is a failure. Missing folders are created; they stay when the
+  /// change is undone. Call it only while a file is prepared.
+  [[nodiscard]] bool InstallNext(std::string* error);
+
+  /// Removes the backups of the files that are prepared and not installed: the restores may need
+  /// their room.
+  void DropPrepared();
 
   /// The number of changes, including a removal that failed.
   [[nodiscard]] std::size_t count() const { return records_.size(); }
@@ -88,7 +108,15 @@ class InstallationChanges {
     FileDigest old_content{};           ///< of the backup, once it has been read
   };
 
-  [[nodiscard]] bool BackUp(const StagedFile& file, RollbackRecord* record, std::string* error);
+  struct Prepared {
+    fs::Path source;
+    std::shared_ptr<const fs::File> target_folder;  ///< held until the file is installed
+    RollbackRecord record;
+    std::string failure;           ///< of the backup; empty when it is made or not needed
+    std::exception_ptr exception;  ///< thrown by the backup
+  };
+
+  static void BackUp(Prepared* file, const RetryPolicy& policy);
   [[nodiscard]] bool CopyToBackup(const RollbackRecord& record, std::string_view context,
                                   std::string* error);
   void DropBackup(const RollbackRecord& record);
@@ -115,6 +143,7 @@ class InstallationChanges {
   const RetryPolicy retry_policy_;
   std::unordered_set<fs::Path::string_type> made_folders_;
   std::vector<RollbackRecord> records_;  // in the order of the changes
+  OrderedWork<Prepared> prepared_;
 };
 
 }  // namespace zul

@@ -3,7 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include <utility>
+#include <string>
+#include <vector>
 
 #include "tests/apply/installation.h"
 #include "tests/support/file_tricks.h"
@@ -79,30 +80,33 @@ TEST_F(HostileTree, InstallsAFileOnceDespiteLinksToIt) {
             (Files{{"app.exe", "new"}, {"other.exe", "new"}}));
 }
 
-// The tree is changed before the first walk, then between the two walks.
+// The tree is changed before the first walk, then after the first replacement.
 TEST_F(HostileTree, RefusesUnsafeNamesInBothWalks) {
   if (test::kOnWindows) GTEST_SKIP() << "Windows cannot create such names";
-  for (const char* name : {"d0/file", "d1/file", "d2/file"}) {
-    installation_.Install(name, name);
-    installation_.Stage(name, "new");
+  std::vector<std::string> folders;  // more than the files that are prepared ahead
+  for (char c = 'a'; c <= 'z'; ++c) folders.emplace_back(1, c);
+  for (const std::string& folder : folders) {
+    installation_.Install(folder + "/file", "old");
+    installation_.Stage(folder + "/file", "new");
   }
   const Files before = FilesBelow(installation_.target_root);
-  installation_.Stage("d0/bad:", "x");
-  ExpectRefused("Staged update contains an unsafe payload path: 'd0/bad:'.");
+  installation_.Stage("k/bad:", "x");
+  ExpectRefused("Staged update contains an unsafe payload path: 'k/bad:'.");
   std::error_code ec;
-  fs::Remove(installation_.staged_root / "d0/bad:", ec);
+  fs::Remove(installation_.staged_root / "k/bad:", ec);
 
   bool tampered = false;
   test::FakeScreen screen;
   screen.on_pump = [&] {
-    if (!test::Exists(installation_.backup_root) || std::exchange(tampered, true)) return;
-    for (const char* name : {"d0/bad:", "d1/bad:", "d2/bad:"}) installation_.Stage(name, "x");
+    if (tampered || FilesBelow(installation_.target_root) == before) return;
+    tampered = true;
+    for (const std::string& folder : folders) installation_.Stage(folder + "/bad:", "x");
   };
   UpdateProgressWindow window(std::make_unique<test::FakeSurface>(screen));
   EXPECT_FALSE(installation_.Apply({}, &window));
   EXPECT_EQ(installation_.outcome.kind, ApplyOutcomeKind::kRolledBack);
   EXPECT_TRUE(installation_.error.starts_with(
-      "Staged update changed during apply and now contains an unsafe payload path: 'd"))
+      "Staged update changed during apply and now contains an unsafe payload path: '"))
       << installation_.error;
   EXPECT_EQ(FilesBelow(installation_.target_root), before);
 }

@@ -26,19 +26,19 @@ TEST(Durability, EachFileIsFlushedBeforeItIsClosedAndBeforeTheNextChange) {
     std::set<std::string> made, unflushed;
     StartScript(update.folder(), [&](const FileCall& call) {
       const std::string& file = call.file;
-      if (call.call == kCreateNewFile) made.insert(file);
+      if (call.call == kCreateNewFile || call.call == kCreateNewFileIn) made.insert(file);
       const bool writes = call.call == kWriteSome || call.call == kTakeTimeAndAttributes;
       if (writes && made.contains(file)) unflushed.insert(file);
       if (call.call == kFlush) unflushed.erase(file);
       EXPECT_FALSE(call.call == kClose && unflushed.contains(file)) << "closed: " << file;
 
+      EXPECT_FALSE(call.call == kRename && !unflushed.empty()) << "before " << file;
       const bool replaces = call.call == kMoveReplacing || call.call == kRemove;
-      const bool renames = call.call == kRename || call.call == kMoveToNewName;
-      EXPECT_FALSE((replaces || renames) && !unflushed.empty()) << "before the change of " << file;
+      if (!replaces && call.call != kMoveToNewName) return Verdict();
       const std::string name = NameBelow("app", call).value_or("");
-      if (replaces && SampleUpdate::kOld.contains(name)) {
-        EXPECT_TRUE(made.contains("work/rollback_backup/" + name)) << name;
-      }
+      const std::string backup = "work/rollback_backup/" + name;
+      EXPECT_FALSE(unflushed.contains(file) || unflushed.contains(backup)) << "before " << file;
+      EXPECT_EQ(made.contains(backup), replaces && SampleUpdate::kOld.contains(name)) << name;
       return Verdict();
     });
     static_cast<void>(SampleUpdate::Run(scenario, update.folder()));

@@ -15,6 +15,13 @@ namespace zul::test {
 
 namespace {
 
+#if defined(__has_feature)
+constexpr bool kChecksThreads = __has_feature(thread_sanitizer);
+#else
+constexpr bool kChecksThreads = false;
+#endif
+constexpr bool kStepsAreSlow = kOnWindows || kChecksThreads;
+
 constexpr std::uint32_t kChanges = 8;  // 2 retired, 4 replaced, 2 added
 
 Files FilesOfAge(const std::string& age, std::size_t size, const char* names) {
@@ -158,7 +165,7 @@ void ForEachStep(const Steps& steps, const std::function<void(const FileCall& st
   const SampleUpdate update(steps.scenario);
   StartScript(update.folder(), [](const FileCall&) { return Verdict(); });
   static_cast<void>(SampleUpdate::Run(steps.scenario, update.folder()));
-  const unsigned stride = kOnWindows && !TriesEverything() ? 17 : 1;
+  const unsigned stride = kStepsAreSlow && !TriesEverything() ? 17 : 1;
   unsigned replaced = 0, tried = 0;
   for (const FileCall& step : StopScript()) {
     if (replaced >= steps.from_replaced && replaced < steps.to_replaced &&

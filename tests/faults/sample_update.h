@@ -70,8 +70,8 @@ struct Steps {
 /// The name of a call's file in a folder of the update ("app"). Nothing when it is elsewhere.
 [[nodiscard]] std::optional<std::string> NameBelow(std::string_view folder, const FileCall& call);
 
-/// True with QORVA_FAULTS=all. Otherwise under Wine, where a step takes a hundred times as long,
-/// one of 17 steps is tried.
+/// True with QORVA_FAULTS=all. Otherwise one of 17 steps is tried under Wine and under
+/// ThreadSanitizer, where a step takes much longer.
 [[nodiscard]] bool TriesEverything();
 
 /// Calls `test` with each of the steps until an assertion fails. Messages name the step.
