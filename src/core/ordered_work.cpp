@@ -6,10 +6,10 @@ namespace zul {
 
 WorkerThreads::~WorkerThreads() {
   {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(monitor_);
     ending_ = true;
   }
-  changed_.notify_all();
+  monitor_.NotifyAll();
   for (std::thread& thread : threads_) thread.join();
 }
 
@@ -17,10 +17,10 @@ void WorkerThreads::Run(std::function<void()> work) {
   if (threads_.size() < most_) AddThread();
   if (threads_.empty()) return work();
   {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(monitor_);
     queue_.push_back(std::move(work));
   }
-  changed_.notify_one();
+  monitor_.NotifyOne();
 }
 
 void WorkerThreads::AddThread() {
@@ -32,9 +32,9 @@ void WorkerThreads::AddThread() {
 }
 
 void WorkerThreads::RunQueue() {
-  std::unique_lock lock(mutex_);
+  std::unique_lock lock(monitor_);
   for (;;) {
-    changed_.wait(lock, [this] { return ending_ || !queue_.empty(); });
+    while (!ending_ && queue_.empty()) monitor_.Wait();
     if (queue_.empty()) return;
     std::function<void()> work = std::move(queue_.front());
     queue_.pop_front();

@@ -3,7 +3,7 @@
 // Work that overlaps with that of the calling thread. Pieces of work go to a few other threads, and
 // their results come back in the order of the pieces.
 
-#include <condition_variable>
+#include <chrono>
 #include <cstddef>
 #include <deque>
 #include <exception>
@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "core/keep_alive.h"
+#include "core/monitor.h"
 
 namespace zul {
 
@@ -40,8 +41,7 @@ class WorkerThreads {
 
   const unsigned most_;
   std::vector<std::thread> threads_;
-  std::mutex mutex_;  // guards the rest
-  std::condition_variable changed_;
+  Monitor monitor_;  // of the rest
   std::deque<std::function<void()>> queue_;
   bool ending_ = false;
 };
@@ -64,7 +64,7 @@ class OrderedWork {
 
   /// True when `Take` would not wait.
   [[nodiscard]] bool IsReady() {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(monitor_);
     return !empty() && pieces_.front()->has_ended;
   }
 
@@ -85,11 +85,14 @@ class OrderedWork {
   [[nodiscard]] Result Take() {
     const std::shared_ptr<Piece> piece = std::move(pieces_.front());
     pieces_.pop_front();
-    std::unique_lock lock(mutex_);
-    while (!ended_.wait_for(lock, kKeepAlivePeriod, [&] { return piece->has_ended; })) {
+    std::unique_lock lock(monitor_);
+    for (auto due = Clock::now() + kKeepAlivePeriod; !piece->has_ended;) {
+      monitor_.WaitFor(kKeepAlivePeriod);
+      if (!keep_alive_ || Clock::now() < due) continue;
       lock.unlock();
-      if (keep_alive_) keep_alive_();
+      keep_alive_();
       lock.lock();
+      due = Clock::now() + kKeepAlivePeriod;
     }
     // Moved out, so that this thread is the one that destroys it.
     if (std::exception_ptr exception = std::exchange(piece->exception, nullptr)) {
@@ -99,6 +102,8 @@ class OrderedWork {
   }
 
  private:
+  using Clock = std::chrono::steady_clock;
+
   struct Piece {
     std::optional<Result> result;
     std::exception_ptr exception;
@@ -115,20 +120,19 @@ class OrderedWork {
       exception = std::current_exception();
     }
     {
-      const std::lock_guard lock(mutex_);
+      const std::lock_guard lock(monitor_);
       piece.result = std::move(result);
       piece.exception = std::move(exception);
       piece.has_ended = true;
     }
-    ended_.notify_one();
+    monitor_.NotifyOne();
   }
 
  private:
   const std::size_t bound_;
   const KeepAlive keep_alive_;
   std::deque<std::shared_ptr<Piece>> pieces_;
-  std::mutex mutex_;  // guards the contents of the pieces
-  std::condition_variable ended_;
+  Monitor monitor_;        // of the contents of the pieces
   WorkerThreads threads_;  // the first member to be destroyed
 };
 
