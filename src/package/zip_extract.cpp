@@ -131,13 +131,13 @@ bool HasItsFolder(const ZipEntryRecord& record, const ExtractionPass& pass) {
   return slash != std::string::npos && pass.created_dirs.contains(record.path.substr(0, slash));
 }
 
-/// Runs on another thread. Returns why the file is not durable; empty when it is.
-std::string FlushAndClose(ExclusiveFile file, bool flush) {
-  std::string error;
-  if (flush && !file.flush(&error)) return "cannot flush extracted file: " + error;
-  if (!file.close(&error)) return "cannot close extracted file: " + error;
+/// Runs on another thread.
+bool FlushAndClose(ExclusiveFile file, bool flush, std::string* error) {
+  std::string detail;
+  if (flush && !file.flush(&detail)) return Fail(error, "cannot flush extracted file: ", detail);
+  if (!file.close(&detail)) return Fail(error, "cannot close extracted file: ", detail);
   file.release();
-  return {};
+  return true;
 }
 
 /// The stage is held and resolved once: a folder that is held keeps its path.
@@ -253,7 +253,9 @@ bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record, const fs::
     return false;
   }
   pass.finishing.Hand([file = std::move(file), &record, flush = pass.scope.flush]() mutable {
-    return ExtractionPass::Finished{&record, FlushAndClose(std::move(file), flush)};
+    ExtractionPass::Finished finished{&record, {}};
+    static_cast<void>(FlushAndClose(std::move(file), flush, &finished.error));
+    return finished;
   });
   return true;
 }
