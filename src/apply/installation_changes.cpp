@@ -156,7 +156,13 @@ bool InstallationChanges::InstallNext(std::string* error) {
 }
 
 void InstallationChanges::DropPrepared() {
-  while (!prepared_.empty()) DropBackup(prepared_.Take().record);
+  while (!prepared_.empty()) {
+    try {
+      DropBackup(prepared_.Take().record);
+    } catch (const std::exception&) {
+      // It stays, and so do the backups that the rollback needs.
+    }
+  }
 }
 
 /// Inspects the target of a replacement that failed, because a share may report a move as failed

@@ -69,15 +69,20 @@ class OrderedWork {
   }
 
   /// Hands over `work`, which returns a Result and may be movable only. Runs it at once when the
-  /// system cannot create a thread. Call it only while there is room.
+  /// system cannot create a thread. Call it only while there is room. Throws when memory runs out.
   template <typename Work>
   void Hand(Work work) {
     auto piece = std::make_shared<Piece>();
     auto shared_work = std::make_shared<Work>(std::move(work));
     pieces_.push_back(piece);
-    threads_.Run([this, piece = std::move(piece), shared_work = std::move(shared_work)] {
-      Perform(*shared_work, *piece);
-    });
+    try {
+      threads_.Run([this, piece = std::move(piece), shared_work = std::move(shared_work)] {
+        Perform(*shared_work, *piece);
+      });
+    } catch (...) {
+      pieces_.pop_back();  // it would never end
+      throw;
+    }
   }
 
   /// The result of the oldest piece that is left; waits for its end. An exception of the piece
