@@ -34,6 +34,7 @@ class HostileTree : public testing::Test {
 };
 
 TEST_F(HostileTree, RefusesALinkOutOfTheStagedTree) {
+  if (test::RunsUnderWine()) GTEST_SKIP() << "a link to a file looks like the file";
   test::WriteFile(folder_ / "work/outside/x.bin", "not ours");
   installation_.Install("app.exe", "old");
   if (!MakeLink(folder_ / "work/outside/x.bin", installation_.staged_root / "app.exe")) {
