@@ -141,7 +141,9 @@ class Locks(e2e.EndToEnd):
         programs.close_application(self.sandbox, idle.pid)
         seen, machine = (json.loads(watcher.output()) for watcher in (watch, watch_idle))
         self.assertEqual((0, []), (outcome.exit_code, outcome.dialogs))
-        self.assert_details(scene, outcome, {CLOSE: {"wm_close_messages": "0"}})
+        answered = {event["wm_close_messages"] for event in outcome.trace if "wm_close_messages" in event}
+        # Under Wine 10 the hidden window of the input method answers for an application that hangs.
+        self.assertTrue(answered and answered <= {"0", "1"}, answered)
         # The run waits twice for the application: for its main process and for a lock.
         self.assertEqual([True, False, True, False, True], seen["topmost"])
         self.assertEqual([True, False, True], seen["consents"], "it may refuse during the changes only")
