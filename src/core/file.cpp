@@ -6,7 +6,8 @@ namespace zul::fs {
 
 namespace {
 
-constexpr std::size_t kCopyBufferBytes = std::size_t{1} << 20;
+constexpr std::size_t kCopyBufferBytes = std::size_t{256} << 10;
+constexpr std::uint64_t kKeepAliveBytes = std::uint64_t{1} << 20;
 
 }  // namespace
 
@@ -63,8 +64,9 @@ bool CopyContents(File& from, File& to, std::uint64_t* copied_bytes, std::error_
     if (!from.Read(buffer.get(), kCopyBufferBytes, &read, ec)) return false;
     if (read == 0) return true;
     if (!WriteAll(to, buffer.get(), read, ec)) return false;
+    const std::uint64_t before = *copied_bytes;
     *copied_bytes += read;
-    if (keep_alive && read == kCopyBufferBytes) keep_alive();
+    if (keep_alive && *copied_bytes / kKeepAliveBytes != before / kKeepAliveBytes) keep_alive();
   }
 }
 
