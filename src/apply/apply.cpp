@@ -11,6 +11,7 @@
 #include "core/failure.h"
 #include "core/process_environment.h"
 #include "core/text.h"
+#include "package/layout.h"
 #include "package/payload_signatures.h"
 #include "trace/chain_events.h"
 
@@ -198,20 +199,42 @@ class Transaction {
 
   bool InstallStagedFiles() {
     StagedTreeWalk walk(staged_root_, target_root_, own_executable_, kInstallTexts);
-    StagedTreeWalk::Step step = StagedTreeWalk::Step::kFile;
+    StagedFile file;
+    StagedTreeWalk::Step step;
     std::string walk_error;  // belongs after the files that the walk found before
-    while (step == StagedTreeWalk::Step::kFile || changes_.HasPrepared()) {
-      if (step != StagedTreeWalk::Step::kFile || changes_.IsFull()) {
-        if (!changes_.InstallNext(&error_) || InjectFailure()) return false;
-        continue;
-      }
-      StagedFile file;
-      step = walk.Next(&file, &walk_error);
+    while ((step = walk.Next(&file, &walk_error)) == StagedTreeWalk::Step::kFile) {
       KeepWindowAlive();
-      if (step == StagedTreeWalk::Step::kFile) changes_.Prepare(file);
+      if (!(file.target_folder != nullptr ? InstallWithOthers(file) : InstallAlone(file))) {
+        return false;
+      }
     }
-    return step == StagedTreeWalk::Step::kEnd || Fail(&error_, walk_error);
+    return InstallPrepared() && (step == StagedTreeWalk::Step::kEnd || Fail(&error_, walk_error));
   }
+
+  /// While the folder of the target is held, the check of the target stays true.
+  bool InstallWithOthers(const StagedFile& file) {
+    if (changes_.IsFull() && !InstallNext()) return false;
+    changes_.Prepare(file);
+    return true;
+  }
+
+  /// A folder that is not held may have become a link since its check.
+  bool InstallAlone(const StagedFile& file) {
+    if (!InstallPrepared() || !ValidatePayloadTarget(target_root_, file.target, &error_)) {
+      return false;
+    }
+    changes_.Prepare(file);
+    return InstallNext();
+  }
+
+  bool InstallPrepared() {
+    while (changes_.HasPrepared()) {
+      if (!InstallNext()) return false;
+    }
+    return true;
+  }
+
+  bool InstallNext() { return changes_.InstallNext(&error_) && !InjectFailure(); }
 
   bool InjectFailure() {
     if (fail_after_replacements_ == 0 || changes_.count() < fail_after_replacements_) return false;

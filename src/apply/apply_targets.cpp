@@ -110,17 +110,19 @@ fs::Path StagedTreeWalk::RelativeOf(const fs::DirectoryEntry& entry, std::error_
   return (relative_folder_ / entry.path.filename()).lexically_normal();
 }
 
-/// The resolved path of the target. A target that is a link is resolved by itself. So are the
-/// targets in the folder of the running executable: the system reports the name that the file has,
-/// which may differ from the staged one in case.
+/// The resolved path of the target. The targets of one folder share that folder's resolution while
+/// it is held. A folder that is not held can become a link at any time, so its targets are resolved
+/// one by one. So is a target that is a link, and so are the targets in the folder of the running
+/// executable: the system reports the name that the file has, which may differ from the staged one
+/// in case.
 fs::Path StagedTreeWalk::ResolveTarget(StagedFile* file, std::error_code& ec) {
   const fs::Path folder = file->target.parent_path();
-  if (folder != target_folder_) EnterTargetFolder(folder);
+  if (folder != target_folder_ || held_target_folder_ == nullptr) EnterTargetFolder(folder);
   file->target_folder = held_target_folder_;
   file->target_kind = fs::KindOf(file->target, fs::Links::kDoNotFollow, ec);
   const bool is_plain =
       file->target_kind == fs::EntryKind::kRegular || file->target_kind == fs::EntryKind::kNotFound;
-  if (!is_plain || resolved_target_folder_.empty() ||
+  if (!is_plain || held_target_folder_ == nullptr ||
       resolved_target_folder_ == own_executable_.parent_path()) {
     return fs::WeaklyCanonical(file->target, ec);
   }
@@ -130,8 +132,8 @@ fs::Path StagedTreeWalk::ResolveTarget(StagedFile* file, std::error_code& ec) {
 void StagedTreeWalk::EnterTargetFolder(const fs::Path& folder) {
   std::error_code ec;
   auto held = std::make_shared<fs::File>(fs::HoldFolder(folder, ec));
-  resolved_target_folder_ = ec ? fs::WeaklyCanonical(folder, ec) : held->Whereabouts(ec);
-  held_target_folder_ = held->is_open() ? std::move(held) : nullptr;
+  if (!ec) resolved_target_folder_ = held->Whereabouts(ec);
+  held_target_folder_ = ec ? nullptr : std::move(held);
   target_folder_ = folder;
 }
 

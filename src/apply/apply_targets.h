@@ -23,7 +23,7 @@ struct StagedFile {
   std::uint64_t size_bytes = 0;  ///< of the source, as the listing reports it
   fs::EntryKind target_kind{};   ///< of the target, links not followed
   /// The target's folder, which keeps its path while it is held. Null for a folder that is missing
-  /// or cannot be held.
+  /// or cannot be held: then the check of the target is worth nothing a moment later.
   std::shared_ptr<const fs::File> target_folder;
 };
 
@@ -75,7 +75,7 @@ class StagedTreeWalk {
   // The folder that was resolved last, and its resolved path relative to the staged root.
   fs::Path folder_;
   fs::Path relative_folder_;
-  // The target folder that was resolved last, and its resolved path; empty when it has none.
+  // The target folder of the last file. Its resolved path is valid while it is held.
   fs::Path target_folder_;
   fs::Path resolved_target_folder_;
   std::shared_ptr<const fs::File> held_target_folder_;

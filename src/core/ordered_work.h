@@ -133,7 +133,6 @@ class OrderedWork {
     monitor_.NotifyOne();
   }
 
- private:
   const std::size_t bound_;
   const KeepAlive keep_alive_;
   std::deque<std::shared_ptr<Piece>> pieces_;

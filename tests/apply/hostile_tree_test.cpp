@@ -60,6 +60,25 @@ TEST_F(HostileTree, RefusesATargetFolderThatLeadsOut) {
   }
 }
 
+// A folder that is missing cannot be held, so its path is resolved directly before it is made.
+TEST_F(HostileTree, RefusesANewFolderThatBecomesALinkAfterItsCheck) {
+  test::WriteFile(folder_ / "outside/keep", "x");
+  installation_.Stage("new/x.bin", "new");
+  if (!MakeLink(folder_ / "outside", folder_ / "link")) GTEST_SKIP() << "no links here";
+  int pumps = 0;  // during the changes: at their start, and after the walk has found the file
+  test::FakeScreen screen;
+  screen.on_pump = [&] {
+    if (test::Exists(installation_.backup_root) && ++pumps == 2) {
+      EXPECT_TRUE(MakeLink(folder_ / "outside", installation_.target_root / "new"));
+    }
+  };
+  UpdateProgressWindow window(std::make_unique<test::FakeSurface>(screen));
+  EXPECT_FALSE(installation_.Apply({}, &window));
+  EXPECT_EQ(installation_.error.substr(0, installation_.error.find(": '")),
+            "Update payload target escapes the update directory");
+  EXPECT_EQ(FilesBelow(folder_ / "outside"), (Files{{"keep", "x"}}));
+}
+
 // To install a file twice would replace its backup with the new content.
 TEST_F(HostileTree, InstallsAFileOnceDespiteLinksToIt) {
   installation_.Install("app.exe", "old");
