@@ -1,11 +1,12 @@
 """Compares the cost of an update with that of tools that do the same work. ./bench calls this after
 building.
 
-usage: PYTHONPATH=tools bench.py [--quick] [--rounds N] [--package NAME]
+usage: PYTHONPATH=tools bench.py [--quick] [--rounds N] [--package NAME] [--here]
 
 Runs the real updater, the native tools and a silent installer in turn, each in a new folder, and prints
 one table of medians and ratios. --quick does one round of the smallest package. With --quick and
---package only the stages are measured, not memory, the window, diagnostics and redaction.
+--package only the stages are measured, not memory, the window, diagnostics and redaction. The measured
+folders are on a disk of their own (own_disk.py); with --here they are on the file system of build/bench.
 
 Files are deleted only at the end: after a large deletion a file system may create files much more slowly.
 After each round of a package its large files are truncated, which returns their space.
@@ -21,6 +22,7 @@ import installers
 import workloads
 from measured_run import idle_peak_kib, longest_wait_ms, measure
 from native_tools import copy_tree, settle
+from own_disk import OwnDisk
 from rig import certificates, places
 from rig.https_server import HttpsServer, Reply
 from rig.sandbox import Sandbox
@@ -53,10 +55,12 @@ class Samples:
 
 
 class Bench:
-    def __init__(self, stages_only: bool = False) -> None:
+    def __init__(self, stages_only: bool = False, here: bool = False) -> None:
         self.stages_only = stages_only
+        self.disk = None if here else OwnDisk(workloads.HOME / "disk.img")
+        home = self.disk.folder if self.disk else workloads.HOME
         # A prefix of its own: programs in a shared prefix would change the measurement.
-        places.WINE_HOME = workloads.HOME / "wine"
+        places.WINE_HOME = home / "wine"
         places.RIG_HOME.mkdir(parents=True, exist_ok=True)
         self.sandbox = Sandbox().start()
         self.authority = certificates.make_authority("trusted")
@@ -64,16 +68,19 @@ class Bench:
         self.scenes: list[Scene] = []
         self.samples: dict[str, Samples] = defaultdict(Samples)
         self.peaks: dict[str, int] = {}
-        self.runs = workloads.HOME / "runs"
+        self.runs = home / "runs"
         shutil.rmtree(self.runs, ignore_errors=True)
         self.runs.mkdir(parents=True)
 
     def close(self) -> None:
-        for scene in self.scenes:
-            scene.clear()
-        shutil.rmtree(self.runs, ignore_errors=True)
+        if not self.disk:
+            for scene in self.scenes:
+                scene.clear()
+            shutil.rmtree(self.runs, ignore_errors=True)
         self.server.__exit__()
         self.sandbox.stop()
+        if self.disk:
+            self.disk.remove()
 
     def scene(self, name: str) -> Scene:
         self.scenes.append(Scene(self.sandbox, f"bench-{name}"))
@@ -273,13 +280,14 @@ def main() -> None:
     parser.add_argument("--quick", action="store_true")
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--package", action="append", help="application, small-files or big-file")
+    parser.add_argument("--here", action="store_true", help="on the file system of build/bench")
     options = parser.parse_args()
     rounds = 1 if options.quick else options.rounds
     chosen = options.package or ([APPLICATION.name] if options.quick else None)
     works = [w for w in (APPLICATION, SMALL_FILES, BIG_FILE) if chosen is None or w.name in chosen]
     for work in {APPLICATION, *works}:
         work.make()
-    bench = Bench(stages_only=chosen is not None)
+    bench = Bench(stages_only=chosen is not None, here=options.here)
     try:
         for number in range(rounds):
             print(f"round {number + 1} of {rounds}, seconds of the updater/of the tools", flush=True)
