@@ -124,13 +124,16 @@ class Running:
                 time.sleep(0.01)
 
 
-def programs_from(folder: str) -> list[Running]:
-    """The running programs whose executable is in a folder of drive C ("C:\\rig\\name")."""
+def programs_from(folder: str, prefix: Path | None = None) -> list[Running]:
+    """The running programs whose executable is in a folder of drive C ("C:\\rig\\name"), of that prefix or of
+    all: another checkout may run the same scene in its own."""
+    variable = f"WINEPREFIX={prefix}".encode()
     found = []
     for entry in Path("/proc").glob("[0-9]*"):
         with contextlib.suppress(OSError):
             command = (entry / "cmdline").read_bytes().replace(b"\0", b" ").decode(errors="replace")
-            if command.lstrip('"').lower().startswith(folder.lower() + "\\"):
+            of_folder = command.lstrip('"').lower().startswith(folder.lower() + "\\")
+            if of_folder and (not prefix or variable in (entry / "environ").read_bytes().split(b"\0")):
                 found.append(Running(int(entry.name), command.strip()))
     return found
 

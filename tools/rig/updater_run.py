@@ -74,7 +74,7 @@ class Scene:
         return self.sandbox.windows_path(path)
 
     def running(self) -> list[Running]:
-        return programs_from(self.windows(self.folder))
+        return programs_from(self.windows(self.folder), self.sandbox.prefix)
 
     def traced(self, event: str) -> bool:
         """True when the trace has this event already."""
