@@ -101,8 +101,12 @@ class File {
 /// while another process has the file open for one of these.
 [[nodiscard]] File HoldForRead(const Path& path, std::error_code& ec);
 
-/// Opens an existing folder, and keeps it and every folder above it from being renamed and removed
-/// until it is closed. A link is an error: it can lead elsewhere a moment later.
+/// True on Windows: a folder that `HoldFolder` has open, and the folders above it, cannot be
+/// renamed or removed until it is closed.
+[[nodiscard]] bool HeldFoldersStay();
+
+/// Opens an existing folder, which keeps it in its place where `HeldFoldersStay`. A link is an
+/// error: it can lead elsewhere a moment later.
 [[nodiscard]] File HoldFolder(const Path& path, std::error_code& ec);
 
 enum class NewFileAccess { kWrite, kReadWrite };

@@ -124,6 +124,10 @@ File HoldForRead(const Path& path, std::error_code& ec) {
   return OpenForRead(path, ec);
 }
 
+bool HeldFoldersStay() {
+  return false;
+}
+
 File HoldFolder(const Path& path, std::error_code& ec) {
   return Open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW, ec);
 }

@@ -126,6 +126,10 @@ File HoldForRead(const Path& path, std::error_code& ec) {
   return Open(path, GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, ec);
 }
 
+bool HeldFoldersStay() {
+  return true;
+}
+
 File HoldFolder(const Path& path, std::error_code& ec) {
   File folder =
       Open(path, FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE,

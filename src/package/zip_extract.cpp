@@ -12,8 +12,9 @@ namespace {
 
 constexpr std::string_view kSourceChanged = "ZIP source changed during extraction";
 
-/// More threads gain nothing: a flush waits for the device, and the device has one queue.
-constexpr unsigned kFinishingThreads = 3;
+/// A file system with a journal writes the flushes of several threads together. More threads than
+/// these gain nothing.
+constexpr unsigned kFinishingThreads = 6;
 /// The most files that are written and not yet closed.
 constexpr std::size_t kUnfinishedFiles = 32;
 
@@ -159,6 +160,11 @@ bool LeaveFolder(ExtractionPass& pass, std::string* error) {
          Fail(error, "extracted file resolved outside extraction root");
 }
 
+/// True when the folder is the one that is held, and nothing can have taken its place.
+bool IsStillHeld(const fs::Path& folder, const ExtractionPass& pass) {
+  return fs::HeldFoldersStay() && pass.folder.is_open() && folder == pass.folder_path;
+}
+
 /// Holds the folder of a file, which the files after it mostly share. Its files are created
 /// relative to the handle, so that a link in its path cannot lead them elsewhere.
 bool EnterFolder(const fs::Path& folder, ExtractionPass& pass, std::string* error) {
@@ -244,11 +250,14 @@ bool ExtractOneEntry(ZipReader& reader, const ZipEntryRecord& record, const fs::
   if (!target.has_filename() || !IsPathInsideRootFolded(pass.root, target)) {
     return Fail(error, "ZIP entry escapes extraction root");
   }
-  if (!MakeParents(pass.root, record.path, &pass.created_dirs, error)) return false;
+  const fs::Path folder = target.parent_path();
+  if (!IsStillHeld(folder, pass) &&
+      !MakeParents(pass.root, record.path, &pass.created_dirs, error)) {
+    return false;
+  }
   if (!is_written) return ReadAndVerify(reader, record, pass, entry, error);
   ExclusiveFile file(PathToUtf8(target));
-  if (!EnterFolder(target.parent_path(), pass, error) ||
-      !CreateExclusively(file, pass.folder, error) ||
+  if (!EnterFolder(folder, pass, error) || !CreateExclusively(file, pass.folder, error) ||
       !CopyData(reader, record, pass, &file, error) || !CloseAndVerify(entry, error)) {
     return false;
   }
