@@ -171,10 +171,12 @@ class Transaction {
   }
 
   bool HaveRoom() {
-    RoomCount room(VolumeOf(backup_root_), VolumeOf(target_root_));
+    RoomCount room(VolumeOf(backup_root_), VolumeOf(target_root_),
+                   InstallationChanges::kFilesAhead);
     std::error_code ignored;
     for (const fs::Path& target : retired_) room.AddRemoval(fs::SizeOf(target, ignored));
     for (const Sizes& file : sizes_) room.AddReplacement(file.old_bytes, file.new_bytes);
+    if (room.SufficesAhead()) changes_.WorkAhead();
     return room.Suffices(&error_);
   }
 

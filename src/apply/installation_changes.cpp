@@ -18,9 +18,8 @@ namespace {
 constexpr std::chrono::milliseconds kPatience{30'000};
 constexpr std::chrono::milliseconds kPause{1'000};
 
-/// The threads that make backups, and the most files that have one and are not replaced yet.
-constexpr unsigned kBackupThreads = 3;
-constexpr std::size_t kPreparedFiles = 8;
+/// Most of the time these wait for the device. More of them only compete for the processor.
+constexpr unsigned kCopyThreads = 6;
 
 /// What cannot be determined counts as a file that exists: it gets a backup. A file that is taken
 /// for a new one gets none, and a rollback removes it. So when the query fails, an open decides.
@@ -92,7 +91,7 @@ InstallationChanges::InstallationChanges(fs::Path backup_root, const ApplyFaultI
     : backup_root_(std::move(backup_root)),
       faults_(faults),
       retry_policy_{.keep_alive = std::move(keep_alive), .leftovers = &leftovers_},
-      prepared_(kBackupThreads, kPreparedFiles, retry_policy_.keep_alive) {}
+      prepared_(kCopyThreads, kFilesAhead, retry_policy_.keep_alive) {}
 
 bool InstallationChanges::PrepareBackups(std::string* error) {
   DiscardBackups();
@@ -100,56 +99,77 @@ bool InstallationChanges::PrepareBackups(std::string* error) {
 }
 
 bool InstallationChanges::RemoveRetired(const fs::Path& target, std::string* error) {
-  const RollbackRecord record{target, backup_root_ / target.filename(), true};
-  if (!CopyToBackup(record, "retired executable rollback backup failed", error)) return false;
-  records_.push_back(record);
+  const fs::Path backup = backup_root_ / target.filename();
+  if (!RetryCopyFile(target, backup, "retired executable rollback backup failed", error,
+                     retry_policy_)) {
+    DropBackup(backup);  // the restores of the other files may need its room
+    return false;
+  }
+  records_.push_back({target.native(), backup.native(), true});
   return RetryRemoveFile(target, "retired executable removal failed", error, retry_policy_);
 }
 
 void InstallationChanges::Prepare(const StagedFile& file) {
-  Prepared prepared{file.source, file.target_folder, {file.target, {}, MayExist(file)}, {}, {}};
-  RollbackRecord& record = prepared.record;
-  if (record.had_backup) {
-    record.backup = backup_root_ / file.relative;
-    static_cast<void>(MakeFolder(record.backup.parent_path(), "Cannot create rollback path: '",
+  Prepared prepared;
+  prepared.source = file.source;
+  prepared.target = file.target;
+  prepared.target_folder = file.target_folder;
+  if (MayExist(file)) {
+    prepared.backup = backup_root_ / file.relative;
+    static_cast<void>(MakeFolder(prepared.backup.parent_path(), "Cannot create rollback path: '",
                                  &prepared.failure));
   }
   RetryPolicy policy = retry_policy_;
   policy.keep_alive = nullptr;  // only the thread of the window may call it
   prepared_.Hand([prepared = std::move(prepared), policy = std::move(policy)]() mutable {
-    if (prepared.record.had_backup && prepared.failure.empty()) BackUp(&prepared, policy);
+    MakeCopies(&prepared, std::move(policy));
     return std::move(prepared);
   });
 }
 
 /// Runs on another thread.
-void InstallationChanges::BackUp(Prepared* file, const RetryPolicy& policy) {
+void InstallationChanges::MakeCopies(Prepared* file, RetryPolicy policy) {
+  policy.leftovers = &file->leftovers;
   try {
-    static_cast<void>(RetryCopyFile(file->record.target, file->record.backup,
-                                    "rollback backup copy failed", &file->failure, policy));
+    if (!file->failure.empty()) return;
+    if (!file->backup.empty() &&
+        !RetryCopyFile(file->target, file->backup, "rollback backup copy failed", &file->failure,
+                       policy)) {
+      return;
+    }
+    if (file->target_folder != nullptr) {
+      file->copy = CopyEarly(file->source, file->target, policy);
+    }
   } catch (const std::exception&) {
     file->exception = std::current_exception();
   }
 }
 
-bool InstallationChanges::InstallNext(std::string* error) {
+InstallationChanges::Prepared InstallationChanges::TakePrepared() {
   Prepared file = prepared_.Take();
-  const bool has_backup = file.failure.empty() && file.exception == nullptr;
-  if (!has_backup) DropBackup(file.record);
-  if (file.exception) std::rethrow_exception(file.exception);
-  if (!MakeFolder(file.record.target.parent_path(), "Cannot create target directory for update: '",
-                  error)) {
-    return false;
+  std::ranges::move(file.leftovers, std::back_inserter(leftovers_));
+  return file;
+}
+
+bool InstallationChanges::InstallNext(std::string* error) {
+  const Prepared file = TakePrepared();
+  const bool has_folder =  // a folder that is held is there
+      file.target_folder != nullptr ||
+      MakeFolder(file.target.parent_path(), "Cannot create target directory for update: '", error);
+  if (!has_folder || file.exception || !file.failure.empty()) {
+    Drop(file);
+    if (file.exception) std::rethrow_exception(file.exception);
+    return has_folder && Fail(error, file.failure);
   }
-  if (!has_backup) return Fail(error, file.failure);
-  const auto put_in_place = file.record.had_backup ? RetryReplaceFile : RetryPlaceNewFile;
-  records_.push_back(std::move(file.record));
-  const RollbackRecord& record = records_.back();
-  if (put_in_place(file.source, record.target, "apply update copy failed", error, retry_policy_)) {
+  const bool had_backup = !file.backup.empty();
+  records_.push_back({file.target.native(), file.backup.native(), had_backup});
+  const auto put_in_place = had_backup ? RetryReplaceFile : RetryPlaceNewFile;
+  if (put_in_place(file.source, file.target, "apply update copy failed", error, retry_policy_,
+                   file.copy ? &*file.copy : nullptr)) {
     return true;
   }
-  if (IsUnchanged(record, file.source)) {
-    DropBackup(record);
+  if (IsUnchanged(records_.back(), file.source)) {
+    DropBackup(file.backup);
     records_.pop_back();
   }
   return false;
@@ -158,11 +178,16 @@ bool InstallationChanges::InstallNext(std::string* error) {
 void InstallationChanges::DropPrepared() {
   while (!prepared_.empty()) {
     try {
-      DropBackup(prepared_.Take().record);
+      Drop(TakePrepared());
     } catch (const std::exception&) {
       // It stays, and so do the backups that the rollback needs.
     }
   }
+}
+
+void InstallationChanges::Drop(const Prepared& file) {
+  DropBackup(file.backup);
+  if (file.copy) DropEarlyCopy(*file.copy, retry_policy_);
 }
 
 /// Inspects the target of a replacement that failed, because a share may report a move as failed
@@ -174,26 +199,18 @@ bool InstallationChanges::IsUnchanged(const RollbackRecord& record, const fs::Pa
   TryAgain([&] {
     std::error_code ec;
     if (!record.had_backup && IsGone(record.target, ec)) return true;
-    same = HaveSameContent(record.target, record.had_backup ? record.backup : source,
+    same = HaveSameContent(record.target, record.had_backup ? fs::Path(record.backup) : source,
                            retry_policy_.keep_alive);
     return same.has_value();
   });
   return same.value_or(false) == record.had_backup;
 }
 
-/// A copy that fails leaves nothing: the restores of the other files may need its room.
-bool InstallationChanges::CopyToBackup(const RollbackRecord& record, std::string_view context,
-                                       std::string* error) {
-  if (RetryCopyFile(record.target, record.backup, context, error, retry_policy_)) return true;
-  DropBackup(record);
-  return false;
-}
-
-void InstallationChanges::DropBackup(const RollbackRecord& record) {
-  if (record.backup.empty()) return;
+void InstallationChanges::DropBackup(const fs::Path& backup) {
+  if (backup.empty()) return;
   std::error_code ec;
-  fs::Remove(record.backup, ec);
-  if (ec) leftovers_.push_back(record.backup);
+  fs::Remove(backup, ec);
+  if (ec) leftovers_.push_back(backup);
 }
 
 /// Creates each folder once: most files are in the folder of the file before them.
@@ -271,8 +288,8 @@ bool InstallationChanges::RemoveAddedAgain(const fs::Path& target) {
 }
 
 bool InstallationChanges::RestoreAgain(OpenUndo* undo) {
-  const fs::Path& target = undo->record->target;
-  const fs::Path& backup = undo->record->backup;
+  const fs::Path target = undo->record->target;
+  const fs::Path backup = undo->record->backup;
   const KeepAlive& keep_alive = retry_policy_.keep_alive;
   // Read once: the backup may be moved below.
   if (undo->old_content.sha256.empty() &&

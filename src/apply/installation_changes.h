@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <exception>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -34,10 +35,11 @@ struct ApplyFaultInjection {
   bool operator==(const ApplyFaultInjection&) const = default;
 };
 
-/// One change to the installation.
+/// One change to the installation. The paths are texts: as `fs::Path`, which keeps each part of a
+/// path as a path of its own, those of 20,000 files would take 40 MB.
 struct RollbackRecord {
-  fs::Path target;  ///< the installed file
-  fs::Path backup;  ///< its copy; empty for a file that did not exist before
+  fs::Path::string_type target;  ///< the installed file
+  fs::Path::string_type backup;  ///< its copy; empty for a file that did not exist before
   bool had_backup = false;
 };
 
@@ -57,15 +59,21 @@ class InstallationChanges {
   /// Backs up and removes a retired executable of the target folder's top level.
   [[nodiscard]] bool RemoveRetired(const fs::Path& target, std::string* error);
 
-  // A file is installed in two steps, so that the backups of the next files are made while a file
-  // is replaced.
+  // A file is installed in two steps, so that the next files are copied while a file is replaced.
 
-  /// Begins the backup of `file.target`, if it exists, on another thread. Changes nothing else;
-  /// call it only while there is room. A failure is that of the file's `InstallNext`.
+  /// The most files that are prepared while another one is replaced, once this is allowed.
+  static constexpr std::size_t kFilesAhead = 8;
+
+  /// Allows that more than one file is prepared. Call it when the volumes have room for them.
+  void WorkAhead() { works_ahead_ = true; }
+
+  /// Begins the backup of `file.target`, if it exists, and then the copy beside the target, if its
+  /// folder is held, on another thread. Does not change the target; call it only while there is
+  /// room. A failure is that of the file's `InstallNext`.
   void Prepare(const StagedFile& file);
 
   /// True when a file must be installed before the next one can be prepared.
-  [[nodiscard]] bool IsFull() const { return prepared_.full(); }
+  [[nodiscard]] bool IsFull() const { return prepared_.full() || (HasPrepared() && !works_ahead_); }
 
   /// True while a file is prepared and not installed.
   [[nodiscard]] bool HasPrepared() const { return !prepared_.empty(); }
@@ -76,8 +84,8 @@ class InstallationChanges {
   /// change is undone. Call it only while a file is prepared.
   [[nodiscard]] bool InstallNext(std::string* error);
 
-  /// Removes the backups of the files that are prepared and not installed: the restores may need
-  /// their room.
+  /// Removes the backups and copies of the files that are prepared and not installed: the restores
+  /// may need their room.
   void DropPrepared();
 
   /// The number of changes, including a removal that failed.
@@ -110,16 +118,19 @@ class InstallationChanges {
 
   struct Prepared {
     fs::Path source;
+    fs::Path target;
     std::shared_ptr<const fs::File> target_folder;  ///< held until the file is installed
-    RollbackRecord record;
-    std::string failure;           ///< of the backup; empty when it is made or not needed
-    std::exception_ptr exception;  ///< thrown by the backup
+    fs::Path backup;                                ///< empty for a new file
+    std::string failure;  ///< of the backup; empty when it is made or not needed
+    std::optional<EarlyCopy> copy;
+    std::vector<fs::Path> leftovers;  ///< of the copy
+    std::exception_ptr exception;     ///< thrown by one of the two
   };
 
-  static void BackUp(Prepared* file, const RetryPolicy& policy);
-  [[nodiscard]] bool CopyToBackup(const RollbackRecord& record, std::string_view context,
-                                  std::string* error);
-  void DropBackup(const RollbackRecord& record);
+  static void MakeCopies(Prepared* file, RetryPolicy policy);
+  [[nodiscard]] Prepared TakePrepared();
+  void Drop(const Prepared& file);
+  void DropBackup(const fs::Path& backup);
   [[nodiscard]] bool IsUnchanged(const RollbackRecord& record, const fs::Path& source) const;
   [[nodiscard]] bool MakeFolder(const fs::Path& folder, std::string_view failure_prefix,
                                 std::string* error);
@@ -143,6 +154,7 @@ class InstallationChanges {
   const RetryPolicy retry_policy_;
   std::unordered_set<fs::Path::string_type> made_folders_;
   std::vector<RollbackRecord> records_;  // in the order of the changes
+  bool works_ahead_ = false;
   OrderedWork<Prepared> prepared_;
 };
 

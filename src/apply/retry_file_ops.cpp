@@ -1,5 +1,7 @@
 #include "apply/retry_file_ops.h"
 
+#include <utility>
+
 #include "core/failure.h"
 #include "core/process_environment.h"
 #include "core/system_error.h"
@@ -59,51 +61,65 @@ void RemoveTemporary(const fs::Path& copy, const RetryPolicy& policy) {
   if (ec && policy.leftovers != nullptr) policy.leftovers->push_back(copy);
 }
 
-/// Copies `source` to a free name beside `target` and stores that name in `candidate`. A failed
-/// copy is removed. Two updaters use different names because the name holds the process id; two
-/// attempts use different names because it holds the attempt number.
-AttemptFailure CopyBeside(const fs::Path& source, const fs::Path& target, unsigned attempt,
-                          const RetryPolicy& policy, fs::Path* candidate) {
+/// Copies `source` to a free name beside `target`. A failed copy is removed. Two updaters use
+/// different names because the name holds the process id; two attempts use different names because
+/// it holds the attempt number.
+EarlyCopy CopyBeside(const fs::Path& source, const fs::Path& target, unsigned attempt,
+                     const RetryPolicy& policy) {
   const std::string stem =
       ".zul_update_tmp_" + std::to_string(CurrentProcessId()) + "_" + std::to_string(attempt) + "_";
   for (unsigned suffix = 0; suffix < kTemporaryNames; ++suffix) {
-    *candidate = target;
-    *candidate += stem + std::to_string(suffix);
+    fs::Path candidate = target;
+    candidate += stem + std::to_string(suffix);
     std::error_code ec;
-    // The exclusive creation fails for a name that is taken. A query beforehand would cost time for
-    // every file, although the first name is nearly always free.
-    if (fs::CopyFileDurably(source, *candidate, ec, policy.keep_alive)) return std::nullopt;
+    try {
+      // The exclusive creation fails for a name that is taken. A query beforehand would cost time
+      // for every file, although the first name is nearly always free.
+      if (fs::CopyFileDurably(source, candidate, ec, policy.keep_alive)) {
+        return {std::move(candidate), std::nullopt};
+      }
+    } catch (...) {
+      RemoveTemporary(candidate, policy);
+      throw;
+    }
     if (IsExistsError(ec)) continue;
     std::error_code ignored;
-    if (fs::KindOf(*candidate, fs::Links::kDoNotFollow, ignored) == fs::EntryKind::kUnknown) {
+    if (fs::KindOf(candidate, fs::Links::kDoNotFollow, ignored) == fs::EntryKind::kUnknown) {
       continue;
     }
-    RemoveTemporary(*candidate, policy);
-    return ec;
+    RemoveTemporary(candidate, policy);
+    return {{}, ec};
   }
-  return std::make_error_code(std::errc::file_exists);
+  return {{}, std::make_error_code(std::errc::file_exists)};
 }
 
 /// MoveReplacing or MoveToNewName.
 using Move = bool(const fs::Path& from, const fs::Path& to, std::error_code& ec);
 
-AttemptFailure CopyAndMove(const fs::Path& source, const fs::Path& target, Move* move,
-                           unsigned attempt, const RetryPolicy& policy) {
-  // The copy is flushed to the device before the move makes it the target, so a power failure
-  // leaves the old file or the new one.
-  fs::Path candidate;
+/// The copy is on the device before the move makes it the target, so a power failure leaves the old
+/// file or the new one.
+AttemptFailure MoveCopy(const EarlyCopy& copy, const fs::Path& target, Move* move,
+                        const RetryPolicy& policy) {
+  if (copy.failure) return copy.failure;
   try {
-    if (AttemptFailure failure = CopyBeside(source, target, attempt, policy, &candidate)) {
-      return failure;
-    }
     std::error_code ec;
-    if (move(candidate, target, ec)) return std::nullopt;
-    RemoveTemporary(candidate, policy);
+    if (move(copy.path, target, ec)) return std::nullopt;
+    RemoveTemporary(copy.path, policy);
     return ec;
   } catch (...) {
-    RemoveTemporary(candidate, policy);
+    RemoveTemporary(copy.path, policy);
     throw;
   }
+}
+
+bool RetryCopyAndMove(const Operation& operation, Move* move, const EarlyCopy* early_copy,
+                      const RetryPolicy& policy, std::string* error) {
+  return RetryWhileLocked(operation, policy, error, [&](unsigned attempt) {
+    const bool has_copy = attempt == 1 && early_copy != nullptr;
+    return MoveCopy(
+        has_copy ? *early_copy : CopyBeside(operation.source, operation.target, attempt, policy),
+        operation.target, move, policy);
+  });
 }
 
 AttemptFailure RemoveOnce(const fs::Path& target) {
@@ -135,25 +151,29 @@ bool RetryCopyFile(const fs::Path& source, const fs::Path& target, std::string_v
                           [&](unsigned) { return CopyOnce(source, target, policy.keep_alive); });
 }
 
+EarlyCopy CopyEarly(const fs::Path& source, const fs::Path& target, const RetryPolicy& policy) {
+  return CopyBeside(source, target, 1, policy);
+}
+
+void DropEarlyCopy(const EarlyCopy& copy, const RetryPolicy& policy) {
+  if (!copy.failure) RemoveTemporary(copy.path, policy);
+}
+
 bool RetryReplaceFile(const fs::Path& source, const fs::Path& target, std::string_view context,
-                      std::string* error, const RetryPolicy& policy) {
-  return RetryWhileLocked({"replace", context, source, target}, policy, error,
-                          [&](unsigned attempt) {
-                            return CopyAndMove(source, target, fs::MoveReplacing, attempt, policy);
-                          });
+                      std::string* error, const RetryPolicy& policy, const EarlyCopy* early_copy) {
+  return RetryCopyAndMove({"replace", context, source, target}, fs::MoveReplacing, early_copy,
+                          policy, error);
 }
 
 bool RetryPlaceNewFile(const fs::Path& source, const fs::Path& target, std::string_view context,
-                       std::string* error, const RetryPolicy& policy) {
-  return RetryWhileLocked({"replace", context, source, target}, policy, error,
-                          [&](unsigned attempt) {
-                            return CopyAndMove(source, target, fs::MoveToNewName, attempt, policy);
-                          });
+                       std::string* error, const RetryPolicy& policy, const EarlyCopy* early_copy) {
+  return RetryCopyAndMove({"replace", context, source, target}, fs::MoveToNewName, early_copy,
+                          policy, error);
 }
 
 AttemptFailure ReplaceFileOnce(const fs::Path& source, const fs::Path& target,
                                const RetryPolicy& policy) {
-  return CopyAndMove(source, target, fs::MoveReplacing, 1, policy);
+  return MoveCopy(CopyBeside(source, target, 1, policy), target, fs::MoveReplacing, policy);
 }
 
 void WaitBeforeRetry(const RetryPolicy& policy) {

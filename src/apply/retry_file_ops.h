@@ -41,18 +41,34 @@ using AttemptFailure = std::optional<std::error_code>;
                                  std::string_view context, std::string* error,
                                  const RetryPolicy& policy = {});
 
+/// The copy beside a target that a replacement begins with, made before the replacement is called.
+struct EarlyCopy {
+  fs::Path path;           ///< its temporary name
+  AttemptFailure failure;  ///< why there is none
+};
+
+/// Makes the copy of a later replacement, perhaps on another thread. The target does not change.
+[[nodiscard]] EarlyCopy CopyEarly(const fs::Path& source, const fs::Path& target,
+                                  const RetryPolicy& policy);
+
+/// Removes a copy whose replacement will not be called.
+void DropEarlyCopy(const EarlyCopy& copy, const RetryPolicy& policy);
+
 /// Replaces `target`, which need not exist, with a durable copy of `source` in one step, so that no
 /// process sees a partial file. After a failure the target is unchanged. The copy is made beside
 /// the target under a temporary name; a failed call removes it again where the system allows that.
+/// `early_copy` may be null; otherwise it is the copy of the first attempt, and so is its failure.
 [[nodiscard]] bool RetryReplaceFile(const fs::Path& source, const fs::Path& target,
                                     std::string_view context, std::string* error,
-                                    const RetryPolicy& policy = {});
+                                    const RetryPolicy& policy = {},
+                                    const EarlyCopy* early_copy = nullptr);
 
 /// As RetryReplaceFile, for a target that does not exist. A target that exists nevertheless is a
 /// failure, and it does not change.
 [[nodiscard]] bool RetryPlaceNewFile(const fs::Path& source, const fs::Path& target,
                                      std::string_view context, std::string* error,
-                                     const RetryPolicy& policy = {});
+                                     const RetryPolicy& policy = {},
+                                     const EarlyCopy* early_copy = nullptr);
 
 /// One attempt of RetryReplaceFile.
 [[nodiscard]] AttemptFailure ReplaceFileOnce(const fs::Path& source, const fs::Path& target,

@@ -20,11 +20,15 @@ TEST(RetryFileOps, NeverRetryAFailureThatIsNotALock) {
   std::error_code ec;
   ASSERT_TRUE(fs::CreateDirectories(folder / "empty", ec));
   const std::string before = test::ListTree(folder.path());
-  for (const auto operation : {RetryCopyFile, RetryReplaceFile}) {
+  for (const bool copies : {true, false}) {
+    const auto operation = [&](const fs::Path& source, const fs::Path& target, std::string* error) {
+      return copies ? RetryCopyFile(source, target, "ctx", error, kNoWait)
+                    : RetryReplaceFile(source, target, "ctx", error, kNoWait);
+    };
     std::string error;
-    EXPECT_FALSE(operation(folder / "none", folder / "file", "ctx", &error, kNoWait));
+    EXPECT_FALSE(operation(folder / "none", folder / "file", &error));
     EXPECT_NE(error.find("reason=missing_path, code=2,"), std::string::npos) << error;
-    EXPECT_FALSE(operation(folder / "file", folder / "no/t", "ctx", &error, kNoWait));
+    EXPECT_FALSE(operation(folder / "file", folder / "no/t", &error));
     EXPECT_NE(error.find("reason=missing_path, code="), std::string::npos) << error;
     EXPECT_EQ(error.find("attempts="), std::string::npos) << error;
   }

@@ -38,5 +38,32 @@ TEST(RoomCount, RefusesWhatDoesNotFitAndNothingElse) {
   }
 }
 
+// Two replacements in a row are ahead of the first of three. A cluster has 4 KiB.
+TEST(RoomCount, CountsTheFilesAheadOnlyForWorkAhead) {
+  const struct {
+    const char* name;
+    const char* backup_volume;
+    std::uint64_t backup_kib;
+    std::uint64_t app_kib;
+    bool suffices_ahead;
+  } cases[] = {
+      {"enough", "C:\\", 24 + 20, 12 + 16, true},
+      {"a cluster of a backup missing", "C:\\", 24 + 16, 9999, false},
+      {"a cluster of a copy missing", "C:\\", 9999, 12 + 12, false},
+      {"enough on one volume", "D:\\", 0, 32 + 36, true},
+      {"a cluster missing on one volume", "D:\\", 0, 32 + 32, false},
+      {"backups on an unknown volume", "", 9999, 9999, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    RoomCount room({c.backup_volume, c.backup_kib << 10, 4096}, {"D:\\", c.app_kib << 10, 4096}, 2);
+    room.AddReplacement(4 << 10, 12 << 10);
+    room.AddReplacement(16 << 10, 4 << 10);
+    room.AddReplacement(4 << 10, 12 << 10);
+    EXPECT_TRUE(room.Suffices(nullptr));
+    EXPECT_EQ(room.SufficesAhead(), c.suffices_ahead);
+  }
+}
+
 }  // namespace
 }  // namespace zul
