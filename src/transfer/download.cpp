@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "core/file_layer.h"
+#include "core/keep_alive.h"
 #include "trace/chain_events.h"
 #include "transfer/download_transport.h"
 #include "transfer/url_policy.h"
@@ -50,8 +51,10 @@ class Download {
 
   bool Run() {
     Start();
-    return Connect() && SendRequest() && JudgeResponse() && JudgeEffectiveUrl() && OpenOutput() &&
-           ReceiveBody() && Complete();
+    const bool succeeded = Connect() && SendRequest() && JudgeResponse() && JudgeEffectiveUrl() &&
+                           OpenOutput() && ReceiveBody() && Complete();
+    CloseOutput();
+    return succeeded;
   }
 
  private:
@@ -64,6 +67,7 @@ class Download {
   bool ReceiveBody();
   bool StoreChunk(std::size_t size);
   bool Complete();
+  void CloseOutput();
 
   void UpdateTiming();
   void ReportProgress();
@@ -242,6 +246,13 @@ bool Download::Complete() {
                   {"avg_throughput_bps", std::to_string(result_.avg_throughput_bps)},
                   {"effective_url", result_.effective_url}});
   return true;
+}
+
+/// The window continues to answer: a virus scanner may read the whole package before the close
+/// returns, and some file systems write it to the device then.
+void Download::CloseOutput() {
+  if (!output_.is_open()) return;
+  RunKeepingAlive([this] { output_ = {}; }, KeepingAlive(job_.progress_window));
 }
 
 void Download::UpdateTiming() {

@@ -21,7 +21,7 @@ from collections import defaultdict
 import installers
 import workloads
 from measured_run import idle_peak_kib, longest_wait_ms, measure
-from native_tools import copy_tree, settle
+from native_tools import StolenTime, copy_tree, settle
 from own_disk import OwnDisk
 from rig import certificates, places
 from rig.https_server import HttpsServer, Reply
@@ -102,15 +102,16 @@ class Bench:
 
     def round(self, work: Workload, number: int) -> None:
         turn = Round(self, work, number)
+        stolen = StolenTime()
         turn.run()
         self.peaks[work.name] = max(self.peaks.get(work.name, 0), turn.updater.peak_kib)
-        self.note(turn)
+        self.note(turn, stolen.percent())
         if work is APPLICATION and not self.stages_only:
             self.note_probe(turn)
             self.note_diagnostics(turn)
         turn.give_back_space()
 
-    def note(self, turn: Round) -> None:
+    def note(self, turn: Round, stolen_percent: float) -> None:
         samples, run, beside = self.samples[turn.work.name], turn.updater, turn.beside
         (scan,) = self.run_windows("stage_times.exe", "scan", self.sandbox.windows_path(turn.work.package))
         samples.add("scan", scan, beside["list"])
@@ -124,7 +125,8 @@ class Bench:
         samples.add("whole", run.whole, beside["series"])
         stages = ", ".join(f"{stage} {mine[-1]:.2f}/{samples.taken[stage, 'tools'][-1]:.2f}"
                            for (stage, side), mine in samples.taken.items() if side == "updater")
-        print(f"  {turn.work.title}: {stages}; peak {run.peak_kib // 1024} MiB", flush=True)
+        print(f"  {turn.work.title}: {stages}; peak {run.peak_kib // 1024} MiB; "
+              f"{stolen_percent:.0f} % of the processors' time stolen by the host", flush=True)
 
     def note_probe(self, turn: Round) -> None:
         """The part of the apply that asks for locks on files."""

@@ -1,4 +1,4 @@
-"""Prints what each file call of an update costs under Wine, on one thread and on three. ./bench --calls
+"""Prints what each file call of an update costs under Wine, on one thread and on six. ./bench --calls
 
 usage: PYTHONPATH=tools calls.py [FILES]      files per row; 3,200 when there is no argument
 """

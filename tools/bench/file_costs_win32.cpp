@@ -3,8 +3,8 @@
 //   file_costs.exe FOLDER FILES
 //
 // FOLDER must exist and be empty. Prints one row of a table for each call, in milliseconds per file
-// of 4 KB: on one thread; on three threads that share the files; and on one thread that hands each
-// file to three others, which flush and close it. The cost of a call on an open file includes
+// of 4 KB: on one thread; on six threads that share the files; and on one thread that hands each
+// file to six others, which flush and close it. The cost of a call on an open file includes
 // neither the open nor the close: the files are opened before the time begins. Each number is the
 // median of batches of 160 files, so that other work on the machine spoils single batches only.
 //
@@ -29,7 +29,7 @@ using namespace zul::bench;
 
 constexpr std::size_t kBatch = 160;
 constexpr std::size_t kInFlight = 64;
-constexpr int kThreads = 3;
+constexpr int kThreads = 6;  // as many as the updater has
 
 /// The files that a call needs.
 enum class Files {
@@ -69,7 +69,7 @@ struct Batch {
   }
 };
 
-/// Runs `work` on three threads besides `own` on this one, until all have ended.
+/// Runs `work` on six threads besides `own` on this one, until all have ended.
 template <typename Work, typename Own>
 void OnThreads(const Work& work, const Own& own) {
   std::vector<std::thread> threads;
