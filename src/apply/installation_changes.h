@@ -36,7 +36,7 @@ struct ApplyFaultInjection {
 };
 
 /// One change to the installation. The paths are texts: as `fs::Path`, which keeps each part of a
-/// path as a path of its own, those of 20,000 files would take 40 MB.
+/// path as a path of its own, those of 20,000 files took 30 MB more.
 struct RollbackRecord {
   fs::Path::string_type target;  ///< the installed file
   fs::Path::string_type backup;  ///< its copy; empty for a file that did not exist before
